@@ -1,0 +1,153 @@
+// Modelling objects: object layouts, term maps and the internal operations that the
+// nonlinear trees, aggregates, evaluation, formula conversion and problem code build on.
+#pragma once
+#include "module/common.h"
+#include "module/types.h"
+
+#include <map>
+#include <set>
+
+namespace tarvo {
+
+constexpr double INF = 1e20;
+constexpr uint64_t VAR_SERIAL_MASK = (uint64_t(1) << 52) - 1;
+constexpr uint64_t CON_SERIAL_MASK = (uint64_t(1) << 57) - 1;
+
+// ---------------------------------------------------------------- variable
+struct VarObject {
+    PyObject_HEAD
+    uint64_t word;  // serial, bound codes, side-table flags, name flag, type (bits 60-62)
+};
+
+inline bool is_var(PyObject* o) { return PyObject_TypeCheck(o, &VarType); }
+inline uint64_t var_serial(PyObject* v) { return reinterpret_cast<VarObject*>(v)->word & VAR_SERIAL_MASK; }
+inline int var_type_code(PyObject* v) { return static_cast<int>((reinterpret_cast<VarObject*>(v)->word >> 60) & 7); }
+
+uint64_t next_var_serial();
+PyObject* new_var();  // fresh serial, default state
+double var_get_lb(uint64_t word);
+double var_get_ub(uint64_t word);
+double var_get_threshold(uint64_t word);
+void var_set_lb(uint64_t* word, double v);
+void var_set_ub(uint64_t* word, double v);
+void var_set_threshold(uint64_t* word, double v);
+void var_set_name(uint64_t* word, PyObject* name);  // takes its own reference
+PyObject* var_get_name(uint64_t word);              // new reference (stored or "C%d")
+PyObject* var_default_name(uint64_t serial);
+
+// Operand kinds: number 0, var 1, linterm 2, quadterm 3, expression 4, nonlinear 5;
+// anything else -1 with ModelError "Invalid object in operation: <%S>" set.
+enum OperandKind { K_INVALID = -1, K_NUMBER = 0, K_VAR = 1, K_LINTERM = 2, K_QUADTERM = 3, K_EXPRESSION = 4, K_NONLINEAR = 5 };
+int operand_kind(PyObject* o);
+// The same classification without setting an exception.
+int operand_kind_quiet(PyObject* o);
+
+// ---------------------------------------------------------------- term maps
+// Ordered by variable serial; each map owns one reference to each key variable and never
+// stores an exact zero coefficient.
+struct SerialLess {
+    bool operator()(PyObject* a, PyObject* b) const { return var_serial(a) < var_serial(b); }
+};
+using LinearMap = std::map<PyObject*, double, SerialLess>;
+using QuadraticMap = std::map<PyObject*, LinearMap, SerialLess>;
+using SerialSet = std::set<uint64_t>;
+
+void lin_add(LinearMap& m, PyObject* v, double c);
+void lin_set(LinearMap& m, PyObject* v, double c);
+void lin_erase(LinearMap& m, PyObject* v);
+void lin_clear(LinearMap& m);  // releases every key
+LinearMap* lin_copy(const LinearMap& m);
+void quad_clear(QuadraticMap& m);
+QuadraticMap* quad_copy(const QuadraticMap& m);
+size_t quad_count(const QuadraticMap& m);
+
+// ---------------------------------------------------------------- terms
+struct LinTermObject {
+    PyObject_HEAD
+    double coef;
+    PyObject* var;
+};
+struct QuadTermObject {
+    PyObject_HEAD
+    double coef;
+    PyObject* var1;  // serial(var1) <= serial(var2)
+    PyObject* var2;
+};
+inline bool is_linterm(PyObject* o) { return PyObject_TypeCheck(o, &LinTermType); }
+inline bool is_quadterm(PyObject* o) { return PyObject_TypeCheck(o, &QuadTermType); }
+
+PyObject* lin(double c, PyObject* v);               // float 0.0 when c == 0
+PyObject* lin_scaled(PyObject* t, double f);        // f times a linterm; 0 gives float 0.0
+PyObject* quad(double c, PyObject* x, PyObject* y); // orders x, y by serial
+
+// ---------------------------------------------------------------- expression
+struct ExpressionObject {
+    PyObject_HEAD
+    double constant;
+    LinearMap* linear;           // null until the first linear term
+    QuadraticMap* quadratic;     // null until the first quadratic term
+    SerialSet* quadratic_vars;   // created with quadratic
+};
+inline bool is_expression(PyObject* o) { return PyObject_TypeCheck(o, &ExpressionType); }
+inline ExpressionObject* as_expr(PyObject* o) { return reinterpret_cast<ExpressionObject*>(o); }
+// A constant expression has neither a linear nor a quadratic part.
+inline bool is_constant_expression(PyObject* o) {
+    return is_expression(o) && !as_expr(o)->linear && !as_expr(o)->quadratic;
+}
+
+PyObject* expr_new();
+PyObject* expr_copy_scaled(PyObject* obj, double f);
+int expr_add_linear(PyObject* e, PyObject* v, double c);
+int expr_add_quadratic(PyObject* e, PyObject* x, PyObject* y, double c);
+PyObject* expr_scale_in_place(PyObject* e, double f);  // steals e; f == 0 gives float 0.0
+// Adds s*b into e in place and returns e (new reference); e null returns expr_copy_scaled(b, s).
+PyObject* expr_add_in_place(PyObject* e, PyObject* b, double s);
+// (list of variables, list of coefficients) and (vars1, vars2, coefficients) of term maps.
+PyObject* linear_map_to_lists(const LinearMap* m);
+PyObject* quadratic_map_to_lists(const QuadraticMap* m);
+
+// Binary operations of the polynomial types with a general sign/coefficient s (a + s*b).
+// Used by the nonlinear accumulate and by the slots.
+PyObject* expression_sum(PyObject* a, PyObject* b, double s);
+PyObject* quadterm_sum(PyObject* a, PyObject* b, double s);
+PyObject* linterm_sum(PyObject* a, PyObject* b, double s);
+PyObject* expression_product(PyObject* a, PyObject* b);
+
+// ---------------------------------------------------------------- constraint
+struct ConstraintObject {
+    PyObject_HEAD
+    uint64_t word;   // serial (57 bits), bound codes, flags, name flag (bit 63)
+    PyObject* body;  // owned, may be null
+};
+inline bool is_constraint(PyObject* o) { return PyObject_TypeCheck(o, &ConstraintType); }
+inline uint64_t con_serial(PyObject* c) { return reinterpret_cast<ConstraintObject*>(c)->word & CON_SERIAL_MASK; }
+
+uint64_t next_con_serial();
+PyObject* con_new();  // fresh serial, null body, bounds -1e20 / 1e20
+double con_get_lb(uint64_t word);
+double con_get_ub(uint64_t word);
+void con_set_lb(uint64_t* word, double v);
+void con_set_ub(uint64_t* word, double v);
+void con_set_name(uint64_t* word, PyObject* name);
+PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
+// The rich comparison of every modelling type: builds a constraint.
+PyObject* constraint_compare(PyObject* a, PyObject* b, int op);
+
+// ---------------------------------------------------------------- special ordered set
+struct SosObject {
+    PyObject_HEAD
+    uint64_t serial;
+    PyObject* name;
+    int type;
+    PyObject* indices;  // the caller's list
+    PyObject* weights;  // the caller's list
+};
+inline bool is_sos(PyObject* o) { return PyObject_TypeCheck(o, &SosType); }
+uint64_t next_sos_serial();
+
+// ---------------------------------------------------------------- result check
+// Common result check of methods: a null result without an exception set becomes an
+// InterfaceError; otherwise the result passes unchanged.
+PyObject* check_result(PyObject* result);
+
+}  // namespace tarvo

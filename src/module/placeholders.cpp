@@ -1,0 +1,81 @@
+// Weak default definitions of the seams between subsystems. A subsystem that is built in
+// defines the strong symbol, which replaces the default here at link time. The defaults keep
+// the module importable while a subsystem is absent and refuse its operations clearly.
+#include "module/common.h"
+#include "module/hooks.h"
+#include "module/types.h"
+#include "nonlinear/node.h"
+#include "library_interface/trvo.h"
+
+#define TARVO_WEAK __attribute__((weak))
+
+namespace tarvo {
+
+namespace {
+template <int N>
+struct PlainType {
+    static PyTypeObject make(const char* name) {
+        PyTypeObject t = {PyVarObject_HEAD_INIT(nullptr, 0)};
+        t.tp_name = name;
+        t.tp_basicsize = sizeof(PyObject);
+        t.tp_flags = Py_TPFLAGS_DEFAULT;
+        return t;
+    }
+};
+}  // namespace
+
+TARVO_WEAK PyTypeObject VarType = PlainType<0>::make("tarvo.var");
+TARVO_WEAK PyTypeObject SosType = PlainType<1>::make("tarvo.SOS");
+TARVO_WEAK PyTypeObject ExpressionType = PlainType<2>::make("tarvo.expression");
+TARVO_WEAK PyTypeObject ConstraintType = PlainType<3>::make("tarvo.constraint");
+TARVO_WEAK PyTypeObject ControlType = PlainType<4>::make("tarvo.control");
+TARVO_WEAK PyTypeObject AttributeType = PlainType<5>::make("tarvo.attribute");
+TARVO_WEAK PyTypeObject ProblemType = PlainType<6>::make("tarvo.problem");
+TARVO_WEAK PyTypeObject BranchObjType = PlainType<7>::make("tarvo.branchobj");
+TARVO_WEAK PyTypeObject PoolCutType = PlainType<8>::make("tarvo.poolcut");
+TARVO_WEAK PyTypeObject TrvoObjectType = PlainType<9>::make("tarvo.trvoobject");
+TARVO_WEAK PyTypeObject GenericType = PlainType<10>::make("tarvo.generic");
+TARVO_WEAK PyTypeObject LinTermType = PlainType<11>::make("tarvo.linterm");
+TARVO_WEAK PyTypeObject QuadTermType = PlainType<12>::make("tarvo.quadterm");
+TARVO_WEAK PyTypeObject NonlinearType = PlainType<13>::make("tarvo.nonlinear");
+
+TARVO_WEAK PyMethodDef environment_functions[] = {{nullptr, nullptr, 0, nullptr}};
+TARVO_WEAK PyMethodDef controls_functions[] = {{nullptr, nullptr, 0, nullptr}};
+TARVO_WEAK PyMethodDef nonlinear_functions[] = {{nullptr, nullptr, 0, nullptr}};
+
+TARVO_WEAK void model_tables_create() {}
+TARVO_WEAK void model_tables_destroy() {}
+TARVO_WEAK void reset_serial_counters() {}
+TARVO_WEAK PyObject* controls_new_module_level(PyObject* dict) { Py_INCREF(dict); return dict; }
+TARVO_WEAK int catalogue_build(bool) {
+    // Proves the link to the engine: start and release the library once.
+    if (TRVOinit(nullptr) == 0) TRVOfree();
+    return 0;
+}
+TARVO_WEAK int numpy_dtypes_create() { return 0; }
+TARVO_WEAK int numpy_dtypes_register(PyObject*) { return 0; }
+TARVO_WEAK int env_release_at_teardown() { return 0; }
+
+// Nonlinear hand-over: refused while the nonlinear trees are not built in.
+namespace {
+PyObject* refuse_nonlinear() {
+    PyErr_SetString(ModelError, "Nonlinear expressions are not supported by this build");
+    return nullptr;
+}
+}  // namespace
+TARVO_WEAK PyObject* nl_make(bool, int, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_unary(int, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_binary(int, PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_add(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_subtract(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_multiply(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_divide(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_power(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_accumulate(PyObject* target, PyObject*, double) { Py_XDECREF(target); return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_scaled_copy(PyObject*, double) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_negate(PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_abs(PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_and(PyObject*, PyObject*) { return refuse_nonlinear(); }
+TARVO_WEAK PyObject* nl_or(PyObject*, PyObject*) { return refuse_nonlinear(); }
+
+}  // namespace tarvo
