@@ -566,6 +566,12 @@ void node_dealloc(PyObject* self) {
     Py_TYPE(self)->tp_free(self);
 }
 
+// Nodes come only from operators and functions: calling the type is refused.
+int node_init(PyObject*, PyObject*, PyObject*) {
+    PyErr_SetString(PyExc_TypeError, "cannot create 'tarvo.nonlinear' instances");
+    return -1;
+}
+
 PyObject* node_str(PyObject* self) { return nl_print(self, NL_MAX_DEPTH); }
 
 PyObject* node_richcompare(PyObject* a, PyObject* b, int op) { return constraint_compare(a, b, op); }
@@ -693,6 +699,7 @@ PyTypeObject NonlinearType = [] {
         "expressions and numbers to build nonlinear expression trees.";
     t.tp_richcompare = node_richcompare;
     t.tp_methods = node_methods;
+    t.tp_init = node_init;
     return t;
 }();
 
