@@ -29,7 +29,6 @@
 extern "C" {
 #endif
 
-typedef struct trvo_problem_s* TRVOprob;
 typedef struct tslp_problem_s* TSLPprob;
 /* The context the solver hands to a user function while calling it. */
 typedef struct tslp_funcobject_s* TSLPfuncobject;

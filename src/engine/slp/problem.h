@@ -125,6 +125,14 @@ struct Controls {
 
 }  // namespace slp
 
+// What a user function sees while it is called.
+struct tslp_funcobject_s {
+    TSLPprob prob = nullptr;
+    int index = 0;      // 1-based registered index
+    int ninput = 0;
+    int flags = 0;      // 0x1 value wanted, 0x2 derivatives wanted
+};
+
 struct tslp_problem_s {
     TRVOprob trvo = nullptr;
     std::string name;
