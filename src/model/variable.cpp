@@ -311,7 +311,7 @@ int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
     if (ub != INF) var_set_ub(&v->word, ub);
     if (threshold != -INF) var_set_threshold(&v->word, threshold);
     if (vartype != 0)
-        v->word = (v->word & ~(uint64_t(7) << TYPE_SHIFT)) | (static_cast<uint64_t>(vartype) << TYPE_SHIFT);
+        v->word = (v->word & ~(uint64_t(7) << TYPE_SHIFT)) | ((static_cast<uint64_t>(vartype) & 7) << TYPE_SHIFT);
     if (name) {
         if (!PyUnicode_Check(name) && !PyBytes_Check(name)) {
             PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
@@ -388,7 +388,7 @@ int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     if (s[0] == 'v') {
         long t = PyLong_AsLong(value);
         if (t == -1 && PyErr_Occurred()) return -1;
-        *word = (*word & ~(uint64_t(7) << TYPE_SHIFT)) | (static_cast<uint64_t>(t) << TYPE_SHIFT);
+        *word = (*word & ~(uint64_t(7) << TYPE_SHIFT)) | ((static_cast<uint64_t>(t) & 7) << TYPE_SHIFT);
         return 0;
     }
     double x = PyFloat_AsDouble(value);
