@@ -229,6 +229,7 @@ bool node_value(NonlinearObject* n, const EvalContext& ctx, int depth, double* o
 
 bool eval_value(PyObject* o, const EvalContext& ctx, int depth, double* out) {
     if (depth < 1) return fail(PyExc_RuntimeError, "Evaluation of expression exceeded recursion depth limit");
+    if (!o) return fail(ModelError, "Evaluation of object of incorrect type");
     if (is_var(o)) return var_value(o, ctx, out);
     if (is_linterm(o)) {
         auto* t = reinterpret_cast<LinTermObject*>(o);

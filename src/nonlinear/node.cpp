@@ -106,11 +106,12 @@ PyObject* poly_accumulate(PyObject* target, PyObject* b, double c) {
 
 PyObject* nl_new_node(int op, PyObject* args) {
     if (!args) return nullptr;
-    NonlinearObject* n = PyObject_New(NonlinearObject, &NonlinearType);
+    NonlinearObject* n = PyObject_GC_New(NonlinearObject, &NonlinearType);
     if (!n) { Py_DECREF(args); return nullptr; }
     n->args = args;
     n->op = -1;
     n->op = op;
+    PyObject_GC_Track(n);
     return reinterpret_cast<PyObject*>(n);
 }
 
@@ -152,8 +153,20 @@ PyObject* nl_binary(int op, PyObject* a, PyObject* b) {
 
 namespace {
 
+PyObject* node_copy_guarded(PyObject* node, double c);
+
+// Copies recurse over the whole tree: the interpreter's recursion limit turns a tree too
+// deep to copy into a RecursionError instead of a stack overflow.
 PyObject* node_copy(PyObject* node, double c) {
+    if (Py_EnterRecursiveCall(" while copying a nonlinear expression")) return nullptr;
+    PyObject* r = node_copy_guarded(node, c);
+    Py_LeaveRecursiveCall();
+    return r;
+}
+
+PyObject* node_copy_guarded(PyObject* node, double c) {
     NonlinearObject* n = as_nl(node);
+    if (!n->args) return model_fail("Invalid object being copied from single argument in a nonlinear expression");
     if (c != 1.0 && n->op == NL_UMINUS) return nl_scaled_copy(n->args, -c);
     PyRef args;
     if (is_seq_args(n->args)) {
@@ -561,9 +574,24 @@ PyObject* slot_imul(PyObject* a, PyObject* b) { return nl_inplace_multiply(a, b)
 PyObject* slot_idiv(PyObject* a, PyObject* b) { return nl_inplace_divide(a, b); }
 PyObject* slot_ipow(PyObject* a, PyObject* b, PyObject*) { return nl_inplace_power(a, b); }
 
+// Nodes are garbage-collected (a user function may refer back to its own tree) and their
+// deallocation goes through the trashcan so that very deep trees do not exhaust the C stack.
 void node_dealloc(PyObject* self) {
-    Py_XDECREF(as_nl(self)->args);
+    PyObject_GC_UnTrack(self);
+    Py_TRASHCAN_BEGIN(self, node_dealloc)
+    Py_CLEAR(as_nl(self)->args);
     Py_TYPE(self)->tp_free(self);
+    Py_TRASHCAN_END
+}
+
+int node_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(as_nl(self)->args);
+    return 0;
+}
+
+int node_clear(PyObject* self) {
+    Py_CLEAR(as_nl(self)->args);
+    return 0;
 }
 
 // Nodes come only from operators and functions: calling the type is refused.
@@ -578,6 +606,7 @@ PyObject* node_richcompare(PyObject* a, PyObject* b, int op) { return constraint
 
 // Collects the linear (quad false) or quadratic part of o times f into the expression acc.
 int collect(PyObject* o, double f, int depth, PyObject* acc, bool quad) {
+    if (!o) return 0;
     if (is_var(o)) return quad ? 0 : expr_add_linear(acc, o, f);
     if (is_linterm(o)) {
         if (quad) return 0;
@@ -693,7 +722,9 @@ PyTypeObject NonlinearType = [] {
     t.tp_repr = node_str;
     t.tp_str = node_str;
     t.tp_as_number = &node_number;
-    t.tp_flags = Py_TPFLAGS_DEFAULT;
+    t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC;
+    t.tp_traverse = node_traverse;
+    t.tp_clear = node_clear;
     t.tp_doc =
         "Class for linear and quadratic nonlin. These can be used and combined with variables, "
         "expressions and numbers to build nonlinear expression trees.";
