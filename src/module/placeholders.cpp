@@ -24,10 +24,6 @@ struct PlainType {
 };
 }  // namespace
 
-TARVO_WEAK PyTypeObject VarType = PlainType<0>::make("tarvo.var");
-TARVO_WEAK PyTypeObject SosType = PlainType<1>::make("tarvo.SOS");
-TARVO_WEAK PyTypeObject ExpressionType = PlainType<2>::make("tarvo.expression");
-TARVO_WEAK PyTypeObject ConstraintType = PlainType<3>::make("tarvo.constraint");
 TARVO_WEAK PyTypeObject ControlType = PlainType<4>::make("tarvo.control");
 TARVO_WEAK PyTypeObject AttributeType = PlainType<5>::make("tarvo.attribute");
 TARVO_WEAK PyTypeObject ProblemType = PlainType<6>::make("tarvo.problem");
@@ -35,17 +31,12 @@ TARVO_WEAK PyTypeObject BranchObjType = PlainType<7>::make("tarvo.branchobj");
 TARVO_WEAK PyTypeObject PoolCutType = PlainType<8>::make("tarvo.poolcut");
 TARVO_WEAK PyTypeObject TrvoObjectType = PlainType<9>::make("tarvo.trvoobject");
 TARVO_WEAK PyTypeObject GenericType = PlainType<10>::make("tarvo.generic");
-TARVO_WEAK PyTypeObject LinTermType = PlainType<11>::make("tarvo.linterm");
-TARVO_WEAK PyTypeObject QuadTermType = PlainType<12>::make("tarvo.quadterm");
 TARVO_WEAK PyTypeObject NonlinearType = PlainType<13>::make("tarvo.nonlinear");
 
 TARVO_WEAK PyMethodDef environment_functions[] = {{nullptr, nullptr, 0, nullptr}};
 TARVO_WEAK PyMethodDef controls_functions[] = {{nullptr, nullptr, 0, nullptr}};
 TARVO_WEAK PyMethodDef nonlinear_functions[] = {{nullptr, nullptr, 0, nullptr}};
 
-TARVO_WEAK void model_tables_create() {}
-TARVO_WEAK void model_tables_destroy() {}
-TARVO_WEAK void reset_serial_counters() {}
 TARVO_WEAK PyObject* controls_new_module_level(PyObject* dict) { Py_INCREF(dict); return dict; }
 TARVO_WEAK int catalogue_build(bool) {
     // Proves the link to the engine: start and release the library once.
