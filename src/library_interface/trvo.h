@@ -1,6 +1,28 @@
-/* The optimisation library's C interface as the module uses it. Every function returns 0 on
-   success; on failure it returns non-zero and records a message readable with
-   TRVOgetlasterror (per problem) or TRVO_ge_getlasterror (global). */
+/* The optimisation library's C interface: a problem store of our own with LP, MIP and convex
+   QP optimisation on HiGHS.
+
+   Every function returns 0 on success; on failure it returns non-zero and records a message
+   readable with TRVOgetlasterror (per problem) or TRVO_ge_getlasterror (global). No C++
+   exception crosses this boundary.
+
+   Conventions:
+   - Indices are 0-based. A range first..last is inclusive.
+   - Bounds at or beyond +-1e20 (TRVO_INFINITY) are infinite.
+   - Row types: 'L' (<= rhs), 'G' (>= rhs), 'E' (= rhs), 'R' (rhs - range <= row <= rhs),
+     'N' (free).
+   - Column types: 'C' continuous, 'I' integer, 'B' binary, 'S' semi-continuous, 'R'
+     semi-continuous integer, 'P' partial integer. For 'S' and 'R' the limit (TRVOchgglblimit) is
+     the semi-continuous lower threshold: the column is 0 or lies in [limit, ub]. For 'P' the
+     column must be integer while below the limit.
+   - Quadratic objective: the objective is c'x + 0.5 x'Qx with Q symmetric. TRVOchgmqobj* and
+     TRVOaddqmatrix-style inputs give each pair (i, j) once; for the objective the value is Q_ij
+     (so a term q*x*x is given as 2q and q*x*y as q).
+   - Quadratic rows: the row's quadratic part is x'Qx with Q symmetric; each pair once with
+     value Q_ij (a term c*x*x is given as c and c*x*y as c/2).
+   - Name lists (TRVOaddnames, TRVOgetnames, TRVOaddsetnames) are the names one after the
+     other, each ended by a NUL character. Name kinds: 1 rows, 2 columns, 3 sets.
+   - Sparse getters (TRVOgetrows64, TRVOgetcols64, TRVOgetmqobj*, TRVOgetqrowqmatrix) called with
+     null arrays (or size 0) only report the number of entries in *nels. */
 #ifndef TARVO_TRVO_H
 #define TARVO_TRVO_H
 
@@ -10,12 +32,299 @@
 extern "C" {
 #endif
 
+typedef struct trvo_problem_s* TRVOprob;
+
+#define TRVO_INFINITY 1.0e20
+
+/* ---- statuses */
+enum {
+    TRVO_LP_UNSTARTED = 0, TRVO_LP_OPTIMAL = 1, TRVO_LP_INFEAS = 2, TRVO_LP_CUTOFF = 3,
+    TRVO_LP_UNFINISHED = 4, TRVO_LP_UNBOUNDED = 5, TRVO_LP_CUTOFF_IN_DUAL = 6,
+    TRVO_LP_UNSOLVED = 7, TRVO_LP_NONCONVEX = 8
+};
+enum {
+    TRVO_MIP_NOT_LOADED = 0, TRVO_MIP_LP_NOT_OPTIMAL = 1, TRVO_MIP_LP_OPTIMAL = 2,
+    TRVO_MIP_NO_SOL_FOUND = 3, TRVO_MIP_SOLUTION = 4, TRVO_MIP_INFEAS = 5, TRVO_MIP_OPTIMAL = 6,
+    TRVO_MIP_UNBOUNDED = 7
+};
+/* Stop reasons (attribute STOPSTATUS, argument of TRVOinterrupt). */
+enum {
+    TRVO_STOP_NONE = 0, TRVO_STOP_TIMELIMIT = 1, TRVO_STOP_CTRLC = 2, TRVO_STOP_NODELIMIT = 3,
+    TRVO_STOP_ITERLIMIT = 4, TRVO_STOP_MIPGAP = 5, TRVO_STOP_SOLLIMIT = 6, TRVO_STOP_USER = 9
+};
+/* Attribute SOLVESTATUS. */
+enum {
+    TRVO_SOLVESTATUS_UNSTARTED = 0, TRVO_SOLVESTATUS_STOPPED = 1, TRVO_SOLVESTATUS_FAILED = 2,
+    TRVO_SOLVESTATUS_COMPLETED = 3
+};
+
+/* ---- integer attributes */
+#define TRVO_ROWS 1001
+#define TRVO_SETS 1004
+#define TRVO_SETMEMBERS 1005
+#define TRVO_ELEMS 1006
+#define TRVO_QELEMS 1007
+#define TRVO_QCONSTRAINTS 1008
+#define TRVO_PWLCONS 1009
+#define TRVO_LPSTATUS 1010
+#define TRVO_MIPSTATUS 1011
+#define TRVO_SOLVESTATUS 1012
+#define TRVO_STOPSTATUS 1013
+#define TRVO_SIMPLEXITER 1014
+#define TRVO_BARITER 1015
+#define TRVO_NODES 1016
+#define TRVO_MIPSOLS 1017
+#define TRVO_COLS 1018
+#define TRVO_SPAREROWS 1019
+#define TRVO_NAMELENGTH 1028      /* longest name, in units of 8 characters */
+#define TRVO_MIPENTS 1032
+#define TRVO_ORIGINALROWS 1124
+#define TRVO_PROBNAMELENGTH 1158
+#define TRVO_ORIGINALSETS 1194
+#define TRVO_ORIGINALCOLS 1214
+#define TRVO_INDICATORS 1325
+#define TRVO_GENCONS 1327
+/* ---- double attributes */
+#define TRVO_LPOBJVAL 2001
+#define TRVO_BESTBOUND 2002
+#define TRVO_MIPOBJVAL 2003
+#define TRVO_MIPBESTOBJVAL 2004
+#define TRVO_OBJVAL 2005
+#define TRVO_TIME 2006
+#define TRVO_OBJSENSE 2007
+/* ---- string attributes */
+#define TRVO_PROBNAME 3001
+/* ---- double controls */
+#define TRVO_MAXTIME 7001          /* seconds; <= 0 means no limit */
+#define TRVO_FEASTOL 7002
+#define TRVO_OPTIMALITYTOL 7003
+#define TRVO_MIPTOL 7004           /* integrality tolerance */
+#define TRVO_MIPRELSTOP 7005
+#define TRVO_MIPABSSTOP 7006
+#define TRVO_MIPABSCUTOFF 7007
+/* ---- integer controls */
+#define TRVO_OUTPUTLOG 8010        /* 0 silent, 1 log routed to message callbacks */
+#define TRVO_PRESOLVE 8011         /* 0 off, 1 on */
+#define TRVO_THREADS 8012          /* 0 automatic */
+#define TRVO_MAXNODE 8013
+#define TRVO_MAXMIPSOL 8014
+#define TRVO_LPITERLIMIT 8015
+#define TRVO_BARITERLIMIT 8016
+#define TRVO_DEFAULTALG 8017       /* 1 automatic, 2 dual simplex, 3 primal simplex, 4 barrier */
+#define TRVO_CROSSOVER 8018
+#define TRVO_RANDOMSEED 8019
+#define TRVO_SCALING 8020          /* 0 off, otherwise on */
+#define TRVO_KEEPBASIS 8035        /* keep the last basis when the problem is reloaded */
+
+/* ---- callbacks */
+/* Per-problem message callback: msg is null on a flush request; msgtype 1 information,
+   3 warning, 4 error. */
+typedef void (*TRVOcbmessage)(TRVOprob prob, void* context, const char* msg, int len,
+                              int msgtype);
+/* Global message handler. object is the sending library object (use TRVOgetobjecttypename),
+   thread an opaque identifier of the sending thread. Returns 0. */
+typedef int (*TRVOmsghandler)(void* object, void* context, void* thread, const char* msg,
+                              int msgtype, int msgnumber);
+
 /* ---- environment */
 int TRVOinit(const char* path);
 int TRVOfree(void);
 int TRVOgetversion(char* version);   /* buffer of at least 16 characters */
 int TRVOgetbanner(char* banner);     /* buffer of at least 512 characters */
 int TRVO_ge_getlasterror(int* code, char* msg, int maxbytes, int* nbytes);
+int TRVO_ge_addcbmsghandler(TRVOmsghandler handler, void* context, int priority);
+int TRVO_ge_removecbmsghandler(TRVOmsghandler handler, void* context);
+int TRVO_ge_setarchconsistency(int ifarchconsistent);
+int TRVOsetcheckedmode(int checkedmode);
+int TRVOgetcheckedmode(int* checkedmode);
+/* Type name of a library object: "TRVOprob" for problems. */
+int TRVOgetobjecttypename(void* object, const char** name);
+
+/* ---- problems */
+int TRVOcreateprob(TRVOprob* prob);
+int TRVOdestroyprob(TRVOprob prob);
+int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname);
+int TRVOcopycontrols(TRVOprob dest, TRVOprob src);
+int TRVOsetprobname(TRVOprob prob, const char* probname);
+int TRVOgetprobname(TRVOprob prob, char* probname);   /* PROBNAMELENGTH + 1 bytes */
+int TRVOgetlasterror(TRVOprob prob, char* msg);        /* buffer of 512 bytes */
+int TRVOinterrupt(TRVOprob prob, int reason);
+int TRVOaddcbmessage(TRVOprob prob, TRVOcbmessage f, void* context, int priority);
+int TRVOremovecbmessage(TRVOprob prob, TRVOcbmessage f, void* context);  /* null f: all */
+
+/* ---- controls and attributes */
+/* The catalogue: parallel arrays owned by the library, ended by identifier 0. Flags: 0x1
+   integer, 0x2 double, neither: string; 0x20 control (else attribute). Names upper case. */
+int TRVOgetcalist_c(const int** ids, const char* const** names, const int** flags);
+int TRVOgetcontrolinfo(TRVOprob prob, const char* name, int* id, int* type);
+int TRVOgetattribinfo(TRVOprob prob, const char* name, int* id, int* type);
+int TRVOsetintcontrol(TRVOprob prob, int control, int value);
+int TRVOsetintcontrol64(TRVOprob prob, int control, int64_t value);
+int TRVOsetdblcontrol(TRVOprob prob, int control, double value);
+int TRVOsetstrcontrol(TRVOprob prob, int control, const char* value);
+int TRVOgetintcontrol(TRVOprob prob, int control, int* value);
+int TRVOgetintcontrol64(TRVOprob prob, int control, int64_t* value);
+int TRVOgetdblcontrol(TRVOprob prob, int control, double* value);
+int TRVOgetstrcontrol(TRVOprob prob, int control, char* value);   /* 1024 bytes */
+int TRVOgetstringcontrol(TRVOprob prob, int control, char* value, int maxbytes, int* nbytes);
+int TRVOsetdefaultcontrol(TRVOprob prob, int control);
+int TRVOsetdefaults(TRVOprob prob);
+int TRVOgetintattrib(TRVOprob prob, int attrib, int* value);
+int TRVOgetintattrib64(TRVOprob prob, int attrib, int64_t* value);
+int TRVOgetdblattrib(TRVOprob prob, int attrib, double* value);
+int TRVOgetstrattrib(TRVOprob prob, int attrib, char* value);     /* 1024 bytes */
+int TRVOgetstringattrib(TRVOprob prob, int attrib, char* value, int maxbytes, int* nbytes);
+
+/* ---- loading whole problems (replace the content; mnel may be null: column lengths then
+   follow from consecutive starts) */
+int TRVOloadlp(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+               const double rhs[], const double range[], const double obj[], const int mstart[],
+               const int mnel[], const int mrwind[], const double dmatval[], const double dlb[],
+               const double dub[]);
+int TRVOloadlp64(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+                 const double rhs[], const double range[], const double obj[],
+                 const int64_t mstart[], const int mnel[], const int mrwind[],
+                 const double dmatval[], const double dlb[], const double dub[]);
+int TRVOloadqp64(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+                 const double rhs[], const double range[], const double obj[],
+                 const int64_t mstart[], const int mnel[], const int mrwind[],
+                 const double dmatval[], const double dlb[], const double dub[], int64_t nqtr,
+                 const int mqcol1[], const int mqcol2[], const double dqe[]);
+int TRVOloadqcqp64(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+                   const double rhs[], const double range[], const double obj[],
+                   const int64_t mstart[], const int mnel[], const int mrwind[],
+                   const double dmatval[], const double dlb[], const double dub[], int64_t nqtr,
+                   const int mqcol1[], const int mqcol2[], const double dqe[], int qmn,
+                   const int qcrows[], const int64_t qcnquads[], const int qcmqcol1[],
+                   const int qcmqcol2[], const double qcdqval[]);
+int TRVOloadglobal64(TRVOprob prob, const char* probname, int ncol, int nrow,
+                     const char qrtype[], const double rhs[], const double range[],
+                     const double obj[], const int64_t mstart[], const int mnel[],
+                     const int mrwind[], const double dmatval[], const double dlb[],
+                     const double dub[], int ngents, int nsets, const char qgtype[],
+                     const int mgcols[], const double dlim[], const char qstype[],
+                     const int64_t msstart[], const int mscols[], const double dref[]);
+int TRVOloadqglobal64(TRVOprob prob, const char* probname, int ncol, int nrow,
+                      const char qrtype[], const double rhs[], const double range[],
+                      const double obj[], const int64_t mstart[], const int mnel[],
+                      const int mrwind[], const double dmatval[], const double dlb[],
+                      const double dub[], int64_t nqtr, const int mqcol1[], const int mqcol2[],
+                      const double dqe[], int ngents, int nsets, const char qgtype[],
+                      const int mgcols[], const double dlim[], const char qstype[],
+                      const int64_t msstart[], const int mscols[], const double dref[]);
+int TRVOloadqcqpglobal64(TRVOprob prob, const char* probname, int ncol, int nrow,
+                         const char qrtype[], const double rhs[], const double range[],
+                         const double obj[], const int64_t mstart[], const int mnel[],
+                         const int mrwind[], const double dmatval[], const double dlb[],
+                         const double dub[], int64_t nqtr, const int mqcol1[],
+                         const int mqcol2[], const double dqe[], int qmn, const int qcrows[],
+                         const int64_t qcnquads[], const int qcmqcol1[], const int qcmqcol2[],
+                         const double qcdqval[], int ngents, int nsets, const char qgtype[],
+                         const int mgcols[], const double dlim[], const char qstype[],
+                         const int64_t msstart[], const int mscols[], const double dref[]);
+
+/* ---- adding and deleting (objx, range, bdl, bdu may be null: 0, 0, 0, +inf) */
+int TRVOaddcols64(TRVOprob prob, int ncols, int64_t ncoefs, const double objx[],
+                  const int64_t mstart[], const int mrwind[], const double dmatval[],
+                  const double bdl[], const double bdu[]);
+int TRVOaddrows64(TRVOprob prob, int nrows, int64_t ncoefs, const char qrtype[],
+                  const double rhs[], const double range[], const int64_t mstart[],
+                  const int mclind[], const double dmatval[]);
+int TRVOdelrows(TRVOprob prob, int nrows, const int mindex[]);
+int TRVOdelcols(TRVOprob prob, int ncols, const int mindex[]);
+int TRVOaddnames(TRVOprob prob, int type, const char names[], int first, int last);
+int TRVOaddsetnames(TRVOprob prob, const char names[], int first, int last);
+int TRVOgetnames(TRVOprob prob, int type, char names[], int first, int last);
+/* All names of a range; names_len is the buffer size, *names_len_reqd the size needed. */
+int TRVOgetnamelist(TRVOprob prob, int type, char names[], int names_len, int* names_len_reqd,
+                    int first, int last);
+/* Index of a named row (type 1), column (2) or set (3); fails for an unknown name. */
+int TRVOgetindex(TRVOprob prob, int type, const char* name, int* seqno);
+/* Quadratic part of row irow: pairs are added to what the row has. */
+int TRVOaddqmatrix64(TRVOprob prob, int irow, int64_t nqtr, const int mqc1[], const int mqc2[],
+                     const double dqe[]);
+int TRVOdelqmatrix(TRVOprob prob, int irow);
+int TRVOaddsets64(TRVOprob prob, int nsets, int64_t nelems, const char qstype[],
+                  const int64_t msstart[], const int mscols[], const double dref[]);
+int TRVOdelsets(TRVOprob prob, int nsets, const int mindex[]);
+/* Makes rows indicator constraints: row mrows[i] must hold when column inds[i] is 1
+   (comps[i] = 1) or 0 (comps[i] = -1); comps[i] = 0 makes the row ordinary again. */
+int TRVOsetindicators(TRVOprob prob, int nrows, const int mrows[], const int inds[],
+                      const int comps[]);
+int TRVOgetindicators(TRVOprob prob, int inds[], int comps[], int first, int last);
+int TRVOdelindicators(TRVOprob prob, int first, int last);
+
+/* ---- changing */
+int TRVOchgcoltype(TRVOprob prob, int ncols, const int mindex[], const char coltype[]);
+int TRVOchgglblimit(TRVOprob prob, int ncols, const int mindex[], const double dlimit[]);
+/* qbtype 'L' lower, 'U' upper, 'B' both bounds. */
+int TRVOchgbounds(TRVOprob prob, int nbounds, const int mindex[], const char qbtype[],
+                  const double bnd[]);
+/* Column -1 is the objective constant, stored negated: the objective is
+   sum obj_j x_j - obj_{-1}. */
+int TRVOchgobj(TRVOprob prob, int ncols, const int mindex[], const double obj[]);
+int TRVOchgobjsense(TRVOprob prob, int objsense);   /* 1 minimise, -1 maximise */
+int TRVOchgmqobj(TRVOprob prob, int ncols, const int mcol1[], const int mcol2[],
+                 const double dval[]);
+int TRVOchgmqobj64(TRVOprob prob, int64_t ncols, const int mcol1[], const int mcol2[],
+                   const double dval[]);
+int TRVOchgqobj(TRVOprob prob, int icol, int jcol, double dval);
+int TRVOchgcoef(TRVOprob prob, int irow, int icol, double dval);
+int TRVOchgmcoef(TRVOprob prob, int ncoefs, const int mrow[], const int mcol[],
+                 const double dval[]);
+int TRVOchgrhs(TRVOprob prob, int nrows, const int mindex[], const double rhs[]);
+int TRVOchgrhsrange(TRVOprob prob, int nrows, const int mindex[], const double rng[]);
+int TRVOchgrowtype(TRVOprob prob, int nrows, const int mindex[], const char qrtype[]);
+int TRVOchgqrowcoeff(TRVOprob prob, int irow, int icol, int jcol, double dval);
+
+/* ---- reading the problem */
+int TRVOgetlb(TRVOprob prob, double lb[], int first, int last);
+int TRVOgetub(TRVOprob prob, double ub[], int first, int last);
+int TRVOgetcoltype(TRVOprob prob, char coltype[], int first, int last);
+int TRVOgetobj(TRVOprob prob, double obj[], int first, int last);
+int TRVOgetrhs(TRVOprob prob, double rhs[], int first, int last);
+int TRVOgetrhsrange(TRVOprob prob, double range[], int first, int last);
+int TRVOgetrowtype(TRVOprob prob, char qrtype[], int first, int last);
+int TRVOgetcoef(TRVOprob prob, int irow, int icol, double* dval);
+int TRVOgetrows64(TRVOprob prob, int64_t mstart[], int mclind[], double dmatval[], int64_t size,
+                  int64_t* nels, int first, int last);
+int TRVOgetcols64(TRVOprob prob, int64_t mstart[], int mrwind[], double dmatval[], int64_t size,
+                  int64_t* nels, int first, int last);
+/* Quadratic objective of columns first..last, column-wise, the whole symmetric Q. */
+int TRVOgetmqobj(TRVOprob prob, int mstart[], int mclind[], double dobjval[], int size,
+                 int* nels, int first, int last);
+int TRVOgetmqobj64(TRVOprob prob, int64_t mstart[], int mclind[], double dobjval[],
+                   int64_t size, int64_t* nels, int first, int last);
+int TRVOgetqobj(TRVOprob prob, int icol, int jcol, double* dval);
+/* Rows with a quadratic part: *qmn their number, qcrows (may be null) their indices. */
+int TRVOgetqrows(TRVOprob prob, int* qmn, int qcrows[]);
+/* Quadratic part of row irow as upper-triangle triplets (mqcol1 <= mqcol2); arrays may be null
+   to learn *nqelem. */
+int TRVOgetqrowqmatrixtriplets(TRVOprob prob, int irow, int* nqelem, int mqcol1[], int mqcol2[],
+                               double dqe[]);
+/* Quadratic part of row irow, columns first..last, column-wise, the whole symmetric Q. */
+int TRVOgetqrowqmatrix(TRVOprob prob, int irow, int mstart[], int mclind[], double dqe[],
+                       int size, int* nels, int first, int last);
+int TRVOgetqrowcoeff(TRVOprob prob, int irow, int icol, int jcol, double* dval);
+/* Sets: type characters, starts (nsets + 1), columns and reference weights; null arrays skip. */
+int TRVOgetglobal64(TRVOprob prob, int* ngents, int* nsets, char qgtype[], int mgcols[],
+                    double dlim[], char qstype[], int64_t msstart[], int mscols[],
+                    double dref[]);
+
+/* ---- optimising and solutions */
+int TRVOlpoptimize(TRVOprob prob, const char* flags);
+int TRVOmipoptimize(TRVOprob prob, const char* flags);
+/* x, slack (rhs minus row activity), dual, dj; any may be null. */
+int TRVOgetlpsol(TRVOprob prob, double x[], double slack[], double dual[], double dj[]);
+int TRVOgetmipsol(TRVOprob prob, double x[], double slack[]);
+int TRVOgetlpsolval(TRVOprob prob, int col, int row, double* x, double* slack, double* dual,
+                    double* dj);
+int TRVOgetmipsolval(TRVOprob prob, int col, int row, double* x, double* slack);
+
+/* ---- files: flags may name the format ("l" LP, "x" free MPS; default from the extension,
+   else MPS) */
+int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags);
+int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags);
 
 #ifdef __cplusplus
 }

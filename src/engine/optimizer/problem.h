@@ -1,0 +1,170 @@
+// Internal layout of an optimisation problem and the helpers every engine file shares.
+#pragma once
+
+#include "library_interface/trvo.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace trvo {
+
+// A failure inside the engine; caught at the C boundary and recorded as the last error.
+struct Error : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+[[noreturn]] void fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+constexpr double kInf = TRVO_INFINITY;
+inline bool is_inf(double v) { return v >= kInf || v <= -kInf; }
+
+// Names of one kind (rows, columns or sets) with a name -> index map.
+struct NameList {
+    std::vector<std::string> names;  // "" when no name was given
+    std::unordered_map<std::string, int> index;
+
+    void resize(size_t n) { names.resize(n); }
+    void set(int i, const std::string& name);
+    std::string get(int i, char prefix) const;  // the name, or a generated one
+    void erase(const std::vector<char>& drop);  // drop[i] != 0: remove entry i
+    void rebuild_index();
+    int find(const std::string& name) const;
+    size_t longest() const;
+};
+
+// Pair key (i <= j) for quadratic maps.
+using QKey = std::pair<int, int>;
+using QMap = std::map<QKey, double>;
+inline QKey qkey(int i, int j) { return i <= j ? QKey(i, j) : QKey(j, i); }
+
+struct Sos {
+    char type = '1';
+    std::vector<int> cols;
+    std::vector<double> weights;
+};
+
+struct Indicator {
+    int col = -1;
+    int comp = 0;  // 1: row holds when col is 1; -1: when col is 0
+};
+
+struct Controls {
+    std::map<int, int64_t> ints;
+    std::map<int, double> dbls;
+    std::map<int, std::string> strs;
+};
+
+struct MessageCallback {
+    TRVOcbmessage f;
+    void* context;
+    int priority;
+};
+
+// The last solve's results, always in the user's rows and columns.
+struct Results {
+    int lpstatus = TRVO_LP_UNSTARTED;
+    int mipstatus = TRVO_MIP_NOT_LOADED;
+    int solvestatus = TRVO_SOLVESTATUS_UNSTARTED;
+    int stopstatus = TRVO_STOP_NONE;
+    int64_t simplexiter = 0, bariter = 0, nodes = 0, mipsols = 0;
+    double lpobjval = 0, mipobjval = 0, bestbound = 0, mipbestobjval = 0, objval = 0, time = 0;
+    bool have_lp = false, have_mip = false, have_duals = false;
+    std::vector<double> x, slack, dual, dj;     // LP solution
+    std::vector<double> mipx, mipslack;         // best MIP solution
+};
+
+}  // namespace trvo
+
+struct trvo_problem_s {
+    uint32_t magic;
+    std::string name;
+    std::string last_error;
+
+    // Columns.
+    std::vector<double> lb, ub, obj, limit;
+    std::vector<char> coltype;
+    double objconst = 0;  // the objective constant (chgobj of column -1 stores its negation)
+    int objsense = 1;
+    // Rows.
+    std::vector<char> rowtype;
+    std::vector<double> rhs, range;
+    // Matrix by rows, each row sorted by column, no zeros.
+    std::vector<std::vector<std::pair<int, double>>> matrix;
+    int64_t nnz = 0;
+    // Quadratic objective (upper triangle of Q, objective c'x + 0.5 x'Qx).
+    trvo::QMap qobj;
+    // Quadratic rows: row -> upper triangle of its Q (row quadratic part x'Qx).
+    std::map<int, trvo::QMap> qrows;
+    std::vector<trvo::Sos> sets;
+    std::map<int, trvo::Indicator> indicators;
+    trvo::NameList rownames, colnames, setnames;
+
+    trvo::Controls controls;
+    trvo::Results results;
+    std::vector<trvo::MessageCallback> msgcbs;
+
+    // Solving.
+    std::atomic<int> stop_request{0};     // a stop reason set by TRVOinterrupt, 0 none
+    void* highs = nullptr;                // the HiGHS instance, created at the first solve
+    // Dimensions of the model last handed to HiGHS, to reuse its basis on a re-solve.
+    int highs_cols = -1, highs_rows = -1;
+
+    int ncols() const { return static_cast<int>(lb.size()); }
+    int nrows() const { return static_cast<int>(rowtype.size()); }
+};
+
+namespace trvo {
+
+constexpr uint32_t kProblemMagic = 0x7472766fu;
+
+// Runs body and turns any failure into a recorded error and a non-zero return.
+int guard(TRVOprob prob, const std::function<void()>& body);
+// As guard, for functions without a problem: errors go to the global last error.
+int guard_global(const std::function<void()>& body);
+void set_global_error(int code, const std::string& text);
+
+// Checks used by many entry points; they throw Error.
+void check_col(TRVOprob p, int j);
+void check_row(TRVOprob p, int i);
+void check_range(int first, int last, int n, const char* what);
+
+// Controls.
+int64_t ctl_int(TRVOprob p, int id);
+double ctl_dbl(TRVOprob p, int id);
+void controls_set_defaults(TRVOprob p);
+
+// Sends a message through the problem's callbacks (when OUTPUTLOG allows it).
+void emit_message(TRVOprob p, const char* msg, int msgtype);
+
+// Invalidates results whose dimensions no longer fit after a structural change.
+void results_resize(TRVOprob p);
+
+// Store operations shared by loading, reading files and copying.
+void store_clear(TRVOprob p);
+// Appends columns / rows without matrix entries (null arrays: defaults).
+void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
+                    const double* ub);
+void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
+                    const double* range);
+// Replaces the whole content (column-wise matrix; without mnel, mstart has ncol + 1 entries).
+void load_problem(TRVOprob p, const char* probname, int ncol, int nrow, const char* qrtype,
+                  const double* rhs, const double* range, const double* obj,
+                  const int64_t* mstart, const int* mnel, const int* mrwind,
+                  const double* dmatval, const double* dlb, const double* dub);
+// Index list -> deletion marks (checked).
+std::vector<char> marks(int n, int count, const int* index, const char* what);
+void delete_rows(TRVOprob p, const std::vector<char>& drop);
+void delete_cols(TRVOprob p, const std::vector<char>& drop);
+void set_coef(TRVOprob p, int i, int j, double v);
+
+// HiGHS instances: destroyed only when no solve is running anywhere.
+void highs_release(void* highs);
+
+}  // namespace trvo

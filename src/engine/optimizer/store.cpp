@@ -1,0 +1,499 @@
+// The problem store: columns, rows and the row-wise sparse matrix. Appending rows or columns
+// costs O(new entries); deleting rows or columns is one compaction pass.
+#include "engine/optimizer/problem.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace trvo {
+namespace {
+
+bool valid_rowtype(char t) {
+    return t == 'L' || t == 'G' || t == 'E' || t == 'R' || t == 'N';
+}
+
+// End of entry list k of n lists given by starts (and optional counts), the last one
+// ending at total.
+int64_t list_end(const int64_t* start, const int* count, int k, int n, int64_t total) {
+    if (count) return start[k] + count[k];
+    return k + 1 < n ? start[k + 1] : total;
+}
+
+void check_starts(const int64_t* start, const int* count, int n, int64_t total, const char* what) {
+    if (total < 0) fail("Negative number of %s entries", what);
+    if (total > 0 && !start) fail("No start array for the %s entries", what);
+    if (!start) return;
+    for (int k = 0; k < n; ++k) {
+        int64_t b = start[k], e = list_end(start, count, k, n, total);
+        if (b < 0 || e < b || e > total)
+            fail("Invalid start or count of %s %d", what, k);
+    }
+}
+
+}  // namespace
+
+void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
+                    const double* ub) {
+    if (ncols < 0) fail("Negative number of columns");
+    const int c0 = p->ncols();
+    for (int j = 0; j < ncols; ++j) {
+        double l = lb ? lb[j] : 0.0, u = ub ? ub[j] : kInf;
+        if (std::isnan(l) || std::isnan(u)) fail("Bound of new column %d is NaN", j);
+        if (obj && std::isnan(obj[j])) fail("Objective coefficient of new column %d is NaN", j);
+    }
+    p->lb.reserve(c0 + ncols);
+    for (int j = 0; j < ncols; ++j) {
+        p->lb.push_back(lb ? lb[j] : 0.0);
+        p->ub.push_back(ub ? ub[j] : kInf);
+        p->obj.push_back(obj ? obj[j] : 0.0);
+        p->limit.push_back(0.0);
+        p->coltype.push_back('C');
+    }
+    p->colnames.resize(p->lb.size());
+    results_resize(p);
+}
+
+void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
+                    const double* range) {
+    if (nrows < 0) fail("Negative number of rows");
+    if (nrows > 0 && !type) fail("No row types given");
+    for (int i = 0; i < nrows; ++i) {
+        if (!valid_rowtype(type[i])) fail("Invalid type '%c' of new row %d", type[i], i);
+        if (rhs && std::isnan(rhs[i])) fail("Right-hand side of new row %d is NaN", i);
+        if (type[i] == 'R' && range && !(range[i] >= 0)) fail("Negative range of new row %d", i);
+    }
+    for (int i = 0; i < nrows; ++i) {
+        p->rowtype.push_back(type[i]);
+        p->rhs.push_back(rhs ? rhs[i] : 0.0);
+        p->range.push_back(type[i] == 'R' && range ? range[i] : 0.0);
+        p->matrix.emplace_back();
+    }
+    p->rownames.resize(p->rowtype.size());
+    results_resize(p);
+}
+
+// Appends matrix entries of new rows r0.. given row-wise (checked by the caller).
+static void append_row_entries(TRVOprob p, int r0, int nrows, int64_t ncoefs,
+                               const int64_t* mstart, const int* mclind, const double* dmatval) {
+    for (int i = 0; i < nrows; ++i) {
+        auto& row = p->matrix[static_cast<size_t>(r0 + i)];
+        int64_t b = mstart ? mstart[i] : 0, e = mstart ? list_end(mstart, nullptr, i, nrows, ncoefs) : 0;
+        row.reserve(static_cast<size_t>(e - b));
+        for (int64_t k = b; k < e; ++k) row.emplace_back(mclind[k], dmatval[k]);
+        std::sort(row.begin(), row.end(),
+                  [](const std::pair<int, double>& a, const std::pair<int, double>& c) {
+                      return a.first < c.first;
+                  });
+        size_t out = 0;
+        for (size_t k = 0; k < row.size(); ++k) {
+            if (out > 0 && row[out - 1].first == row[k].first) row[out - 1].second += row[k].second;
+            else row[out++] = row[k];
+        }
+        row.resize(out);
+        row.erase(std::remove_if(row.begin(), row.end(),
+                                 [](const std::pair<int, double>& x) { return x.second == 0.0; }),
+                  row.end());
+        p->nnz += static_cast<int64_t>(row.size());
+    }
+}
+
+static void check_row_entries(TRVOprob p, int nrows, int64_t ncoefs, const int64_t* mstart,
+                              const int* mclind, const double* dmatval) {
+    check_starts(mstart, nullptr, nrows, ncoefs, "row");
+    if (ncoefs > 0 && (!mclind || !dmatval)) fail("No column indices or coefficients given");
+    for (int64_t k = 0; k < ncoefs; ++k) {
+        if (mclind[k] < 0 || mclind[k] >= p->ncols())
+            fail("Column index %d out of range (0 to %d)", mclind[k], p->ncols() - 1);
+        if (!std::isfinite(dmatval[k])) fail("Matrix coefficient %lld is not finite", (long long)k);
+    }
+}
+
+// Appends matrix entries of new columns c0.. given column-wise (checked by the caller).
+static void append_col_entries(TRVOprob p, int c0, int ncols, int64_t ncoefs,
+                               const int64_t* mstart, const int* mnel, const int* mrwind,
+                               const double* dmatval) {
+    if (!mstart) return;
+    for (int j = 0; j < ncols; ++j) {
+        int64_t b = mstart[j], e = list_end(mstart, mnel, j, ncols, ncoefs);
+        for (int64_t k = b; k < e; ++k) {
+            if (dmatval[k] == 0.0) continue;
+            auto& row = p->matrix[static_cast<size_t>(mrwind[k])];
+            if (!row.empty() && row.back().first == c0 + j) {
+                row.back().second += dmatval[k];
+            } else {
+                row.emplace_back(c0 + j, dmatval[k]);
+                ++p->nnz;
+            }
+        }
+    }
+    for (int j = 0; j < ncols && mstart; ++j) {
+        int64_t b = mstart[j], e = list_end(mstart, mnel, j, ncols, ncoefs);
+        for (int64_t k = b; k < e; ++k) {
+            auto& row = p->matrix[static_cast<size_t>(mrwind[k])];
+            if (!row.empty() && row.back().first == c0 + j && row.back().second == 0.0) {
+                row.pop_back();
+                --p->nnz;
+            }
+        }
+    }
+}
+
+static void check_col_entries(TRVOprob p, int ncols, int64_t ncoefs, const int64_t* mstart,
+                              const int* mnel, const int* mrwind, const double* dmatval) {
+    check_starts(mstart, mnel, ncols, ncoefs, "column");
+    if (ncoefs > 0 && (!mrwind || !dmatval)) fail("No row indices or coefficients given");
+    if (!mstart) return;
+    for (int j = 0; j < ncols; ++j) {
+        int64_t b = mstart[j], e = list_end(mstart, mnel, j, ncols, ncoefs);
+        for (int64_t k = b; k < e; ++k) {
+            if (mrwind[k] < 0 || mrwind[k] >= p->nrows())
+                fail("Row index %d out of range (0 to %d)", mrwind[k], p->nrows() - 1);
+            if (!std::isfinite(dmatval[k]))
+                fail("Matrix coefficient %lld is not finite", (long long)k);
+        }
+    }
+}
+
+void load_problem(TRVOprob p, const char* probname, int ncol, int nrow, const char* qrtype,
+                  const double* rhs, const double* range, const double* obj,
+                  const int64_t* mstart, const int* mnel, const int* mrwind,
+                  const double* dmatval, const double* dlb, const double* dub) {
+    if (ncol < 0 || nrow < 0) fail("Negative number of rows or columns");
+    int64_t ncoefs = 0;
+    if (mstart && ncol > 0) {
+        if (mnel) {
+            for (int j = 0; j < ncol; ++j) ncoefs = std::max<int64_t>(ncoefs, mstart[j] + mnel[j]);
+        } else {
+            ncoefs = mstart[ncol];
+        }
+    }
+    // Check everything against a scratch problem first, so a failed load changes nothing.
+    trvo_problem_s scratch;
+    scratch.magic = kProblemMagic;
+    store_add_rows(&scratch, nrow, qrtype, rhs, range);
+    store_add_cols(&scratch, ncol, obj, dlb, dub);
+    if (mstart && !mnel) {
+        // Starts with ncol + 1 entries: the last one ends the last column.
+        check_col_entries(&scratch, ncol, ncoefs, mstart, nullptr, mrwind, dmatval);
+        append_col_entries(&scratch, 0, ncol, ncoefs, mstart, nullptr, mrwind, dmatval);
+    } else {
+        check_col_entries(&scratch, ncol, ncoefs, mstart, mnel, mrwind, dmatval);
+        append_col_entries(&scratch, 0, ncol, ncoefs, mstart, mnel, mrwind, dmatval);
+    }
+    store_clear(p);
+    p->name = probname ? probname : "";
+    p->lb.swap(scratch.lb); p->ub.swap(scratch.ub); p->obj.swap(scratch.obj);
+    p->limit.swap(scratch.limit); p->coltype.swap(scratch.coltype);
+    p->rowtype.swap(scratch.rowtype); p->rhs.swap(scratch.rhs); p->range.swap(scratch.range);
+    p->matrix.swap(scratch.matrix); p->nnz = scratch.nnz;
+    p->rownames.resize(static_cast<size_t>(nrow));
+    p->colnames.resize(static_cast<size_t>(ncol));
+    p->objconst = 0;
+    results_resize(p);
+}
+
+// Deletes the marked rows in one pass.
+void delete_rows(TRVOprob p, const std::vector<char>& drop) {
+    const int m = p->nrows();
+    std::vector<int> newidx(static_cast<size_t>(m), -1);
+    int out = 0;
+    for (int i = 0; i < m; ++i) {
+        if (drop[static_cast<size_t>(i)]) {
+            p->nnz -= static_cast<int64_t>(p->matrix[static_cast<size_t>(i)].size());
+            continue;
+        }
+        newidx[static_cast<size_t>(i)] = out;
+        if (out != i) {
+            p->rowtype[static_cast<size_t>(out)] = p->rowtype[static_cast<size_t>(i)];
+            p->rhs[static_cast<size_t>(out)] = p->rhs[static_cast<size_t>(i)];
+            p->range[static_cast<size_t>(out)] = p->range[static_cast<size_t>(i)];
+            p->matrix[static_cast<size_t>(out)] = std::move(p->matrix[static_cast<size_t>(i)]);
+        }
+        ++out;
+    }
+    p->rowtype.resize(static_cast<size_t>(out));
+    p->rhs.resize(static_cast<size_t>(out));
+    p->range.resize(static_cast<size_t>(out));
+    p->matrix.resize(static_cast<size_t>(out));
+    p->rownames.erase(drop);
+    std::map<int, QMap> qr;
+    for (auto& kv : p->qrows)
+        if (newidx[static_cast<size_t>(kv.first)] >= 0)
+            qr[newidx[static_cast<size_t>(kv.first)]] = std::move(kv.second);
+    p->qrows.swap(qr);
+    std::map<int, Indicator> ind;
+    for (auto& kv : p->indicators)
+        if (newidx[static_cast<size_t>(kv.first)] >= 0)
+            ind[newidx[static_cast<size_t>(kv.first)]] = kv.second;
+    p->indicators.swap(ind);
+    results_resize(p);
+}
+
+// Deletes the marked columns in one pass over every structure that refers to columns.
+void delete_cols(TRVOprob p, const std::vector<char>& drop) {
+    const int n = p->ncols();
+    std::vector<int> newidx(static_cast<size_t>(n), -1);
+    int out = 0;
+    for (int j = 0; j < n; ++j) {
+        if (drop[static_cast<size_t>(j)]) continue;
+        newidx[static_cast<size_t>(j)] = out;
+        size_t o = static_cast<size_t>(out), s = static_cast<size_t>(j);
+        p->lb[o] = p->lb[s]; p->ub[o] = p->ub[s]; p->obj[o] = p->obj[s];
+        p->limit[o] = p->limit[s]; p->coltype[o] = p->coltype[s];
+        ++out;
+    }
+    size_t no = static_cast<size_t>(out);
+    p->lb.resize(no); p->ub.resize(no); p->obj.resize(no); p->limit.resize(no);
+    p->coltype.resize(no);
+    p->colnames.erase(drop);
+    int64_t nnz = 0;
+    for (auto& row : p->matrix) {
+        size_t o = 0;
+        for (size_t k = 0; k < row.size(); ++k) {
+            int nj = newidx[static_cast<size_t>(row[k].first)];
+            if (nj >= 0) row[o++] = {nj, row[k].second};
+        }
+        row.resize(o);
+        nnz += static_cast<int64_t>(o);
+    }
+    p->nnz = nnz;
+    auto remap = [&](const QMap& q) {
+        QMap r;
+        for (const auto& kv : q) {
+            int a = newidx[static_cast<size_t>(kv.first.first)];
+            int b = newidx[static_cast<size_t>(kv.first.second)];
+            if (a >= 0 && b >= 0) r[qkey(a, b)] = kv.second;
+        }
+        return r;
+    };
+    p->qobj = remap(p->qobj);
+    for (auto it = p->qrows.begin(); it != p->qrows.end();) {
+        it->second = remap(it->second);
+        if (it->second.empty()) it = p->qrows.erase(it);
+        else ++it;
+    }
+    for (auto& s : p->sets) {
+        size_t o = 0;
+        for (size_t k = 0; k < s.cols.size(); ++k) {
+            int nj = newidx[static_cast<size_t>(s.cols[k])];
+            if (nj >= 0) {
+                s.cols[o] = nj;
+                s.weights[o] = s.weights[k];
+                ++o;
+            }
+        }
+        s.cols.resize(o);
+        s.weights.resize(o);
+    }
+    for (auto it = p->indicators.begin(); it != p->indicators.end();) {
+        int nj = newidx[static_cast<size_t>(it->second.col)];
+        if (nj < 0) {
+            it = p->indicators.erase(it);
+        } else {
+            it->second.col = nj;
+            ++it;
+        }
+    }
+    results_resize(p);
+}
+
+std::vector<char> marks(int n, int count, const int* index, const char* what) {
+    if (count < 0) fail("Negative number of %s", what);
+    if (count > 0 && !index) fail("No %s indices given", what);
+    std::vector<char> drop(static_cast<size_t>(n), 0);
+    for (int k = 0; k < count; ++k) {
+        if (index[k] < 0 || index[k] >= n)
+            fail("Index %d of %s out of range (0 to %d)", index[k], what, n - 1);
+        drop[static_cast<size_t>(index[k])] = 1;
+    }
+    return drop;
+}
+
+void set_coef(TRVOprob p, int i, int j, double v) {
+    check_row(p, i);
+    check_col(p, j);
+    if (!std::isfinite(v)) fail("Coefficient is not finite");
+    auto& row = p->matrix[static_cast<size_t>(i)];
+    auto it = std::lower_bound(row.begin(), row.end(), j,
+                               [](const std::pair<int, double>& e, int c) { return e.first < c; });
+    bool found = it != row.end() && it->first == j;
+    if (v == 0.0) {
+        if (found) {
+            row.erase(it);
+            --p->nnz;
+        }
+    } else if (found) {
+        it->second = v;
+    } else {
+        row.insert(it, {j, v});
+        ++p->nnz;
+    }
+}
+
+}  // namespace trvo
+
+using namespace trvo;
+
+extern "C" {
+
+int TRVOloadlp(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+               const double rhs[], const double range[], const double obj[], const int mstart[],
+               const int mnel[], const int mrwind[], const double dmatval[], const double dlb[],
+               const double dub[]) {
+    return guard(prob, [&] {
+        std::vector<int64_t> starts;
+        if (mstart && ncol > 0) starts.assign(mstart, mstart + ncol + (mnel ? 0 : 1));
+        load_problem(prob, probname, ncol, nrow, qrtype, rhs, range, obj,
+                     starts.empty() ? nullptr : starts.data(), mnel, mrwind, dmatval, dlb, dub);
+    });
+}
+
+int TRVOloadlp64(TRVOprob prob, const char* probname, int ncol, int nrow, const char qrtype[],
+                 const double rhs[], const double range[], const double obj[],
+                 const int64_t mstart[], const int mnel[], const int mrwind[],
+                 const double dmatval[], const double dlb[], const double dub[]) {
+    return guard(prob, [&] {
+        load_problem(prob, probname, ncol, nrow, qrtype, rhs, range, obj, mstart, mnel, mrwind,
+                     dmatval, dlb, dub);
+    });
+}
+
+int TRVOaddcols64(TRVOprob prob, int ncols, int64_t ncoefs, const double objx[],
+                  const int64_t mstart[], const int mrwind[], const double dmatval[],
+                  const double bdl[], const double bdu[]) {
+    return guard(prob, [&] {
+        if (ncols < 0) fail("Negative number of columns");
+        if (ncoefs > 0 && !mstart) fail("No column starts given");
+        check_col_entries(prob, ncols, ncoefs, ncoefs > 0 ? mstart : nullptr, nullptr, mrwind,
+                          dmatval);
+        int c0 = prob->ncols();
+        store_add_cols(prob, ncols, objx, bdl, bdu);
+        if (ncoefs > 0)
+            append_col_entries(prob, c0, ncols, ncoefs, mstart, nullptr, mrwind, dmatval);
+    });
+}
+
+int TRVOaddrows64(TRVOprob prob, int nrows, int64_t ncoefs, const char qrtype[],
+                  const double rhs[], const double range[], const int64_t mstart[],
+                  const int mclind[], const double dmatval[]) {
+    return guard(prob, [&] {
+        if (nrows < 0) fail("Negative number of rows");
+        check_row_entries(prob, nrows, ncoefs, ncoefs > 0 ? mstart : nullptr, mclind, dmatval);
+        int r0 = prob->nrows();
+        store_add_rows(prob, nrows, qrtype, rhs, range);
+        append_row_entries(prob, r0, nrows, ncoefs, ncoefs > 0 ? mstart : nullptr, mclind,
+                           dmatval);
+    });
+}
+
+int TRVOdelrows(TRVOprob prob, int nrows, const int mindex[]) {
+    return guard(prob, [&] { delete_rows(prob, marks(prob->nrows(), nrows, mindex, "rows")); });
+}
+
+int TRVOdelcols(TRVOprob prob, int ncols, const int mindex[]) {
+    return guard(prob, [&] { delete_cols(prob, marks(prob->ncols(), ncols, mindex, "columns")); });
+}
+
+int TRVOchgcoef(TRVOprob prob, int irow, int icol, double dval) {
+    return guard(prob, [&] { set_coef(prob, irow, icol, dval); });
+}
+
+int TRVOchgmcoef(TRVOprob prob, int ncoefs, const int mrow[], const int mcol[],
+                 const double dval[]) {
+    return guard(prob, [&] {
+        if (ncoefs < 0) fail("Negative number of coefficients");
+        if (ncoefs > 0 && (!mrow || !mcol || !dval)) fail("Missing arrays of coefficients");
+        for (int k = 0; k < ncoefs; ++k) {
+            check_row(prob, mrow[k]);
+            check_col(prob, mcol[k]);
+            if (!std::isfinite(dval[k])) fail("Coefficient %d is not finite", k);
+        }
+        for (int k = 0; k < ncoefs; ++k) set_coef(prob, mrow[k], mcol[k], dval[k]);
+    });
+}
+
+int TRVOchgrhs(TRVOprob prob, int nrows, const int mindex[], const double rhs[]) {
+    return guard(prob, [&] {
+        if (nrows > 0 && (!mindex || !rhs)) fail("Missing arrays");
+        for (int k = 0; k < nrows; ++k) {
+            check_row(prob, mindex[k]);
+            if (std::isnan(rhs[k])) fail("Right-hand side %d is NaN", k);
+        }
+        for (int k = 0; k < nrows; ++k) prob->rhs[static_cast<size_t>(mindex[k])] = rhs[k];
+    });
+}
+
+int TRVOchgrhsrange(TRVOprob prob, int nrows, const int mindex[], const double rng[]) {
+    return guard(prob, [&] {
+        if (nrows > 0 && (!mindex || !rng)) fail("Missing arrays");
+        for (int k = 0; k < nrows; ++k) {
+            check_row(prob, mindex[k]);
+            if (!(rng[k] >= 0)) fail("Range %d is negative", k);
+        }
+        // A range makes the row a ranged row rhs - range <= row <= rhs.
+        for (int k = 0; k < nrows; ++k) {
+            size_t i = static_cast<size_t>(mindex[k]);
+            char t = prob->rowtype[i];
+            if (t == 'N') continue;
+            if (t == 'G') prob->rhs[i] += rng[k];
+            prob->rowtype[i] = 'R';
+            prob->range[i] = rng[k];
+        }
+    });
+}
+
+int TRVOchgrowtype(TRVOprob prob, int nrows, const int mindex[], const char qrtype[]) {
+    return guard(prob, [&] {
+        if (nrows > 0 && (!mindex || !qrtype)) fail("Missing arrays");
+        for (int k = 0; k < nrows; ++k) {
+            check_row(prob, mindex[k]);
+            if (!valid_rowtype(qrtype[k])) fail("Invalid row type '%c'", qrtype[k]);
+        }
+        for (int k = 0; k < nrows; ++k) {
+            size_t i = static_cast<size_t>(mindex[k]);
+            prob->rowtype[i] = qrtype[k];
+            if (qrtype[k] != 'R') prob->range[i] = 0;
+        }
+    });
+}
+
+int TRVOchgobj(TRVOprob prob, int ncols, const int mindex[], const double obj[]) {
+    return guard(prob, [&] {
+        if (ncols > 0 && (!mindex || !obj)) fail("Missing arrays");
+        for (int k = 0; k < ncols; ++k) {
+            if (mindex[k] != -1) check_col(prob, mindex[k]);
+            if (!std::isfinite(obj[k])) fail("Objective coefficient %d is not finite", k);
+        }
+        for (int k = 0; k < ncols; ++k) {
+            if (mindex[k] == -1) prob->objconst = -obj[k];
+            else prob->obj[static_cast<size_t>(mindex[k])] = obj[k];
+        }
+    });
+}
+
+int TRVOchgobjsense(TRVOprob prob, int objsense) {
+    return guard(prob, [&] {
+        if (objsense != 1 && objsense != -1) fail("Objective sense must be 1 or -1");
+        prob->objsense = objsense;
+    });
+}
+
+int TRVOchgbounds(TRVOprob prob, int nbounds, const int mindex[], const char qbtype[],
+                  const double bnd[]) {
+    return guard(prob, [&] {
+        if (nbounds > 0 && (!mindex || !qbtype || !bnd)) fail("Missing arrays");
+        for (int k = 0; k < nbounds; ++k) {
+            check_col(prob, mindex[k]);
+            char t = qbtype[k];
+            if (t != 'L' && t != 'U' && t != 'B') fail("Invalid bound type '%c'", t);
+            if (std::isnan(bnd[k])) fail("Bound %d is NaN", k);
+        }
+        for (int k = 0; k < nbounds; ++k) {
+            size_t j = static_cast<size_t>(mindex[k]);
+            if (qbtype[k] != 'U') prob->lb[j] = bnd[k];
+            if (qbtype[k] != 'L') prob->ub[j] = bnd[k];
+        }
+    });
+}
+
+}  // extern "C"
