@@ -3,6 +3,7 @@
 #include "problem/problem.h"
 #include "model/model.h"
 #include "nonlinear/node.h"
+#include "problem/nonlinear_bridge.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -154,7 +155,7 @@ void destroy_library_problems(ProblemObject* p) {
 void release_userfuncs(ProblemObject* p) {
     if (!p->userfuncs) return;
     Py_ssize_t n = PyDict_Size(p->userfuncs);
-    for (Py_ssize_t i = 1; i <= n && p->slp; ++i) {
+    for (Py_ssize_t i = 1; i <= n && p->slp && TSLPgetuserfuncobject; ++i) {
         void* obj = nullptr;
         if (TSLPgetuserfuncobject(p->slp, static_cast<int>(i), &obj) == 0 && obj)
             Py_DECREF(static_cast<PyObject*>(obj));
@@ -531,7 +532,7 @@ PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:read", const_cast<char**>(kwlist), &filename, &options))
         return nullptr;
     if (TRVOreadprob(p->prob, filename, options) != 0) {
-        if (!(p->slp && nonlinear_running() && TSLPreadprob(p->slp, filename, options) == 0))
+        if (!(p->slp && nonlinear_running() && TSLPreadprob && TSLPreadprob(p->slp, filename, options) == 0))
             return problem_error(p);
     }
     if (load_from_library(p) < 0) {
@@ -548,9 +549,14 @@ PyObject* problem_write(PyObject* self, PyObject* args, PyObject* kw) {
     const char* flags = "";
     if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:write", const_cast<char**>(kwlist), &filename, &flags))
         return nullptr;
+    bool nonlinear = p->slp && (problem_is_nonlinear(p) || std::strchr(flags, 'g'));
+    if (nonlinear && !TSLPwriteprob) {
+        PyErr_SetString(SolverError, "Writing through the nonlinear library is not available in this build");
+        return nullptr;
+    }
     int rc;
     Py_BEGIN_ALLOW_THREADS
-    if (p->slp && (problem_is_nonlinear(p) || std::strchr(flags, 'g')))
+    if (nonlinear)
         rc = TSLPwriteprob(p->slp, filename, flags);
     else
         rc = TRVOwriteprob(p->prob, filename, flags);
