@@ -15,7 +15,9 @@ int walk_array(PyArrayObject* arr, int depth, const LeafHandler& handler) {
     bool object_elems = typenum == NPY_OBJECT;
     bool user_elems = PyTypeNum_ISUSERDEF(typenum);
     bool float_elems = typenum == NPY_BOOL || typenum == NPY_INT || typenum == NPY_DOUBLE;
-    if (!object_elems && !user_elems && !float_elems) {
+    // 64-bit integer arrays (NumPy's default integers) give integer leaves, usable as indices.
+    bool int_elems = typenum == NPY_LONG || typenum == NPY_LONGLONG;
+    if (!object_elems && !user_elems && !float_elems && !int_elems) {
         PyErr_SetString(ModelError, "Incorrect objects used in Sum, Dot, Prod, or aggregate functions");
         return -1;
     }
@@ -32,7 +34,7 @@ int walk_array(PyArrayObject* arr, int depth, const LeafHandler& handler) {
         int rc;
         if (object_elems) {
             rc = walk_leaves(item.get(), depth - 1, handler);
-        } else if (user_elems) {
+        } else if (user_elems || int_elems) {
             rc = handler(item.get());
         } else {
             PyRef f(PyNumber_Float(item.get()));
