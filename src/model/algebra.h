@@ -20,6 +20,21 @@ struct SideTables {
 };
 extern SideTables* side_tables;
 
+// Side-table helpers shared by variables and constraints. Serials grow, so new entries are
+// inserted with an end hint when they follow the last key.
+using ValueTable = std::map<uint64_t, double>;
+using NameTable = std::map<uint64_t, PyObject*>;
+// Replaces the two-bit bound code at shift in word; the table holds an entry for serial exactly
+// while the code is 3 (then stored_bit is set too).
+void store_bound(uint64_t* word, uint64_t serial, int shift, uint64_t stored_bit, ValueTable& table,
+                 uint64_t code, double v);
+void table_store(ValueTable& table, uint64_t serial, double v);
+double table_lookup(const ValueTable& table, uint64_t serial);
+// Stores name (a new reference taken) for serial, releasing a previous entry.
+void name_store(NameTable& table, uint64_t serial, PyObject* name);
+// Removes and releases the name of serial, if any.
+void name_erase(NameTable& table, uint64_t serial);
+
 // ---------------------------------------------------------------- operand helpers
 // Value of a number or of a constant expression.
 bool constant_value(PyObject* o, double* value);

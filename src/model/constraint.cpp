@@ -22,23 +22,6 @@ constexpr double UB_NOT_GIVEN = 2e20;
 inline ConstraintObject* as_con(PyObject* o) { return reinterpret_cast<ConstraintObject*>(o); }
 inline uint64_t serial_of(uint64_t word) { return word & CON_SERIAL_MASK; }
 
-void set_bound(uint64_t* word, int shift, uint64_t stored_bit, std::map<uint64_t, double>& table, uint64_t code,
-               double v) {
-    *word = (*word & ~(CODE_MASK << shift)) | (code << shift);
-    if (code == 3) {
-        *word |= stored_bit;
-        table[serial_of(*word)] = v;
-    } else if (*word & stored_bit) {
-        *word &= ~stored_bit;
-        table.erase(serial_of(*word));
-    }
-}
-
-double table_value(const std::map<uint64_t, double>& table, uint64_t word) {
-    auto it = table.find(serial_of(word));
-    return it == table.end() ? 0.0 : it->second;
-}
-
 // Releases the body and the side-table entries of a constraint.
 void con_release(ConstraintObject* c) {
     Py_CLEAR(c->body);
@@ -48,14 +31,7 @@ void con_release(ConstraintObject* c) {
     uint64_t serial = serial_of(word);
     if (word & LB_STORED) side_tables->con_lb.erase(serial);
     if (word & UB_STORED) side_tables->con_ub.erase(serial);
-    if (word & NAME_STORED) {
-        auto it = side_tables->con_name.find(serial);
-        if (it != side_tables->con_name.end()) {
-            PyObject* name = it->second;
-            side_tables->con_name.erase(it);
-            Py_XDECREF(name);
-        }
-    }
+    if (word & NAME_STORED) name_erase(side_tables->con_name, serial);
 }
 
 }  // namespace
@@ -67,7 +43,7 @@ double con_get_lb(uint64_t word) {
         case 0: return -INF;
         case 1: return 0.0;
         case 2: return 1.0;
-        default: return table_value(side_tables->con_lb, word);
+        default: return table_lookup(side_tables->con_lb, serial_of(word));
     }
 }
 
@@ -76,27 +52,23 @@ double con_get_ub(uint64_t word) {
         case 0: return INF;
         case 1: return 0.0;
         case 2: return 1.0;
-        default: return table_value(side_tables->con_ub, word);
+        default: return table_lookup(side_tables->con_ub, serial_of(word));
     }
 }
 
 void con_set_lb(uint64_t* word, double v) {
     uint64_t code = v <= -INF ? 0 : v == 0.0 ? 1 : v == 1.0 ? 2 : 3;
-    set_bound(word, LB_SHIFT, LB_STORED, side_tables->con_lb, code, v);
+    store_bound(word, serial_of(*word), LB_SHIFT, LB_STORED, side_tables->con_lb, code, v);
 }
 
 void con_set_ub(uint64_t* word, double v) {
     uint64_t code = v >= INF ? 0 : v == 0.0 ? 1 : v == 1.0 ? 2 : 3;
-    set_bound(word, UB_SHIFT, UB_STORED, side_tables->con_ub, code, v);
+    store_bound(word, serial_of(*word), UB_SHIFT, UB_STORED, side_tables->con_ub, code, v);
 }
 
 void con_set_name(uint64_t* word, PyObject* name) {
-    Py_INCREF(name);
-    PyObject*& slot = side_tables->con_name[serial_of(*word)];
-    PyObject* old = (*word & NAME_STORED) ? slot : nullptr;
-    slot = name;
     *word |= NAME_STORED;
-    Py_XDECREF(old);
+    name_store(side_tables->con_name, serial_of(*word), name);
 }
 
 PyObject* con_get_name(uint64_t word) {

@@ -100,7 +100,9 @@ PyObject* expr_copy_scaled(PyObject* obj, double f);
 int expr_add_linear(PyObject* e, PyObject* v, double c);
 int expr_add_quadratic(PyObject* e, PyObject* x, PyObject* y, double c);
 PyObject* expr_scale_in_place(PyObject* e, double f);  // steals e; f == 0 gives float 0.0
-// Adds s*b into e in place and returns e (new reference); e null returns expr_copy_scaled(b, s).
+// Adds s*b into the expression e in place and returns e (a new reference; e itself is borrowed,
+// not stolen). A NumPy array or nonlinear b gives a new object and leaves e unchanged; e null
+// returns expr_copy_scaled(b, s).
 PyObject* expr_add_in_place(PyObject* e, PyObject* b, double s);
 // (list of variables, list of coefficients) and (vars1, vars2, coefficients) of term maps.
 PyObject* linear_map_to_lists(const LinearMap* m);

@@ -47,6 +47,7 @@ bool linear_view(PyObject* o, PyObject** var, double* coef) {
     }
     if (is_linterm(o)) {
         auto* t = reinterpret_cast<LinTermObject*>(o);
+        if (!t->var) return false;  // an instance made by __new__ alone has no variable
         *var = t->var;
         *coef = t->coef;
         return true;

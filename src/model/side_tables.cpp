@@ -6,6 +6,52 @@ namespace tarvo {
 
 SideTables* side_tables = nullptr;
 
+void table_store(ValueTable& table, uint64_t serial, double v) {
+    if (table.empty() || table.rbegin()->first < serial) {
+        table.emplace_hint(table.end(), serial, v);
+        return;
+    }
+    table[serial] = v;
+}
+
+double table_lookup(const ValueTable& table, uint64_t serial) {
+    auto it = table.find(serial);
+    return it == table.end() ? 0.0 : it->second;
+}
+
+void store_bound(uint64_t* word, uint64_t serial, int shift, uint64_t stored_bit, ValueTable& table,
+                 uint64_t code, double v) {
+    *word = (*word & ~(uint64_t(3) << shift)) | (code << shift);
+    if (code == 3) {
+        *word |= stored_bit;
+        table_store(table, serial, v);
+    } else if (*word & stored_bit) {
+        *word &= ~stored_bit;
+        table.erase(serial);
+    }
+}
+
+void name_store(NameTable& table, uint64_t serial, PyObject* name) {
+    Py_INCREF(name);
+    PyObject* old = nullptr;
+    if (table.empty() || table.rbegin()->first < serial) {
+        table.emplace_hint(table.end(), serial, name);
+    } else {
+        PyObject*& slot = table[serial];
+        old = slot;
+        slot = name;
+    }
+    Py_XDECREF(old);  // last: releasing may run arbitrary code
+}
+
+void name_erase(NameTable& table, uint64_t serial) {
+    auto it = table.find(serial);
+    if (it == table.end()) return;
+    PyObject* name = it->second;
+    table.erase(it);
+    Py_XDECREF(name);
+}
+
 void model_tables_create() {
     if (!side_tables) side_tables = new SideTables();
 }

@@ -38,7 +38,7 @@ PyObject* other_factor(PyObject* q, PyObject* v) {
 }
 
 bool quad_view(PyObject* o, double* c, PyObject** x, PyObject** y) {
-    if (!is_quadterm(o)) return false;
+    if (!is_quadterm(o) || !as_qt(o)->var1 || !as_qt(o)->var2) return false;
     *c = as_qt(o)->coef;
     *x = as_qt(o)->var1;
     *y = as_qt(o)->var2;
@@ -50,6 +50,7 @@ bool quad_view(PyObject* o, double* c, PyObject** x, PyObject** y) {
 // ---------------------------------------------------------------- constructors
 
 PyObject* lin(double c, PyObject* v) {
+    if (!v) return model_error("Invalid object in operation");
     if (c == 0.0) return float_result(0.0);
     PyObject* t = LinTermType.tp_alloc(&LinTermType, 0);
     if (!t) return nullptr;
@@ -64,6 +65,7 @@ PyObject* lin_scaled(PyObject* t, double f) {
 }
 
 PyObject* quad(double c, PyObject* x, PyObject* y) {
+    if (!x || !y) return model_error("Invalid object in operation");
     PyObject* q = QuadTermType.tp_alloc(&QuadTermType, 0);
     if (!q) return nullptr;
     if (var_serial(y) < var_serial(x)) std::swap(x, y);

@@ -20,24 +20,6 @@ constexpr uint64_t CODE_MASK = 3;
 inline VarObject* as_var(PyObject* o) { return reinterpret_cast<VarObject*>(o); }
 inline uint64_t serial_of(uint64_t word) { return word & VAR_SERIAL_MASK; }
 
-// Stores a bound code and keeps the table entry present exactly while the code is 3.
-void set_bound(uint64_t* word, int shift, uint64_t stored_bit, std::map<uint64_t, double>& table,
-               uint64_t code, double v) {
-    *word = (*word & ~(CODE_MASK << shift)) | (code << shift);
-    if (code == 3) {
-        *word |= stored_bit;
-        table[serial_of(*word)] = v;
-    } else if (*word & stored_bit) {
-        *word &= ~stored_bit;
-        table.erase(serial_of(*word));
-    }
-}
-
-double table_value(const std::map<uint64_t, double>& table, uint64_t word) {
-    auto it = table.find(serial_of(word));
-    return it == table.end() ? 0.0 : it->second;
-}
-
 // Releases the side-table entries of a word (destruction and re-initialisation).
 void var_release_entries(uint64_t word) {
     if (!side_tables) return;
@@ -45,14 +27,7 @@ void var_release_entries(uint64_t word) {
     if (word & LB_STORED) side_tables->var_lb.erase(serial);
     if (word & UB_STORED) side_tables->var_ub.erase(serial);
     if (word & THRESHOLD_STORED) side_tables->var_threshold.erase(serial);
-    if (word & NAME_STORED) {
-        auto it = side_tables->var_name.find(serial);
-        if (it != side_tables->var_name.end()) {
-            PyObject* name = it->second;
-            side_tables->var_name.erase(it);
-            Py_XDECREF(name);
-        }
-    }
+    if (word & NAME_STORED) name_erase(side_tables->var_name, serial);
 }
 
 }  // namespace
@@ -64,7 +39,7 @@ double var_get_lb(uint64_t word) {
         case 0: return 0.0;
         case 1: return -INF;
         case 2: return 1.0;
-        default: return table_value(side_tables->var_lb, word);
+        default: return table_lookup(side_tables->var_lb, serial_of(word));
     }
 }
 
@@ -73,23 +48,23 @@ double var_get_ub(uint64_t word) {
         case 0: return INF;
         case 1: return 0.0;
         case 2: return 1.0;
-        default: return table_value(side_tables->var_ub, word);
+        default: return table_lookup(side_tables->var_ub, serial_of(word));
     }
 }
 
 double var_get_threshold(uint64_t word) {
     if (!(word & THRESHOLD_STORED)) return -INF;
-    return table_value(side_tables->var_threshold, word);
+    return table_lookup(side_tables->var_threshold, serial_of(word));
 }
 
 void var_set_lb(uint64_t* word, double v) {
     uint64_t code = v == 0.0 ? 0 : v <= -INF ? 1 : v == 1.0 ? 2 : 3;
-    set_bound(word, LB_SHIFT, LB_STORED, side_tables->var_lb, code, v);
+    store_bound(word, serial_of(*word), LB_SHIFT, LB_STORED, side_tables->var_lb, code, v);
 }
 
 void var_set_ub(uint64_t* word, double v) {
     uint64_t code = v >= INF ? 0 : v == 0.0 ? 1 : v == 1.0 ? 2 : 3;
-    set_bound(word, UB_SHIFT, UB_STORED, side_tables->var_ub, code, v);
+    store_bound(word, serial_of(*word), UB_SHIFT, UB_STORED, side_tables->var_ub, code, v);
 }
 
 void var_set_threshold(uint64_t* word, double v) {
@@ -100,16 +75,12 @@ void var_set_threshold(uint64_t* word, double v) {
         return;
     }
     *word |= THRESHOLD_STORED;
-    side_tables->var_threshold[serial] = v;
+    table_store(side_tables->var_threshold, serial, v);
 }
 
 void var_set_name(uint64_t* word, PyObject* name) {
-    Py_INCREF(name);
-    PyObject*& slot = side_tables->var_name[serial_of(*word)];
-    PyObject* old = (*word & NAME_STORED) ? slot : nullptr;
-    slot = name;
     *word |= NAME_STORED;
-    Py_XDECREF(old);
+    name_store(side_tables->var_name, serial_of(*word), name);
 }
 
 PyObject* var_default_name(uint64_t serial) {
@@ -311,7 +282,7 @@ int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
     if (ub != INF) var_set_ub(&v->word, ub);
     if (threshold != -INF) var_set_threshold(&v->word, threshold);
     if (vartype != 0)
-        v->word = (v->word & ~(uint64_t(7) << TYPE_SHIFT)) | (static_cast<uint64_t>(vartype) << TYPE_SHIFT);
+        v->word = (v->word & ~(uint64_t(7) << TYPE_SHIFT)) | ((static_cast<uint64_t>(vartype) & 7) << TYPE_SHIFT);
     if (name) {
         if (!PyUnicode_Check(name) && !PyBytes_Check(name)) {
             PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
@@ -388,7 +359,7 @@ int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     if (s[0] == 'v') {
         long t = PyLong_AsLong(value);
         if (t == -1 && PyErr_Occurred()) return -1;
-        *word = (*word & ~(uint64_t(7) << TYPE_SHIFT)) | (static_cast<uint64_t>(t) << TYPE_SHIFT);
+        *word = (*word & ~(uint64_t(7) << TYPE_SHIFT)) | ((static_cast<uint64_t>(t) & 7) << TYPE_SHIFT);
         return 0;
     }
     double x = PyFloat_AsDouble(value);

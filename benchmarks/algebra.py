@@ -1,0 +1,71 @@
+"""Speed of the modelling algebra: prints seconds per million operations (no assertions).
+
+Run from a checkout after ./scripts/dev-build with PYTHONPATH=. or against an installed tarvo.
+Each measurement is one function returning (label, seconds, count); add a new one to
+MEASUREMENTS to extend the report.
+"""
+import sys
+import time
+
+import tarvo
+
+N = int(sys.argv[1]) if len(sys.argv) > 1 else 1_000_000
+
+
+def timed(fn):
+    start = time.perf_counter()
+    result = fn()
+    return time.perf_counter() - start, result
+
+
+def create_variables():
+    seconds, variables = timed(lambda: [tarvo.var() for _ in range(N)])
+    create_variables.variables = variables
+    return "var() creation", seconds, N
+
+
+def create_bounded_named_variables():
+    seconds, _ = timed(lambda: [tarvo.var(name="v", lb=-2.5, ub=3.5) for _ in range(N)])
+    return "var(name, lb, ub) creation (side tables)", seconds, N
+
+
+def sum_with_inplace_add():
+    variables = create_variables.variables
+
+    def build():
+        e = 0
+        for v in variables:
+            e += v
+        return e
+
+    seconds, e = timed(build)
+    assert len(e.extractLinear()[0]) == len(variables)
+    return "e += x over fresh variables", seconds, N
+
+
+def sum_of_linear_terms():
+    variables = create_variables.variables
+
+    def build():
+        e = 0
+        for i, v in enumerate(variables):
+            e += (i % 7 + 1) * v
+        return e
+
+    seconds, _ = timed(build)
+    return "e += c*x (term creation and insertion)", seconds, N
+
+
+MEASUREMENTS = [create_variables, create_bounded_named_variables, sum_with_inplace_add, sum_of_linear_terms]
+
+
+def main():
+    print("tarvo algebra benchmark, N = %d" % N)
+    for measure in MEASUREMENTS:
+        label, seconds, count = measure()
+        per_million = seconds * 1e6 / count if count else 0.0
+        print("%-45s %8.3f s   %8.3f s per million" % (label, seconds, per_million))
+
+
+if __name__ == "__main__":
+    main()
