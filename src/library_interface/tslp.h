@@ -1,5 +1,25 @@
-/* The nonlinear library's C interface as the module uses it. Every function returns 0 on
-   success and non-zero on failure. */
+/* The nonlinear library's C interface: a successive-linear-programming solver bound to a
+   problem of the optimisation library. It shares that problem's rows and columns and adds
+   nonlinear coefficients, user functions, SLP variable data, tolerance sets, row weights and
+   statuses, multistart jobs, callbacks and its own controls and attributes.
+
+   Every function returns 0 on success; on failure it returns non-zero and records a message
+   readable with TSLPgetlasterror (per problem, or with a null problem for failures that have
+   none). No C++ exception crosses this boundary.
+
+   Conventions:
+   - Indices are 0-based rows and columns of the bound optimisation problem.
+   - A nonlinear coefficient (row, column, factor, formula) adds factor * formula(x) * x[column]
+     to the row's value; column -1 (integer attribute TSLP_EQUALSCOLUMN) is the constant
+     "equals column": the coefficient then adds factor * formula(x). A null factor means 1.
+   - Formulas are token arrays: parallel arrays of types (int) and values (double), ended by a
+     TSLP_TOK_EOF token. "Parsed" formulas are in postfix (reverse Polish) order; unparsed ones
+     in infix order and may use brackets and delimiters.
+   - Text formulas (TSLPchgccoef, TSLPgetccoef) use the infix syntax: numbers, column names
+     (or C<index> for a column without a name), + - * / ^ (also **), brackets, and the function
+     names EXP LN (LOG) LOG10 ABS SQRT SIN COS TAN ARCSIN (ASIN) ARCCOS (ACOS) ARCTAN (ATAN)
+     MIN MAX PWL SIGN ERF ERFC and registered user-function names, arguments separated by
+     commas. PWL(x, x1, y1, x2, y2, ...) is piecewise linear in x through the points. */
 #ifndef TARVO_TSLP_H
 #define TARVO_TSLP_H
 
@@ -9,8 +29,227 @@
 extern "C" {
 #endif
 
+typedef struct tslp_problem_s* TSLPprob;
+/* The context the solver hands to a user function while calling it. */
+typedef struct tslp_funcobject_s* TSLPfuncobject;
+
+/* ---- token types */
+#define TSLP_TOK_EOF 0      /* end of formula */
+#define TSLP_TOK_CON 1      /* constant: the number */
+#define TSLP_TOK_COL 10     /* column: its index */
+#define TSLP_TOK_UFUN 11    /* user function: its registered index */
+#define TSLP_TOK_IFUN 12    /* internal function: its number (below) */
+#define TSLP_TOK_RB 21      /* right bracket (infix only) */
+#define TSLP_TOK_LB 22      /* left bracket; in postfix: start of a function's arguments */
+#define TSLP_TOK_OP 31      /* operator (below) */
+#define TSLP_TOK_DEL 32     /* argument delimiter (infix only) */
+/* operators */
+#define TSLP_OP_UMINUS 1
+#define TSLP_OP_POWER 2
+#define TSLP_OP_MULTIPLY 3
+#define TSLP_OP_DIVIDE 4
+#define TSLP_OP_PLUS 5
+#define TSLP_OP_MINUS 6
+/* internal functions */
+#define TSLP_FUN_LOG10 14
+#define TSLP_FUN_LN 15
+#define TSLP_FUN_EXP 16
+#define TSLP_FUN_ABS 17
+#define TSLP_FUN_SQRT 18
+#define TSLP_FUN_SIN 27
+#define TSLP_FUN_COS 28
+#define TSLP_FUN_TAN 29
+#define TSLP_FUN_ARCSIN 30
+#define TSLP_FUN_ARCCOS 31
+#define TSLP_FUN_ARCTAN 32
+#define TSLP_FUN_MIN 33
+#define TSLP_FUN_MAX 34
+#define TSLP_FUN_PWL 35
+#define TSLP_FUN_SIGN 46
+#define TSLP_FUN_ERF 49
+#define TSLP_FUN_ERFC 50
+/* tokens of a user-function description (TSLPadduserfuncs) */
+#define TSLP_TOK_STRING 5       /* value: index of a string from TSLPsetstring */
+#define TSLP_TOK_UFARGTYPE 86   /* 19: values only; 110611: the function also returns derivatives */
+#define TSLP_TOK_UFEXETYPE 87   /* 1: called directly */
+
+/* ---- statuses (integer attribute TSLP_NLPSTATUS) */
+enum {
+    TSLP_NLP_UNSTARTED = 0, TSLP_NLP_SOLUTION = 1, TSLP_NLP_LOCALLY_OPTIMAL = 1,
+    TSLP_NLP_GLOBALLY_OPTIMAL = 2, TSLP_NLP_LOCALLY_INFEASIBLE = 3, TSLP_NLP_INFEASIBLE = 4,
+    TSLP_NLP_UNBOUNDED = 5, TSLP_NLP_UNFINISHED = 6
+};
+/* bits of integer attribute TSLP_STATUS */
+#define TSLP_STATE_CONSTRUCTED 0x1
+#define TSLP_STATE_PRESOLVED (1 << 29)
+/* row status bit: the row carries a nonlinear objective moved into a row */
+#define TSLP_ROWSTATUS_TRANSFER 0x800
+
+/* ---- integer attributes */
+#define TSLP_ROWS 11999
+#define TSLP_COLS 12000
+#define TSLP_ITER 12001            /* SLP iterations of the last solve */
+#define TSLP_SIMPLEXITER 12002     /* LP iterations of the last solve */
+#define TSLP_STOPSTATUS 12003      /* stop reason (as the optimisation library's) */
+#define TSLP_COEFFICIENTS 12004    /* nonlinear coefficients */
+#define TSLP_VARIABLES 12005       /* columns with SLP variable data */
+#define TSLP_TOLSETS 12006
+#define TSLP_UFS 12007             /* user functions */
+#define TSLP_MSJOBS 12008          /* multistart jobs waiting */
+#define TSLP_MSWINNER 12009        /* index (1-based) of the winning job, 0 none */
+#define TSLP_PENALTYERRORS 12010   /* rows with a positive penalty error at the end */
+#define TSLP_MIPITER 12011         /* SLP iterations solved as MIPs */
+#define TSLP_EQUALSCOLUMN 12013    /* always -1: the constant column of coefficients */
+#define TSLP_NONLINEARROWS 12016   /* rows holding nonlinear coefficients */
+#define TSLP_NLPROWS 12026         /* rows the solver linearises (with quadratic rows) */
+#define TSLP_NLPSTATUS 12044
+#define TSLP_STATUS 12062          /* state bits */
+/* ---- double attributes */
+#define TSLP_OBJVAL 12179
+#define TSLP_ERRORCOSTS 12180      /* penalty cost of the errors at the end */
+#define TSLP_MAXVIOLATION 12181    /* largest row violation at the solution */
+#define TSLP_CURRENTPENALTY 12182  /* penalty factor at the end */
+#define TSLP_TIME 12183            /* seconds of the last solve */
+#define TSLP_KKTRESIDUAL 12184     /* KKT residual of the last validatekkt or solve */
+#define TSLP_VALIDATIONINDEX_A 12185  /* absolute validation index (TSLPvalidate) */
+#define TSLP_VALIDATIONINDEX_R 12186  /* relative validation index */
+/* ---- string attributes */
+#define TSLP_VERSION 12301
+/* ---- pointer attributes */
+#define TSLP_TRVOPROB 12601        /* the bound optimisation problem */
+#define TSLP_GLOBALFUNCOBJECT 12602 /* item of TSLPgetfuncobject: the nonlinear problem */
+
+/* ---- double controls */
+#define TSLP_FEASTOL 12101         /* absolute row violation accepted at a solution */
+#define TSLP_CTOL 12102            /* closure tolerance */
+#define TSLP_ATOL_A 12103          /* absolute delta tolerance */
+#define TSLP_ATOL_R 12104          /* relative delta tolerance */
+#define TSLP_MTOL_A 12105          /* absolute coefficient tolerance */
+#define TSLP_MTOL_R 12106          /* relative coefficient tolerance */
+#define TSLP_ITOL_A 12107          /* absolute impact tolerance */
+#define TSLP_ITOL_R 12108          /* relative impact tolerance */
+#define TSLP_STOL_A 12109          /* absolute slack tolerance */
+#define TSLP_STOL_R 12110          /* relative slack tolerance */
+#define TSLP_OPTIMALITYTOL 12111   /* relative objective change / KKT tolerance */
+#define TSLP_DEFAULTSTEPBOUND 12112 /* initial step bound; 0 automatic */
+#define TSLP_MINSTEPBOUND 12113
+#define TSLP_PENALTY 12114         /* initial penalty factor */
+#define TSLP_MAXPENALTY 12115
+#define TSLP_PENALTYINCREASE 12116 /* factor by which the penalty is raised */
+#define TSLP_DAMP 12117            /* default damping factor */
+#define TSLP_INFINITY 12118        /* objective magnitude reported as unbounded */
+#define TSLP_MAXTIME 12119         /* seconds; <= 0 no limit */
+#define TSLP_DELTA_X 12120         /* relative perturbation of numerical derivatives */
+#define TSLP_MSMAXBOUNDRANGE 12121 /* range of random initial values of unbounded columns */
+#define TSLP_MIPTOL 12122          /* integrality tolerance of the MIP steps */
+#define TSLP_OBJSENSE 12146        /* 1 minimise, -1 maximise */
+/* ---- integer controls */
+#define TSLP_ITERLIMIT 12401
+#define TSLP_LOG 12402             /* 0 quiet, 1 summary, 2 each iteration, 3 with LP logs */
+#define TSLP_POSTSOLVE 12403       /* 1: leave the presolved state after each solve */
+#define TSLP_CASCADE 12404         /* 1: recompute determined columns after each step */
+#define TSLP_CASCADENLIMIT 12405   /* Newton steps per determined column */
+#define TSLP_SAMECOUNT 12406       /* accepted steps with an unchanged integer part before
+                                      the integers are fixed */
+#define TSLP_PENALTYCOUNT 12407    /* iterations with errors before the penalty is raised */
+#define TSLP_DERIVATIVES 12408     /* 0 analytic, 1 numerical */
+#define TSLP_MULTISTART 12409      /* 0: multistart jobs are not run by TSLPnlpoptimize */
+#define TSLP_MSSEED 12410          /* seed of the random initial values */
+#define TSLP_MSMAXJOBS 12411       /* 0: no limit */
+#define TSLP_MSTHREADS 12412       /* reserved for parallel jobs: jobs run one after another */
+#define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
+#define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
+#define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
+
+/* ---- callback types */
+typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,
+                              int msgtype);
+/* slpstart, slpend, iterstart, iterend, cascadestart, cascadeend, construct, destroy,
+   slpnode, intsol: a non-zero return from iterstart or iterend stops the solve. */
+typedef int (*TSLPcbsimple)(TSLPprob prob, void* context);
+/* optnode, prenode: *feas set non-zero marks the node infeasible. */
+typedef int (*TSLPcbnode)(TSLPprob prob, void* context, int* feas);
+/* itervar, cascadevar, cascadevarfail: a column. */
+typedef int (*TSLPcbcol)(TSLPprob prob, void* context, int col);
+/* coefevalerror: the row and column of the coefficient whose evaluation failed. */
+typedef int (*TSLPcbcoefevalerror)(TSLPprob prob, void* context, int row, int col);
+/* drcol: a determined column's new value, which the callback may replace in *newvalue. */
+typedef int (*TSLPcbdrcol)(TSLPprob prob, void* context, int col, double value,
+                           double* newvalue, double lb, double ub);
+/* msjobstart, msjobend: *status (may be null) receives the callback's verdict; non-zero at
+   start skips the job, non-zero at end discards its result. */
+typedef int (*TSLPcbmsjob)(TSLPprob prob, void* context, void* jobobject,
+                           const char* description, int* status);
+typedef int (*TSLPcbmswinner)(TSLPprob prob, void* context, void* jobobject,
+                              const char* description);
+/* A user function. input: the argument values; delta: per argument, non-zero where a
+   partial derivative is wanted; results: slot 0 the value, slot i the derivative by argument
+   i (1-based). Returns the value (or 0 when it wrote results), or -1 with results untouched
+   on failure. Use TSLPgetfuncinfo and TSLPgetfuncobject on fobj. */
+typedef double (*TSLPuserfunc)(const double* input, const double* delta, double* results,
+                               TSLPfuncobject fobj);
+
+/* ---- environment */
 int TSLPinit(void);
 int TSLPfree(void);
+int TSLPgetversion(char* version);  /* 16 bytes */
+
+/* ---- problems */
+int TSLPcreateprob(TSLPprob* prob, TRVOprob* trvoprob);
+int TSLPdestroyprob(TSLPprob prob);
+/* Copies the nonlinear data (not the bound optimisation problem, copied by TRVOcopyprob). */
+int TSLPcopyprob(TSLPprob dest, TSLPprob src, const char* probname);
+int TSLPcopycontrols(TSLPprob dest, TSLPprob src);
+int TSLPcopycallbacks(TSLPprob dest, TSLPprob src);
+/* msg: 512 bytes. A null prob reads the last error of calls without a problem. */
+int TSLPgetlasterror(TSLPprob prob, int* code, char* msg);
+int TSLPinterrupt(TSLPprob prob, int reason);
+
+/* ---- controls and attributes */
+/* The catalogue: parallel arrays owned by the library; entry 0 is a placeholder, the list
+   ends at the first empty name. Names upper case. Flags as TSLPcontrolcode. */
+int TSLPgetcalist(const int** ids, const char* const** names, const int** flags);
+/* Knitro controls: this library has none (the list holds the placeholder and the end). */
+int TSLPgetKTRcalist(const int** ids, const char* const** names, const int** flags);
+/* Information bits of a name (any case): 0x1 integer, 0x2 double, 0x4 string, 0x10 control,
+   0x200 not defined. The optional id receives the identifier. */
+int TSLPcontrolcode(const char* name, int* info);
+int TSLPgetcontrolinfo(const char* name, int* id, int* info);
+int TSLPsetintcontrol(TSLPprob prob, int control, int value);
+int TSLPsetdblcontrol(TSLPprob prob, int control, double value);
+int TSLPsetstrcontrol(TSLPprob prob, int control, const char* value);
+int TSLPgetintcontrol(TSLPprob prob, int control, int* value);
+int TSLPgetdblcontrol(TSLPprob prob, int control, double* value);
+int TSLPgetstrcontrol(TSLPprob prob, int control, char* value);   /* 1024 bytes */
+int TSLPsetdefaultcontrol(TSLPprob prob, int control);
+int TSLPsetdefaults(TSLPprob prob);
+int TSLPgetintattrib(TSLPprob prob, int attrib, int* value);
+int TSLPgetdblattrib(TSLPprob prob, int attrib, double* value);
+int TSLPgetstrattrib(TSLPprob prob, int attrib, char* value);     /* 1024 bytes */
+int TSLPgetptrattrib(TSLPprob prob, int attrib, void** value);
+
+/* ---- callbacks (a null function removes the callback) */
+int TSLPsetcbmessage(TSLPprob prob, TSLPcbmessage f, void* context);
+int TSLPsetcbslpstart(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbslpend(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbiterstart(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbiterend(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbcascadestart(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbcascadeend(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbconstruct(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbdestroy(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbslpnode(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcbintsol(TSLPprob prob, TSLPcbsimple f, void* context);
+int TSLPsetcboptnode(TSLPprob prob, TSLPcbnode f, void* context);
+int TSLPsetcbprenode(TSLPprob prob, TSLPcbnode f, void* context);
+int TSLPsetcbitervar(TSLPprob prob, TSLPcbcol f, void* context);
+int TSLPsetcbcascadevar(TSLPprob prob, TSLPcbcol f, void* context);
+int TSLPsetcbcascadevarfail(TSLPprob prob, TSLPcbcol f, void* context);
+int TSLPsetcbcoefevalerror(TSLPprob prob, TSLPcbcoefevalerror f, void* context);
+int TSLPsetcbdrcol(TSLPprob prob, TSLPcbdrcol f, void* context);
+int TSLPsetcbmsjobstart(TSLPprob prob, TSLPcbmsjob f, void* context);
+int TSLPsetcbmsjobend(TSLPprob prob, TSLPcbmsjob f, void* context);
+int TSLPsetcbmswinner(TSLPprob prob, TSLPcbmswinner f, void* context);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,67 @@
+"""Checks of the nonlinear library's C interface, run by a C++ driver compiled against the
+engine sources (the library's symbols are not exported from the extension module)."""
+import glob
+import hashlib
+import os
+import shutil
+import subprocess
+import tempfile
+
+import pytest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+DRIVER_SOURCES = sorted(glob.glob(os.path.join(ROOT, "tests", "engine", "slp_*.cpp")))
+ENGINE_SOURCES = sorted(
+    glob.glob(os.path.join(ROOT, "src", "engine", "optimizer", "*.cpp"))
+    + glob.glob(os.path.join(ROOT, "src", "engine", "slp", "*.cpp"))
+)
+
+
+def _compiler():
+    for cxx in (os.environ.get("CXX"), "c++", "g++", "clang++"):
+        if cxx and shutil.which(cxx):
+            return cxx
+    return None
+
+
+@pytest.fixture(scope="session")
+def driver():
+    highsbox = pytest.importorskip("highsbox")
+    cxx = _compiler()
+    if cxx is None or not ENGINE_SOURCES or not DRIVER_SOURCES:
+        pytest.skip("no C++ compiler or engine sources in this checkout")
+    sources = DRIVER_SOURCES + ENGINE_SOURCES
+    digest = hashlib.sha1()
+    for path in sources + glob.glob(os.path.join(ROOT, "src", "**", "*.h"), recursive=True) + glob.glob(
+        os.path.join(ROOT, "tests", "engine", "*.h")
+    ):
+        with open(path, "rb") as f:
+            digest.update(path.encode() + f.read())
+    outdir = os.path.join(tempfile.gettempdir(), "tarvo-slp-driver")
+    os.makedirs(outdir, exist_ok=True)
+    exe = os.path.join(outdir, "slp_check_" + digest.hexdigest()[:16])
+    if not os.path.exists(exe):
+        inc = highsbox.highs_include_dir()
+        lib = highsbox.highs_lib_dir()
+        cmd = [cxx, "-std=c++17", "-O1", "-w", "-pthread", "-I", os.path.join(ROOT, "src"), "-I", os.path.join(ROOT, "tests"),
+               "-I", inc, "-I", os.path.dirname(inc), *sources, "-o", exe + ".tmp",
+               "-L", lib, "-lhighs", "-Wl,-rpath," + lib]
+        subprocess.run(cmd, check=True)
+        os.replace(exe + ".tmp", exe)
+    return exe
+
+
+def _cases():
+    names = []
+    for path in DRIVER_SOURCES:
+        with open(path) as f:
+            for line in f:
+                if line.startswith("CASE("):
+                    names.append(line[5:line.index(")")])
+    return names
+
+
+@pytest.mark.parametrize("case", _cases())
+def test_engine(driver, case):
+    res = subprocess.run([driver, case], capture_output=True, text=True, timeout=600)
+    assert res.returncode == 0, res.stdout + res.stderr
