@@ -590,8 +590,9 @@ PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
 
 // ---------------------------------------------------------------- slots
 
-PyObject* slot_add(PyObject* a, PyObject* b) { return nl_add(a, b); }
-PyObject* slot_subtract(PyObject* a, PyObject* b) { return nl_subtract(a, b); }
+// A failure of + or - that left no exception becomes the interface's general error.
+PyObject* slot_add(PyObject* a, PyObject* b) { return check_result(nl_add(a, b)); }
+PyObject* slot_subtract(PyObject* a, PyObject* b) { return check_result(nl_subtract(a, b)); }
 PyObject* slot_multiply(PyObject* a, PyObject* b) { return nl_multiply(a, b); }
 PyObject* slot_divide(PyObject* a, PyObject* b) { return nl_divide(a, b); }
 PyObject* slot_power(PyObject* a, PyObject* b, PyObject*) { return nl_power(a, b); }
