@@ -111,7 +111,6 @@ bool examine(PyObject* args, Collection& c) {
     if (n != 1) {
         c.count = n;
         c.items = PyRef::borrow(args);
-        if (n == 1) c.single = PyRef::borrow(PyTuple_GET_ITEM(args, 0));
         return true;
     }
     PyObject* x = PyTuple_GET_ITEM(args, 0);
@@ -280,7 +279,9 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
         return nullptr;
     }
     std::stable_sort(segs.begin(), segs.end(), [](const Segment& s, const Segment& t) { return s.a < t.a; });
-    size_t breaks = 0;
+    auto is_break = [&](size_t i) {  // a gap or a jump between segment i and the next
+        return segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06;
+    };
     for (size_t i = 0; i + 1 < segs.size(); ++i) {
         if (segs[i + 1].a < segs[i].b) {
             PyRef a1(PyFloat_FromDouble(segs[i].a)), b1(PyFloat_FromDouble(segs[i].b));
@@ -290,7 +291,6 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
                          b1.get(), a2.get(), b2.get());
             return nullptr;
         }
-        if (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06) ++breaks;
     }
     PyRef list(PyList_New(0));
     if (!list || PyList_Append(list.get(), variable) < 0) return nullptr;
@@ -301,10 +301,8 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
     for (size_t i = 0; i < segs.size(); ++i) {
         if (!push(segs[i].a, segs[i].fa)) return nullptr;
         bool last = i + 1 == segs.size();
-        bool brk = !last && (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06);
-        if ((last || brk) && !push(segs[i].b, segs[i].fb)) return nullptr;
+        if ((last || is_break(i)) && !push(segs[i].b, segs[i].fb)) return nullptr;
     }
-    (void)breaks;
     return nl_make(true, NL_PWL, list.get());
 }
 
