@@ -258,7 +258,8 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
         return acc.release();
     };
     if (dims.empty()) return element(0, 0, 0);
-    PyArray_Descr* od = PyArray_DescrFromType(NPY_OBJECT);
+    // An npexpr array, so that comparisons of the result build constraints elementwise.
+    PyArray_Descr* od = PyArray_DescrFromType(npexpr_typenum);
     if (!od) return nullptr;
     PyRef res(PyArray_NewFromDescr(&PyArray_Type, od, static_cast<int>(dims.size()), dims.data(), nullptr, nullptr, 0, nullptr));
     if (!res) {
