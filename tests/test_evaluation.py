@@ -55,6 +55,13 @@ def test_logic_uses_the_mip_tolerance(xy):
     assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 1 - 1e-6}) == 1.0
     assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 0.99}) == 0.0
     assert tarvo.evaluate(x & y, solution={x: 1, y: 1}) == 1.0
+    old = tarvo.controls.miptol
+    tarvo.controls.miptol = 0.01
+    try:
+        assert tarvo.evaluate(tarvo.And(x, y), solution={x: 0.005, y: 1}) == 0.0
+        assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 0.995}) == 1.0
+    finally:
+        tarvo.controls.miptol = old
 
 
 def test_piecewise_linear_values():

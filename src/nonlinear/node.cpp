@@ -100,6 +100,33 @@ PyObject* poly_accumulate(PyObject* target, PyObject* b, double c) {
     return PyFloat_FromDouble(number_value(t.get()) + c * number_value(b));
 }
 
+
+// True when tree is target or holds it somewhere below. An in-place operator that is about to
+// put tree inside target copies it first, so that a node never ends up inside itself.
+int references(PyObject* tree, PyObject* target) {
+    if (tree == target) return 1;
+    if (!is_nonlinear(tree)) return 0;
+    if (Py_EnterRecursiveCall(" while inspecting a nonlinear expression")) return -1;
+    PyObject* args = as_nl(tree)->args;
+    int found = 0;
+    if (is_seq_args(args)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(args) && !found; ++i)
+            found = references(PySequence_Fast_GET_ITEM(args, i), target);
+    } else if (args) {
+        found = references(args, target);
+    }
+    Py_LeaveRecursiveCall();
+    return found;
+}
+
+// b itself, or a copy of it when it refers to target (new reference; null on failure).
+PyObject* detached(PyObject* b, PyObject* target) {
+    int r = references(b, target);
+    if (r < 0) return nullptr;
+    if (r == 0) return new_ref(b);
+    return nl_scaled_copy(b, 1.0);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- constructors
@@ -301,8 +328,8 @@ PyObject* nl_accumulate(PyObject* target, PyObject* b, double c) {
 
     bool tsum = is_sum_node(tp), bsum = is_sum_node(b);
     PyRef bcopy;
-    if (b == tp) {  // a sum added to itself: work on a copy of the right operand
-        bcopy.reset(nl_scaled_copy(b, 1.0));
+    if (tsum) {  // the target grows in place: never put it inside itself
+        bcopy.reset(detached(b, tp));
         if (!bcopy) return nullptr;
         b = bcopy.get();
     }
@@ -449,6 +476,9 @@ PyObject* nl_inplace_multiply(PyObject* a, PyObject* b) {
     if (a == Py_None || number_is(a, 1.0)) return nl_scaled_copy(b, 1.0);
     if (!is_prod_node(a)) return nl_multiply(a, b);
     if (operand_kind(b) < 0) return nullptr;
+    PyRef bref(detached(b, a));
+    if (!bref) return nullptr;
+    b = bref.get();
     PyObject* list = mutable_args(a);
     if (!list) return nullptr;
     Py_ssize_t n = PyList_GET_SIZE(list);
@@ -509,6 +539,10 @@ PyObject* nl_inplace_divide(PyObject* a, PyObject* b) {
     if (operand_kind(b) < 0) return nullptr;
     if (is_node_op(a, NL_DIV) && PyTuple_Check(as_nl(a)->args) && PyTuple_GET_SIZE(as_nl(a)->args) == 2) {
         PyObject* d = PyTuple_GET_ITEM(as_nl(a)->args, 1);
+        PyRef bref(detached(b, a));
+        if (bref && is_prod_node(d)) bref.reset(detached(bref.get(), d));
+        if (!bref) return nullptr;
+        b = bref.get();
         if (is_prod_node(d)) {
             PyObject* dl = mutable_args(d);
             if (!dl) return nullptr;
@@ -533,6 +567,10 @@ PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
     if (number_is(b, 1.0)) return new_ref(a);
     if (is_node_op(a, NL_POW) && PyTuple_Check(as_nl(a)->args) && PyTuple_GET_SIZE(as_nl(a)->args) == 2) {
         PyObject* e = PyTuple_GET_ITEM(as_nl(a)->args, 1);
+        PyRef bref(detached(b, a));
+        if (bref && is_prod_node(e)) bref.reset(detached(bref.get(), e));
+        if (!bref) return nullptr;
+        b = bref.get();
         if (is_prod_node(e)) {
             PyObject* el = mutable_args(e);
             if (!el) return nullptr;
@@ -552,8 +590,9 @@ PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
 
 // ---------------------------------------------------------------- slots
 
-PyObject* slot_add(PyObject* a, PyObject* b) { return nl_add(a, b); }
-PyObject* slot_subtract(PyObject* a, PyObject* b) { return nl_subtract(a, b); }
+// A failure of + or - that left no exception becomes the interface's general error.
+PyObject* slot_add(PyObject* a, PyObject* b) { return check_result(nl_add(a, b)); }
+PyObject* slot_subtract(PyObject* a, PyObject* b) { return check_result(nl_subtract(a, b)); }
 PyObject* slot_multiply(PyObject* a, PyObject* b) { return nl_multiply(a, b); }
 PyObject* slot_divide(PyObject* a, PyObject* b) { return nl_divide(a, b); }
 PyObject* slot_power(PyObject* a, PyObject* b, PyObject*) { return nl_power(a, b); }
