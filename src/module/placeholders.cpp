@@ -31,11 +31,9 @@ TARVO_WEAK PyTypeObject BranchObjType = PlainType<7>::make("tarvo.branchobj");
 TARVO_WEAK PyTypeObject PoolCutType = PlainType<8>::make("tarvo.poolcut");
 TARVO_WEAK PyTypeObject TrvoObjectType = PlainType<9>::make("tarvo.trvoobject");
 TARVO_WEAK PyTypeObject GenericType = PlainType<10>::make("tarvo.generic");
-TARVO_WEAK PyTypeObject NonlinearType = PlainType<13>::make("tarvo.nonlinear");
 
 TARVO_WEAK PyMethodDef environment_functions[] = {{nullptr, nullptr, 0, nullptr}};
 TARVO_WEAK PyMethodDef controls_functions[] = {{nullptr, nullptr, 0, nullptr}};
-TARVO_WEAK PyMethodDef nonlinear_functions[] = {{nullptr, nullptr, 0, nullptr}};
 
 TARVO_WEAK PyObject* controls_new_module_level(PyObject* dict) { Py_INCREF(dict); return dict; }
 TARVO_WEAK int catalogue_build(bool) {
@@ -43,30 +41,6 @@ TARVO_WEAK int catalogue_build(bool) {
     if (TRVOinit(nullptr) == 0) TRVOfree();
     return 0;
 }
-TARVO_WEAK int numpy_dtypes_create() { return 0; }
-TARVO_WEAK int numpy_dtypes_register(PyObject*) { return 0; }
 TARVO_WEAK int env_release_at_teardown() { return 0; }
-
-// Nonlinear hand-over: refused while the nonlinear trees are not built in.
-namespace {
-PyObject* refuse_nonlinear() {
-    PyErr_SetString(ModelError, "Nonlinear expressions are not supported by this build");
-    return nullptr;
-}
-}  // namespace
-TARVO_WEAK PyObject* nl_make(bool, int, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_unary(int, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_binary(int, PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_add(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_subtract(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_multiply(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_divide(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_power(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_accumulate(PyObject* target, PyObject*, double) { Py_XDECREF(target); return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_scaled_copy(PyObject*, double) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_negate(PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_abs(PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_and(PyObject*, PyObject*) { return refuse_nonlinear(); }
-TARVO_WEAK PyObject* nl_or(PyObject*, PyObject*) { return refuse_nonlinear(); }
 
 }  // namespace tarvo

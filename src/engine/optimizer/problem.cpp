@@ -2,6 +2,7 @@
 // per-problem message callbacks.
 #include "engine/optimizer/problem.h"
 #include "engine/optimizer/environment.h"
+#include "engine/optimizer/highs_instances.h"
 
 #include <algorithm>
 #include <cstring>

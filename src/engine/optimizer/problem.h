@@ -164,7 +164,4 @@ void delete_rows(TRVOprob p, const std::vector<char>& drop);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
 void set_coef(TRVOprob p, int i, int j, double v);
 
-// HiGHS instances: destroyed only when no solve is running anywhere.
-void highs_release(void* highs);
-
 }  // namespace trvo

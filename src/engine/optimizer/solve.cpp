@@ -1,34 +1,405 @@
-// Optimisation on HiGHS.
-#include "engine/optimizer/problem.h"
+// LP, MIP and convex QP optimisation on HiGHS: controls become HiGHS options, HiGHS's log goes
+// through the problem's message callbacks, the stop flag is polled from HiGHS's interrupt
+// callbacks, and the results are mapped back to the user's rows and columns.
+#include "engine/optimizer/formulate.h"
+#include "engine/optimizer/highs_instances.h"
 
-#include "interfaces/highs_c_api.h"
+#include <chrono>
+#include <cmath>
+#include <cstring>
 
 namespace trvo {
+namespace {
 
-void highs_release(void* highs) {
-    if (highs) Highs_destroy(highs);
+struct SolveContext {
+    TRVOprob prob;
+    std::string pending;  // log text not yet ended by a newline
+    int64_t improving = 0;  // improving MIP solutions found
+};
+
+void flush_line(SolveContext& ctx, int type) {
+    if (ctx.pending.empty()) return;
+    emit_message(ctx.prob, ctx.pending.c_str(), type);
+    ctx.pending.clear();
 }
 
+void highs_callback(int type, const char* message, const HighsCallbackDataOut* out,
+                    HighsCallbackDataIn* in, void* user) {
+    auto* ctx = static_cast<SolveContext*>(user);
+    if (type == kHighsCallbackLogging) {
+        if (!message) return;
+        // HiGHS log types: 1 info, 2 detailed, 3 verbose, 4 warning, 5 error.
+        int lt = out ? out->log_type : 1;
+        int msgtype = lt == 4 ? 3 : lt == 5 ? 4 : 1;
+        for (const char* c = message; *c; ++c) {
+            if (*c == '\n') flush_line(*ctx, msgtype);
+            else ctx->pending.push_back(*c);
+        }
+        return;
+    }
+    if (type == kHighsCallbackMipImprovingSolution) {
+        ++ctx->improving;
+        return;
+    }
+    if ((type == kHighsCallbackSimplexInterrupt || type == kHighsCallbackIpmInterrupt ||
+         type == kHighsCallbackMipInterrupt) && in) {
+        if (ctx->prob->stop_request.load() != 0) in->user_interrupt = 1;
+    }
+}
+
+void check(HighsInt status, const char* what) {
+    if (status == kHighsStatusError) fail("HiGHS failed to %s", what);
+}
+
+void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads) {
+    bool log = ctl_int(p, TRVO_OUTPUTLOG) != 0;
+    check(Highs_setBoolOptionValue(h, "output_flag", log), "set its options");
+    check(Highs_setBoolOptionValue(h, "log_to_console", 0), "set its options");
+    Highs_setIntOptionValue(h, "threads", threads);
+    Highs_setStringOptionValue(h, "presolve", ctl_int(p, TRVO_PRESOLVE) ? "choose" : "off");
+    double maxtime = ctl_dbl(p, TRVO_MAXTIME);
+    Highs_setDoubleOptionValue(h, "time_limit", maxtime > 0 ? maxtime : INFINITY);
+    Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", ctl_dbl(p, TRVO_FEASTOL));
+    Highs_setDoubleOptionValue(h, "dual_feasibility_tolerance", ctl_dbl(p, TRVO_OPTIMALITYTOL));
+    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", ctl_dbl(p, TRVO_MIPTOL));
+    Highs_setDoubleOptionValue(h, "mip_rel_gap", ctl_dbl(p, TRVO_MIPRELSTOP));
+    Highs_setDoubleOptionValue(h, "mip_abs_gap", ctl_dbl(p, TRVO_MIPABSSTOP));
+    Highs_setIntOptionValue(h, "mip_max_nodes", static_cast<HighsInt>(ctl_int(p, TRVO_MAXNODE)));
+    int64_t maxsol = ctl_int(p, TRVO_MAXMIPSOL);
+    Highs_setIntOptionValue(h, "mip_max_improving_sols",
+                            maxsol > 0 ? static_cast<HighsInt>(maxsol) : 2147483647);
+    Highs_setIntOptionValue(h, "simplex_iteration_limit",
+                            static_cast<HighsInt>(ctl_int(p, TRVO_LPITERLIMIT)));
+    Highs_setIntOptionValue(h, "ipm_iteration_limit",
+                            static_cast<HighsInt>(ctl_int(p, TRVO_BARITERLIMIT)));
+    Highs_setIntOptionValue(h, "random_seed", static_cast<HighsInt>(ctl_int(p, TRVO_RANDOMSEED)));
+    Highs_setIntOptionValue(h, "simplex_scale_strategy", ctl_int(p, TRVO_SCALING) ? 1 : 0);
+    Highs_setStringOptionValue(h, "run_crossover", ctl_int(p, TRVO_CROSSOVER) ? "on" : "off");
+    double cutoff = ctl_dbl(p, TRVO_MIPABSCUTOFF);
+    bool has_cutoff = mip && std::fabs(cutoff) < 1e39;
+    // The model is always a minimisation: a maximisation cutoff is negated with it.
+    Highs_setDoubleOptionValue(h, "objective_bound",
+                               has_cutoff ? (p->objsense > 0 ? cutoff : -cutoff) : INFINITY);
+    // Algorithm: DEFAULTALG, overridden by the flags (d dual, p primal, b barrier, n network).
+    int alg = static_cast<int>(ctl_int(p, TRVO_DEFAULTALG));
+    for (const char* f = flags ? flags : ""; *f; ++f) {
+        if (*f == 'd' || *f == 'n') alg = 2;
+        else if (*f == 'p') alg = 3;
+        else if (*f == 'b') alg = 4;
+    }
+    switch (alg) {
+        case 2:
+            Highs_setStringOptionValue(h, "solver", "simplex");
+            Highs_setIntOptionValue(h, "simplex_strategy", 1);
+            break;
+        case 3:
+            Highs_setStringOptionValue(h, "solver", "simplex");
+            Highs_setIntOptionValue(h, "simplex_strategy", 4);
+            break;
+        case 4:
+            Highs_setStringOptionValue(h, "solver", "ipm");
+            break;
+        default:
+            Highs_setStringOptionValue(h, "solver", "choose");
+            Highs_setIntOptionValue(h, "simplex_strategy", 1);
+            break;
+    }
+}
+
+void pass_model(void* h, const HighsModel& m) {
+    check(Highs_passModel(h, m.ncol, m.nrow, static_cast<HighsInt>(m.a_index.size()),
+                          static_cast<HighsInt>(m.q_index.size()), kHighsMatrixFormatRowwise,
+                          kHighsHessianFormatTriangular, kHighsObjSenseMinimize, m.offset,
+                          m.cost.data(), m.col_lower.data(), m.col_upper.data(),
+                          m.row_lower.data(), m.row_upper.data(),
+                          m.nrow ? m.a_start.data() : nullptr,
+                          m.a_index.empty() ? nullptr : m.a_index.data(),
+                          m.a_value.empty() ? nullptr : m.a_value.data(),
+                          m.q_index.empty() ? nullptr : m.q_start.data(),
+                          m.q_index.empty() ? nullptr : m.q_index.data(),
+                          m.q_index.empty() ? nullptr : m.q_value.data(),
+                          m.integrality.empty() ? nullptr : m.integrality.data()),
+          "accept the model");
+}
+
+// Row activities a'x (+ x'Qx) of the user's rows and the slacks rhs - activity.
+void slacks(TRVOprob p, const std::vector<double>& x, std::vector<double>& slack) {
+    const int m = p->nrows();
+    slack.assign(static_cast<size_t>(m), 0.0);
+    for (int i = 0; i < m; ++i) {
+        double act = 0;
+        for (const auto& e : p->matrix[static_cast<size_t>(i)]) act += e.second * x[static_cast<size_t>(e.first)];
+        auto q = p->qrows.find(i);
+        if (q != p->qrows.end())
+            for (const auto& kv : q->second) {
+                double f = kv.first.first == kv.first.second ? 1.0 : 2.0;
+                act += f * kv.second * x[static_cast<size_t>(kv.first.first)] *
+                       x[static_cast<size_t>(kv.first.second)];
+            }
+        slack[static_cast<size_t>(i)] = p->rhs[static_cast<size_t>(i)] - act;
+    }
+}
+
+double objective_value(TRVOprob p, const std::vector<double>& x) {
+    double v = p->objconst;
+    for (int j = 0; j < p->ncols(); ++j) v += p->obj[static_cast<size_t>(j)] * x[static_cast<size_t>(j)];
+    for (const auto& kv : p->qobj) {
+        double f = kv.first.first == kv.first.second ? 0.5 : 1.0;
+        v += f * kv.second * x[static_cast<size_t>(kv.first.first)] *
+             x[static_cast<size_t>(kv.first.second)];
+    }
+    return v;
+}
+
+int stop_reason(TRVOprob p, HighsInt model_status, bool mip, void* h) {
+    switch (model_status) {
+        case kHighsModelStatusTimeLimit: return TRVO_STOP_TIMELIMIT;
+        case kHighsModelStatusIterationLimit: return TRVO_STOP_ITERLIMIT;
+        case kHighsModelStatusInterrupt: {
+            int r = p->stop_request.load();
+            return r ? r : TRVO_STOP_USER;
+        }
+        case kHighsModelStatusSolutionLimit: {
+            int64_t nodes = 0;
+            Highs_getInt64InfoValue(h, "mip_node_count", &nodes);
+            return mip && nodes >= ctl_int(p, TRVO_MAXNODE) ? TRVO_STOP_NODELIMIT
+                                                           : TRVO_STOP_SOLLIMIT;
+        }
+    }
+    return TRVO_STOP_NONE;
+}
+
+// Runs HiGHS on the model; resolves "unbounded or infeasible" with a second run without
+// presolve. Returns the model status.
+HighsInt run(void* h) {
+    check(Highs_zeroAllClocks(h), "reset its clocks");
+    HighsInt st = Highs_run(h);
+    if (st == kHighsStatusError) {
+        HighsInt ms = Highs_getModelStatus(h);
+        if (ms == kHighsModelStatusNotset || ms == kHighsModelStatusLoadError ||
+            ms == kHighsModelStatusModelError)
+            fail("HiGHS could not solve the model");
+        return ms;
+    }
+    HighsInt ms = Highs_getModelStatus(h);
+    if (ms == kHighsModelStatusUnboundedOrInfeasible) {
+        char presolve[16] = {0};
+        Highs_getStringOptionValue(h, "presolve", presolve);
+        if (std::strcmp(presolve, "off") != 0) {
+            Highs_setStringOptionValue(h, "presolve", "off");
+            Highs_zeroAllClocks(h);
+            Highs_run(h);
+            Highs_setStringOptionValue(h, "presolve", presolve);
+            ms = Highs_getModelStatus(h);
+        }
+    }
+    return ms;
+}
+
+void record_nonconvex(TRVOprob p, bool mip, const std::string& why) {
+    auto& r = p->results;
+    r.lpstatus = TRVO_LP_NONCONVEX;
+    if (mip) r.mipstatus = TRVO_LP_NONCONVEX;
+    r.solvestatus = TRVO_SOLVESTATUS_FAILED;
+    r.have_lp = r.have_mip = r.have_duals = false;
+    emit_message(p, (why + ": the problem is nonconvex and cannot be solved by the LP/MIP "
+                             "optimiser").c_str(), 4);
+    fail("%s: the problem is nonconvex and cannot be solved by the LP/MIP optimiser",
+         why.c_str());
+}
+
+struct SolveScope {
+    explicit SolveScope(int threads) : used(highs_solve_begin(threads)) {}
+    ~SolveScope() { highs_solve_end(); }
+    int used;
+};
+
+void optimize(TRVOprob p, const char* flags, bool mip) {
+    auto t0 = std::chrono::steady_clock::now();
+    p->stop_request.store(0);
+    results_resize(p);
+    Results& r = p->results;
+    r.stopstatus = TRVO_STOP_NONE;
+    r.simplexiter = r.bariter = r.nodes = r.mipsols = 0;
+    // A MIP solve of a problem without entities is an LP solve reported as both.
+    const bool mip_call = mip;
+    if (mip) mip = has_entities(p);
+    std::string why = nonconvexity(p, mip);
+    if (!why.empty()) record_nonconvex(p, mip, why);
+
+    HighsModel model;
+    formulate(p, mip, model);
+
+    SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)));
+    if (!p->highs) {
+        p->highs = highs_new_quiet();
+        if (!p->highs) fail("Could not create a HiGHS instance");
+    }
+    void* h = p->highs;
+    // Keep the last basis for a warm start when the model keeps its shape.
+    std::vector<HighsInt> cbasis, rbasis;
+    bool keep = !model.discrete && ctl_int(p, TRVO_KEEPBASIS) != 0 &&
+                p->highs_cols == model.ncol && p->highs_rows == model.nrow &&
+                Highs_getNumCol(h) == model.ncol && Highs_getNumRow(h) == model.nrow;
+    if (keep) {
+        HighsInt valid = 0;
+        Highs_getIntInfoValue(h, "basis_validity", &valid);
+        keep = valid == kHighsBasisValidityValid;
+        if (keep) {
+            cbasis.resize(static_cast<size_t>(model.ncol));
+            rbasis.resize(static_cast<size_t>(model.nrow));
+            keep = Highs_getBasis(h, cbasis.data(), rbasis.data()) != kHighsStatusError;
+        }
+    }
+    SolveContext ctx{p, {}};
+    set_options(p, h, flags, mip, scope.used);
+    check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
+    Highs_startCallback(h, kHighsCallbackLogging);
+    Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
+    Highs_startCallback(h, kHighsCallbackIpmInterrupt);
+    Highs_startCallback(h, kHighsCallbackMipInterrupt);
+    if (mip) Highs_startCallback(h, kHighsCallbackMipImprovingSolution);
+    struct CallbackOff {
+        void* h;
+        ~CallbackOff() {
+            Highs_stopCallback(h, kHighsCallbackLogging);
+            Highs_stopCallback(h, kHighsCallbackSimplexInterrupt);
+            Highs_stopCallback(h, kHighsCallbackIpmInterrupt);
+            Highs_stopCallback(h, kHighsCallbackMipInterrupt);
+            Highs_stopCallback(h, kHighsCallbackMipImprovingSolution);
+            Highs_setCallback(h, nullptr, nullptr);
+        }
+    } off{h};
+    pass_model(h, model);
+    p->highs_cols = model.ncol;
+    p->highs_rows = model.nrow;
+    if (keep) Highs_setBasis(h, cbasis.data(), rbasis.data());
+
+    HighsInt ms = run(h);
+    flush_line(ctx, 1);
+
+    HighsInt it = 0;
+    Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
+    r.simplexiter = it > 0 ? it : 0;
+    it = 0;
+    Highs_getIntInfoValue(h, "ipm_iteration_count", &it);
+    r.bariter = it > 0 ? it : 0;
+    r.stopstatus = stop_reason(p, ms, mip, h);
+    if (ms == kHighsModelStatusSolveError || ms == kHighsModelStatusPresolveError ||
+        ms == kHighsModelStatusPostsolveError || ms == kHighsModelStatusUnknown) {
+        r.solvestatus = TRVO_SOLVESTATUS_FAILED;
+    } else {
+        r.solvestatus = r.stopstatus ? TRVO_SOLVESTATUS_STOPPED : TRVO_SOLVESTATUS_COMPLETED;
+    }
+
+    const size_t n = static_cast<size_t>(p->ncols());
+    const size_t m = static_cast<size_t>(p->nrows());
+    std::vector<double> cv(static_cast<size_t>(model.ncol)), cd(static_cast<size_t>(model.ncol));
+    std::vector<double> rv(static_cast<size_t>(model.nrow)), rd(static_cast<size_t>(model.nrow));
+    HighsInt primal = 0, dual = 0;
+    Highs_getIntInfoValue(h, "primal_solution_status", &primal);
+    Highs_getIntInfoValue(h, "dual_solution_status", &dual);
+    bool have_x = primal != kHighsSolutionStatusNone;
+    if (have_x || dual != kHighsSolutionStatusNone)
+        Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+
+    if (!mip) {
+        switch (ms) {
+            case kHighsModelStatusOptimal: case kHighsModelStatusModelEmpty:
+                r.lpstatus = TRVO_LP_OPTIMAL; break;
+            case kHighsModelStatusInfeasible: r.lpstatus = TRVO_LP_INFEAS; break;
+            case kHighsModelStatusUnbounded: case kHighsModelStatusUnboundedOrInfeasible:
+                r.lpstatus = TRVO_LP_UNBOUNDED; break;
+            case kHighsModelStatusObjectiveBound: case kHighsModelStatusObjectiveTarget:
+                r.lpstatus = TRVO_LP_CUTOFF; break;
+            case kHighsModelStatusTimeLimit: case kHighsModelStatusIterationLimit:
+            case kHighsModelStatusInterrupt: case kHighsModelStatusSolutionLimit:
+                r.lpstatus = TRVO_LP_UNFINISHED; break;
+            default: r.lpstatus = TRVO_LP_UNSOLVED; break;
+        }
+        r.have_lp = have_x;
+        r.have_duals = have_x && dual != kHighsSolutionStatusNone;
+        if (have_x) {
+            r.x.assign(cv.begin(), cv.begin() + static_cast<long>(n));
+            slacks(p, r.x, r.slack);
+            r.lpobjval = objective_value(p, r.x);
+            r.objval = r.lpobjval;
+        }
+        if (r.have_duals) {
+            for (size_t j = 0; j < n; ++j) r.dj[j] = model.sign * cd[j];
+            for (size_t i = 0; i < m; ++i) r.dual[i] = model.sign * rd[i];
+        }
+        if (r.lpstatus == TRVO_LP_OPTIMAL) r.bestbound = r.lpobjval;
+        if (mip_call) {
+            switch (r.lpstatus) {
+                case TRVO_LP_OPTIMAL: r.mipstatus = TRVO_MIP_OPTIMAL; break;
+                case TRVO_LP_INFEAS: case TRVO_LP_CUTOFF: r.mipstatus = TRVO_MIP_INFEAS; break;
+                case TRVO_LP_UNBOUNDED: r.mipstatus = TRVO_MIP_UNBOUNDED; break;
+                default: r.mipstatus = have_x ? TRVO_MIP_SOLUTION : TRVO_MIP_NO_SOL_FOUND; break;
+            }
+            r.have_mip = have_x && (r.mipstatus == TRVO_MIP_OPTIMAL || r.mipstatus == TRVO_MIP_SOLUTION);
+            if (r.have_mip) {
+                r.mipx = r.x;
+                r.mipslack = r.slack;
+                r.mipobjval = r.mipbestobjval = r.lpobjval;
+                r.mipsols = 1;
+            }
+        }
+    } else {
+        int64_t nodes = 0;
+        Highs_getInt64InfoValue(h, "mip_node_count", &nodes);
+        r.nodes = nodes > 0 ? nodes : 0;
+        double bound = 0;
+        Highs_getDoubleInfoValue(h, "mip_dual_bound", &bound);
+        r.bestbound = model.sign * bound;
+        bool feasible = have_x && primal == kHighsSolutionStatusFeasible;
+        switch (ms) {
+            case kHighsModelStatusOptimal: case kHighsModelStatusModelEmpty:
+                r.mipstatus = feasible ? TRVO_MIP_OPTIMAL : TRVO_MIP_INFEAS; break;
+            case kHighsModelStatusInfeasible: case kHighsModelStatusObjectiveBound:
+                r.mipstatus = TRVO_MIP_INFEAS; break;
+            case kHighsModelStatusUnbounded: case kHighsModelStatusUnboundedOrInfeasible:
+                r.mipstatus = TRVO_MIP_UNBOUNDED; break;
+            default:
+                r.mipstatus = feasible ? TRVO_MIP_SOLUTION : TRVO_MIP_NO_SOL_FOUND; break;
+        }
+        r.have_mip = feasible;
+        if (feasible) {
+            r.mipsols = std::max<int64_t>(ctx.improving, 1);
+            r.mipx.assign(cv.begin(), cv.begin() + static_cast<long>(n));
+            // Integer columns are reported at their integer values.
+            for (size_t j = 0; j < n; ++j) {
+                char t = p->coltype[j];
+                if (t == 'I' || t == 'B' || t == 'R') {
+                    double rv2 = std::round(r.mipx[j]);
+                    if (std::fabs(rv2 - r.mipx[j]) <= ctl_dbl(p, TRVO_MIPTOL)) r.mipx[j] = rv2;
+                }
+            }
+            slacks(p, r.mipx, r.mipslack);
+            r.mipobjval = objective_value(p, r.mipx);
+            r.mipbestobjval = r.mipobjval;
+            r.objval = r.mipobjval;
+        }
+        if (r.mipstatus == TRVO_MIP_OPTIMAL) r.bestbound = r.mipobjval;
+        r.lpstatus = r.mipstatus == TRVO_MIP_INFEAS ? TRVO_LP_INFEAS : TRVO_LP_OPTIMAL;
+    }
+    r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    p->stop_request.store(0);
+}
+
+}  // namespace
 }  // namespace trvo
 
 using namespace trvo;
 
 extern "C" {
 
-int TRVOlpoptimize(TRVOprob prob, const char*) {
-    return guard(prob, [&] { fail("The LP optimiser is not available yet"); });
+int TRVOlpoptimize(TRVOprob prob, const char* flags) {
+    return guard(prob, [&] { optimize(prob, flags, false); });
 }
 
-int TRVOmipoptimize(TRVOprob prob, const char*) {
-    return guard(prob, [&] { fail("The MIP optimiser is not available yet"); });
-}
-
-int TRVOreadprob(TRVOprob prob, const char*, const char*) {
-    return guard(prob, [&] { fail("Reading problem files is not available yet"); });
-}
-
-int TRVOwriteprob(TRVOprob prob, const char*, const char*) {
-    return guard(prob, [&] { fail("Writing problem files is not available yet"); });
+int TRVOmipoptimize(TRVOprob prob, const char* flags) {
+    return guard(prob, [&] { optimize(prob, flags, true); });
 }
 
 }  // extern "C"

@@ -1,0 +1,19 @@
+// HiGHS instances shared by the optimisation and nonlinear engines. HiGHS 1.15 keeps one
+// process-wide thread scheduler: destroying an instance resets it and breaks any other solve
+// in progress, and every instance must run with the same thread count. All engine code that
+// runs HiGHS goes through these functions.
+#pragma once
+
+namespace trvo {
+
+// Marks a solve as running and returns the thread count to give HiGHS's "threads" option
+// (the requested count when the scheduler can still change, otherwise the current one).
+int highs_solve_begin(int requested_threads);
+// Marks the solve as finished; destroys instances whose release was deferred.
+void highs_solve_end();
+// Destroys an instance now, or when no solve is running any more.
+void highs_release(void* highs);
+// Creates an instance whose log goes nowhere until a callback is installed.
+void* highs_new_quiet();
+
+}  // namespace trvo

@@ -1,0 +1,304 @@
+// The global library environment: lazy, counted starts; release; version, banner, last error,
+// checked mode and arch consistency; routing of library messages to sys.stdout; the user's
+// global message handlers.
+#include "module/common.h"
+#include "module/hooks.h"
+#include "problem/problem.h"
+
+#include <cstring>
+
+namespace tarvo {
+
+namespace {
+
+int env_count_add(int delta) {
+    std::lock_guard<std::mutex> g(state.locks->environment);
+    state.env_use_count += delta;
+    return state.env_use_count;
+}
+
+int nonlinear_flag() {
+    std::lock_guard<std::mutex> g(state.locks->environment);
+    return state.nonlinear_available;
+}
+
+void set_nonlinear_flag(int v) {
+    std::lock_guard<std::mutex> g(state.locks->environment);
+    state.nonlinear_available = v;
+}
+
+bool output_on() {
+    std::lock_guard<std::mutex> g(state.locks->output);
+    return state.output_enabled != 0;
+}
+
+// The library's global handler: everything but problem messages (those come through the
+// problem's own printer) goes to sys.stdout while output is enabled.
+int global_message_printer(void* object, void*, void*, const char* msg, int, int) {
+    const char* tname = nullptr;
+    if (object && TRVOgetobjecttypename(object, &tname) == 0 && tname && std::strcmp(tname, "TRVOprob") == 0)
+        return 0;
+    write_library_message(msg);
+    return 0;
+}
+
+// The library-side function registered for every user handler; the entry [handler, data]
+// is the registration's context.
+int msghandler_trampoline(void* object, void* context, void* thread, const char* msg, int type, int number) {
+    PyGILState_STATE gil = PyGILState_Ensure();
+    int rc = 0;
+    if (!PyErr_Occurred()) {
+        PyObject* entry = static_cast<PyObject*>(context);
+        PyObject* handler = entry && PyList_Check(entry) && PyList_GET_SIZE(entry) == 2 ? PyList_GET_ITEM(entry, 0) : nullptr;
+        PyObject* data = handler ? PyList_GET_ITEM(entry, 1) : nullptr;
+        if (!handler || !data) {
+            PyErr_SetString(InterfaceError, "Incorrect general environment message handler detected");
+            rc = -1;
+        } else {
+            PyRef hold_entry = PyRef::borrow(entry), hold_handler = PyRef::borrow(handler), hold_data = PyRef::borrow(data);
+            PyRef obj(trvoobject_wrap(object));
+            PyRef thr(generic_wrap(thread));
+            if (obj && thr) {
+                PyRef args(Py_BuildValue("(OOOsii)", obj.get(), data, thr.get(), msg ? msg : "", type, number));
+                if (args) PyRef(PyObject_Call(handler, args.get(), nullptr));
+            }
+        }
+    }
+    PyGILState_Release(gil);
+    return rc;
+}
+
+PyObject* env_init(PyObject*, PyObject*) {
+    if (env_start(true) < 0) return nullptr;
+    Py_RETURN_NONE;
+}
+
+// Releases both libraries (after the count was already decremented by the caller).
+int release_libraries() {
+    if (nonlinear_flag() != 0 && TSLPfree() != 0) return -1;
+    TRVO_ge_removecbmsghandler(global_message_printer, nullptr);
+    if (TRVOfree() != 0) return -1;
+    return 0;
+}
+
+PyObject* env_free(PyObject*, PyObject*) {
+    env_count_add(-1);
+    if (release_libraries() != 0) return report_error(nullptr, nullptr);
+    Py_RETURN_NONE;
+}
+
+PyObject* env_getversion(PyObject*, PyObject*) {
+    if (env_start(false) < 0) return nullptr;
+    char buf[256] = {0};
+    if (TRVOgetversion(buf) != 0) return report_error(nullptr, nullptr);
+    return PyUnicode_FromString(buf);
+}
+
+PyObject* env_getbanner(PyObject*, PyObject*, PyObject*) {
+    if (env_start(false) < 0) return nullptr;
+    char buf[2048] = {0};
+    if (TRVOgetbanner(buf) != 0) return report_error(nullptr, nullptr);
+    return PyUnicode_FromString(buf);
+}
+
+PyObject* env_getlasterror(PyObject*, PyObject*) {
+    if (env_start(false) < 0) return nullptr;
+    char buf[1024];
+    buf[0] = '\0';
+    int code = 0;
+    TRVO_ge_getlasterror(&code, buf, sizeof buf, nullptr);
+    buf[sizeof buf - 1] = '\0';
+    return Py_BuildValue("(is)", code, buf);
+}
+
+PyObject* env_setcheckedmode(PyObject*, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"checked_mode", nullptr};
+    PyObject* mode = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "O", const_cast<char**>(kwlist), &mode)) return nullptr;
+    if (env_start(false) < 0) return nullptr;
+    if (TRVOsetcheckedmode(mode == Py_True ? 1 : 0) != 0) return report_error(nullptr, nullptr);
+    Py_RETURN_NONE;
+}
+
+PyObject* env_getcheckedmode(PyObject*, PyObject*) {
+    if (env_start(false) < 0) return nullptr;
+    int mode = 0;
+    if (TRVOgetcheckedmode(&mode) != 0) return report_error(nullptr, nullptr);
+    return PyBool_FromLong(mode != 0);
+}
+
+PyObject* env_setarchconsistency(PyObject*, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"ifArchConsistent", nullptr};
+    PyObject* flag = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "O", const_cast<char**>(kwlist), &flag)) return nullptr;
+    if (TRVO_ge_setarchconsistency(flag == Py_None || flag == Py_False ? 0 : 1) != 0)
+        return report_error(nullptr, nullptr);
+    Py_RETURN_NONE;
+}
+
+PyObject* env_setOutputEnabled(PyObject*, PyObject* flag) {
+    if (!is_integer_value(flag)) {
+        PyErr_SetString(ModelError, "Incorrect argument in setOutputEnabled: should be True or False");
+        return nullptr;
+    }
+    int on = PyObject_IsTrue(flag);
+    if (on < 0) return nullptr;
+    std::lock_guard<std::mutex> g(state.locks->output);
+    state.output_enabled = on;
+    Py_RETURN_NONE;
+}
+
+PyObject* env_getOutputEnabled(PyObject*, PyObject*) { return PyBool_FromLong(output_on()); }
+
+PyObject* env_addcbmsghandler(PyObject*, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"msghandler", "data", "priority", nullptr};
+    PyObject *handler = nullptr, *data = nullptr;
+    int priority = 0;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "OOi", const_cast<char**>(kwlist), &handler, &data, &priority)) {
+        PyErr_Clear();
+        PyErr_SetString(InterfaceError,
+                        "Incorrect arguments in addcbmsghandler. Must provide correct list of three arguments");
+        return nullptr;
+    }
+    PyRef entry(PyList_New(2));
+    if (!entry) return nullptr;
+    Py_INCREF(handler);
+    Py_INCREF(data);
+    PyList_SET_ITEM(entry.get(), 0, handler);
+    PyList_SET_ITEM(entry.get(), 1, data);
+    int rc;
+    {
+        std::lock_guard<std::mutex> g(state.locks->handler_list);
+        rc = PyList_Append(state.msghandler_list, entry.get());
+    }
+    if (rc < 0) return nullptr;
+    if (env_start(false) < 0) return nullptr;
+    if (TRVO_ge_addcbmsghandler(msghandler_trampoline, entry.get(), priority) != 0)
+        return report_error(nullptr, nullptr);
+    Py_RETURN_NONE;
+}
+
+PyObject* env_removecbmsghandler(PyObject*, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"msghandler", "data", nullptr};
+    PyObject *handler = nullptr, *data = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "OO", const_cast<char**>(kwlist), &handler, &data)) {
+        PyErr_Clear();
+        PyErr_SetString(InterfaceError,
+                        "Incorrect arguments in removecbmsghandler. Must provide correct list of two arguments");
+        return nullptr;
+    }
+    bool removed = false;
+    PyObject* list = state.msghandler_list;
+    for (Py_ssize_t i = PyList_GET_SIZE(list) - 1; i >= 0; --i) {
+        if (i >= PyList_GET_SIZE(list)) continue;
+        PyObject* entry = PyList_GET_ITEM(list, i);
+        if (!PyList_Check(entry) || PyList_GET_SIZE(entry) != 2) {
+            PyErr_SetString(InterfaceError, "Incorrect data stored in callback");
+            return nullptr;
+        }
+        PyObject* h = PyList_GET_ITEM(entry, 0);
+        PyObject* d = PyList_GET_ITEM(entry, 1);
+        if ((handler != Py_None && handler != h) || (data != Py_None && data != d)) continue;
+        PyRef hold = PyRef::borrow(entry);
+        if (env_start(false) < 0) return nullptr;
+        if (TRVO_ge_removecbmsghandler(msghandler_trampoline, entry) != 0) return report_error(nullptr, nullptr);
+        Py_INCREF(Py_None);
+        PyList_SetItem(entry, 0, Py_None);
+        if (PyList_SetSlice(list, i, i + 1, nullptr) < 0) return nullptr;
+        removed = true;
+    }
+    if (!removed) {
+        PyErr_SetString(InterfaceError, "Callback not found");
+        return nullptr;
+    }
+    Py_RETURN_NONE;
+}
+
+void problem_message_printer(TRVOprob, void*, const char* msg, int, int) { write_library_message(msg); }
+void slp_message_printer(TSLPprob, void*, const char* msg, int, int) { write_library_message(msg); }
+
+}  // namespace
+
+int install_problem_printers(ProblemObject* p) {
+    if (p->prob && TRVOaddcbmessage(p->prob, problem_message_printer, nullptr, 1) != 0) {
+        problem_error(p);
+        return -1;
+    }
+    if (p->slp && TSLPsetcbmessage(p->slp, slp_message_printer, nullptr) != 0) {
+        problem_error(p);
+        return -1;
+    }
+    return 0;
+}
+
+void remove_problem_printers(ProblemObject* p) {
+    if (p->prob) TRVOremovecbmessage(p->prob, problem_message_printer, nullptr);
+}
+
+bool nonlinear_running() { return nonlinear_flag() == 1; }
+
+void write_library_message(const char* msg) {
+    if (!msg || !output_on()) return;
+    PyGILState_STATE gil = PyGILState_Ensure();
+    PySys_FormatStdout("%s\n", msg);
+    PyGILState_Release(gil);
+}
+
+int env_start(bool force) {
+    int count = env_count_add(1);
+    if (!force && count > 1) return 0;
+    if (TRVOinit(nullptr) != 0) {
+        env_count_add(-1);
+        char buf[2048];
+        buf[0] = '\0';
+        int code = 0;
+        TRVO_ge_getlasterror(&code, buf, sizeof buf, nullptr);
+        buf[sizeof buf - 1] = '\0';
+        PyErr_SetString(InterfaceError, buf[0] ? buf : "Could not start the optimization library");
+        return -1;
+    }
+    TRVO_ge_addcbmsghandler(global_message_printer, nullptr, 1);
+    if (nonlinear_flag() != 0) {
+        if (TSLPinit() != 0) {
+            PyErr_SetString(InterfaceError, "Error initializing TSLP environment");
+            return -1;
+        }
+        set_nonlinear_flag(1);
+    }
+    bool empty;
+    {
+        std::lock_guard<std::mutex> g(state.locks->catalogue);
+        empty = PyDict_Size(state.attribute_catalogue) < 1;
+    }
+    if (empty && catalogue_build(false) < 0) return -1;
+    return 0;
+}
+
+int env_release_at_teardown() {
+    if (!state.locks) return 0;
+    if (env_count_add(-1) != 0) return 0;
+    return release_libraries() == 0 ? 0 : -1;
+}
+
+PyMethodDef environment_functions[] = {
+    {"getlasterror", env_getlasterror, METH_NOARGS, "getlasterror() -> (code, message): the last error of the global environment."},
+    {"getversion", env_getversion, METH_NOARGS, "getversion() -> str: the optimisation library's version."},
+    {"getcheckedmode", env_getcheckedmode, METH_NOARGS, "getcheckedmode() -> bool: whether the library checks its arguments."},
+    {"setcheckedmode", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_setcheckedmode)), METH_VARARGS | METH_KEYWORDS,
+     "setcheckedmode(checked_mode): enable argument checking when checked_mode is True."},
+    {"addcbmsghandler", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_addcbmsghandler)), METH_VARARGS | METH_KEYWORDS,
+     "addcbmsghandler(msghandler, data, priority): add a global message handler."},
+    {"removecbmsghandler", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_removecbmsghandler)), METH_VARARGS | METH_KEYWORDS,
+     "removecbmsghandler(msghandler, data): remove global message handlers (None matches any)."},
+    {"getbanner", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_getbanner)), METH_VARARGS | METH_KEYWORDS,
+     "getbanner() -> str: the optimisation library's banner."},
+    {"init", env_init, METH_NOARGS, "init(): start the optimisation environment."},
+    {"free", env_free, METH_NOARGS, "free(): release the optimisation environment."},
+    {"setarchconsistency", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_setarchconsistency)), METH_VARARGS | METH_KEYWORDS,
+     "setarchconsistency(ifArchConsistent): request results consistent across architectures."},
+    {"getOutputEnabled", env_getOutputEnabled, METH_NOARGS, "getOutputEnabled() -> bool: whether library messages are printed."},
+    {"setOutputEnabled", env_setOutputEnabled, METH_O, "setOutputEnabled(flag): switch printing of library messages."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace tarvo

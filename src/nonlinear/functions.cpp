@@ -1,0 +1,357 @@
+// Module functions that build function-call nodes: the one-argument mathematical functions
+// (numbers give floats, arrays apply elementwise), max/min/And/Or over collections, piecewise
+// linear functions and user functions; and the module function table of the nonlinear layer.
+#include "nonlinear/internal.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+namespace tarvo {
+
+namespace {
+
+PyObject* model_fail(const char* msg) {
+    PyErr_SetString(ModelError, msg);
+    return nullptr;
+}
+
+double sign_of(double t) { return t > 0 ? 1.0 : (t < 0 ? -1.0 : 0.0); }
+double log10_of(double t) { return std::log(t) * 0.4342944819032518; }
+
+using MathFn = double (*)(double);
+
+PyObject* apply_unary(int op, MathFn fn, PyObject* t);
+
+// A copy of the array with fn applied to every element.
+PyObject* apply_to_array(int op, MathFn fn, PyObject* t) {
+    PyArrayObject* arr = reinterpret_cast<PyArrayObject*>(t);
+    PyRef copy(PyArray_NewCopy(arr, NPY_CORDER));
+    if (!copy) {
+        if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
+        return nullptr;
+    }
+    // Elements that are numbers in a numeric array stay numbers: the function applies to
+    // the values. Object elements (modelling objects) are replaced by nodes.
+    PyRef it(PyArray_IterNew(copy.get()));
+    if (!it) {
+        if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
+        return nullptr;
+    }
+    PyArrayObject* c = reinterpret_cast<PyArrayObject*>(copy.get());
+    PyArrayIterObject* iter = reinterpret_cast<PyArrayIterObject*>(it.get());
+    bool objects = array_holds_objects(c);
+    if (!objects) {
+        // Numeric arrays: compute in float64.
+        PyRef dbl(PyArray_FROMANY(t, NPY_DOUBLE, 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS));
+        if (!dbl) return nullptr;
+        double* data = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(dbl.get())));
+        npy_intp n = PyArray_SIZE(reinterpret_cast<PyArrayObject*>(dbl.get()));
+        for (npy_intp i = 0; i < n; ++i) data[i] = fn(data[i]);
+        return dbl.release();
+    }
+    PyArray_Descr* descr = PyArray_DESCR(c);
+    while (iter->index < iter->size) {
+        PyObject* el = PyArray_GETITEM(c, static_cast<char*>(iter->dataptr));
+        if (!el) return nullptr;
+        PyRef elem(el);
+        PyRef value(apply_unary(op, fn, elem.get()));
+        if (!value) return nullptr;
+        if (PyArray_SETITEM(c, static_cast<char*>(iter->dataptr), value.get()) < 0) return nullptr;
+        PyArray_ITER_NEXT(iter);
+    }
+    (void)descr;
+    return copy.release();
+}
+
+PyObject* apply_unary(int op, MathFn fn, PyObject* t) {
+    if (is_ndarray(t)) return apply_to_array(op, fn, t);
+    if (is_number(t)) return PyFloat_FromDouble(fn(number_value(t)));
+    return nl_make(false, op, t);
+}
+
+double fabs_of(double t) { return std::fabs(t); }
+
+#define TARVO_UNARY(pyname, op, fn)                                           \
+    PyObject* fn_##pyname(PyObject*, PyObject* t) { return apply_unary(op, fn, t); }
+
+double c_sin(double t) { return std::sin(t); }
+double c_cos(double t) { return std::cos(t); }
+double c_tan(double t) { return std::tan(t); }
+double c_asin(double t) { return std::asin(t); }
+double c_acos(double t) { return std::acos(t); }
+double c_atan(double t) { return std::atan(t); }
+double c_exp(double t) { return std::exp(t); }
+double c_log(double t) { return std::log(t); }
+double c_sqrt(double t) { return std::sqrt(t); }
+double c_erf(double t) { return std::erf(t); }
+double c_erfc(double t) { return std::erfc(t); }
+
+TARVO_UNARY(sin, NL_SIN, c_sin)
+TARVO_UNARY(cos, NL_COS, c_cos)
+TARVO_UNARY(tan, NL_TAN, c_tan)
+TARVO_UNARY(asin, NL_ASIN, c_asin)
+TARVO_UNARY(acos, NL_ACOS, c_acos)
+TARVO_UNARY(atan, NL_ATAN, c_atan)
+TARVO_UNARY(exp, NL_EXP, c_exp)
+TARVO_UNARY(log, NL_LOG, c_log)
+TARVO_UNARY(log10, NL_LOG10, log10_of)
+TARVO_UNARY(abs, NL_ABS, fabs_of)
+TARVO_UNARY(sqrt, NL_SQRT, c_sqrt)
+TARVO_UNARY(sign, NL_SIGN, sign_of)
+TARVO_UNARY(erf, NL_ERF, c_erf)
+TARVO_UNARY(erfc, NL_ERFC, c_erfc)
+#undef TARVO_UNARY
+
+// ---------------------------------------------------------------- max, min, And, Or
+
+struct Collection {
+    Py_ssize_t count = 0;
+    PyRef single;  // the only argument when count == 1
+    PyRef items;   // tuple of the arguments when count >= 2
+};
+
+// Examines the positional tuple; false on a failure of the examination.
+bool examine(PyObject* args, Collection& c) {
+    Py_ssize_t n = PyTuple_GET_SIZE(args);
+    if (n != 1) {
+        c.count = n;
+        c.items = PyRef::borrow(args);
+        if (n == 1) c.single = PyRef::borrow(PyTuple_GET_ITEM(args, 0));
+        return true;
+    }
+    PyObject* x = PyTuple_GET_ITEM(args, 0);
+    if (is_ndarray(x)) {
+        PyArrayObject* a = reinterpret_cast<PyArrayObject*>(x);
+        if (PyArray_NDIM(a) > 64) return false;
+        c.count = PyArray_SIZE(a);
+        PyRef flat(PyArray_Ravel(a, NPY_CORDER));
+        if (!flat) return false;
+        c.items.reset(PySequence_Tuple(flat.get()));
+        if (!c.items) return false;
+        if (c.count == 1) {
+            PyObject* el = PyTuple_GET_ITEM(c.items.get(), 0);
+            if (PyArray_IsScalar(el, Integer)) c.single.reset(PyNumber_Long(el));
+            else if (PyArray_IsScalar(el, Floating)) c.single.reset(PyNumber_Float(el));
+            else if (!PyArray_IsAnyScalar(el) || operand_kind_quiet(el) >= 0) c.single = PyRef::borrow(el);
+            if (!c.single) { PyErr_Clear(); return false; }
+        }
+    } else if (PyList_Check(x) || PyTuple_Check(x) || (PySequence_Check(x) && !PyUnicode_Check(x) && !PyBytes_Check(x))) {
+        c.items.reset(PySequence_Tuple(x));
+        if (!c.items) return false;
+        c.count = PyTuple_GET_SIZE(c.items.get());
+        if (c.count == 1) c.single = PyRef::borrow(PyTuple_GET_ITEM(c.items.get(), 0));
+    } else {
+        c.count = 1;
+        c.single = PyRef::borrow(x);
+    }
+    if (c.count == 1 && operand_kind_quiet(c.single.get()) < 0) return false;
+    return true;
+}
+
+PyObject* collection_function(PyObject* args, int op, const char* none_msg, double empty_value,
+                              const char* bad_msg) {
+    Collection c;
+    if (!examine(args, c)) {
+        PyErr_Clear();
+        return model_fail(bad_msg);
+    }
+    if (c.count == 0) return none_msg ? model_fail(none_msg) : PyFloat_FromDouble(empty_value);
+    if (c.count == 1) return c.single.release();
+    PyObject* items = c.items.get();
+    if (!PyTuple_Check(items)) {
+        c.items.reset(PySequence_Tuple(items));
+        if (!c.items) return nullptr;
+    }
+    return nl_make(true, op, c.items.get());
+}
+
+PyObject* fn_max(PyObject*, PyObject* args) {
+    return collection_function(args, NL_MAX, "The function tarvo.max must have at least one argument", 0,
+                               "Incorrect argument for tarvo.max function");
+}
+PyObject* fn_min(PyObject*, PyObject* args) {
+    return collection_function(args, NL_MIN, "The function tarvo.min must have at least one argument", 0,
+                               "Incorrect argument for tarvo.min function");
+}
+PyObject* fn_and(PyObject*, PyObject* args) {
+    return collection_function(args, NL_AND, nullptr, 1.0, "Incorrect argument for tarvo.And function");
+}
+PyObject* fn_or(PyObject*, PyObject* args) {
+    return collection_function(args, NL_OR, nullptr, 0.0, "Incorrect argument for tarvo.Or function");
+}
+
+// ---------------------------------------------------------------- user
+
+PyObject* fn_user(PyObject*, PyObject* args, PyObject* kwargs) {
+    static const char* kwlist[] = {"derivatives", nullptr};
+    int derivatives = 0;
+    PyRef empty(PyTuple_New(0));
+    if (!empty) return nullptr;
+    if (!PyArg_ParseTupleAndKeywords(empty.get(), kwargs, "|$p:user", const_cast<char**>(kwlist), &derivatives))
+        return nullptr;
+    return nl_make(true, derivatives ? NL_USER_DERIV : NL_USER, args);
+}
+
+// ---------------------------------------------------------------- pwl
+
+struct Segment {
+    double a, b, fa, fb;
+};
+
+PyObject* fn_pwl(PyObject*, PyObject* arg) {
+    if (!PyDict_Check(arg))
+        return model_fail(
+            "Function tarvo.pwl only accepts a dictionary; a call must be for example "
+            "tarvo.pwl({(1,4): 2*x+1, (4,6): 4*x+5, ...})");
+    std::vector<Segment> segs;
+    segs.reserve(2 * static_cast<size_t>(PyDict_Size(arg)));
+    PyObject* variable = nullptr;   // borrowed: the function's variable
+    PyObject* value_var = nullptr;  // borrowed: the first variable found in a value
+    Py_ssize_t pos = 0;
+    PyObject *key, *value;
+    while (PyDict_Next(arg, &pos, &key, &value)) {
+        if (key == Py_None) {
+            if (!is_var(value)) {
+                PyErr_Format(ModelError, "Tuple (None, Obj) must have an tarvo.var() object as Obj, found <%S>", value);
+                return nullptr;
+            }
+            variable = value;
+            continue;
+        }
+        if (!PyTuple_Check(key) || PyTuple_GET_SIZE(key) != 2) {
+            PyErr_Format(ModelError, "All keys in the dictionary argument of tarvo.pwl must be two-tuples; <%S> is not", key);
+            return nullptr;
+        }
+        PyObject* ka = PyTuple_GET_ITEM(key, 0);
+        PyObject* kb = PyTuple_GET_ITEM(key, 1);
+        if (!is_number(ka) || !is_number(kb) || number_value(ka) > number_value(kb)) {
+            PyErr_Format(ModelError,
+                         "All keys in the dictionary argument of tarvo.pwl must be two-tuples with two constant "
+                         "numbers: [a,b] such that a<b; <%S> is not",
+                         key);
+            return nullptr;
+        }
+        double a = number_value(ka), b = number_value(kb);
+        double m = 0, q = 0;
+        PyObject* v = nullptr;
+        if (is_number(value)) {
+            q = number_value(value);
+        } else if (is_var(value)) {
+            m = 1;
+            v = value;
+        } else if (is_linterm(value)) {
+            m = reinterpret_cast<LinTermObject*>(value)->coef;
+            v = reinterpret_cast<LinTermObject*>(value)->var;
+        } else if (is_expression(value)) {
+            ExpressionObject* e = as_expr(value);
+            if (e->linear && e->linear->size() > 1) {
+                PyErr_Format(ModelError,
+                             "Expression %S not suitable for a piecewise linear function; it must contain one variable only",
+                             value);
+                return nullptr;
+            }
+            if (e->linear && !e->linear->empty()) {
+                v = e->linear->begin()->first;
+                m = e->linear->begin()->second;
+            }
+            q = e->constant;
+        } else {
+            PyErr_Format(ModelError,
+                         "Expression %S not suitable for a piecewise linear function; it must be a constant or a linear function",
+                         value);
+            return nullptr;
+        }
+        if (v) {
+            if (value_var && var_serial(value_var) != var_serial(v)) {
+                PyRef fa(PyFloat_FromDouble(a)), fb(PyFloat_FromDouble(b));
+                if (!fa || !fb) return nullptr;
+                PyErr_Format(ModelError,
+                             "Expression in [%S,%S] interval contains variable %S while another variable has been used in the same function",
+                             fa.get(), fb.get(), v);
+                return nullptr;
+            }
+            if (!value_var) {
+                value_var = v;
+                variable = v;
+            }
+        }
+        segs.push_back({a, b, m * a + q, m * b + q});
+    }
+    if (!variable) {
+        PyErr_Format(ModelError,
+                     "No variable specified for this piecewise linear function: %S; Are all values constant? If so, "
+                     "add a key-value pair (None: x) to the dictionary with the variable associated to the piecewise linear",
+                     arg);
+        return nullptr;
+    }
+    std::stable_sort(segs.begin(), segs.end(), [](const Segment& s, const Segment& t) { return s.a < t.a; });
+    size_t breaks = 0;
+    for (size_t i = 0; i + 1 < segs.size(); ++i) {
+        if (segs[i + 1].a < segs[i].b) {
+            PyRef a1(PyFloat_FromDouble(segs[i].a)), b1(PyFloat_FromDouble(segs[i].b));
+            PyRef a2(PyFloat_FromDouble(segs[i + 1].a)), b2(PyFloat_FromDouble(segs[i + 1].b));
+            if (!a1 || !b1 || !a2 || !b2) return nullptr;
+            PyErr_Format(ModelError, "Interval [%S,%S] overlaps with [%S,%S] in piecewise linear function", a1.get(),
+                         b1.get(), a2.get(), b2.get());
+            return nullptr;
+        }
+        if (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06) ++breaks;
+    }
+    PyRef list(PyList_New(0));
+    if (!list || PyList_Append(list.get(), variable) < 0) return nullptr;
+    auto push = [&](double x, double y) {
+        PyRef fx(PyFloat_FromDouble(x)), fy(PyFloat_FromDouble(y));
+        return fx && fy && PyList_Append(list.get(), fx.get()) == 0 && PyList_Append(list.get(), fy.get()) == 0;
+    };
+    for (size_t i = 0; i < segs.size(); ++i) {
+        if (!push(segs[i].a, segs[i].fa)) return nullptr;
+        bool last = i + 1 == segs.size();
+        bool brk = !last && (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06);
+        if ((last || brk) && !push(segs[i].b, segs[i].fb)) return nullptr;
+    }
+    (void)breaks;
+    return nl_make(true, NL_PWL, list.get());
+}
+
+#define UNARY_DOC(what) "Returns the " what " of a given expression.\n\nA number gives a float; a NumPy array gives the function applied to each element."
+
+}  // namespace
+
+PyMethodDef nonlinear_functions[] = {
+    {"sin", fn_sin, METH_O, UNARY_DOC("sine")},
+    {"cos", fn_cos, METH_O, UNARY_DOC("cosine")},
+    {"tan", fn_tan, METH_O, UNARY_DOC("tangent")},
+    {"asin", fn_asin, METH_O, UNARY_DOC("arcsine")},
+    {"acos", fn_acos, METH_O, UNARY_DOC("arccosine")},
+    {"atan", fn_atan, METH_O, UNARY_DOC("arctangent")},
+    {"exp", fn_exp, METH_O, UNARY_DOC("exponential")},
+    {"log", fn_log, METH_O, UNARY_DOC("natural logarithm")},
+    {"log10", fn_log10, METH_O, UNARY_DOC("base-10 logarithm")},
+    {"abs", fn_abs, METH_O, UNARY_DOC("absolute value")},
+    {"sqrt", fn_sqrt, METH_O, UNARY_DOC("square root")},
+    {"sign", fn_sign, METH_O, UNARY_DOC("sign")},
+    {"erf", fn_erf, METH_O, UNARY_DOC("error function")},
+    {"erfc", fn_erfc, METH_O, UNARY_DOC("complementary error function")},
+    {"max", fn_max, METH_VARARGS, "Returns the maximum of one or more expressions.\n\nArguments may be given one by one or as one list, tuple or array."},
+    {"min", fn_min, METH_VARARGS, "Returns the minimum of one or more expressions.\n\nArguments may be given one by one or as one list, tuple or array."},
+    {"And", fn_and, METH_VARARGS, "Returns a logical AND of two or more binary variables or expressions."},
+    {"Or", fn_or, METH_VARARGS, "Returns a logical OR of two or more binary variables or expressions."},
+    {"pwl", fn_pwl, METH_O,
+     "Returns a piecewise linear function over a variable.\n\nThe argument is a dictionary whose keys are "
+     "intervals (a, b) and whose values are constants or linear functions of one variable."},
+    {"user", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_user)), METH_VARARGS | METH_KEYWORDS,
+     "Creates an expression that is computed by means of a user-specified\nfunction: user(f, t1, ..., tn, derivatives=False)."},
+    {"Sum", fn_sum, METH_VARARGS,
+     "Alternative sum operator for an arbitrary number of objects created by\nthe modelling algebra; sums in one pass."},
+    {"Prod", fn_prod, METH_VARARGS, "Returns the product of a sequence of one or more expressions."},
+    {"Dot", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_dot)), METH_VARARGS | METH_KEYWORDS,
+     "Alternative dot-product operator for an arbitrary number of NumPy\narrays of numbers and modelling objects."},
+    {"vars", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_vars)), METH_VARARGS | METH_KEYWORDS,
+     "Creates an indexed set or map of variables."},
+    {"evaluate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_evaluate)), METH_VARARGS | METH_KEYWORDS,
+     "Returns the evaluation of one or more expressions for a given\nsolution (dictionary) or problem."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+}  // namespace tarvo

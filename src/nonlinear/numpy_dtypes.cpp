@@ -1,0 +1,318 @@
+// NumPy dtypes npvar, npexpr and npconstraint: object-element dtypes (one object field at
+// offset 0) whose scalar types are var, expression and constraint, registered through
+// NumPy's legacy user-dtype interface, with reference-copying casts among themselves and the
+// object dtype, and ufunc loops that apply the modelling operators element by element.
+#include "nonlinear/internal.h"
+
+#include <cstring>
+
+namespace tarvo {
+
+int npvar_typenum = -1, npexpr_typenum = -1, npconstraint_typenum = -1;
+
+bool array_holds_objects(PyArrayObject* a) {
+    int t = PyArray_TYPE(a);
+    return t == NPY_OBJECT || (t >= 0 && (t == npvar_typenum || t == npexpr_typenum || t == npconstraint_typenum));
+}
+
+namespace {
+
+// ---------------------------------------------------------------- element functions
+
+inline PyObject* load(const void* p) {
+    PyObject* o;
+    std::memcpy(&o, p, sizeof o);
+    return o;
+}
+inline void store(void* p, PyObject* o) { std::memcpy(p, &o, sizeof o); }
+
+// Replaces the reference at p with a new reference to o (which may be null).
+inline void assign(void* p, PyObject* o) {
+    PyObject* old = load(p);
+    Py_XINCREF(o);
+    store(p, o);
+    Py_XDECREF(old);
+}
+
+PyObject* elem_getitem(void* data, void*) {
+    PyObject* o = load(data);
+    if (!o) o = Py_None;
+    Py_INCREF(o);
+    return o;
+}
+
+int elem_setitem(PyObject* item, void* data, void*) {
+    assign(data, item);
+    return 0;
+}
+
+void elem_copyswap(void* dst, void* src, int, void*) {
+    if (!src) return;
+    assign(dst, load(src));
+}
+
+void elem_copyswapn(void* dst, npy_intp dstride, void* src, npy_intp sstride, npy_intp n, int, void*) {
+    if (!src) return;
+    char* d = static_cast<char*>(dst);
+    char* s = static_cast<char*>(src);
+    for (npy_intp i = 0; i < n; ++i, d += dstride, s += sstride) assign(d, load(s));
+}
+
+npy_bool elem_nonzero(void* data, void*) {
+    PyObject* o = load(data);
+    return o != nullptr && o != Py_None;
+}
+
+void cast_references(void* from, void* to, npy_intp n, void*, void*) {
+    char* s = static_cast<char*>(from);
+    char* d = static_cast<char*>(to);
+    for (npy_intp i = 0; i < n; ++i, s += sizeof(PyObject*), d += sizeof(PyObject*)) assign(d, load(s));
+}
+
+struct DtypeDef {
+    const char* module_name;
+    PyTypeObject* scalar;
+    char kind;
+    const char* field;
+    int* typenum;
+};
+
+PyArray_ArrFuncs arrfuncs[3];
+PyArray_DescrProto protos[3];
+
+int register_one(int i, const DtypeDef& def) {
+    PyArray_ArrFuncs* f = &arrfuncs[i];
+    PyArray_InitArrFuncs(f);
+    f->getitem = elem_getitem;
+    f->setitem = elem_setitem;
+    f->copyswap = elem_copyswap;
+    f->copyswapn = elem_copyswapn;
+    f->nonzero = elem_nonzero;
+
+    PyRef object_descr(reinterpret_cast<PyObject*>(PyArray_DescrFromType(NPY_OBJECT)));
+    if (!object_descr) return -1;
+    PyRef fields(PyDict_New());
+    PyRef field(Py_BuildValue("(Oi)", object_descr.get(), 0));
+    if (!fields || !field || PyDict_SetItemString(fields.get(), def.field, field.get()) < 0) return -1;
+    PyRef names(Py_BuildValue("(s)", def.field));
+    if (!names) return -1;
+
+    PyArray_DescrProto* p = &protos[i];
+    std::memset(p, 0, sizeof *p);
+    Py_SET_REFCNT(p, 1);
+    Py_SET_TYPE(p, &PyArrayDescr_Type);
+    p->typeobj = def.scalar;
+    p->kind = def.kind;
+    p->type = def.kind;
+    p->byteorder = '|';
+    p->flags = NPY_OBJECT_DTYPE_FLAGS | NPY_NEEDS_PYAPI | NPY_USE_GETITEM | NPY_USE_SETITEM;
+    p->type_num = 0;
+    p->elsize = sizeof(PyObject*);
+    p->alignment = alignof(PyObject*);
+    p->fields = fields.release();  // kept for the life of the process, as the dtype is
+    p->names = names.release();
+    p->f = f;
+    p->hash = -1;
+    int typenum = PyArray_RegisterDataType(p);
+    if (typenum < 0) return -1;
+    *def.typenum = typenum;
+    return 0;
+}
+
+// ---------------------------------------------------------------- ufunc loops
+
+enum LoopOp {
+    OP_ADD, OP_SUB, OP_MUL, OP_DIV, OP_POW, OP_AND, OP_OR, OP_LE, OP_EQ, OP_GE, OP_NEG, OP_SQUARE,
+};
+
+PyObject* apply_op(int op, PyObject* a, PyObject* b) {
+    switch (op) {
+        case OP_ADD: return PyNumber_Add(a, b);
+        case OP_SUB: return PyNumber_Subtract(a, b);
+        case OP_MUL: return PyNumber_Multiply(a, b);
+        case OP_DIV: return PyNumber_TrueDivide(a, b);
+        case OP_POW: return PyNumber_Power(a, b, Py_None);
+        case OP_AND: return PyNumber_And(a, b);
+        case OP_OR: return PyNumber_Or(a, b);
+        case OP_LE: return PyObject_RichCompare(a, b, Py_LE);
+        case OP_EQ: return PyObject_RichCompare(a, b, Py_EQ);
+        case OP_GE: return PyObject_RichCompare(a, b, Py_GE);
+        case OP_NEG: return PyNumber_Negative(a);
+        case OP_SQUARE: return PyNumber_Multiply(a, a);
+    }
+    return nullptr;
+}
+
+// Operand loaded from an array element: an object reference or a double.
+PyObject* operand_at(const char* p, bool is_double) {
+    if (is_double) {
+        double v;
+        std::memcpy(&v, p, sizeof v);
+        return PyFloat_FromDouble(v);
+    }
+    PyObject* o = load(p);
+    if (!o) {
+        PyErr_SetString(ModelError, "Invalid object in operation: <NULL>");
+        return nullptr;
+    }
+    Py_INCREF(o);
+    return o;
+}
+
+// data points at a LoopData describing the operation and which operands are doubles.
+struct LoopData {
+    int op;
+    bool first_double, second_double;
+};
+
+void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void* data) {
+    const LoopData* d = static_cast<const LoopData*>(data);
+    char *a = args[0], *b = args[1], *out = args[2];
+    for (npy_intp i = 0; i < dims[0]; ++i, a += steps[0], b += steps[1], out += steps[2]) {
+        PyRef x(operand_at(a, d->first_double));
+        if (!x) return;
+        PyRef y(operand_at(b, d->second_double));
+        if (!y) return;
+        PyRef r(apply_op(d->op, x.get(), y.get()));
+        if (!r) return;
+        PyObject* old = load(out);
+        store(out, r.release());
+        Py_XDECREF(old);
+    }
+}
+
+void unary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void* data) {
+    const LoopData* d = static_cast<const LoopData*>(data);
+    char *a = args[0], *out = args[1];
+    for (npy_intp i = 0; i < dims[0]; ++i, a += steps[0], out += steps[1]) {
+        PyRef x(operand_at(a, false));
+        if (!x) return;
+        PyRef r(apply_op(d->op, x.get(), nullptr));
+        if (!r) return;
+        PyObject* old = load(out);
+        store(out, r.release());
+        Py_XDECREF(old);
+    }
+}
+
+struct UfuncRow {
+    const char* name;
+    int op;
+    bool comparison;
+    bool unary;
+    bool with_double;
+};
+
+const UfuncRow ufunc_rows[] = {
+    {"less_equal", OP_LE, true, false, true},  {"equal", OP_EQ, true, false, true},
+    {"greater_equal", OP_GE, true, false, true}, {"add", OP_ADD, false, false, true},
+    {"subtract", OP_SUB, false, false, true},  {"negative", OP_NEG, false, true, false},
+    {"multiply", OP_MUL, false, false, true},  {"divide", OP_DIV, false, false, true},
+    {"true_divide", OP_DIV, false, false, true}, {"power", OP_POW, false, false, true},
+    {"square", OP_SQUARE, false, true, false}, {"bitwise_and", OP_AND, false, false, true},
+    {"bitwise_or", OP_OR, false, false, true},
+};
+
+// LoopData records live as long as the process (the loops keep pointers to them).
+LoopData* loop_data(int op, bool first_double, bool second_double) {
+    return new LoopData{op, first_double, second_double};
+}
+
+int register_loop(PyObject* ufunc, int usertype, PyUFuncGenericFunction fn, const int* types, LoopData* data) {
+    return PyUFunc_RegisterLoopForType(reinterpret_cast<PyUFuncObject*>(ufunc), usertype, fn, types, data);
+}
+
+int register_loops() {
+    PyRef umath(PyImport_ImportModule("numpy"));
+    if (!umath) {
+        PyErr_Print();
+        PyErr_SetString(PyExc_ImportError, "numpy.core.umath failed to import");
+        return -1;
+    }
+    const int objs[2] = {npvar_typenum, npexpr_typenum};
+    PyObject* seen = PyList_New(0);  // ufunc objects already done (divide may alias true_divide)
+    if (!seen) return -1;
+    PyRef seen_ref(seen);
+    for (const UfuncRow& row : ufunc_rows) {
+        PyRef uf(PyObject_GetAttrString(umath.get(), row.name));
+        if (!uf) {
+            PyErr_Clear();
+            continue;
+        }
+        int contains = PySequence_Contains(seen, uf.get());
+        if (contains < 0) return -1;
+        if (contains) continue;
+        if (PyList_Append(seen, uf.get()) < 0) return -1;
+        int out = row.comparison ? npconstraint_typenum : npexpr_typenum;
+        for (int t : objs) {
+            if (row.unary) {
+                int types[2] = {t, npexpr_typenum};
+                if (register_loop(uf.get(), t, unary_loop, types, loop_data(row.op, false, false)) < 0) return -1;
+                continue;
+            }
+            for (int u : objs) {
+                int types[3] = {t, u, out};
+                if (register_loop(uf.get(), t, binary_loop, types, loop_data(row.op, false, false)) < 0) return -1;
+            }
+            int od[3] = {t, NPY_DOUBLE, out};
+            if (register_loop(uf.get(), t, binary_loop, od, loop_data(row.op, false, true)) < 0) return -1;
+            int dobj[3] = {NPY_DOUBLE, t, out};
+            if (register_loop(uf.get(), t, binary_loop, dobj, loop_data(row.op, true, false)) < 0) return -1;
+        }
+    }
+    return 0;
+}
+
+int register_casts() {
+    const int types[3] = {npvar_typenum, npexpr_typenum, NPY_OBJECT};
+    for (int from : types) {
+        for (int to : types) {
+            if (from == to) continue;
+            PyArray_Descr* d = PyArray_DescrFromType(from);
+            if (!d) return -1;
+            int rc = PyArray_RegisterCastFunc(d, to, cast_references);
+            if (rc == 0) rc = PyArray_RegisterCanCast(d, to, NPY_NOSCALAR);
+            Py_DECREF(d);
+            if (rc < 0) return -1;
+        }
+    }
+    // Constraint arrays convert to and from object arrays as well.
+    for (auto pair : {std::pair<int, int>{npconstraint_typenum, NPY_OBJECT}, {NPY_OBJECT, npconstraint_typenum}}) {
+        PyArray_Descr* d = PyArray_DescrFromType(pair.first);
+        if (!d) return -1;
+        int rc = PyArray_RegisterCastFunc(d, pair.second, cast_references);
+        Py_DECREF(d);
+        if (rc < 0) return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int numpy_dtypes_create() {
+    static const DtypeDef defs[3] = {
+        {"npvar", &VarType, 'v', "variable", &npvar_typenum},
+        {"npexpr", &ExpressionType, 'e', "expression", &npexpr_typenum},
+        {"npconstraint", &ConstraintType, 'c', "constraint", &npconstraint_typenum},
+    };
+    for (int i = 0; i < 3; ++i)
+        if (register_one(i, defs[i]) < 0) return -1;
+    if (register_casts() < 0) return -1;
+    return register_loops();
+}
+
+int numpy_dtypes_register(PyObject* module) {
+    const std::pair<const char*, int> entries[3] = {
+        {"npvar", npvar_typenum}, {"npexpr", npexpr_typenum}, {"npconstraint", npconstraint_typenum}};
+    for (const auto& e : entries) {
+        PyObject* d = reinterpret_cast<PyObject*>(PyArray_DescrFromType(e.second));
+        if (!d) return -1;
+        if (PyModule_AddObject(module, e.first, d) < 0) {
+            Py_DECREF(d);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+}  // namespace tarvo

@@ -1,0 +1,254 @@
+// The objective (constant, linear and quadratic parts, sense), solving with the optimiser that
+// fits the problem on a worker thread while the caller watches for Ctrl-C, and the status.
+#include "problem/body.h"
+#include "model/model.h"
+#include "nonlinear/node.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace tarvo {
+
+namespace {
+
+int clear_objective(ProblemObject* p) {
+    int n = 0;
+    if (prob_cols(p, &n) < 0) return -1;
+    int minus_one = -1;
+    double zero = 0;
+    if (TRVOchgobj(p->prob, 1, &minus_one, &zero) != 0) return problem_error(p), -1;
+    if (n > 0) {
+        std::vector<int> idx(n);
+        for (int i = 0; i < n; ++i) idx[i] = i;
+        std::vector<double> zeros(n, 0.0);
+        if (TRVOchgobj(p->prob, n, idx.data(), zeros.data()) != 0) return problem_error(p), -1;
+        int64_t nels = 0;
+        if (TRVOgetmqobj64(p->prob, nullptr, nullptr, nullptr, 0, &nels, 0, n - 1) != 0) return problem_error(p), -1;
+        if (nels > 0) {
+            std::vector<int64_t> start(n + 1);
+            std::vector<int> col(nels), c1;
+            std::vector<double> val(nels);
+            int64_t got = 0;
+            if (TRVOgetmqobj64(p->prob, start.data(), col.data(), val.data(), nels, &got, 0, n - 1) != 0)
+                return problem_error(p), -1;
+            c1.resize(got);
+            for (int j = 0; j < n; ++j)
+                for (int64_t k = start[j]; k < start[j + 1] && k < got; ++k) c1[k] = j;
+            std::fill(val.begin(), val.end(), 0.0);
+            if (TRVOchgmqobj64(p->prob, got, c1.data(), col.data(), val.data()) != 0) return problem_error(p), -1;
+        }
+    }
+    return 0;
+}
+
+const char* status_name(int kind, int status) {
+    static const char* const lp[] = {"lp_unstarted", "lp_optimal", "lp_infeas", "lp_cutoff", "lp_unfinished",
+                                     "lp_unbounded", "lp_cutoff_in_dual", "lp_unsolved", "lp_nonconvex"};
+    static const char* const mip[] = {"mip_not_loaded", "mip_lp_not_optimal", "mip_lp_optimal", "mip_no_sol_found",
+                                      "mip_solution", "mip_infeas", "mip_optimal", "mip_unbounded", "mip_unknown"};
+    static const char* const nlp[] = {"nlp_unstarted", "nlp_solution", "nlp_globally_optimal", "nlp_locally_infeasible",
+                                      "nlp_infeasible", "nlp_unbounded", "nlp_unfinished", "nlp_unknown", "nlp_unknown"};
+    bool in = status >= 0 && status <= 8;
+    if (kind == 2) return in ? nlp[status] : "nlp_unknown";
+    if (kind == 1) return in ? mip[status] : "mip_unknown";
+    return in ? lp[status] : "lp_unknown";
+}
+
+bool nonlinear_mode(ProblemObject* p) { return problem_is_nonlinear(p) && p->slp && nonlinear_running(); }
+
+// Status value and the table it belongs to (0 linear, 1 mixed-integer, 2 nonlinear).
+int read_status(ProblemObject* p, int* kind, int* status) {
+    if (nonlinear_mode(p)) {
+        *kind = 2;
+        if (TSLPgetintattrib(p->slp, 12044, status) != 0) return problem_error(p), -1;
+        return 0;
+    }
+    int mip = prob_is_mip(p);
+    if (mip < 0) return -1;
+    *kind = mip;
+    return prob_int_attrib(p, mip ? 1011 : 1010, status);
+}
+
+// Runs the optimiser on a worker thread. The caller waits in 20 ms slices, checking for
+// signals with the interpreter lock held; on KeyboardInterrupt the solve is interrupted,
+// the worker joined and -2 returned with the exception set.
+int run_optimizer(ProblemObject* p, bool mip, const char* flags) {
+    std::mutex m;
+    std::condition_variable cv;
+    bool done = false;
+    int rc = 0;
+    TRVOprob prob = p->prob;
+    std::string fl = flags ? flags : "";
+    bool have_flags = flags != nullptr;
+    std::thread worker;
+    try {
+        worker = std::thread([&] {
+            int r = mip ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
+                        : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
+            std::lock_guard<std::mutex> g(m);
+            rc = r;
+            done = true;
+            cv.notify_all();
+        });
+    } catch (...) {
+        PyErr_SetString(SolverError, "Could not start the optimiser thread");
+        return -2;
+    }
+    bool interrupted = false;
+    for (;;) {
+        bool finished;
+        Py_BEGIN_ALLOW_THREADS
+        {
+            std::unique_lock<std::mutex> lk(m);
+            cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return done; });
+            finished = done;
+        }
+        Py_END_ALLOW_THREADS
+        if (finished) break;
+        if (PyErr_CheckSignals() < 0) {
+            TRVOinterrupt(prob, 2);
+            interrupted = true;
+            break;
+        }
+    }
+    Py_BEGIN_ALLOW_THREADS
+    worker.join();
+    Py_END_ALLOW_THREADS
+    return interrupted ? -2 : rc;
+}
+
+}  // namespace
+
+int set_objective(ProblemObject* p, PyObject* objective, int sense) {
+    PyRef elem;
+    if (is_ndarray(objective)) {
+        PyArrayObject* arr = reinterpret_cast<PyArrayObject*>(objective);
+        if (PyArray_SIZE(arr) != 1) {
+            PyErr_SetString(ModelError, "Only one objective can be set, passed a sequence or NumPy array");
+            return -1;
+        }
+        elem.reset(PyArray_GETITEM(arr, static_cast<char*>(PyArray_DATA(arr))));
+        if (!elem) return -1;
+        objective = elem.get();
+    }
+    if (!(is_number(objective) || is_var(objective) || is_linterm(objective) || is_quadterm(objective) ||
+          is_expression(objective) || is_nonlinear(objective))) {
+        PyErr_SetString(ModelError, "Invalid object set as objective");
+        return -1;
+    }
+    // Split first so that a bad objective leaves the previous one in place.
+    PolyParts parts;
+    if (polynomial_parts(p, objective, true, parts) < 0) return -1;
+    if (clear_objective(p) < 0) return -1;
+    if (parts.constant != 0) {
+        int minus_one = -1;
+        double c = -parts.constant;
+        if (TRVOchgobj(p->prob, 1, &minus_one, &c) != 0) return problem_error(p), -1;
+    }
+    if (!parts.lin.empty()) {
+        std::vector<int> idx;
+        std::vector<double> val;
+        idx.reserve(parts.lin.size());
+        val.reserve(parts.lin.size());
+        for (const auto& e : parts.lin) {
+            idx.push_back(e.first);
+            val.push_back(e.second);
+        }
+        if (TRVOchgobj(p->prob, static_cast<int>(idx.size()), idx.data(), val.data()) != 0) return problem_error(p), -1;
+    }
+    if (!parts.quad.empty()) {
+        std::vector<int> c1, c2;
+        std::vector<double> v;
+        for (const auto& q : parts.quad) {
+            c1.push_back(std::get<0>(q));
+            c2.push_back(std::get<1>(q));
+            v.push_back(std::get<2>(q));
+        }
+        if (TRVOchgmqobj64(p->prob, static_cast<int64_t>(v.size()), c1.data(), c2.data(), v.data()) != 0)
+            return problem_error(p), -1;
+    }
+    if (TRVOchgobjsense(p->prob, sense == 1 ? 1 : -1) != 0) return problem_error(p), -1;
+    if (p->slp && nonlinear_running() && TSLPsetdblcontrol(p->slp, 12146, sense == 1 ? 1.0 : -1.0) != 0)
+        return problem_error(p), -1;
+    return 0;
+}
+
+PyObject* problem_setObjective(PyObject* self, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"objective", "sense", nullptr};
+    PyObject* objective = nullptr;
+    int sense = 1;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "O|i:setObjective", const_cast<char**>(kwlist), &objective, &sense))
+        return nullptr;
+    if (sense != 1 && sense != -1) {
+        PyErr_SetString(ModelError, "Invalid optimization sense");
+        return nullptr;
+    }
+    if (set_objective(as_prob(self), objective, sense) < 0) return report_error(self, nullptr);
+    Py_RETURN_NONE;
+}
+
+PyObject* problem_solve(PyObject* self, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"flags", nullptr};
+    PyObject* flags_obj = nullptr;
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "|O:solve", const_cast<char**>(kwlist), &flags_obj)) return nullptr;
+    ProblemObject* p = as_prob(self);
+    int mip = prob_is_mip(p);
+    if (mip < 0) return nullptr;
+    const char* flags = nullptr;
+    PyObject* tmp = nullptr;
+    if (flags_obj && flags_obj != Py_None) {
+        if (!PyUnicode_Check(flags_obj) && !PyBytes_Check(flags_obj)) {
+            PyErr_SetString(InterfaceError, "The optional 'flags' parameter should be a string");
+            return nullptr;
+        }
+        flags = conv_str(flags_obj, nullptr, &tmp);
+        if (!flags) return nullptr;
+    }
+    PyRef hold_tmp(tmp);
+    if (problem_is_nonlinear(p)) {
+        PyErr_SetString(SolverError, "Problems with nonlinear constraints or objectives cannot be solved yet");
+        return nullptr;
+    }
+    int rc = run_optimizer(p, mip != 0, flags);
+    if (rc == -2 || PyErr_Occurred()) return nullptr;
+    if (rc == 0) Py_RETURN_NONE;
+    int status = 0;
+    if (TRVOgetintattrib(p->prob, mip ? 1011 : 1010, &status) == 0 && status == 8) {
+        PyErr_SetString(SolverError,
+                        "The problem was determined to be nonconvex, and the optimizer cannot solve it. Call nlpoptimize() to find a solution using SLP");
+        return nullptr;
+    }
+    return problem_error(p);
+}
+
+PyObject* problem_getProbStatus(PyObject* self, PyObject*) {
+    int kind = 0, status = 0;
+    if (read_status(as_prob(self), &kind, &status) < 0) return nullptr;
+    return PyLong_FromLong(status);
+}
+
+PyObject* problem_getProbStatusString(PyObject* self, PyObject*) {
+    int kind = 0, status = 0;
+    if (read_status(as_prob(self), &kind, &status) < 0) return nullptr;
+    return PyUnicode_FromString(status_name(kind, status));
+}
+
+PyObject* problem_getObjVal(PyObject* self, PyObject*) {
+    ProblemObject* p = as_prob(self);
+    double v = 0;
+    if (nonlinear_mode(p)) {
+        if (TSLPgetdblattrib(p->slp, 12179, &v) != 0) return problem_error(p);
+        return PyFloat_FromDouble(v);
+    }
+    int mip = prob_is_mip(p);
+    if (mip < 0) return nullptr;
+    if (prob_dbl_attrib(p, mip ? 2003 : 2001, &v) < 0) return nullptr;
+    return PyFloat_FromDouble(v);
+}
+
+}  // namespace tarvo

@@ -1,0 +1,647 @@
+// The problem object: creation from positional model elements, name, copy, reset, read,
+// write and deallocation, plus the small attribute helpers the other problem files share.
+#include "problem/problem.h"
+#include "model/model.h"
+#include "nonlinear/node.h"
+#include "problem/nonlinear_bridge.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#define TARVO_WEAK __attribute__((weak))
+
+namespace tarvo {
+
+// Methods contributed by later subsystems (low-level library methods, callbacks).
+TARVO_WEAK PyMethodDef problem_lowlevel_methods[] = {{nullptr, nullptr, 0, nullptr}};
+TARVO_WEAK PyMethodDef problem_callback_methods[] = {{nullptr, nullptr, 0, nullptr}};
+// Callback lists: copied by copy(); the callback registry replaces this default.
+TARVO_WEAK int callbacks_copy(ProblemObject* dst, ProblemObject* src) {
+    for (int k = 0; k < CALLBACK_KINDS; ++k) {
+        if (!src->callbacks[k]) continue;
+        dst->callbacks[k] = PyList_GetSlice(src->callbacks[k], 0, PyList_GET_SIZE(src->callbacks[k]));
+        if (!dst->callbacks[k]) return -1;
+    }
+    return 0;
+}
+
+// ------------------------------------------------------------------ shared helpers
+
+int prob_int_attrib(ProblemObject* p, int id, int* value) {
+    *value = 0;
+    if (TRVOgetintattrib(p->prob, id, value) != 0) {
+        problem_error(p);
+        return -1;
+    }
+    return 0;
+}
+
+int prob_dbl_attrib(ProblemObject* p, int id, double* value) {
+    *value = 0;
+    if (TRVOgetdblattrib(p->prob, id, value) != 0) {
+        problem_error(p);
+        return -1;
+    }
+    return 0;
+}
+
+int prob_cols(ProblemObject* p, int* n) { return prob_int_attrib(p, 1214, n); }
+int prob_rows(ProblemObject* p, int* n) { return prob_int_attrib(p, 1124, n); }
+int prob_sets(ProblemObject* p, int* n) { return prob_int_attrib(p, 1194, n); }
+
+int prob_is_mip(ProblemObject* p) {
+    for (int id : {1032, 1004, 1327, 1325}) {
+        int v = 0;
+        if (prob_int_attrib(p, id, &v) < 0) return -1;
+        if (v != 0) return 1;
+    }
+    return 0;
+}
+
+uint64_t object_key(PyObject* o) {
+    if (is_var(o)) return var_serial(o);
+    if (is_constraint(o)) return con_serial(o);
+    return reinterpret_cast<SosObject*>(o)->serial;
+}
+
+namespace {
+
+PyObject* as_obj(ProblemObject* p) { return reinterpret_cast<PyObject*>(p); }
+
+// Allocation: every field in a releasable state, the module referenced.
+PyObject* problem_alloc(PyTypeObject* type) {
+    PyObject* self = type->tp_alloc(type, 0);
+    if (!self) return nullptr;
+    ProblemObject* p = as_prob(self);
+    p->prob = nullptr;
+    p->slp = nullptr;
+    p->vars = p->cons = p->sets = nullptr;
+    p->controls = p->attributes = nullptr;
+    p->colmap = p->rowmap = p->setmap = nullptr;
+    for (auto& c : p->callbacks) c = nullptr;
+    p->const_col = -1;
+    p->nl_rows = 0;
+    p->nl_objective = 0;
+    p->userfuncs = nullptr;
+    p->obj_row = -1;
+    p->obj_col = -1;
+    if (state.module) Py_INCREF(state.module);
+    return self;
+}
+
+int make_lists_and_maps(ProblemObject* p) {
+    p->vars = PyList_New(0);
+    p->cons = PyList_New(0);
+    p->sets = PyList_New(0);
+    try {
+        p->colmap = new IndexMap();
+        p->rowmap = new IndexMap();
+        p->setmap = new IndexMap();
+    } catch (...) {
+    }
+    if (!p->vars || !p->cons || !p->sets || !p->colmap || !p->rowmap || !p->setmap) {
+        PyErr_Clear();
+        PyErr_SetString(ModelError, "Could not create problem maps");
+        return -1;
+    }
+    return 0;
+}
+
+// Creates the library problem and, when the nonlinear library runs, the nonlinear problem
+// bound to it.
+int create_library_problems(ProblemObject* p) {
+    if (TRVOcreateprob(&p->prob) != 0) {
+        p->prob = nullptr;
+        report_error(nullptr, nullptr);
+        return -1;
+    }
+    if (nonlinear_running()) {
+        if (TSLPcreateprob(&p->slp, &p->prob) != 0) {
+            p->slp = nullptr;
+            report_error(nullptr, nullptr);
+            return -1;
+        }
+        if (TSLPsetintcontrol(p->slp, 12415, 0) != 0) {
+            problem_error(p);
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// Loads an empty problem with the given name; control 8035 is cleared during the load.
+int load_empty(ProblemObject* p, const char* name) {
+    int keep = 0;
+    if (TRVOgetintcontrol(p->prob, 8035, &keep) != 0 || TRVOsetintcontrol(p->prob, 8035, 0) != 0 ||
+        TRVOloadlp(p->prob, name, 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                   nullptr, nullptr, nullptr) != 0 ||
+        TRVOsetintcontrol(p->prob, 8035, keep) != 0) {
+        problem_error(p);
+        return -1;
+    }
+    return 0;
+}
+
+void destroy_library_problems(ProblemObject* p) {
+    remove_problem_printers(p);
+    if (p->slp) TSLPdestroyprob(p->slp);
+    p->slp = nullptr;
+    if (p->prob) TRVOdestroyprob(p->prob);
+    p->prob = nullptr;
+}
+
+void release_userfuncs(ProblemObject* p) {
+    if (!p->userfuncs) return;
+    Py_ssize_t n = PyDict_Size(p->userfuncs);
+    for (Py_ssize_t i = 1; i <= n && p->slp && TSLPgetuserfuncobject; ++i) {
+        void* obj = nullptr;
+        if (TSLPgetuserfuncobject(p->slp, static_cast<int>(i), &obj) == 0 && obj)
+            Py_DECREF(static_cast<PyObject*>(obj));
+    }
+    Py_CLEAR(p->userfuncs);
+}
+
+void clear_lists_and_maps(ProblemObject* p) {
+    for (PyObject* l : {p->vars, p->cons, p->sets})
+        if (l) PyList_SetSlice(l, 0, PyList_GET_SIZE(l), nullptr);
+    for (IndexMap* m : {p->colmap, p->rowmap, p->setmap})
+        if (m) m->clear();
+}
+
+// Classes of a positional argument of the constructor.
+enum ArgClass { ARG_INVALID = -1, ARG_VAR = 0, ARG_CON = 1, ARG_SOS = 2, ARG_OBJECTIVE = 3, ARG_STRING = 4 };
+
+int classify_leaf(PyObject* leaf) {
+    if (is_var(leaf)) return ARG_VAR;
+    if (is_constraint(leaf)) return ARG_CON;
+    if (is_sos(leaf)) return ARG_SOS;
+    if (is_expression(leaf) || is_linterm(leaf) || is_quadterm(leaf) || is_nonlinear(leaf)) return ARG_OBJECTIVE;
+    if (PyUnicode_Check(leaf) || PyBytes_Check(leaf)) return ARG_STRING;
+    return ARG_INVALID;
+}
+
+int add_elements(ProblemObject* p, PyObject* args, int sense) {
+    PyObject* objective = nullptr;  // borrowed from args (or held below)
+    PyRef objective_hold;
+    bool named = false;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(args); ++i) {
+        PyObject* arg = PyTuple_GET_ITEM(args, i);
+        if (PyUnicode_Check(arg) || PyBytes_Check(arg)) {
+            if (named) {
+                PyErr_SetString(ModelError, "More than one string passed in problem declaration");
+                return -1;
+            }
+            named = true;
+            PyObject* tmp = nullptr;
+            const char* name = conv_str(arg, nullptr, &tmp);
+            if (!name) return -1;
+            int rc = TRVOsetprobname(p->prob, name);
+            Py_XDECREF(tmp);
+            if (rc != 0) { problem_error(p); return -1; }
+            continue;
+        }
+        // An iterator loses the item the classification reads: pass it again in front.
+        PyRef pending;
+        PyRef rebuilt;
+        PyObject* whole = arg;
+        PyObject* probe = arg;
+        if (PyIter_Check(arg)) {
+            pending.reset(PyIter_Next(arg));
+            if (!pending) {
+                if (PyErr_Occurred()) return -1;
+                continue;
+            }
+            rebuilt.reset(Py_BuildValue("(OO)", pending.get(), arg));
+            if (!rebuilt) return -1;
+            whole = rebuilt.get();
+            probe = pending.get();
+        }
+        PyObject* leaf_raw = nullptr;
+        int found = first_leaf(probe, WALK_DEPTH, &leaf_raw);
+        PyRef leaf(leaf_raw);
+        int cls;
+        if (found < 0) {
+            PyErr_Clear();
+            cls = ARG_INVALID;
+        } else if (found == 0) {
+            continue;
+        } else {
+            cls = classify_leaf(leaf.get());
+        }
+        if (cls == ARG_VAR && is_var(arg) && p->colmap->count(var_serial(arg))) cls = ARG_OBJECTIVE;
+        PyRef call_args;
+        switch (cls) {
+            case ARG_VAR:
+            case ARG_CON:
+            case ARG_SOS: {
+                call_args.reset(PyTuple_Pack(1, whole));
+                if (!call_args) return -1;
+                PyObject* self = as_obj(p);
+                PyRef r(cls == ARG_VAR ? problem_addVariable(self, call_args.get())
+                        : cls == ARG_CON ? problem_addConstraint(self, call_args.get())
+                                         : problem_addSOS(self, call_args.get()));
+                if (!r) return -1;
+                break;
+            }
+            case ARG_OBJECTIVE: {
+                PyObject* obj = whole;
+                PyRef elem;
+                if (is_ndarray(obj)) {
+                    if (PyArray_SIZE(reinterpret_cast<PyArrayObject*>(obj)) != 1) {
+                        PyErr_SetString(ModelError,
+                                        "Only one objective can be set, but a sequence or NumPy array of expressions was passed");
+                        return -1;
+                    }
+                    elem.reset(PyArray_GETITEM(reinterpret_cast<PyArrayObject*>(obj),
+                                               static_cast<char*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(obj)))));
+                    if (!elem) return -1;
+                    obj = elem.get();
+                }
+                if (!(is_var(obj) || is_linterm(obj) || is_quadterm(obj) || is_expression(obj) || is_nonlinear(obj))) {
+                    PyErr_SetString(ModelError,
+                                    "Incorrect way of defining an objective function (it should not be in an aggregate structure)");
+                    return -1;
+                }
+                if (objective) {
+                    PyErr_SetString(ModelError, "At most one expression can be used as an objective function");
+                    return -1;
+                }
+                Py_INCREF(obj);
+                objective_hold.reset(obj);
+                objective = obj;
+                break;
+            }
+            default:
+                PyErr_SetString(ModelError,
+                                "Erroneous problem declaration; argument contained object that was not a variable, constraint, or expression");
+                return -1;
+        }
+    }
+    // The objective is set after every element is in, so that it may precede its variables.
+    if (objective && set_objective(p, objective, sense) < 0) return -1;
+    return 0;
+}
+
+// ------------------------------------------------------------------ Python interface
+
+PyObject* problem_new(PyTypeObject* type, PyObject* args, PyObject* kw) {
+    static const char* kwlist[] = {"name", "sense", nullptr};
+    PyObject* name_obj = nullptr;
+    int sense = 1;
+    PyRef empty(PyTuple_New(0));
+    if (!empty) return nullptr;
+    if (!PyArg_ParseTupleAndKeywords(empty.get(), kw, "|$Oi:problem", const_cast<char**>(kwlist), &name_obj, &sense))
+        return nullptr;
+    if (sense != 1 && sense != -1) {
+        PyErr_SetString(ModelError, "Invalid optimization sense");
+        return nullptr;
+    }
+    PyRef self(problem_alloc(type));
+    if (!self) return nullptr;
+    ProblemObject* p = as_prob(self.get());
+    if (make_lists_and_maps(p) < 0) return nullptr;
+    if (env_start(false) < 0) return nullptr;
+    if (create_library_problems(p) < 0) return nullptr;
+    std::string name = "noname";
+    if (name_obj && name_obj != Py_None) {
+        PyObject* tmp = nullptr;
+        const char* s = conv_str(name_obj, nullptr, &tmp);
+        if (!s) return nullptr;
+        name = s;
+        Py_XDECREF(tmp);
+    }
+    if (load_empty(p, name.c_str()) < 0) return nullptr;
+    p->controls = new_problem_controls(self.get());
+    p->attributes = new_problem_attributes(self.get());
+    if (!p->controls || !p->attributes) return nullptr;
+    if (install_problem_printers(p) < 0) return nullptr;
+    if (problem_apply_default_controls(p) < 0) return nullptr;
+    if (add_elements(p, args, sense) < 0) return nullptr;
+    return self.release();
+}
+
+void problem_dealloc(PyObject* self) {
+    ProblemObject* p = as_prob(self);
+    if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
+    release_userfuncs(p);
+    destroy_library_problems(p);
+    for (auto& c : p->callbacks) Py_CLEAR(c);
+    detach_controls(p->controls);
+    detach_controls(p->attributes);
+    Py_CLEAR(p->controls);
+    Py_CLEAR(p->attributes);
+    Py_CLEAR(p->vars);
+    Py_CLEAR(p->cons);
+    Py_CLEAR(p->sets);
+    delete p->colmap;
+    delete p->rowmap;
+    delete p->setmap;
+    p->colmap = p->rowmap = p->setmap = nullptr;
+    PyObject* module = state.module;
+    Py_TYPE(self)->tp_free(self);
+    Py_XDECREF(module);
+}
+
+PyObject* problem_name(PyObject* self, PyObject*) {
+    ProblemObject* p = as_prob(self);
+    int len = 0;
+    if (prob_int_attrib(p, 1158, &len) < 0) return nullptr;
+    std::vector<char> buf(static_cast<size_t>(len) + 2, '\0');
+    if (TRVOgetprobname(p->prob, buf.data()) != 0) return problem_error(p);
+    buf.back() = '\0';
+    return PyUnicode_FromString(buf.data());
+}
+
+PyObject* problem_str(PyObject* self) { return problem_name(self, nullptr); }
+
+PyObject* problem_copy(PyObject* self, PyObject*) {
+    ProblemObject* src = as_prob(self);
+    PyRef copy(problem_alloc(Py_TYPE(self)));
+    if (!copy) return nullptr;
+    ProblemObject* p = as_prob(copy.get());
+    if (create_library_problems(p) < 0 || problem_apply_default_controls(p) < 0) return report_error(self, nullptr);
+    if (TRVOcopyprob(p->prob, src->prob, "") != 0) return problem_error(src);
+    if (src->slp && p->slp && TSLPcopyprob(p->slp, src->slp, "") != 0) return problem_error(src);
+    if (callbacks_copy(p, src) < 0) return nullptr;
+    if (TRVOcopycontrols(p->prob, src->prob) != 0) return problem_error(src);
+    if (src->slp && p->slp && TSLPcopycontrols(p->slp, src->slp) != 0) return problem_error(src);
+    if (make_lists_and_maps(p) < 0) return nullptr;
+    p->controls = new_problem_controls(copy.get());
+    p->attributes = new_problem_attributes(copy.get());
+    if (!p->controls || !p->attributes) return nullptr;
+    *p->colmap = *src->colmap;
+    *p->rowmap = *src->rowmap;
+    *p->setmap = *src->setmap;
+    for (auto pair : {std::make_pair(p->vars, src->vars), std::make_pair(p->cons, src->cons), std::make_pair(p->sets, src->sets)})
+        if (PyList_SetSlice(pair.first, 0, 0, pair.second) < 0) return nullptr;
+    p->nl_rows = src->nl_rows;
+    p->nl_objective = src->nl_objective;
+    p->obj_row = src->obj_row;
+    p->obj_col = src->obj_col;
+    if (install_problem_printers(p) < 0) return nullptr;
+    return copy.release();
+}
+
+PyObject* problem_reset(PyObject* self, PyObject*) {
+    ProblemObject* p = as_prob(self);
+    clear_lists_and_maps(p);
+    if (p->prob) {
+        release_userfuncs(p);
+        destroy_library_problems(p);
+        p->const_col = -1;
+        p->nl_rows = 0;
+        p->nl_objective = 0;
+        p->obj_row = p->obj_col = -1;
+        if (create_library_problems(p) < 0 || problem_apply_default_controls(p) < 0) return nullptr;
+        if (TRVOsetprobname(p->prob, "") != 0) return problem_error(p);
+        if (load_empty(p, "") < 0) return nullptr;
+        if (install_problem_printers(p) < 0) return nullptr;
+    }
+    Py_RETURN_NONE;
+}
+
+// Rebuilds the lists and maps from the library problem after the library filled it.
+int load_from_library(ProblemObject* p) {
+    int ncols = 0, nrows = 0, nsets = 0, namelen = 0;
+    if (prob_int_attrib(p, 1214, &ncols) < 0 || prob_int_attrib(p, 1124, &nrows) < 0 ||
+        prob_int_attrib(p, 1194, &nsets) < 0 || prob_int_attrib(p, 1028, &namelen) < 0)
+        return -1;
+    const size_t width = 8 * static_cast<size_t>(namelen) + 1;
+    // Names of kind `type` for [first, last], fetched in blocks of 256.
+    auto fetch_names = [&](int type, int count, std::vector<std::string>& out) -> int {
+        out.clear();
+        std::vector<char> buf;
+        for (int first = 0; first < count; first += 256) {
+            int last = std::min(count, first + 256) - 1;
+            buf.assign(width * (last - first + 1) + 1, '\0');
+            if (TRVOgetnames(p->prob, type, buf.data(), first, last) != 0) {
+                problem_error(p);
+                return -1;
+            }
+            const char* s = buf.data();
+            for (int i = first; i <= last; ++i) {
+                out.emplace_back(s);
+                s += std::strlen(s) + 1;
+            }
+        }
+        return 0;
+    };
+    std::vector<std::string> names;
+    if (ncols > 0) {
+        std::vector<double> lb(ncols), ub(ncols);
+        std::vector<char> ct(ncols);
+        if (TRVOgetlb(p->prob, lb.data(), 0, ncols - 1) != 0 || TRVOgetub(p->prob, ub.data(), 0, ncols - 1) != 0 ||
+            TRVOgetcoltype(p->prob, ct.data(), 0, ncols - 1) != 0) {
+            problem_error(p);
+            return -1;
+        }
+        if (fetch_names(2, ncols, names) < 0) return -1;
+        for (int i = 0; i < ncols; ++i) {
+            PyRef v(new_var());
+            PyRef name(PyUnicode_FromString(names[i].c_str()));
+            if (!v || !name) {
+                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Could not read problem");
+                return -1;
+            }
+            uint64_t* word = &reinterpret_cast<VarObject*>(v.get())->word;
+            var_set_name(word, name.get());
+            var_set_lb(word, lb[i]);
+            var_set_ub(word, ub[i]);
+            uint64_t code = 0;
+            switch (ct[i]) {
+                case 'B': code = 1; break;
+                case 'I': code = 2; break;
+                case 'S': code = 3; break;
+                case 'R': code = 4; break;
+                case 'P': code = 5; break;
+                default: code = 0;
+            }
+            *word = (*word & ~(uint64_t(7) << 60)) | (code << 60);
+            if (PyList_Append(p->vars, v.get()) < 0) return -1;
+            (*p->colmap)[var_serial(v.get())] = i;
+        }
+    }
+    if (nrows > 0) {
+        std::vector<double> rhs(nrows), rng(nrows);
+        std::vector<char> rt(nrows);
+        if (TRVOgetrhs(p->prob, rhs.data(), 0, nrows - 1) != 0 || TRVOgetrhsrange(p->prob, rng.data(), 0, nrows - 1) != 0 ||
+            TRVOgetrowtype(p->prob, rt.data(), 0, nrows - 1) != 0) {
+            problem_error(p);
+            return -1;
+        }
+        if (fetch_names(1, nrows, names) < 0) return -1;
+        for (int i = 0; i < nrows; ++i) {
+            PyRef c(con_new());
+            PyRef name(PyUnicode_FromString(names[i].c_str()));
+            if (!c || !name) {
+                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Cannot read constraint from problem");
+                return -1;
+            }
+            uint64_t* word = &reinterpret_cast<ConstraintObject*>(c.get())->word;
+            con_set_name(word, name.get());
+            switch (rt[i]) {
+                case 'E': con_set_lb(word, rhs[i]); con_set_ub(word, rhs[i]); break;
+                case 'G': con_set_lb(word, rhs[i]); break;
+                case 'L': con_set_ub(word, rhs[i]); break;
+                case 'R': con_set_lb(word, rhs[i] - rng[i]); con_set_ub(word, rhs[i]); break;
+                default: break;
+            }
+            if (PyList_Append(p->cons, c.get()) < 0) return -1;
+            (*p->rowmap)[con_serial(c.get())] = i;
+        }
+    }
+    if (nsets > 0) {
+        if (fetch_names(3, nsets, names) < 0) return -1;
+        for (int i = 0; i < nsets; ++i) {
+            PyRef s(SosType.tp_alloc(&SosType, 0));
+            PyRef name(PyUnicode_FromString(names[i].c_str()));
+            PyRef idx(PyList_New(0)), wts(PyList_New(0));
+            if (!s || !name || !idx || !wts) {
+                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Cannot read SOS from problem");
+                return -1;
+            }
+            SosObject* so = reinterpret_cast<SosObject*>(s.get());
+            so->serial = next_sos_serial();
+            so->type = 1;
+            so->name = name.release();
+            so->indices = idx.release();
+            so->weights = wts.release();
+            if (PyList_Append(p->sets, s.get()) < 0) return -1;
+            (*p->setmap)[so->serial] = i;
+        }
+    }
+    if (p->slp && nonlinear_running()) {
+        int a = 0, b = 0;
+        if (TSLPgetintattrib(p->slp, 12026, &a) != 0 || TSLPgetintattrib(p->slp, 12016, &b) != 0) {
+            problem_error(p);
+            return -1;
+        }
+        p->nl_rows = a + b;
+    }
+    return 0;
+}
+
+PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
+    ProblemObject* p = as_prob(self);
+    clear_lists_and_maps(p);
+    static const char* kwlist[] = {"filename", "options", nullptr};
+    const char* filename = nullptr;
+    const char* options = "";
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:read", const_cast<char**>(kwlist), &filename, &options))
+        return nullptr;
+    if (TRVOreadprob(p->prob, filename, options) != 0) {
+        if (!(p->slp && nonlinear_running() && TSLPreadprob && TSLPreadprob(p->slp, filename, options) == 0))
+            return problem_error(p);
+    }
+    if (load_from_library(p) < 0) {
+        clear_lists_and_maps(p);
+        return nullptr;
+    }
+    Py_RETURN_NONE;
+}
+
+PyObject* problem_write(PyObject* self, PyObject* args, PyObject* kw) {
+    ProblemObject* p = as_prob(self);
+    static const char* kwlist[] = {"filename", "flags", nullptr};
+    const char* filename = nullptr;
+    const char* flags = "";
+    if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:write", const_cast<char**>(kwlist), &filename, &flags))
+        return nullptr;
+    bool nonlinear = p->slp && (problem_is_nonlinear(p) || std::strchr(flags, 'g'));
+    if (nonlinear && !TSLPwriteprob) {
+        PyErr_SetString(SolverError, "Writing through the nonlinear library is not available in this build");
+        return nullptr;
+    }
+    int rc;
+    Py_BEGIN_ALLOW_THREADS
+    if (nonlinear)
+        rc = TSLPwriteprob(p->slp, filename, flags);
+    else
+        rc = TRVOwriteprob(p->prob, filename, flags);
+    Py_END_ALLOW_THREADS
+    if (rc != 0) return problem_error(p);
+    Py_RETURN_NONE;
+}
+
+PyObject* get_controls(PyObject* self, void*) {
+    PyObject* c = as_prob(self)->controls;
+    Py_INCREF(c);
+    return c;
+}
+
+PyObject* get_attributes(PyObject* self, void*) {
+    PyObject* a = as_prob(self)->attributes;
+    Py_INCREF(a);
+    return a;
+}
+
+#define KW_METHOD(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
+
+PyMethodDef own_methods[] = {
+    {"name", problem_name, METH_NOARGS, "name() -> str: the problem's name."},
+    {"copy", problem_copy, METH_NOARGS, "copy() -> problem: a new problem with the same content."},
+    {"reset", problem_reset, METH_NOARGS, "reset(): make the problem empty again."},
+    {"read", KW_METHOD(problem_read), METH_VARARGS | METH_KEYWORDS, "read(filename, options=''): read a problem file."},
+    {"write", KW_METHOD(problem_write), METH_VARARGS | METH_KEYWORDS, "write(filename, flags=''): write a problem file."},
+    {"addVariable", problem_addVariable, METH_VARARGS, "addVariable(*vars): add variables (nested containers allowed)."},
+    {"addConstraint", problem_addConstraint, METH_VARARGS, "addConstraint(*cons): add constraints (nested containers allowed)."},
+    {"addSOS", problem_addSOS, METH_VARARGS, "addSOS(*sets): add special ordered sets."},
+    {"addIndicator", problem_addIndicator, METH_VARARGS, "addIndicator(condition, constraint) or addIndicator((cond, con), ...)."},
+    {"delVariable", KW_METHOD(problem_delVariable), METH_VARARGS | METH_KEYWORDS, "delVariable(index=None, first=-1, last=-1)."},
+    {"delConstraint", KW_METHOD(problem_delConstraint), METH_VARARGS | METH_KEYWORDS, "delConstraint(index=None, first=-1, last=-1)."},
+    {"delSOS", KW_METHOD(problem_delSOS), METH_VARARGS | METH_KEYWORDS, "delSOS(index=None, first=-1, last=-1)."},
+    {"setObjective", KW_METHOD(problem_setObjective), METH_VARARGS | METH_KEYWORDS, "setObjective(objective, sense=1)."},
+    {"solve", KW_METHOD(problem_solve), METH_VARARGS | METH_KEYWORDS, "solve(flags=None): run the optimiser that fits the problem."},
+    {"getProbStatus", problem_getProbStatus, METH_NOARGS, "getProbStatus() -> int."},
+    {"getProbStatusString", problem_getProbStatusString, METH_NOARGS, "getProbStatusString() -> str."},
+    {"getObjVal", problem_getObjVal, METH_NOARGS, "getObjVal() -> float."},
+    {"getSolution", KW_METHOD(problem_getSolution), METH_VARARGS | METH_KEYWORDS, "getSolution(*args, flatten=False)."},
+    {"getDual", problem_getDual, METH_VARARGS, "getDual(*args): duals of constraints."},
+    {"getSlack", problem_getSlack, METH_VARARGS, "getSlack(*args): slacks of constraints."},
+    {"getRCost", problem_getRCost, METH_VARARGS, "getRCost(*args): reduced costs of variables."},
+    {"getIndex", problem_getIndex, METH_O, "getIndex(obj) -> int: column, row or set index."},
+    {"getVariable", KW_METHOD(problem_getVariable), METH_VARARGS | METH_KEYWORDS, "getVariable(index=None, first=-1, last=-1)."},
+    {"getConstraint", KW_METHOD(problem_getConstraint), METH_VARARGS | METH_KEYWORDS, "getConstraint(index=None, first=-1, last=-1)."},
+    {"getSOS", KW_METHOD(problem_getSOS), METH_VARARGS | METH_KEYWORDS, "getSOS(index=None, first=-1, last=-1)."},
+    {"setControl", problem_setControl, METH_VARARGS, "setControl(dict) or setControl(name, value)."},
+    {"getControl", problem_getControl, METH_VARARGS, "getControl(*names): control values."},
+    {"getAttrib", problem_getAttrib, METH_VARARGS, "getAttrib(*names): attribute values."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyGetSetDef getset[] = {
+    {"controls", get_controls, nullptr, "Problem's controls", nullptr},
+    {"attributes", get_attributes, nullptr, "Problem's attributes", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+std::vector<PyMethodDef>& method_table() {
+    static std::vector<PyMethodDef> table;
+    return table;
+}
+
+PyTypeObject make_problem_type() {
+    std::vector<PyMethodDef>& table = method_table();
+    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods})
+        for (PyMethodDef* d = t; d->ml_name; ++d) table.push_back(*d);
+    table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
+    PyTypeObject t = {PyVarObject_HEAD_INIT(nullptr, 0)};
+    t.tp_name = "tarvo.problem";
+    t.tp_basicsize = sizeof(ProblemObject);
+    t.tp_flags = Py_TPFLAGS_DEFAULT;
+    t.tp_doc = "An optimisation problem: variables, constraints, sets and an objective, solved by the optimiser.";
+    t.tp_new = problem_new;
+    t.tp_dealloc = problem_dealloc;
+    t.tp_str = problem_str;
+    t.tp_methods = table.data();
+    t.tp_getset = getset;
+    return t;
+}
+
+}  // namespace
+
+PyTypeObject ProblemType = make_problem_type();
+
+}  // namespace tarvo

@@ -1,0 +1,155 @@
+// The problem object and the services the problem layer shares with the rest of the module:
+// object maps, argument conversion, the nested argument walk and error reporting.
+#pragma once
+#include "module/common.h"
+#include "module/types.h"
+#include "library_interface/trvo.h"
+#include "library_interface/tslp.h"
+
+#include <functional>
+#include <map>
+#include <vector>
+
+namespace tarvo {
+
+// Serial of a modelling object -> its column, row or set index in one problem.
+using IndexMap = std::map<uint64_t, int>;
+
+constexpr int CALLBACK_KINDS = 40;
+
+struct ProblemObject {
+    PyObject_HEAD
+    TRVOprob prob;        // library problem; null before initialisation or after a failed creation
+    TSLPprob slp;         // nonlinear problem bound to prob, or null
+    PyObject* vars;       // list of var in column order
+    PyObject* cons;       // list of constraint in row order
+    PyObject* sets;       // list of SOS in set order
+    PyObject* controls;   // tarvo.control bound to this problem
+    PyObject* attributes; // tarvo.attribute bound to this problem
+    IndexMap* colmap;
+    IndexMap* rowmap;
+    IndexMap* setmap;
+    PyObject* callbacks[CALLBACK_KINDS];  // one list per callback kind, or null
+    int const_col;        // nonlinear library's constant-coefficient column, -1 until used
+    int nl_rows;          // rows carrying nonlinear formulas
+    int nl_objective;     // nonzero when the objective is nonlinear
+    PyObject* userfuncs;  // user callables registered with the nonlinear library, or null
+    int obj_row;          // objective transfer row, -1 when none
+    int obj_col;          // objective transfer column, -1 when none
+};
+
+inline bool is_problem(PyObject* o) { return PyObject_TypeCheck(o, &ProblemType); }
+inline ProblemObject* as_prob(PyObject* o) { return reinterpret_cast<ProblemObject*>(o); }
+inline bool problem_is_nonlinear(const ProblemObject* p) { return p->nl_rows > 0 || p->nl_objective; }
+
+// ------------------------------------------------------------------ environment (module/environment.cpp)
+// Start request: 0 on success, -1 with a Python exception set.
+int env_start(bool force);
+// Whether the nonlinear library is running (read under the environment lock).
+bool nonlinear_running();
+// Writes one library message to sys.stdout while output is enabled (null: flush, no output).
+void write_library_message(const char* msg);
+// Registers / removes the message printers on a problem's library and nonlinear problems.
+int install_problem_printers(ProblemObject* p);
+void remove_problem_printers(ProblemObject* p);
+
+// ------------------------------------------------------------------ errors (problem/errors.cpp)
+// Turns a failed call into a Python exception: does nothing when result is non-null or an
+// exception is pending; otherwise raises the owner's last library error (owner null: the
+// global environment). Returns result.
+PyObject* report_error(PyObject* owner, PyObject* result);
+// Convenience: raise the library error of a problem and return null.
+PyObject* problem_error(ProblemObject* p);
+
+// ------------------------------------------------------------------ conversion (problem/conversion.cpp)
+enum ConvType {
+    CONV_ROW = 0, CONV_COL = 1, CONV_SET = 2, CONV_INT = 3, CONV_INT64 = 4, CONV_DOUBLE = 5,
+    CONV_CHAR = 6, CONV_CHARCODE = 7, CONV_STRING = 8, CONV_POOLCUT = 9, CONV_OBJECT = 10,
+    CONV_ROWCOL = 11,
+};
+size_t conv_elem_size(int type);
+int conv_obj2arr(ProblemObject* p, int64_t* count, PyObject* source, void** array, int type);
+int conv_arr2obj(ProblemObject* p, int64_t count, const void* array, PyObject* target, int type);
+int conv_index(PyObject* obj, ProblemObject* p, int* index, int type);
+int conv_item(ProblemObject* p, PyObject* obj, void* array, int64_t pos, int type);
+// UTF-8 text of a str or bytes (borrowed; *tmp may receive an object the caller releases).
+// With copy non-null, *copy receives a malloc'ed copy (replacing and freeing the previous one).
+const char* conv_str(PyObject* obj, char** copy, PyObject** tmp);
+// Frees an array made by conv_obj2arr (string arrays free each string too).
+void conv_free(void* array, int64_t count, int type);
+// Python integer in the module's sense: int, or NumPy intc/int_/longlong scalar.
+bool is_index_integer(PyObject* o);
+long long index_integer_value(PyObject* o);
+
+// ------------------------------------------------------------------ nested walk (problem/walk.cpp)
+// Visits every leaf of arg in order; the handler returns 0 to go on, -1 (exception set) to stop.
+// depth is the remaining nesting budget (32 at the top).
+using LeafHandler = std::function<int(PyObject* leaf)>;
+int walk_leaves(PyObject* arg, int depth, const LeafHandler& handler);
+constexpr int WALK_DEPTH = 32;
+// Finds the first leaf of arg: 1 found (*leaf new reference), 0 none, -1 error (exception set).
+int first_leaf(PyObject* arg, int depth, PyObject** leaf);
+
+// ------------------------------------------------------------------ problem (problem/problem.cpp)
+// Library integer attribute of the problem (-1 with a Python exception on failure).
+int prob_int_attrib(ProblemObject* p, int id, int* value);
+int prob_dbl_attrib(ProblemObject* p, int id, double* value);
+int prob_cols(ProblemObject* p, int* n);
+int prob_rows(ProblemObject* p, int* n);
+int prob_sets(ProblemObject* p, int* n);
+// Mixed-integer test (attributes 1032, 1004, 1327, 1325): 1 yes, 0 no, -1 error.
+int prob_is_mip(ProblemObject* p);
+// The serial keys used by the maps.
+uint64_t object_key(PyObject* o);
+
+// ------------------------------------------------------------------ add/delete (problem/add_delete.cpp)
+PyObject* problem_addVariable(PyObject* self, PyObject* args);
+PyObject* problem_addConstraint(PyObject* self, PyObject* args);
+PyObject* problem_addSOS(PyObject* self, PyObject* args);
+PyObject* problem_addIndicator(PyObject* self, PyObject* args);
+PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw);
+// Removes the given (sorted, unique) positions from a list and renumbers its map.
+int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sorted);
+
+// ------------------------------------------------------------------ objective/solve (problem/objective_solve.cpp)
+PyObject* problem_setObjective(PyObject* self, PyObject* args, PyObject* kw);
+int set_objective(ProblemObject* p, PyObject* objective, int sense);
+PyObject* problem_solve(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_getProbStatus(PyObject* self, PyObject*);
+PyObject* problem_getProbStatusString(PyObject* self, PyObject*);
+PyObject* problem_getObjVal(PyObject* self, PyObject*);
+
+// ------------------------------------------------------------------ queries (problem/queries.cpp)
+PyObject* problem_getSolution(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_getDual(PyObject* self, PyObject* args);
+PyObject* problem_getSlack(PyObject* self, PyObject* args);
+PyObject* problem_getRCost(PyObject* self, PyObject* args);
+PyObject* problem_getIndex(PyObject* self, PyObject* arg);
+PyObject* problem_getVariable(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_getConstraint(PyObject* self, PyObject* args, PyObject* kw);
+PyObject* problem_getSOS(PyObject* self, PyObject* args, PyObject* kw);
+// Evaluation of modelling objects at a point (the full evaluator of expressions lives with the
+// nonlinear trees; this entry is weak so that it can be replaced there).
+PyObject* evaluate_at(PyObject* obj, ProblemObject* p, const double* x, int64_t n);
+
+// ------------------------------------------------------------------ controls (problem/controls.cpp)
+PyObject* new_problem_controls(PyObject* problem);
+PyObject* new_problem_attributes(PyObject* problem);
+int problem_apply_default_controls(ProblemObject* p);
+// Cuts the link of a problem's controls or attributes object to its (departing) problem.
+void detach_controls(PyObject* controls_or_attributes);
+PyObject* problem_setControl(PyObject* self, PyObject* args);
+PyObject* problem_getControl(PyObject* self, PyObject* args);
+PyObject* problem_getAttrib(PyObject* self, PyObject* args);
+
+// ------------------------------------------------------------------ wrappers (callbacks/wrappers.cpp)
+PyObject* trvoobject_wrap(void* handle);
+PyObject* generic_wrap(void* handle);
+PyObject* poolcut_wrap(void* handle);
+// The wrapped handle, or null with ModelError when o is not of the type.
+int trvoobject_handle(PyObject* o, void** handle);
+int poolcut_handle(PyObject* o, void** handle);
+
+}  // namespace tarvo

@@ -1,0 +1,106 @@
+"""Solution queries in every shape, index lookups both ways, and their messages."""
+import numpy as np
+import pytest
+
+import tarvo as tv
+
+TOL = 1e-6
+
+
+@pytest.fixture
+def solved():
+    """max x + 2y + 3z  s.t. x + y <= 4, y + z <= 3, x <= 3, z <= 2, y + x >= 1, z + x <= 10."""
+    tv.setOutputEnabled(False)
+    x, y, z = tv.var(name="x1", ub=3), tv.var(name="x2"), tv.var(name="x3", ub=2)
+    cons = [x + y <= 4, y + z <= 3, x + y >= 1, x + z <= 10, tv.constraint(body=y, ub=5, name="c5")]
+    p = tv.problem(x, y, z, cons, x + 2 * y + 3 * z, sense=tv.maximize)
+    p.solve()
+    yield p, (x, y, z), cons
+    tv.setOutputEnabled(True)
+
+
+def test_solution_shapes(solved):
+    p, (x, y, z), cons = solved
+    # Optimum: z = 2, y = 1, x = 3 -> 3 + 2 + 6 = 11.
+    assert p.getObjVal() == pytest.approx(11, abs=TOL)
+    everything = p.getSolution()
+    assert isinstance(everything, list) and len(everything) == 3
+    assert everything == pytest.approx([3, 1, 2], abs=TOL)
+    assert isinstance(p.getSolution(x), float)
+    nested = p.getSolution([x, [y, z]])
+    assert isinstance(nested[1], list) and nested == [pytest.approx(3), [pytest.approx(1), pytest.approx(2)]]
+    assert p.getSolution([x, [y, z]], flatten=True) == pytest.approx([3, 1, 2], abs=TOL)
+    assert p.getSolution((x, y)) == pytest.approx((3, 1)) and isinstance(p.getSolution((x, y)), tuple)
+    assert p.getSolution({"a": x + 3 * y, "b": [z]}) == {"a": pytest.approx(6), "b": [pytest.approx(2)]}
+    assert p.getSolution(x * y + 1) == pytest.approx(4, abs=TOL)
+    assert p.getSolution(2.5) == 2.5
+    assert p.getSolution(0) == pytest.approx(3) and p.getSolution("x3") == pytest.approx(2)
+    arr = np.array([[x, y], [z, x]], dtype=object)
+    values = p.getSolution(arr)
+    assert isinstance(values, np.ndarray) and values.shape == (2, 2)
+    assert values.tolist() == [[pytest.approx(3), pytest.approx(1)], [pytest.approx(2), pytest.approx(3)]]
+    assert p.getSolution(x, y) == [pytest.approx(3), pytest.approx(1)] or p.getSolution(x, y) == (
+        pytest.approx(3), pytest.approx(1))
+    with pytest.raises(tv.ModelError, match="Object does not belong to problem"):
+        p.getSolution(tv.var())
+    with pytest.raises(tv.InterfaceError, match="out-of-range index"):
+        p.getSolution(7)
+
+
+def test_dual_slack_rcost_shapes_and_ranges(solved):
+    p, (x, y, z), cons = solved
+    assert len(p.getDual()) == 5 and len(p.getSlack()) == 5 and len(p.getRCost()) == 3
+    assert isinstance(p.getDual(cons[0]), float)
+    assert p.getSlack(cons[0]) == pytest.approx(0, abs=TOL)
+    assert p.getSlack(cons[3]) == pytest.approx(5, abs=TOL)
+    assert p.getSlack(4) == pytest.approx(4, abs=TOL)  # y = 1 against 5
+    assert p.getSlack([cons[3], [4]]) == pytest.approx([5, 4], abs=TOL)
+    assert p.getSlack(np.array([3, 4], dtype=np.int64)) == pytest.approx([5, 4], abs=TOL)
+    # Duals of the binding rows: y + z <= 3 and x + y <= 4 (max problem: x: 1 = d1 + rc_x,
+    # y: 2 = d1 + d2, z: 3 = d2 + rc_z).
+    d1, d2 = p.getDual(cons[0], cons[1])
+    rcx, rcy, rcz = p.getRCost(x, y, z)
+    assert d1 + d2 == pytest.approx(2, abs=TOL)
+    assert d1 + rcx == pytest.approx(1, abs=TOL)
+    assert d2 + rcz == pytest.approx(3, abs=TOL)
+    assert rcy == pytest.approx(0, abs=TOL)
+    assert p.getRCost("x1") == pytest.approx([rcx], abs=TOL)  # a string takes the list form
+    with pytest.raises(tv.ModelError, match="Index out of range"):
+        p.getDual(5)
+    with pytest.raises(tv.ModelError, match="Index out of range"):
+        p.getDual(-1)
+    with pytest.raises(tv.ModelError, match="Index out of range"):
+        p.getSlack(x + y <= 1)
+    with pytest.raises(tv.ModelError, match="Incorrect object"):
+        p.getRCost(1.5)
+    with pytest.raises(tv.ModelError, match="Index out of range"):
+        p.getRCost("nosuchname")
+
+
+def test_index_lookups(solved):
+    p, (x, y, z), cons = solved
+    assert [p.getIndex(v) for v in (x, y, z)] == [0, 1, 2]
+    assert p.getIndex(cons[4]) == 4
+    assert p.getVariable(index=1) is y
+    assert p.getVariable(first=1, last=2) == [y, z]
+    assert p.getVariable(index=[0, 2]) == [x, z]
+    assert p.getVariable(index=np.array([2, 0])) == [z, x]
+    assert p.getConstraint(first=2, last=1) == []
+    assert p.getConstraint() == cons
+    assert p.getSOS() == []
+    with pytest.raises(IndexError):
+        p.getVariable(index=3)
+    with pytest.raises(tv.ModelError, match="must contain only integers"):
+        p.getVariable(index=[0, "x1"])
+    with pytest.raises(tv.ModelError, match="cannot be specified if 'index' is also specified"):
+        p.getVariable(index=0, first=0)
+    with pytest.raises(tv.ModelError, match="must be both nonnegative"):
+        p.getVariable(first=0)
+    with pytest.raises(tv.ModelError, match="are out of range"):
+        p.getConstraint(first=0, last=5)
+    with pytest.raises(tv.ModelError, match="need variable, constraint, or SOS"):
+        p.getIndex(x + y)
+    p.delVariable(index=y)
+    with pytest.raises(tv.ModelError, match="need variable, constraint, or SOS"):
+        p.getIndex(y)
+    assert p.getIndex(z) == 1
