@@ -104,6 +104,20 @@ enum {
 #define TSLP_NLPROWS 12026         /* rows the solver linearises (with quadratic rows) */
 #define TSLP_NLPSTATUS 12044
 #define TSLP_STATUS 12062          /* state bits */
+/* row and column information kinds */
+enum {
+    TSLP_ROWINFO_SLACK = 1, TSLP_ROWINFO_DUAL = 2, TSLP_ROWINFO_NUMPENALTYERRORS = 3,
+    TSLP_ROWINFO_MAXPENALTYERROR = 4, TSLP_ROWINFO_TOTALPENALTYERROR = 5,
+    TSLP_ROWINFO_CURRENTPENALTYERROR = 6, TSLP_ROWINFO_CURRENTPENALTYFACTOR = 7,
+    TSLP_ROWINFO_PENALTYCOLUMNPLUS = 8, TSLP_ROWINFO_PENALTYCOLUMNPLUSVALUE = 9,
+    TSLP_ROWINFO_PENALTYCOLUMNPLUSDJ = 10, TSLP_ROWINFO_PENALTYCOLUMNMINUS = 11,
+    TSLP_ROWINFO_PENALTYCOLUMNMINUSVALUE = 12, TSLP_ROWINFO_PENALTYCOLUMNMINUSDJ = 13
+};
+enum {
+    TSLP_COLINFO_VALUE = 1, TSLP_COLINFO_RDJ = 2, TSLP_COLINFO_DELTAINDEX = 3,
+    TSLP_COLINFO_DELTA = 4, TSLP_COLINFO_DELTADJ = 5, TSLP_COLINFO_UPDATEROW = 6,
+    TSLP_COLINFO_SB = 7, TSLP_COLINFO_SBDUAL = 8
+};
 /* ---- double attributes */
 #define TSLP_OBJVAL 12179
 #define TSLP_ERRORCOSTS 12180      /* penalty cost of the errors at the end */
@@ -160,6 +174,9 @@ enum {
 #define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
 #define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
+#define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a quasi-Newton
+                                      (BFGS) model of the Lagrangian's curvature (a QP);
+                                      0: pure linear steps */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,
@@ -321,6 +338,42 @@ int TSLPloaddfs(TSLPprob prob, int ndf, const int colindex[], const int rowindex
                 const double value[]);
 int TSLPchgdf(TSLPprob prob, int col, int row, const double* value);
 int TSLPgetdf(TSLPprob prob, int col, int row, double* value);
+
+/* ---- solving */
+/* Solves from the initial values (or runs the multistart jobs, keeping the best). Flags: any
+   text; 'g' (the problem has integer columns) is accepted and implied by the columns. */
+int TSLPnlpoptimize(TSLPprob prob, const char* flags);
+/* Multistart from random initial values (the jobs given, or a default set), keeping the best
+   solution. */
+int TSLPglobal(TSLPprob prob);
+/* x, dj: a value per column; slack (rhs minus activity), dual: per row; any may be null. */
+int TSLPgetslpsol(TSLPprob prob, double x[], double slack[], double dual[], double dj[]);
+/* Row or column information of the last solve (TSLP_ROWINFO_..., TSLP_COLINFO_...): *tag is 1
+   for an integer in *ivalue, 2 for a double in *dvalue. */
+int TSLPgetrowinfo(TSLPprob prob, int infotype, int row, int* tag, int* ivalue, double* dvalue);
+int TSLPgetcolinfo(TSLPprob prob, int infotype, int col, int* tag, int* ivalue, double* dvalue);
+
+/* ---- multistart (jobs run by TSLPnlpoptimize when TSLP_MULTISTART is 1, and by TSLPglobal;
+   the run from the initial values always takes part; the best solution is kept) */
+#define TSLP_MSSET_INITIALVALUES 0     /* random initial values */
+#define TSLP_MSSET_SOLVERS 1           /* variations of the derivative and cascading settings */
+#define TSLP_MSSET_SLP_BASIC 2         /* variations of penalty and step bounds */
+#define TSLP_MSSET_SLP_EXTENDED 3      /* more of them */
+#define TSLP_MSSET_KNITRO_BASIC 4      /* not available: fails */
+#define TSLP_MSSET_KNITRO_EXTENDED 5
+#define TSLP_MSSET_INITIALFILTERED 6   /* random initial values, the least violated of several */
+int TSLPmsaddjob(TSLPprob prob, const char* description, int ninitial, const int colindex[],
+                 const double initial[], int ncontrols, const int controlid[],
+                 const double controlvalue[], void* jobobject);
+/* count jobs of the preset (0: the preset's natural number). */
+int TSLPmsaddpreset(TSLPprob prob, const char* description, int preset, int count,
+                    void* jobobject);
+/* A preset whose jobs also take the given initial values and control values. */
+int TSLPmsaddcustompreset(TSLPprob prob, const char* description, int preset, int count,
+                          int ninitial, const int colindex[], const double initial[],
+                          int ncontrols, const int controlid[], const double controlvalue[],
+                          void* jobobject);
+int TSLPmsclear(TSLPprob prob);
 
 /* ---- callbacks (a null function removes the callback) */
 int TSLPsetcbmessage(TSLPprob prob, TSLPcbmessage f, void* context);

@@ -121,7 +121,7 @@ int cascade(TSLPprob prob, Evaluator& E, const Model& m, std::vector<double>& x)
                 for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e)
                     if (m.rcol[e] == j) d += m.rval[e];
             }
-            if (std::fabs(v - target) <= feastol * 0.01 * (1.0 + std::fabs(target))) {
+            if (std::fabs(v - target) <= 1e-14 * (1.0 + std::fabs(target))) {
                 ok = true;
                 break;
             }
@@ -181,6 +181,16 @@ private:
     bool mip_phase = false;
     std::chrono::steady_clock::time_point start;
     long simplex_total = 0;
+    // Quasi-Newton curvature on the nonlinear continuous columns.
+    std::vector<int> qcols;          // LP columns carrying curvature, ascending
+    std::vector<double> B;           // dense |qcols| x |qcols|
+    bool use_b = false, have_b = false, hessian_passed = false, skip_b = false;
+    std::vector<double> gl_old, s_old, lambda;   // pending BFGS update
+    bool pending = false;
+    std::string last_highs;
+    void lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out);
+    void bfgs_update(const std::vector<double>& gl_new);
+    double quad_model(const std::vector<double>& d) const;
     std::vector<double> errvals;     // error columns of the last LP (e+, e- per bounded row)
 
     bool evaluate(const std::vector<double>& at, double* f, std::vector<double>* vals,
@@ -285,7 +295,7 @@ void Run::build() {
     Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
     Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
-                               std::min(1e-7, dbl_control(prob, TSLP_FEASTOL) * 0.1));
+                               std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
 
     // Column layout: the n columns of the problem, then e+ and e- of every bounded row.
     errcol.assign(m.nrows, -1);
@@ -326,15 +336,15 @@ void Run::build() {
         cl[j] = bound_inf(m.lb[j]);
         cu[j] = bound_inf(m.ub[j]);
     }
+    bool anyint = false;
+    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
     std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
     HighsInt rc = Highs_passModel(h, ncolLP, m.nrows, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
                                   1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
                                   start.data(), index.empty() ? nullptr : index.data(),
                                   value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
-                                  integ.data());
+                                  anyint ? integ.data() : nullptr);
     if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
-    bool anyint = false;
-    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
     if (anyint) set_mip(true);
 }
 
@@ -344,6 +354,38 @@ void Run::update_lp() {
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
+    bool curvature = use_b && have_b && !mip_phase && !skip_b;
+    if (curvature) {
+        // 1/2 (x - x_k)' B (x - x_k): the linear part moves into the costs.
+        size_t K = qcols.size();
+        std::vector<HighsInt> start(ncolLP + 1, 0), index;
+        std::vector<double> value;
+        size_t c = 0;
+        for (int j = 0; j < ncolLP; ++j) {
+            if (c < K && qcols[c] == j) {
+                double bx = 0.0;
+                for (size_t c2 = 0; c2 < K; ++c2) bx += B[c * K + c2] * x[qcols[c2]];
+                cost[j] -= bx;
+                for (size_t c2 = c; c2 < K; ++c2) {
+                    double v = B[c2 * K + c];
+                    if (v != 0.0 || c2 == c) {
+                        index.push_back(qcols[c2]);
+                        value.push_back(v);
+                    }
+                }
+                ++c;
+            }
+            start[j + 1] = (HighsInt)index.size();
+        }
+        Highs_passHessian(h, ncolLP, (HighsInt)index.size(), kHighsHessianFormatTriangular, start.data(),
+                          index.data(), value.data());
+        hessian_passed = true;
+    } else if (hessian_passed) {
+        std::vector<HighsInt> start(ncolLP + 1, 0), index(1, 0);
+        std::vector<double> value(1, 0.0);
+        Highs_passHessian(h, ncolLP, 0, kHighsHessianFormatTriangular, start.data(), index.data(), value.data());
+        hessian_passed = false;
+    }
     Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
         int r = E.nlrows[k];
@@ -394,8 +436,10 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         return 3;
     if (ms == kHighsModelStatusInfeasible) return 1;
     if (ms == kHighsModelStatusUnbounded || ms == kHighsModelStatusUnboundedOrInfeasible) return 2;
-    if (rc == kHighsStatusError || (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusSolutionLimit))
+    if (rc == kHighsStatusError || (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusSolutionLimit)) {
+        last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
         return 4;
+    }
     std::vector<double> cv(ncolLP), cd(ncolLP), rv(m.nrows), rd(m.nrows);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
     xlp.assign(cv.begin(), cv.begin() + n);
@@ -407,6 +451,70 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     *errsum = es;
     errvals.assign(cv.begin() + n, cv.end());
     return 0;
+}
+
+// Gradient of the Lagrangian s f - sum lambda_r g_r on the curvature columns, at the current
+// linearisation (gf, nlgrad).
+void Run::lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out) {
+    std::vector<double> g(n, 0.0);
+    for (int j : qcols) g[j] = sense * gf[j];
+    for (size_t k = 0; k < E.nlrows.size(); ++k) {
+        double l = lam[E.nlrows[k]];
+        if (l == 0.0) continue;
+        const auto& pat = E.pattern[k];
+        for (size_t q = 0; q < pat.size(); ++q) g[pat[q]] -= l * nlgrad[k][q];
+    }
+    out.resize(qcols.size());
+    for (size_t c = 0; c < qcols.size(); ++c) out[c] = g[qcols[c]];
+}
+
+// Damped BFGS update (Powell) of B with the last step and the change of the Lagrangian's
+// gradient; the first update scales the identity.
+void Run::bfgs_update(const std::vector<double>& gl_new) {
+    size_t K = qcols.size();
+    std::vector<double> y(K), Bs(K, 0.0);
+    double sy = 0.0, ss = 0.0, yy = 0.0;
+    for (size_t c = 0; c < K; ++c) {
+        y[c] = gl_new[c] - gl_old[c];
+        sy += s_old[c] * y[c];
+        ss += s_old[c] * s_old[c];
+        yy += y[c] * y[c];
+    }
+    if (ss <= 1e-300) return;
+    if (!have_b) {
+        double g = sy > 0 ? yy / sy : 1.0;
+        if (!std::isfinite(g) || g <= 1e-8) g = 1e-8;
+        B.assign(K * K, 0.0);
+        for (size_t c = 0; c < K; ++c) B[c * K + c] = g;
+        have_b = true;
+    }
+    double sBs = 0.0;
+    for (size_t a = 0; a < K; ++a) {
+        double v = 0.0;
+        for (size_t b = 0; b < K; ++b) v += B[a * K + b] * s_old[b];
+        Bs[a] = v;
+        sBs += s_old[a] * v;
+    }
+    if (sBs <= 1e-300) return;
+    if (sy < 0.2 * sBs) {
+        double theta = 0.8 * sBs / (sBs - sy);
+        for (size_t c = 0; c < K; ++c) y[c] = theta * y[c] + (1 - theta) * Bs[c];
+        sy = 0.2 * sBs;
+    }
+    for (size_t a = 0; a < K; ++a)
+        for (size_t b = 0; b < K; ++b) B[a * K + b] += y[a] * y[b] / sy - Bs[a] * Bs[b] / sBs;
+}
+
+double Run::quad_model(const std::vector<double>& xt) const {
+    if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
+    size_t K = qcols.size();
+    double v = 0.0;
+    for (size_t a = 0; a < K; ++a) {
+        double da = xt[qcols[a]] - x[qcols[a]];
+        if (da == 0.0) continue;
+        for (size_t b = 0; b < K; ++b) v += da * B[a * K + b] * (xt[qcols[b]] - x[qcols[b]]);
+    }
+    return 0.5 * v;
 }
 
 RunResult Run::solve(const std::vector<double>& x0) {
@@ -442,6 +550,10 @@ RunResult Run::solve(const std::vector<double>& x0) {
     }
     for (int j : E.qobj.i) nonlin[j] = 1;
     for (int j : E.qobj.j) nonlin[j] = 1;
+
+    for (int j = 0; j < n; ++j)
+        if (nonlin[j] && !isint[j]) qcols.push_back(j);
+    use_b = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty() && qcols.size() <= 400;
 
     rowlo.resize(m.nrows);
     rowup.resize(m.nrows);
@@ -483,11 +595,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int samecount = std::max(1, int_control(prob, TSLP_SAMECOUNT));
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
-    int same_int = 0, err_iters = 0, small_changes = 0;
+    int same_int = 0, err_iters = 0;
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
     std::vector<RowInfo> rinfo(m.nrows);
-    double errsum = 0.0, pred = 0.0;
+    double errsum = 0.0, pred = 0.0, last_kkt = 0.0;
     bool have_lp = false;
     int status = TSLP_NLP_UNFINISHED;
     int stop = 0;
@@ -500,7 +612,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
         set_mip(false);
         fixed_phase = true;
         same_int = 0;
-        small_changes = 0;
         if (prob->cb.intsol.f) prob->cb.intsol.f(prob, prob->cb.intsol.context);
         logf(prob, 2, "Integer columns fixed; continuing with the continuous part");
     };
@@ -527,11 +638,32 @@ RunResult Run::solve(const std::vector<double>& x0) {
         // Linearisation at x.
         if (!evaluate(x, &f, &nlval, &nlgrad)) throw Error("The formulas cannot be evaluated at an accepted point");
         E.objective(x.data(), gf.data());
+        if (pending && use_b) {
+            std::vector<double> gl_new;
+            lagrangian_grad(lambda, gl_new);
+            bfgs_update(gl_new);
+            pending = false;
+        }
         bool ok;
         double viol_k = 0.0;
         double phi_k = merit(x, &ok, &viol_k);
         update_lp();
         int lps = solve_lp(xlp, rowdual, coldual, &errsum);
+        if (lps == 4 && hessian_passed) {
+            // The QP solver gave up (numerical trouble): try again with a looser feasibility
+            // tolerance, then take a linear step this time, keeping the curvature model.
+            double tol = 1e-9;
+            Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
+            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-7);
+            lps = solve_lp(xlp, rowdual, coldual, &errsum);
+            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+            if (lps == 4) {
+                skip_b = true;
+                update_lp();
+                lps = solve_lp(xlp, rowdual, coldual, &errsum);
+                skip_b = false;
+            }
+        }
         if (lps == 3) {
             stop = prob->interrupt.load() ? prob->interrupt.load() : TRVO_STOP_TIMELIMIT;
             break;
@@ -545,12 +677,44 @@ RunResult Run::solve(const std::vector<double>& x0) {
             status = TSLP_NLP_UNBOUNDED;
             break;
         }
-        if (lps == 4) throw Error("HiGHS failed on the step problem");
+        if (lps == 4) throw Error("HiGHS failed on the step problem (" + last_highs + ")");
         have_lp = true;
-        // Predicted reduction of phi by the step.
+        // Determined columns follow their rows' linearisations exactly (the LP meets rows only
+        // to its tolerance, which would swamp small predicted reductions).
+        auto lin_value = [&](int r, const std::vector<double>& at, double* coef_of, int j) {
+            int k = E.nlpos[r];
+            double v = 0.0, a = 0.0;
+            if (k >= 0) {
+                v = nlval[k];
+                const auto& pat = E.pattern[k];
+                for (size_t q = 0; q < pat.size(); ++q) {
+                    v += nlgrad[k][q] * (at[pat[q]] - x[pat[q]]);
+                    if (pat[q] == j) a = nlgrad[k][q];
+                }
+            } else {
+                for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
+                    v += m.rval[e] * at[m.rcol[e]];
+                    if (m.rcol[e] == j) a += m.rval[e];
+                }
+            }
+            if (coef_of) *coef_of = a;
+            return v;
+        };
+        for (auto& kv : prob->vars) {
+            int j = kv.first, r = kv.second.detrow;
+            if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E' || isint[j]) continue;
+            double a = 0.0;
+            double v = lin_value(r, xlp, &a, j);
+            if (a != 0.0) xlp[j] = std::min(std::max(xlp[j] + (m.rhs[r] - v) / a, m.lb[j]), m.ub[j]);
+        }
+        // Predicted reduction of phi by the step, from the model itself.
         double model = 0.0;
         for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
-        model += mu * errsum;
+        model += quad_model(xlp);
+        double model_pen = 0.0;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
+        model += mu * model_pen;
         double pen_k = phi_k - sense * f;
         pred = pen_k - model;
         // Penalty: stay above the multipliers of the rows.
@@ -569,7 +733,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 }
             }
         // Trial point: damping and delta types on the LP step, then cascading.
-        double stepmax = 0.0;
+        double stepmax = 0.0, kkt = 0.0;
         bool int_changed = false;
         for (int j = 0; j < n; ++j) {
             double d = xlp[j] - x[j];
@@ -583,20 +747,40 @@ RunResult Run::solve(const std::vector<double>& x0) {
             }
             trial[j] = x[j] + d;
             if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
+            if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
             double a, rt;
             tolerances(j, &a, &rt);
-            if (nonlin[j]) stepmax = std::max(stepmax, std::fabs(d) / (a + rt * std::fabs(x[j]) + 1e-300));
+            stepmax = std::max(stepmax, std::fabs(d) / (a + rt * std::fabs(x[j]) + 1e-300));
+            // A reduced cost at a step bound that lies inside the column's bounds means the
+            // linearisation still sees descent in that direction.
+            double ad = std::fabs(xlp[j] - x[j]);
+            bool at_sb = std::fabs(ad - delta[j]) <= 1e-9 * (1.0 + std::fabs(x[j]));
+            bool at_bound = std::fabs(xlp[j] - m.lb[j]) <= 1e-9 * (1.0 + std::fabs(m.lb[j])) ||
+                            std::fabs(xlp[j] - m.ub[j]) <= 1e-9 * (1.0 + std::fabs(m.ub[j]));
+            if (at_sb && !at_bound) kkt = std::max(kkt, std::fabs(coldual[j]));
         }
+        double gscale = 1.0;
+        for (int j = 0; j < n; ++j) gscale = std::max(gscale, std::fabs(gf[j]));
+        bool feasible_k = viol_k <= feastol * std::max(1.0, (double)m.nrows) &&
+                          max_violation(E, m, x.data()) <= feastol * 10;
+        bool converged = feasible_k && !errors &&
+                         ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
+                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
         double viol_t = 0.0;
         double phi_t = merit(trial, &ok, &viol_t);
         double ared = phi_k - phi_t;
         double scale = 1.0 + std::fabs(phi_k);
-        bool stationary = pred <= opttol * 1e-2 * scale;
+        bool stationary = pred <= 1e-13 * scale;
         bool accept = ok && (stationary ? ared >= -1e-12 * scale : ared >= 0.1 * pred);
         double rho = pred > 0 ? ared / pred : 0.0;
-        logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  rho %.3g  mu %.3g%s", iter, sense * f,
-             viol_k, pred, rho, mu, accept ? "" : "  rejected");
+        logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s", iter, sense * f,
+             viol_k, pred, kkt, rho, mu, accept ? "" : "  rejected");
+        last_kkt = kkt;
+        if (int_control(prob, TSLP_LOG) >= 4)
+            for (int j = 0; j < n; ++j)
+                logf(prob, 4, "    col %d  x %.12g  lp %.12g  trial %.12g  sb %.3g  g %.6g", j, x[j], xlp[j], trial[j],
+                     delta[j], gf[j]);
 
         // Step bounds.
         for (int j = 0; j < n; ++j) {
@@ -610,13 +794,18 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
             }
         }
+        if (accept && use_b && !mip_phase) {
+            lambda = rowdual;
+            lagrangian_grad(lambda, gl_old);
+            s_old.resize(qcols.size());
+            for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
+            pending = true;
+        }
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
             if (!int_changed) ++same_int;
             else same_int = 0;
-            double rel = std::fabs(ared) / scale;
-            small_changes = rel <= opttol ? small_changes + 1 : 0;
         }
         // Penalty updates.
         if (errors) {
@@ -633,16 +822,17 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 if (nonlin[j]) prob->cb.itervar.f(prob, prob->cb.itervar.context, j);
         bool user_stop = prob->cb.iterend.f && prob->cb.iterend.f(prob, prob->cb.iterend.context);
 
-        // Convergence.
-        double viol_now = accept ? viol_t : viol_k;
+        // Convergence (judged at x_k; a better feasible trial point is kept).
         double fnow = E.objective(x.data(), nullptr);
-        bool feasible = viol_now <= feastol * std::max(1.0, (double)m.nrows) &&
-                        max_violation(E, m, x.data()) <= feastol * 10;
         if (std::fabs(fnow) > infinity) {
             status = TSLP_NLP_UNBOUNDED;
             break;
         }
-        bool converged = feasible && ((accept && stepmax <= 1.0) || stationary || small_changes >= 3);
+        if (converged && accept && !(max_violation(E, m, x.data()) <= feastol * 10)) {
+            // the accepted trial point lost feasibility: go on from it
+            converged = false;
+        }
+        bool feasible = feasible_k;
         if (mip_phase && !fixed_phase && (converged || same_int >= samecount)) {
             if (int_control(prob, TSLP_MIPFIXSTEPS)) {
                 fix_integers();
@@ -655,7 +845,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
             status = TSLP_NLP_LOCALLY_OPTIMAL;
             break;
         }
-        if (stationary && !feasible) {
+        if (!feasible && (stationary || stepmax <= 1.0)) {
             if (mu >= maxmu) {
                 status = TSLP_NLP_LOCALLY_INFEASIBLE;
                 break;
@@ -678,7 +868,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     double vs;
     res.maxviolation = max_violation(E, m, x.data(), &vs);
     res.penalty = mu;
-    res.kkt = pred > 0 ? pred / (1.0 + std::fabs(f_end)) : 0.0;
+    res.kkt = last_kkt;
     Solution& sol = res.sol;
     sol.x = x;
     sol.slack.assign(m.nrows, 0.0);
