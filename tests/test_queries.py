@@ -104,3 +104,16 @@ def test_index_lookups(solved):
     with pytest.raises(tv.ModelError, match="need variable, constraint, or SOS"):
         p.getIndex(y)
     assert p.getIndex(z) == 1
+
+
+def test_evaluate_at_problem_columns(solved):
+    p, (x, y, z), cons = solved
+    assert tv.evaluate({"a": x + 3 * y}, problem=p, solution=[2, 3, 0]) == {"a": 11.0}
+    assert tv.evaluate(x + y + z, problem=p) == pytest.approx(6, abs=TOL)
+    assert tv.evaluate(x * z, problem=p, solution=np.array([1.5, 0.0, 4.0])) == pytest.approx(6)
+    # Nonlinear trees evaluate at the solution too.
+    assert p.getSolution(tv.exp(z - 2) + y ** 3) == pytest.approx(2, abs=1e-6)
+    with pytest.raises(tv.ModelError, match="Mismatched lengths in arguments: expected 3, found 2"):
+        tv.evaluate(x, problem=p, solution=[1, 2])
+    with pytest.raises(tv.ModelError, match="Object does not belong to problem"):
+        tv.evaluate(tv.var(), problem=p, solution=[1, 2, 3])

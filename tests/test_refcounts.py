@@ -99,3 +99,20 @@ def test_many_variable_summation_releases_everything():
     del e, f
     after = rc(probe)
     assert (one, two, after) == (base + 1, base + 2, base)
+
+
+def test_containers_release_bodies_and_lists():
+    x, y = tarvo.var(), tarvo.var()
+    e = x + y
+    indices, weights = [x, y], [1.0, 2.0]
+    base = (rc(e), rc(indices), rc(weights))
+    c = tarvo.constraint(body=e, lb=0)
+    d = tarvo.constraint(constraint=c)
+    s = tarvo.sos(indices, weights)
+    s.__init__(indices, weights)  # a repeated initialisation releases what the first one took
+    c.__init__(body=e, ub=1)
+    held = (rc(e), rc(indices), rc(weights))
+    del c, d, s
+    gc.collect()
+    after = (rc(e), rc(indices), rc(weights))
+    assert held == (base[0] + 2, base[1] + 1, base[2] + 1) and after == base

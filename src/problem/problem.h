@@ -130,9 +130,11 @@ PyObject* problem_getIndex(PyObject* self, PyObject* arg);
 PyObject* problem_getVariable(PyObject* self, PyObject* args, PyObject* kw);
 PyObject* problem_getConstraint(PyObject* self, PyObject* args, PyObject* kw);
 PyObject* problem_getSOS(PyObject* self, PyObject* args, PyObject* kw);
-// Evaluation of modelling objects at a point (the full evaluator of expressions lives with the
-// nonlinear trees; this entry is weak so that it can be replaced there).
-PyObject* evaluate_at(PyObject* obj, ProblemObject* p, const double* x, int64_t n);
+// The current solution vector (nonlinear, mixed-integer or linear, as the queries choose).
+int current_solution(ProblemObject* p, std::vector<double>& x);
+// Evaluates obj (any modelling object or container of them) at the solution x, integers and
+// names standing for columns (problem/evaluation_context.cpp).
+PyObject* evaluate_at_solution(ProblemObject* p, PyObject* obj, const std::vector<double>& x);
 
 // ------------------------------------------------------------------ controls (problem/controls.cpp)
 PyObject* new_problem_controls(PyObject* problem);

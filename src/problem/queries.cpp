@@ -7,8 +7,6 @@
 
 #include <vector>
 
-#define TARVO_WEAK __attribute__((weak))
-
 namespace tarvo {
 
 namespace {
@@ -198,131 +196,9 @@ PyObject* get_objects(PyObject* list, PyObject* args, PyObject* kw) {
     return PyList_GetSlice(list, first, last + 1);
 }
 
-double var_value(PyObject* v, ProblemObject* p, const double* x, int64_t n, bool* ok) {
-    auto it = p->colmap->find(var_serial(v));
-    if (it == p->colmap->end() || it->second < 0 || it->second >= n) {
-        PyErr_SetString(ModelError, "Object does not belong to problem or cannot be identified within expression");
-        *ok = false;
-        return 0;
-    }
-    return x[it->second];
-}
-
-PyObject* evaluate_walk(PyObject* obj, ProblemObject* p, const double* x, int64_t n, int depth) {
-    if (depth < 1) {
-        PyErr_SetString(PyExc_RuntimeError, "Evaluation of expression exceeded recursion depth limit");
-        return nullptr;
-    }
-    if (is_ndarray(obj)) {
-        PyArrayObject* arr = reinterpret_cast<PyArrayObject*>(obj);
-        int t = PyArray_DESCR(arr)->type_num;
-        if (t != NPY_OBJECT && !PyTypeNum_ISUSERDEF(t)) {
-            PyErr_SetString(InterfaceError,
-                            "tarvo.evaluate() requires one or more Python objects;\nNumPy arrays must be of dtype tarvo.npvar, tarvo.npexpr, or tarvo.npconstraint.");
-            return nullptr;
-        }
-        PyRef result(PyArray_SimpleNew(PyArray_NDIM(arr), PyArray_DIMS(arr), NPY_DOUBLE));
-        if (!result) return nullptr;
-        PyRef iter(PyArray_IterNew(obj));
-        if (!iter) return nullptr;
-        PyArrayIterObject* it = reinterpret_cast<PyArrayIterObject*>(iter.get());
-        double* out = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(result.get())));
-        for (npy_intp k = 0; it->index < it->size; ++k) {
-            PyRef item(PyArray_GETITEM(arr, static_cast<char*>(it->dataptr)));
-            if (!item) return nullptr;
-            PyRef val(evaluate_walk(item.get(), p, x, n, depth - 1));
-            if (!val) return nullptr;
-            out[k] = PyFloat_AsDouble(val.get());
-            if (out[k] == -1.0 && PyErr_Occurred()) return nullptr;
-            PyArray_ITER_NEXT(it);
-        }
-        return result.release();
-    }
-    if (PyDict_Check(obj)) {
-        PyRef d(PyDict_New());
-        if (!d) return nullptr;
-        PyObject *k, *v;
-        Py_ssize_t pos = 0;
-        while (PyDict_Next(obj, &pos, &k, &v)) {
-            PyRef val(evaluate_walk(v, p, x, n, depth - 1));
-            if (!val || PyDict_SetItem(d.get(), k, val.get()) < 0) return nullptr;
-        }
-        return d.release();
-    }
-    if (PyList_Check(obj) || PyTuple_Check(obj)) {
-        Py_ssize_t len = PySequence_Fast_GET_SIZE(obj);
-        PyRef out(PyTuple_Check(obj) ? PyTuple_New(len) : PyList_New(len));
-        if (!out) return nullptr;
-        for (Py_ssize_t i = 0; i < len; ++i) {
-            PyObject* val = evaluate_walk(PySequence_Fast_GET_ITEM(obj, i), p, x, n, depth - 1);
-            if (!val) return nullptr;
-            if (PyTuple_Check(obj)) PyTuple_SET_ITEM(out.get(), i, val);
-            else PyList_SET_ITEM(out.get(), i, val);
-        }
-        return out.release();
-    }
-    if (is_index_integer(obj) || PyUnicode_Check(obj) || PyBytes_Check(obj)) {
-        int idx = -1;
-        if (is_index_integer(obj)) {
-            long long v = index_integer_value(obj);
-            idx = v < 0 || v >= n ? -1 : static_cast<int>(v);
-        } else {
-            PyObject* tmp = nullptr;
-            const char* name = conv_str(obj, nullptr, &tmp);
-            if (!name) return nullptr;
-            if (TRVOgetindex(p->prob, 2, name, &idx) != 0) idx = -1;
-            Py_XDECREF(tmp);
-        }
-        if (idx < 0 || idx >= n) {
-            PyErr_SetString(InterfaceError, "Call to tarvo.problem.getSolution() contains an out-of-range index");
-            return nullptr;
-        }
-        return PyFloat_FromDouble(x[idx]);
-    }
-    bool ok = true;
-    double value = 0;
-    if (is_var(obj)) {
-        value = var_value(obj, p, x, n, &ok);
-    } else if (is_linterm(obj)) {
-        LinTermObject* t = reinterpret_cast<LinTermObject*>(obj);
-        value = t->coef * var_value(t->var, p, x, n, &ok);
-    } else if (is_quadterm(obj)) {
-        QuadTermObject* t = reinterpret_cast<QuadTermObject*>(obj);
-        value = t->coef * var_value(t->var1, p, x, n, &ok) * var_value(t->var2, p, x, n, &ok);
-    } else if (is_expression(obj)) {
-        ExpressionObject* e = as_expr(obj);
-        value = e->constant;
-        if (e->linear)
-            for (const auto& kv : *e->linear) value += kv.second * var_value(kv.first, p, x, n, &ok);
-        if (e->quadratic)
-            for (const auto& row : *e->quadratic) {
-                double a = var_value(row.first, p, x, n, &ok);
-                for (const auto& kv : row.second) value += kv.second * a * var_value(kv.first, p, x, n, &ok);
-            }
-    } else if (is_number(obj)) {
-        value = number_value(obj);
-    } else if (PySequence_Check(obj)) {
-        PyRef fast(PySequence_Fast(obj, "Cannot evaluate type of sequence"));
-        if (!fast) return nullptr;
-        return evaluate_walk(fast.get(), p, x, n, depth);
-    } else if (is_nonlinear(obj)) {
-        PyErr_SetString(ModelError, "Evaluation of nonlinear expressions is not available in this build");
-        return nullptr;
-    } else {
-        PyErr_SetString(ModelError, "Evaluation of object of incorrect type");
-        return nullptr;
-    }
-    if (!ok) return nullptr;
-    return PyFloat_FromDouble(value);
-}
-
 }  // namespace
 
-// Evaluation of modelling objects and containers of them at a vector of column values. The
-// nonlinear trees' evaluator replaces this with its full version.
-TARVO_WEAK PyObject* evaluate_at(PyObject* obj, ProblemObject* p, const double* x, int64_t n) {
-    return evaluate_walk(obj, p, x, n, 64);
-}
+int current_solution(ProblemObject* p, std::vector<double>& x) { return fetch_vector(p, VEC_X, x); }
 
 PyObject* problem_getSolution(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* flatten = Py_False;
@@ -340,9 +216,8 @@ PyObject* problem_getSolution(PyObject* self, PyObject* args, PyObject* kw) {
     ProblemObject* p = as_prob(self);
     std::vector<double> x;
     if (fetch_vector(p, VEC_X, x) < 0) return nullptr;
-    int64_t n = static_cast<int64_t>(x.size());
-    if (PyTuple_GET_SIZE(args) == 1) return report_error(self, evaluate_at(PyTuple_GET_ITEM(args, 0), p, x.data(), n));
-    return report_error(self, evaluate_at(args, p, x.data(), n));
+    PyObject* what = PyTuple_GET_SIZE(args) == 1 ? PyTuple_GET_ITEM(args, 0) : args;
+    return report_error(self, evaluate_at_solution(p, what, x));
 }
 
 PyObject* problem_getDual(PyObject* self, PyObject* args) { return report_error(self, shaped_query(self, args, VEC_DUAL)); }
