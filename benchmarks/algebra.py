@@ -59,12 +59,27 @@ def sum_of_linear_terms():
 MEASUREMENTS = [create_variables, create_bounded_named_variables, sum_with_inplace_add, sum_of_linear_terms]
 
 
+def aggregate_scaling():
+    """Sum over a generator of x[i]**2 at growing n: the time must grow linearly in n."""
+    print("\nSum(x[i]**2 for i in range(n)) over tarvo.vars(n, name=''):")
+    previous = None
+    for n in (10_000, 100_000, 1_000_000):
+        x = tarvo.vars(n, name="")
+        seconds, s = timed(lambda: tarvo.Sum(x[i] ** 2 for i in range(n)))
+        assert len(s.extractQuadratic()[0]) == n
+        ratio = "" if previous is None else "   x%.1f time for x10 terms" % (seconds / previous)
+        print("  n = %-9d %8.3f s   %8.3f s per million%s" % (n, seconds, seconds * 1e6 / n, ratio))
+        previous = seconds
+        del x, s
+
+
 def main():
     print("tarvo algebra benchmark, N = %d" % N)
     for measure in MEASUREMENTS:
         label, seconds, count = measure()
         per_million = seconds * 1e6 / count if count else 0.0
         print("%-45s %8.3f s   %8.3f s per million" % (label, seconds, per_million))
+    aggregate_scaling()
 
 
 if __name__ == "__main__":

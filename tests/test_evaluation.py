@@ -55,6 +55,13 @@ def test_logic_uses_the_mip_tolerance(xy):
     assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 1 - 1e-6}) == 1.0
     assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 0.99}) == 0.0
     assert tarvo.evaluate(x & y, solution={x: 1, y: 1}) == 1.0
+    old = tarvo.controls.miptol
+    tarvo.controls.miptol = 0.01
+    try:
+        assert tarvo.evaluate(tarvo.And(x, y), solution={x: 0.005, y: 1}) == 0.0
+        assert tarvo.evaluate(tarvo.Or(x, y), solution={x: 0.0, y: 0.995}) == 1.0
+    finally:
+        tarvo.controls.miptol = old
 
 
 def test_piecewise_linear_values():
@@ -112,3 +119,16 @@ def test_depth_limit_and_errors(xy):
         tarvo.evaluate(tarvo.vars(2) <= 1, solution={})
     with pytest.raises(ZeroDivisionError):
         tarvo.evaluate(tarvo.user(lambda a: 1 / a, x), solution={x: 0})
+
+
+def test_vector_mode_uses_the_problems_columns():
+    x, y, z = tarvo.var(name="x"), tarvo.var(name="y"), tarvo.var(name="z")
+    p = tarvo.problem(x, y)
+    assert tarvo.evaluate({"a": x + 3 * y}, problem=p, solution=[2, 3]) == {"a": 11.0}
+    assert tarvo.evaluate(tarvo.sin(x) * y, problem=p, solution=np.array([2.0, 3.0])) == pytest.approx(3 * math.sin(2))
+    v = tarvo.evaluate(np.array([x, y], dtype=object) * 2, problem=p, solution=[1.5, -1])
+    assert v.tolist() == [3.0, -2.0]
+    with pytest.raises(tarvo.ModelError, match="Object does not belong to problem"):
+        tarvo.evaluate(z + 1, problem=p, solution=[1, 2])
+    # A dictionary solution takes precedence over the problem's columns.
+    assert tarvo.evaluate(z * 2, problem=p, solution={z: 4}) == 8.0

@@ -43,7 +43,7 @@ def test_sign_and_domain():
 def test_functions_on_variable_arrays_give_expression_arrays():
     v = tarvo.vars(2, 3)
     s = tarvo.sin(v)
-    assert s.shape == (2, 3) and str(s[1, 2]) == "sin (x(1,2))"
+    assert s.dtype == tarvo.npexpr and s.shape == (2, 3) and str(s[1, 2]) == "sin (x(1,2))"
     values = tarvo.evaluate(s, solution={a: 0.5 for a in v.flat})
     assert np.allclose(values, math.sin(0.5))
 

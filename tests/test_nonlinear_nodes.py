@@ -168,3 +168,22 @@ def test_invalid_operands(xyz):
         n * [1]
     with pytest.raises(TypeError):
         type(n)()
+
+
+def test_in_place_operators_never_put_a_node_inside_itself(xyz):
+    x, y, _ = xyz
+    point = {x: 0.3, y: 0.7}
+    sx, cx = np.sin(0.3), np.cos(0.3)
+    s = tarvo.sin(x) + y
+    s += tarvo.sin(s)
+    assert val(s, at=point) == pytest.approx(sx + 0.7 + np.sin(sx + 0.7))
+    p = tarvo.sin(x) * y
+    p *= tarvo.cos(p)
+    assert val(p, at=point) == pytest.approx(sx * 0.7 * np.cos(sx * 0.7))
+    d = tarvo.sin(x) / (tarvo.cos(x) * y)
+    d /= d
+    assert val(d, at=point) == pytest.approx(1.0)
+    w = tarvo.sin(x) ** (tarvo.cos(x) * y)
+    w **= tarvo.exp(w)
+    assert val(w, at=point) == pytest.approx(sx ** (cx * 0.7 * np.exp(sx ** (cx * 0.7))))
+    assert "[MAX RECURS LEV]" not in str(s) + str(p) + str(d) + str(w)

@@ -159,3 +159,19 @@ def test_dot_products():
         tarvo.Dot(x, [1, 2, 3])
     with pytest.raises(tarvo.ModelError, match="first one is a scalar"):
         tarvo.Dot(np.array(2.0), x)
+
+
+def test_matmul_operator_and_absolute_on_variable_arrays():
+    X = tarvo.vars(3, 2)
+    y = tarvo.vars(2, name="y")
+    A = np.arange(6.0).reshape(2, 3)
+    point = point_for(X, y)
+    Xv = tarvo.evaluate(X, solution=point)
+    yv = tarvo.evaluate(y, solution=point)
+    for expr, ref in ((A @ X, A @ Xv), (X @ y, Xv @ yv), (X @ np.ones(2), Xv @ np.ones(2)),
+                      (X.T @ X, Xv.T @ Xv), (abs(X - 1), abs(Xv - 1))):
+        assert expr.dtype == tarvo.npexpr and expr.shape == ref.shape
+        assert np.allclose(tarvo.evaluate(expr, solution=point), ref)
+    inner = y @ y
+    assert tarvo.evaluate(inner, solution=point) == pytest.approx(yv @ yv)
+    assert tarvo.evaluate(X.sum(), solution=point) == pytest.approx(Xv.sum())

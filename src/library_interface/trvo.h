@@ -321,6 +321,92 @@ int TRVOgetlpsolval(TRVOprob prob, int col, int row, double* x, double* slack, d
                     double* dj);
 int TRVOgetmipsolval(TRVOprob prob, int col, int row, double* x, double* slack);
 
+/* ---- bases, rays and sensitivity of the last LP solve. Basis status codes: 0 at lower bound,
+   1 basic, 2 at upper bound, 3 free nonbasic (superbasic); a row's status refers to its
+   activity. */
+int TRVOgetbasis(TRVOprob prob, int rstatus[], int cstatus[]);
+int TRVOgetbasisval(TRVOprob prob, int row, int col, int* rowstat, int* colstat);
+/* A basis for the next LP solve (used once). */
+int TRVOloadbasis(TRVOprob prob, const int rstatus[], const int cstatus[]);
+int TRVOgetprimalray(TRVOprob prob, double ray[], int* hasray);   /* ray: cols entries */
+int TRVOgetdualray(TRVOprob prob, double ray[], int* hasray);     /* ray: rows entries */
+/* Solves B x = vec (ftran) or B' x = vec (btran) in place; vec has rows entries. */
+int TRVOftran(TRVOprob prob, double vec[]);
+int TRVObtran(TRVOprob prob, double vec[]);
+/* Ranging: objective coefficients (objsa) and right-hand sides (rhssa) of the given columns
+   or rows stay optimal for the current basis within [lower, upper]. */
+int TRVOobjsa(TRVOprob prob, int n, const int mindex[], double lower[], double upper[]);
+int TRVOrhssa(TRVOprob prob, int n, const int mindex[], double lower[], double upper[]);
+/* Infeasibilities of the current LP solution beyond the tolerances: counts of primal
+   infeasible columns and rows, dual infeasible rows and columns, and their indices. */
+int TRVOgetinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[],
+                  int mslack[], int mdual[], int mdj[]);
+
+/* ---- computations on given vectors */
+int TRVOcalcobjective(TRVOprob prob, const double solution[], double* objval);
+int TRVOcalcslacks(TRVOprob prob, const double solution[], double slacks[]);
+int TRVOcalcreducedcosts(TRVOprob prob, const double duals[], const double solution[],
+                         double djs[]);
+/* property: 0 absolute primal infeasibility, 1 relative primal infeasibility, 2 absolute dual
+   infeasibility, 3 relative dual infeasibility, 4 largest fractionality of integer columns. */
+int TRVOcalcsolinfo(TRVOprob prob, const double solution[], const double dual[], int property,
+                    double* value);
+
+/* ---- starting points. loadmipsol: a full solution, status 0 accepted, 1 infeasible
+   (kept as a start for the next MIP solve either way). addmipsol: a partial solution
+   (mipsolcol null: the first ilength columns). loadlpsol: a solution that becomes the
+   current LP solution (status 0). */
+int TRVOloadmipsol(TRVOprob prob, const double dsol[], int* status);
+int TRVOaddmipsol(TRVOprob prob, int ilength, const double mipsolval[], const int mipsolcol[],
+                  const char* solname);
+int TRVOloadlpsol(TRVOprob prob, const double x[], const double slack[], const double dual[],
+                  const double dj[], int* status);
+
+/* ---- infeasibility analysis. iisfirst/iisnext status: 0 an IIS was found, 1 the problem is
+   feasible, 2 no further IIS. IIS numbers count from 1. */
+int TRVOiisfirst(TRVOprob prob, int mode, int* status);
+int TRVOiisnext(TRVOprob prob, int* status);
+int TRVOiisall(TRVOprob prob);
+int TRVOiisclear(TRVOprob prob);
+/* Arrays of iiscount entries (null to learn the count). */
+int TRVOiisstatus(TRVOprob prob, int* iiscount, int rowsizes[], int colsizes[],
+                  double suminfeas[], int numinfeas[]);
+/* Rows with their sides in the IIS ('L' upper side, 'G' lower side, 'E' both), columns with
+   their bounds ('L', 'U', 'B'); duals and rdcs are the multipliers (0 when unknown);
+   isolation flags are 0. */
+int TRVOgetiisdata(TRVOprob prob, int num, int* rownumber, int* colnumber, int miisrow[],
+                   int miiscol[], char constrainttype[], char colbndtype[], double duals[],
+                   double rdcs[], char isolationrows[], char isolationcols[]);
+int TRVOiisisolations(TRVOprob prob, int num);
+/* Writes IIS num as an LP file (type 0) or a CSV listing (type 1). */
+int TRVOiiswrite(TRVOprob prob, int num, const char* fn, int type, const char* typeflags);
+
+/* ---- infeasibility repair: the problem with penalised violations of rows (lrp for the
+   lower side of G rows, grp for the upper side of L rows) and bounds (lbp, ubp) is solved
+   with HiGHS's feasibility relaxation; the relaxed solution becomes the current LP solution.
+   Null arrays mean no relaxation of that kind. The weighted violation is minimised; phase2 and
+   delta (a second phase optimising the original objective) are accepted but not used. scode:
+   0 relaxed optimum found, 1 relaxed problem infeasible, 3 stopped. */
+int TRVOrepairweightedinfeas(TRVOprob prob, int* scode, const double lrp_array[],
+                             const double grp_array[], const double lbp_array[],
+                             const double ubp_array[], char phase2, double delta,
+                             const char* optflags);
+/* The same with one penalty per kind; pflags 'c' constraints, 'b' bounds, 'n' both. */
+int TRVOrepairinfeas(TRVOprob prob, int* scode, char pflags, char oflags, char gflags,
+                     double lrp, double grp, double lbp, double ubp, double delta);
+
+/* ---- solution, basis and log files (text formats described in solution_files.cpp) */
+int TRVOwritesol(TRVOprob prob, const char* filename, const char* flags);
+int TRVOwriteprtsol(TRVOprob prob, const char* filename, const char* flags);
+int TRVOwritebasis(TRVOprob prob, const char* filename, const char* flags);
+int TRVOreadbasis(TRVOprob prob, const char* filename, const char* flags);
+int TRVOwriteslxsol(TRVOprob prob, const char* filename, const char* flags);
+int TRVOreadslxsol(TRVOprob prob, const char* filename, const char* flags);
+/* Also writes every message of the problem to this file (empty name: stop). */
+int TRVOsetlogfile(TRVOprob prob, const char* filename);
+/* The problem is never left in a presolved state: succeeds without work. */
+int TRVOpostsolve(TRVOprob prob);
+
 /* ---- files: flags may name the format ("l" LP, "x" free MPS; default from the extension,
    else MPS) */
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags);

@@ -181,13 +181,16 @@ PyArrayObject* as_object_array(PyArrayObject* a) {
         PyArray_FromAny(reinterpret_cast<PyObject*>(a), od, 0, 0, NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ENSURECOPY, nullptr));
 }
 
-// One term a*b: a numeric factor scales the other, two modelling objects multiply.
+}  // namespace
+
 PyObject* term_product(PyObject* a, PyObject* b) {
     if (is_number(a) && is_number(b)) return PyFloat_FromDouble(number_value(a) * number_value(b));
     if (is_number(a)) return nl_scaled_copy(b, number_value(a));
     if (is_number(b)) return nl_scaled_copy(a, number_value(b));
     return PyNumber_Multiply(a, b);
 }
+
+namespace {
 
 PyObject* element_of_0d(PyArrayObject* a) {
     if (PyArray_SIZE(a) != 1) return model_fail("Scalar vector apparently contains more than one element");

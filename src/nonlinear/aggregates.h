@@ -15,4 +15,8 @@ int aggregate_walk(PyObject* args, const std::function<int(PyObject*)>& fn);
 // nothing else holds. result may start empty.
 int sum_combine(PyRef& result, PyObject* el);
 
+// One term a*b of a dot product: a numeric factor scales the other (a copy), two numbers
+// give a float, two modelling objects their product.
+PyObject* term_product(PyObject* a, PyObject* b);
+
 }  // namespace tarvo

@@ -67,11 +67,12 @@ bool pwl_value(PyObject* args, const EvalContext& ctx, int depth, double* out) {
     }
     Py_ssize_t i = 0;
     while (i < npts && xs[i] <= v) ++i;
-    auto point_error = [&](const char* fmt, double x) {
-        PyRef vo(PyFloat_FromDouble(v)), xo(PyFloat_FromDouble(x));
-        if (!vo || !xo) return false;
-        if (x != x) PyErr_Format(InterfaceError, fmt, var, vo.get());
-        else PyErr_Format(InterfaceError, fmt, var, xo.get(), vo.get());
+    PyRef vo(PyFloat_FromDouble(v));
+    if (!vo) return false;
+    // "... at breakpoint <var> = <x> and can't be evaluated at <v>"
+    auto discontinuity = [&](const char* fmt, double x) {
+        PyRef xo(PyFloat_FromDouble(x));
+        if (xo) PyErr_Format(InterfaceError, fmt, var, xo.get(), vo.get());
         return false;
     };
     if (i > 0 && i < npts) {
@@ -83,12 +84,14 @@ bool pwl_value(PyObject* args, const EvalContext& ctx, int depth, double* out) {
             *out = ys[0];
             return true;
         }
-        return point_error("Not enough points to extrapolate value of piecewise linear containing fraction for %S = %S",
-                           NAN);
+        PyErr_Format(InterfaceError,
+                     "Not enough points to extrapolate value of piecewise linear containing fraction for %S = %S", var,
+                     vo.get());
+        return false;
     }
     if (i == 0) {  // left of the first breakpoint: extend the first segment
         if (xs[1] == xs[0])
-            return point_error(
+            return discontinuity(
                 "Piecewise linear function has discontinuity at first breakpoint %S = %S and can't be evaluated at %S",
                 xs[0]);
         *out = ys[0] + (ys[1] - ys[0]) / (xs[1] - xs[0]) * (v - xs[0]);
@@ -101,7 +104,7 @@ bool pwl_value(PyObject* args, const EvalContext& ctx, int depth, double* out) {
         return true;
     }
     if (xs[l] == xs[l - 1])
-        return point_error(
+        return discontinuity(
             "Piecewise linear function has discontinuity at last breakpoint %S = %S and can't be evaluated at %S", xs[l]);
     *out = ys[l] + (ys[l] - ys[l - 1]) / (xs[l] - xs[l - 1]) * (v - xs[l]);
     return true;
@@ -229,6 +232,7 @@ bool node_value(NonlinearObject* n, const EvalContext& ctx, int depth, double* o
 
 bool eval_value(PyObject* o, const EvalContext& ctx, int depth, double* out) {
     if (depth < 1) return fail(PyExc_RuntimeError, "Evaluation of expression exceeded recursion depth limit");
+    if (!o) return fail(ModelError, "Evaluation of object of incorrect type");
     if (is_var(o)) return var_value(o, ctx, out);
     if (is_linterm(o)) {
         auto* t = reinterpret_cast<LinTermObject*>(o);
@@ -274,7 +278,17 @@ bool eval_value(PyObject* o, const EvalContext& ctx, int depth, double* out) {
     return fail(ModelError, "Evaluation of object of incorrect type");
 }
 
+PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth);
+
+// Nested containers recurse under the interpreter's recursion limit.
 PyObject* eval_walk(PyObject* o, const EvalContext& ctx, int depth) {
+    if (Py_EnterRecursiveCall(" while evaluating a container")) return nullptr;
+    PyObject* r = eval_walk_guarded(o, ctx, depth);
+    Py_LeaveRecursiveCall();
+    return r;
+}
+
+PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
     if (is_ndarray(o)) {
         PyArrayObject* a = reinterpret_cast<PyArrayObject*>(o);
         if (!array_holds_objects(a) || PyArray_TYPE(a) == npconstraint_typenum) {

@@ -23,44 +23,38 @@ using MathFn = double (*)(double);
 
 PyObject* apply_unary(int op, MathFn fn, PyObject* t);
 
-// A copy of the array with fn applied to every element.
+// The function applied to every element of an array: numeric arrays give float64 arrays
+// of values; arrays of objects give a copy (npvar becomes npexpr) holding the results.
 PyObject* apply_to_array(int op, MathFn fn, PyObject* t) {
     PyArrayObject* arr = reinterpret_cast<PyArrayObject*>(t);
-    PyRef copy(PyArray_NewCopy(arr, NPY_CORDER));
-    if (!copy) {
-        if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
-        return nullptr;
+    if (!array_holds_objects(arr)) {
+        PyRef dbl(PyArray_FROMANY(t, NPY_DOUBLE, 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS));
+        if (!dbl) {
+            if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
+            return nullptr;
+        }
+        double* data = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(dbl.get())));
+        npy_intp n = PyArray_SIZE(reinterpret_cast<PyArrayObject*>(dbl.get()));
+        for (npy_intp i = 0; i < n; ++i) data[i] = fn(data[i]);
+        return dbl.release();
     }
-    // Elements that are numbers in a numeric array stay numbers: the function applies to
-    // the values. Object elements (modelling objects) are replaced by nodes.
-    PyRef it(PyArray_IterNew(copy.get()));
+    int type = PyArray_TYPE(arr) == npvar_typenum ? npexpr_typenum : PyArray_TYPE(arr);
+    PyRef copy(PyArray_FromAny(t, PyArray_DescrFromType(type), 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS, nullptr));
+    PyRef it(copy ? PyArray_IterNew(copy.get()) : nullptr);
     if (!it) {
         if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
         return nullptr;
     }
     PyArrayObject* c = reinterpret_cast<PyArrayObject*>(copy.get());
     PyArrayIterObject* iter = reinterpret_cast<PyArrayIterObject*>(it.get());
-    bool objects = array_holds_objects(c);
-    if (!objects) {
-        // Numeric arrays: compute in float64.
-        PyRef dbl(PyArray_FROMANY(t, NPY_DOUBLE, 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS));
-        if (!dbl) return nullptr;
-        double* data = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(dbl.get())));
-        npy_intp n = PyArray_SIZE(reinterpret_cast<PyArrayObject*>(dbl.get()));
-        for (npy_intp i = 0; i < n; ++i) data[i] = fn(data[i]);
-        return dbl.release();
-    }
-    PyArray_Descr* descr = PyArray_DESCR(c);
     while (iter->index < iter->size) {
-        PyObject* el = PyArray_GETITEM(c, static_cast<char*>(iter->dataptr));
-        if (!el) return nullptr;
-        PyRef elem(el);
+        PyRef elem(PyArray_GETITEM(c, static_cast<char*>(iter->dataptr)));
+        if (!elem) return nullptr;
         PyRef value(apply_unary(op, fn, elem.get()));
         if (!value) return nullptr;
         if (PyArray_SETITEM(c, static_cast<char*>(iter->dataptr), value.get()) < 0) return nullptr;
         PyArray_ITER_NEXT(iter);
     }
-    (void)descr;
     return copy.release();
 }
 
@@ -117,7 +111,6 @@ bool examine(PyObject* args, Collection& c) {
     if (n != 1) {
         c.count = n;
         c.items = PyRef::borrow(args);
-        if (n == 1) c.single = PyRef::borrow(PyTuple_GET_ITEM(args, 0));
         return true;
     }
     PyObject* x = PyTuple_GET_ITEM(args, 0);
@@ -286,7 +279,9 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
         return nullptr;
     }
     std::stable_sort(segs.begin(), segs.end(), [](const Segment& s, const Segment& t) { return s.a < t.a; });
-    size_t breaks = 0;
+    auto is_break = [&](size_t i) {  // a gap or a jump between segment i and the next
+        return segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06;
+    };
     for (size_t i = 0; i + 1 < segs.size(); ++i) {
         if (segs[i + 1].a < segs[i].b) {
             PyRef a1(PyFloat_FromDouble(segs[i].a)), b1(PyFloat_FromDouble(segs[i].b));
@@ -296,7 +291,6 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
                          b1.get(), a2.get(), b2.get());
             return nullptr;
         }
-        if (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06) ++breaks;
     }
     PyRef list(PyList_New(0));
     if (!list || PyList_Append(list.get(), variable) < 0) return nullptr;
@@ -307,10 +301,8 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
     for (size_t i = 0; i < segs.size(); ++i) {
         if (!push(segs[i].a, segs[i].fa)) return nullptr;
         bool last = i + 1 == segs.size();
-        bool brk = !last && (segs[i].b < segs[i + 1].a - 1e-06 || std::fabs(segs[i].fb - segs[i + 1].fa) > 1e-06);
-        if ((last || brk) && !push(segs[i].b, segs[i].fb)) return nullptr;
+        if ((last || is_break(i)) && !push(segs[i].b, segs[i].fb)) return nullptr;
     }
-    (void)breaks;
     return nl_make(true, NL_PWL, list.get());
 }
 

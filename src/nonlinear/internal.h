@@ -18,9 +18,10 @@ extern const NlOpInfo nl_ops[NL_OP_COUNT];
 constexpr int NL_MAX_DEPTH = 64;
 
 inline bool is_node_op(PyObject* o, int op) { return is_nonlinear(o) && as_nl(o)->op == op; }
-inline bool is_sum_node(PyObject* o) { return is_node_op(o, NL_SUM); }
-inline bool is_prod_node(PyObject* o) { return is_node_op(o, NL_PROD); }
 inline bool is_seq_args(PyObject* a) { return a && (PyList_Check(a) || PyTuple_Check(a)); }
+// Sum and product nodes whose arguments are a list or tuple (the only well-formed ones).
+inline bool is_sum_node(PyObject* o) { return is_node_op(o, NL_SUM) && is_seq_args(as_nl(o)->args); }
+inline bool is_prod_node(PyObject* o) { return is_node_op(o, NL_PROD) && is_seq_args(as_nl(o)->args); }
 
 // A new node owning args (stolen); the code is set last.
 PyObject* nl_new_node(int op, PyObject* args);

@@ -100,17 +100,45 @@ PyObject* poly_accumulate(PyObject* target, PyObject* b, double c) {
     return PyFloat_FromDouble(number_value(t.get()) + c * number_value(b));
 }
 
+
+// True when tree is target or holds it somewhere below. An in-place operator that is about to
+// put tree inside target copies it first, so that a node never ends up inside itself.
+int references(PyObject* tree, PyObject* target) {
+    if (tree == target) return 1;
+    if (!is_nonlinear(tree)) return 0;
+    if (Py_EnterRecursiveCall(" while inspecting a nonlinear expression")) return -1;
+    PyObject* args = as_nl(tree)->args;
+    int found = 0;
+    if (is_seq_args(args)) {
+        for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(args) && !found; ++i)
+            found = references(PySequence_Fast_GET_ITEM(args, i), target);
+    } else if (args) {
+        found = references(args, target);
+    }
+    Py_LeaveRecursiveCall();
+    return found;
+}
+
+// b itself, or a copy of it when it refers to target (new reference; null on failure).
+PyObject* detached(PyObject* b, PyObject* target) {
+    int r = references(b, target);
+    if (r < 0) return nullptr;
+    if (r == 0) return new_ref(b);
+    return nl_scaled_copy(b, 1.0);
+}
+
 }  // namespace
 
 // ---------------------------------------------------------------- constructors
 
 PyObject* nl_new_node(int op, PyObject* args) {
     if (!args) return nullptr;
-    NonlinearObject* n = PyObject_New(NonlinearObject, &NonlinearType);
+    NonlinearObject* n = PyObject_GC_New(NonlinearObject, &NonlinearType);
     if (!n) { Py_DECREF(args); return nullptr; }
     n->args = args;
     n->op = -1;
     n->op = op;
+    PyObject_GC_Track(n);
     return reinterpret_cast<PyObject*>(n);
 }
 
@@ -152,8 +180,20 @@ PyObject* nl_binary(int op, PyObject* a, PyObject* b) {
 
 namespace {
 
+PyObject* node_copy_guarded(PyObject* node, double c);
+
+// Copies recurse over the whole tree: the interpreter's recursion limit turns a tree too
+// deep to copy into a RecursionError instead of a stack overflow.
 PyObject* node_copy(PyObject* node, double c) {
+    if (Py_EnterRecursiveCall(" while copying a nonlinear expression")) return nullptr;
+    PyObject* r = node_copy_guarded(node, c);
+    Py_LeaveRecursiveCall();
+    return r;
+}
+
+PyObject* node_copy_guarded(PyObject* node, double c) {
     NonlinearObject* n = as_nl(node);
+    if (!n->args) return model_fail("Invalid object being copied from single argument in a nonlinear expression");
     if (c != 1.0 && n->op == NL_UMINUS) return nl_scaled_copy(n->args, -c);
     PyRef args;
     if (is_seq_args(n->args)) {
@@ -288,8 +328,8 @@ PyObject* nl_accumulate(PyObject* target, PyObject* b, double c) {
 
     bool tsum = is_sum_node(tp), bsum = is_sum_node(b);
     PyRef bcopy;
-    if (b == tp) {  // a sum added to itself: work on a copy of the right operand
-        bcopy.reset(nl_scaled_copy(b, 1.0));
+    if (tsum) {  // the target grows in place: never put it inside itself
+        bcopy.reset(detached(b, tp));
         if (!bcopy) return nullptr;
         b = bcopy.get();
     }
@@ -436,6 +476,9 @@ PyObject* nl_inplace_multiply(PyObject* a, PyObject* b) {
     if (a == Py_None || number_is(a, 1.0)) return nl_scaled_copy(b, 1.0);
     if (!is_prod_node(a)) return nl_multiply(a, b);
     if (operand_kind(b) < 0) return nullptr;
+    PyRef bref(detached(b, a));
+    if (!bref) return nullptr;
+    b = bref.get();
     PyObject* list = mutable_args(a);
     if (!list) return nullptr;
     Py_ssize_t n = PyList_GET_SIZE(list);
@@ -496,6 +539,10 @@ PyObject* nl_inplace_divide(PyObject* a, PyObject* b) {
     if (operand_kind(b) < 0) return nullptr;
     if (is_node_op(a, NL_DIV) && PyTuple_Check(as_nl(a)->args) && PyTuple_GET_SIZE(as_nl(a)->args) == 2) {
         PyObject* d = PyTuple_GET_ITEM(as_nl(a)->args, 1);
+        PyRef bref(detached(b, a));
+        if (bref && is_prod_node(d)) bref.reset(detached(bref.get(), d));
+        if (!bref) return nullptr;
+        b = bref.get();
         if (is_prod_node(d)) {
             PyObject* dl = mutable_args(d);
             if (!dl) return nullptr;
@@ -520,6 +567,10 @@ PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
     if (number_is(b, 1.0)) return new_ref(a);
     if (is_node_op(a, NL_POW) && PyTuple_Check(as_nl(a)->args) && PyTuple_GET_SIZE(as_nl(a)->args) == 2) {
         PyObject* e = PyTuple_GET_ITEM(as_nl(a)->args, 1);
+        PyRef bref(detached(b, a));
+        if (bref && is_prod_node(e)) bref.reset(detached(bref.get(), e));
+        if (!bref) return nullptr;
+        b = bref.get();
         if (is_prod_node(e)) {
             PyObject* el = mutable_args(e);
             if (!el) return nullptr;
@@ -539,8 +590,9 @@ PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
 
 // ---------------------------------------------------------------- slots
 
-PyObject* slot_add(PyObject* a, PyObject* b) { return nl_add(a, b); }
-PyObject* slot_subtract(PyObject* a, PyObject* b) { return nl_subtract(a, b); }
+// A failure of + or - that left no exception becomes the interface's general error.
+PyObject* slot_add(PyObject* a, PyObject* b) { return check_result(nl_add(a, b)); }
+PyObject* slot_subtract(PyObject* a, PyObject* b) { return check_result(nl_subtract(a, b)); }
 PyObject* slot_multiply(PyObject* a, PyObject* b) { return nl_multiply(a, b); }
 PyObject* slot_divide(PyObject* a, PyObject* b) { return nl_divide(a, b); }
 PyObject* slot_power(PyObject* a, PyObject* b, PyObject*) { return nl_power(a, b); }
@@ -561,9 +613,24 @@ PyObject* slot_imul(PyObject* a, PyObject* b) { return nl_inplace_multiply(a, b)
 PyObject* slot_idiv(PyObject* a, PyObject* b) { return nl_inplace_divide(a, b); }
 PyObject* slot_ipow(PyObject* a, PyObject* b, PyObject*) { return nl_inplace_power(a, b); }
 
+// Nodes are garbage-collected (a user function may refer back to its own tree) and their
+// deallocation goes through the trashcan so that very deep trees do not exhaust the C stack.
 void node_dealloc(PyObject* self) {
-    Py_XDECREF(as_nl(self)->args);
+    PyObject_GC_UnTrack(self);
+    Py_TRASHCAN_BEGIN(self, node_dealloc)
+    Py_CLEAR(as_nl(self)->args);
     Py_TYPE(self)->tp_free(self);
+    Py_TRASHCAN_END
+}
+
+int node_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(as_nl(self)->args);
+    return 0;
+}
+
+int node_clear(PyObject* self) {
+    Py_CLEAR(as_nl(self)->args);
+    return 0;
 }
 
 // Nodes come only from operators and functions: calling the type is refused.
@@ -578,6 +645,7 @@ PyObject* node_richcompare(PyObject* a, PyObject* b, int op) { return constraint
 
 // Collects the linear (quad false) or quadratic part of o times f into the expression acc.
 int collect(PyObject* o, double f, int depth, PyObject* acc, bool quad) {
+    if (!o) return 0;
     if (is_var(o)) return quad ? 0 : expr_add_linear(acc, o, f);
     if (is_linterm(o)) {
         if (quad) return 0;
@@ -693,7 +761,9 @@ PyTypeObject NonlinearType = [] {
     t.tp_repr = node_str;
     t.tp_str = node_str;
     t.tp_as_number = &node_number;
-    t.tp_flags = Py_TPFLAGS_DEFAULT;
+    t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC;
+    t.tp_traverse = node_traverse;
+    t.tp_clear = node_clear;
     t.tp_doc =
         "Class for linear and quadratic nonlin. These can be used and combined with variables, "
         "expressions and numbers to build nonlinear expression trees.";

@@ -2,7 +2,7 @@
 // offset 0) whose scalar types are var, expression and constraint, registered through
 // NumPy's legacy user-dtype interface, with reference-copying casts among themselves and the
 // object dtype, and ufunc loops that apply the modelling operators element by element.
-#include "nonlinear/internal.h"
+#include "nonlinear/aggregates.h"
 
 #include <cstring>
 
@@ -122,7 +122,8 @@ int register_one(int i, const DtypeDef& def) {
 // ---------------------------------------------------------------- ufunc loops
 
 enum LoopOp {
-    OP_ADD, OP_SUB, OP_MUL, OP_DIV, OP_POW, OP_AND, OP_OR, OP_LE, OP_EQ, OP_GE, OP_NEG, OP_SQUARE,
+    OP_ADD, OP_SUB, OP_MUL, OP_DIV, OP_POW, OP_AND, OP_OR, OP_LE, OP_EQ, OP_GE, OP_NEG, OP_SQUARE, OP_ABS,
+    OP_MATMUL,
 };
 
 PyObject* apply_op(int op, PyObject* a, PyObject* b) {
@@ -139,6 +140,8 @@ PyObject* apply_op(int op, PyObject* a, PyObject* b) {
         case OP_GE: return PyObject_RichCompare(a, b, Py_GE);
         case OP_NEG: return PyNumber_Negative(a);
         case OP_SQUARE: return PyNumber_Multiply(a, a);
+        case OP_ABS: return PyNumber_Absolute(a);
+        case OP_MATMUL: break;
     }
     return nullptr;
 }
@@ -195,6 +198,39 @@ void unary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void* 
     }
 }
 
+// matmul's inner loop: core dimensions (n, k, m), each output element the one-pass sum of its
+// k products.
+void matmul_loop(char** args, npy_intp const* dims, npy_intp const* steps, void* data) {
+    const LoopData* d = static_cast<const LoopData*>(data);
+    npy_intp outer = dims[0], n = dims[1], k = dims[2], m = dims[3];
+    npy_intp a_n = steps[3], a_k = steps[4], b_k = steps[5], b_m = steps[6], c_n = steps[7], c_m = steps[8];
+    for (npy_intp o = 0; o < outer; ++o) {
+        char* a0 = args[0] + o * steps[0];
+        char* b0 = args[1] + o * steps[1];
+        char* c0 = args[2] + o * steps[2];
+        for (npy_intp i = 0; i < n; ++i)
+            for (npy_intp j = 0; j < m; ++j) {
+                PyRef acc;
+                for (npy_intp h = 0; h < k; ++h) {
+                    PyRef x(operand_at(a0 + i * a_n + h * a_k, d->first_double));
+                    if (!x) return;
+                    PyRef y(operand_at(b0 + h * b_k + j * b_m, d->second_double));
+                    if (!y) return;
+                    PyRef t(term_product(x.get(), y.get()));
+                    if (!t) return;
+                    if (!acc) acc = std::move(t);
+                    else if (sum_combine(acc, t.get()) < 0) return;
+                }
+                if (!acc) acc.reset(PyFloat_FromDouble(0.0));
+                if (!acc) return;
+                char* out = c0 + i * c_n + j * c_m;
+                PyObject* old = load(out);
+                store(out, acc.release());
+                Py_XDECREF(old);
+            }
+    }
+}
+
 struct UfuncRow {
     const char* name;
     int op;
@@ -210,7 +246,8 @@ const UfuncRow ufunc_rows[] = {
     {"multiply", OP_MUL, false, false, true},  {"divide", OP_DIV, false, false, true},
     {"true_divide", OP_DIV, false, false, true}, {"power", OP_POW, false, false, true},
     {"square", OP_SQUARE, false, true, false}, {"bitwise_and", OP_AND, false, false, true},
-    {"bitwise_or", OP_OR, false, false, true},
+    {"bitwise_or", OP_OR, false, false, true},  {"absolute", OP_ABS, false, true, false},
+    {"matmul", OP_MATMUL, false, false, true},
 };
 
 // LoopData records live as long as the process (the loops keep pointers to them).
@@ -244,6 +281,7 @@ int register_loops() {
         if (contains) continue;
         if (PyList_Append(seen, uf.get()) < 0) return -1;
         int out = row.comparison ? npconstraint_typenum : npexpr_typenum;
+        PyUFuncGenericFunction binary = row.op == OP_MATMUL ? matmul_loop : binary_loop;
         for (int t : objs) {
             if (row.unary) {
                 int types[2] = {t, npexpr_typenum};
@@ -252,12 +290,12 @@ int register_loops() {
             }
             for (int u : objs) {
                 int types[3] = {t, u, out};
-                if (register_loop(uf.get(), t, binary_loop, types, loop_data(row.op, false, false)) < 0) return -1;
+                if (register_loop(uf.get(), t, binary, types, loop_data(row.op, false, false)) < 0) return -1;
             }
             int od[3] = {t, NPY_DOUBLE, out};
-            if (register_loop(uf.get(), t, binary_loop, od, loop_data(row.op, false, true)) < 0) return -1;
+            if (register_loop(uf.get(), t, binary, od, loop_data(row.op, false, true)) < 0) return -1;
             int dobj[3] = {NPY_DOUBLE, t, out};
-            if (register_loop(uf.get(), t, binary_loop, dobj, loop_data(row.op, true, false)) < 0) return -1;
+            if (register_loop(uf.get(), t, binary, dobj, loop_data(row.op, true, false)) < 0) return -1;
         }
     }
     return 0;

@@ -85,8 +85,11 @@ int TRVOdelsets(TRVOprob prob, int nsets, const int mindex[]) {
     return guard(prob, [&] {
         auto drop = marks(static_cast<int>(prob->sets.size()), nsets, mindex, "sets");
         size_t out = 0;
-        for (size_t s = 0; s < prob->sets.size(); ++s)
-            if (!drop[s]) prob->sets[out++] = std::move(prob->sets[s]);
+        for (size_t s = 0; s < prob->sets.size(); ++s) {
+            if (drop[s]) continue;
+            if (out != s) prob->sets[out] = std::move(prob->sets[s]);
+            ++out;
+        }
         prob->sets.resize(out);
         prob->setnames.erase(drop);
     });

@@ -5,6 +5,7 @@
 #include "engine/optimizer/highs_instances.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 namespace trvo {
@@ -29,8 +30,11 @@ std::string NameList::get(int i, char prefix) const {
 
 void NameList::erase(const std::vector<char>& drop) {
     size_t out = 0;
-    for (size_t i = 0; i < names.size(); ++i)
-        if (!drop[i]) names[out++] = std::move(names[i]);
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (drop[i]) continue;
+        if (out != i) names[out] = std::move(names[i]);
+        ++out;
+    }
     names.resize(out);
     rebuild_index();
 }
@@ -90,6 +94,12 @@ void check_range(int first, int last, int n, const char* what) {
 void emit_message(TRVOprob p, const char* msg, int msgtype) {
     if (ctl_int(p, TRVO_OUTPUTLOG) == 0 && msgtype < 3) return;
     int len = msg ? static_cast<int>(std::strlen(msg)) : 0;
+    if (msg && !p->logfile.empty()) {
+        if (FILE* f = std::fopen(p->logfile.c_str(), "a")) {
+            std::fprintf(f, "%s\n", msg);
+            std::fclose(f);
+        }
+    }
     auto cbs = p->msgcbs;  // a callback may remove itself
     for (const auto& cb : cbs) cb.f(p, cb.context, msg, len, msgtype);
     send_global_message(p, msg, msgtype, 0);
@@ -120,6 +130,10 @@ void store_clear(TRVOprob p) {
     p->qobj.clear(); p->qrows.clear(); p->sets.clear(); p->indicators.clear();
     p->rownames = NameList(); p->colnames = NameList(); p->setnames = NameList();
     p->results = Results();
+    p->iis.clear();
+    p->mip_start.clear();
+    p->start_rbasis.clear();
+    p->start_cbasis.clear();
     results_resize(p);
 }
 

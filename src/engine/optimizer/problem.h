@@ -55,6 +55,14 @@ struct Indicator {
     int comp = 0;  // 1: row holds when col is 1; -1: when col is 0
 };
 
+struct Iis {
+    std::vector<int> rows, cols;
+    std::vector<char> rowside, colbound;  // 'L', 'G', 'E' / 'L', 'U', 'B'
+    std::vector<double> duals, rdcs;
+    double suminfeas = 0;
+    int numinfeas = 0;
+};
+
 struct Controls {
     std::map<int, int64_t> ints;
     std::map<int, double> dbls;
@@ -79,6 +87,11 @@ struct Results {
     std::vector<double> x, slack, dual, dj;     // LP solution
     std::vector<double> mipx, mipslack;         // best MIP solution
 };
+
+// Values at a given point x (user's columns).
+double objective_at(TRVOprob p, const double* x);
+double activity_at(TRVOprob p, int row, const double* x);
+void slacks_at(TRVOprob p, const double* x, double* slack);
 
 }  // namespace trvo
 
@@ -110,11 +123,19 @@ struct trvo_problem_s {
     trvo::Results results;
     std::vector<trvo::MessageCallback> msgcbs;
 
+    // Starts and bases for the next solve.
+    std::vector<int> start_rbasis, start_cbasis;              // from TRVOloadbasis
+    std::vector<std::pair<int, double>> mip_start;            // from loadmipsol / addmipsol
+    // Infeasible subsystems found by the IIS functions.
+    std::vector<trvo::Iis> iis;
+    std::string logfile;
+
     // Solving.
     std::atomic<int> stop_request{0};     // a stop reason set by TRVOinterrupt, 0 none
     void* highs = nullptr;                // the HiGHS instance, created at the first solve
     // Dimensions of the model last handed to HiGHS, to reuse its basis on a re-solve.
     int highs_cols = -1, highs_rows = -1;
+    bool highs_has_lp = false;  // the instance holds the user's LP from the last lpoptimize
 
     int ncols() const { return static_cast<int>(lb.size()); }
     int nrows() const { return static_cast<int>(rowtype.size()); }
@@ -163,5 +184,10 @@ std::vector<char> marks(int n, int count, const int* index, const char* what);
 void delete_rows(TRVOprob p, const std::vector<char>& drop);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
 void set_coef(TRVOprob p, int i, int j, double v);
+
+// Values at a given point x (user's columns).
+double objective_at(TRVOprob p, const double* x);
+double activity_at(TRVOprob p, int row, const double* x);
+void slacks_at(TRVOprob p, const double* x, double* slack);
 
 }  // namespace trvo

@@ -122,35 +122,6 @@ void pass_model(void* h, const HighsModel& m) {
           "accept the model");
 }
 
-// Row activities a'x (+ x'Qx) of the user's rows and the slacks rhs - activity.
-void slacks(TRVOprob p, const std::vector<double>& x, std::vector<double>& slack) {
-    const int m = p->nrows();
-    slack.assign(static_cast<size_t>(m), 0.0);
-    for (int i = 0; i < m; ++i) {
-        double act = 0;
-        for (const auto& e : p->matrix[static_cast<size_t>(i)]) act += e.second * x[static_cast<size_t>(e.first)];
-        auto q = p->qrows.find(i);
-        if (q != p->qrows.end())
-            for (const auto& kv : q->second) {
-                double f = kv.first.first == kv.first.second ? 1.0 : 2.0;
-                act += f * kv.second * x[static_cast<size_t>(kv.first.first)] *
-                       x[static_cast<size_t>(kv.first.second)];
-            }
-        slack[static_cast<size_t>(i)] = p->rhs[static_cast<size_t>(i)] - act;
-    }
-}
-
-double objective_value(TRVOprob p, const std::vector<double>& x) {
-    double v = p->objconst;
-    for (int j = 0; j < p->ncols(); ++j) v += p->obj[static_cast<size_t>(j)] * x[static_cast<size_t>(j)];
-    for (const auto& kv : p->qobj) {
-        double f = kv.first.first == kv.first.second ? 0.5 : 1.0;
-        v += f * kv.second * x[static_cast<size_t>(kv.first.first)] *
-             x[static_cast<size_t>(kv.first.second)];
-    }
-    return v;
-}
-
 int stop_reason(TRVOprob p, HighsInt model_status, bool mip, void* h) {
     switch (model_status) {
         case kHighsModelStatusTimeLimit: return TRVO_STOP_TIMELIMIT;
@@ -273,7 +244,29 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     pass_model(h, model);
     p->highs_cols = model.ncol;
     p->highs_rows = model.nrow;
+    p->highs_has_lp = !mip && model.ncol == p->ncols() && model.nrow == p->nrows();
+    if (!mip && !p->start_cbasis.empty() && p->highs_has_lp &&
+        p->start_cbasis.size() == static_cast<size_t>(model.ncol) &&
+        p->start_rbasis.size() == static_cast<size_t>(model.nrow)) {
+        // A basis loaded by the user takes the place of the kept one.
+        cbasis.assign(p->start_cbasis.begin(), p->start_cbasis.end());
+        rbasis.assign(p->start_rbasis.begin(), p->start_rbasis.end());
+        keep = true;
+    }
+    p->start_cbasis.clear();
+    p->start_rbasis.clear();
     if (keep) Highs_setBasis(h, cbasis.data(), rbasis.data());
+    if (mip && !p->mip_start.empty()) {
+        std::vector<HighsInt> idx;
+        std::vector<double> val;
+        for (const auto& e : p->mip_start)
+            if (e.first < p->ncols()) {
+                idx.push_back(e.first);
+                val.push_back(e.second);
+            }
+        Highs_setSparseSolution(h, static_cast<HighsInt>(idx.size()), idx.data(), val.data());
+        p->mip_start.clear();
+    }
 
     HighsInt ms = run(h);
     flush_line(ctx, 1);
@@ -321,8 +314,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         r.have_duals = have_x && dual != kHighsSolutionStatusNone;
         if (have_x) {
             r.x.assign(cv.begin(), cv.begin() + static_cast<long>(n));
-            slacks(p, r.x, r.slack);
-            r.lpobjval = objective_value(p, r.x);
+            slacks_at(p, r.x.data(), r.slack.data());
+            r.lpobjval = objective_at(p, r.x.data());
             r.objval = r.lpobjval;
         }
         if (r.have_duals) {
@@ -375,8 +368,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
                     if (std::fabs(rv2 - r.mipx[j]) <= ctl_dbl(p, TRVO_MIPTOL)) r.mipx[j] = rv2;
                 }
             }
-            slacks(p, r.mipx, r.mipslack);
-            r.mipobjval = objective_value(p, r.mipx);
+            slacks_at(p, r.mipx.data(), r.mipslack.data());
+            r.mipobjval = objective_at(p, r.mipx.data());
             r.mipbestobjval = r.mipobjval;
             r.objval = r.mipobjval;
         }
