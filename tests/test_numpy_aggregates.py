@@ -130,7 +130,7 @@ def test_dot_products():
     assert e.extractLinear() == ([x[0], x[1], x[2]], [1.0, 2.0, 3.0])
     A = np.arange(6.0).reshape(2, 3)
     Ax = tarvo.Dot(A, x)
-    assert Ax.shape == (2,)
+    assert Ax.shape == (2,) and Ax.dtype == tarvo.npexpr
     point = point_for(x)
     xv = np.array([point[v] for v in x])
     assert np.allclose(tarvo.evaluate(Ax, solution=point), A @ xv)
@@ -175,3 +175,18 @@ def test_matmul_operator_and_absolute_on_variable_arrays():
     inner = y @ y
     assert tarvo.evaluate(inner, solution=point) == pytest.approx(yv @ yv)
     assert tarvo.evaluate(X.sum(), solution=point) == pytest.approx(Xv.sum())
+
+
+def test_arrays_of_variables_build_and_solve_a_model():
+    tarvo.setOutputEnabled(False)
+    x = tarvo.vars(3, ub=10)
+    A = np.array([[1.0, 2.0, 1.0], [0.0, 1.0, 3.0]])
+    rows = tarvo.Dot(A, x) <= np.array([4.0, 6.0])
+    assert rows.dtype == tarvo.npconstraint and rows.shape == (2,)
+    p = tarvo.problem(x, rows, tarvo.Dot(np.array([1.0, 1.0, 1.0]), x), sense=tarvo.maximize)
+    p.solve()
+    sol = p.getSolution(x)
+    assert np.all(A @ sol <= np.array([4.0, 6.0]) + 1e-7)
+    assert sum(sol) == pytest.approx(4.0)  # objective 4 - x1 on the first row
+    assert p.getSolution(A @ x) == pytest.approx(A @ sol)
+    assert tarvo.evaluate(tarvo.Sum(x), problem=p) == pytest.approx(sum(sol))

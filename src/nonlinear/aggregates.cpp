@@ -8,11 +8,6 @@ namespace tarvo {
 
 namespace {
 
-PyObject* model_fail(const char* msg) {
-    PyErr_SetString(ModelError, msg);
-    return nullptr;
-}
-
 bool is_polynomial(PyObject* o) {
     int k = operand_kind_quiet(o);
     return k >= K_NUMBER && k != K_NONLINEAR;
@@ -22,7 +17,7 @@ bool is_polynomial(PyObject* o) {
 int array_elements(PyArrayObject* arr, const std::function<int(PyObject*)>& fn) {
     bool objects = array_holds_objects(arr);
     if (!objects && !PyArray_ISNUMBER(arr) && !PyArray_ISBOOL(arr))
-        return model_fail("Incorrect objects used in Sum, Dot, Prod, or aggregate functions"), -1;
+        return model_error("Incorrect objects used in Sum, Dot, Prod, or aggregate functions"), -1;
     PyRef it(PyArray_IterNew(reinterpret_cast<PyObject*>(arr)));
     if (!it) return -1;
     PyArrayIterObject* iter = reinterpret_cast<PyArrayIterObject*>(it.get());
@@ -64,12 +59,12 @@ int aggregate_walk(PyObject* args, const std::function<int(PyObject*)>& fn) {
     if (PySequence_Check(coll) || (Py_TYPE(coll)->tp_iternext != nullptr) || Py_TYPE(coll)->tp_iter) {
         if (PySequence_Check(coll) && PySequence_Size(coll) < 0) {
             PyErr_Clear();
-            return model_fail("Invalid sequence of objects"), -1;
+            return model_error("Invalid sequence of objects"), -1;
         }
         PyRef it(PyObject_GetIter(coll));
         if (!it) {
             PyErr_Clear();
-            return model_fail("Cannot iterate over sequence"), -1;
+            return model_error("Cannot iterate over sequence"), -1;
         }
         while (PyObject* el = PyIter_Next(it.get())) {
             PyRef hold(el);
@@ -83,7 +78,7 @@ int aggregate_walk(PyObject* args, const std::function<int(PyObject*)>& fn) {
 
 int sum_combine(PyRef& result, PyObject* el) {
     if (!is_ndarray(el) && operand_kind_quiet(el) < 0)
-        return model_fail("Invalid object in Sum or Prod operators"), -1;
+        return model_error("Invalid object in Sum or Prod operators"), -1;
     if (!result) {
         result.reset(is_polynomial(el) ? expr_copy_scaled(el, 1.0) : nl_scaled_copy(el, 1.0));
         return result ? 0 : -1;
@@ -144,7 +139,7 @@ PyObject* fn_prod(PyObject*, PyObject* args) {
     PyRef result;
     auto combine = [&](PyObject* el) -> int {
         if (!is_ndarray(el) && operand_kind_quiet(el) < 0)
-            return model_fail("Invalid object in Sum or Prod operators"), -1;
+            return model_error("Invalid object in Sum or Prod operators"), -1;
         if (!result) {
             result.reset(nl_scaled_copy(el, 1.0));
             return result ? 0 : -1;
@@ -193,7 +188,7 @@ PyObject* term_product(PyObject* a, PyObject* b) {
 namespace {
 
 PyObject* element_of_0d(PyArrayObject* a) {
-    if (PyArray_SIZE(a) != 1) return model_fail("Scalar vector apparently contains more than one element");
+    if (PyArray_SIZE(a) != 1) return model_error("Scalar vector apparently contains more than one element");
     PyRef el(PyArray_GETITEM(a, PyArray_BYTES(a)));
     if (!el) return nullptr;
     if (!array_holds_objects(a)) return PyNumber_Float(el.get());
@@ -201,7 +196,7 @@ PyObject* element_of_0d(PyArrayObject* a) {
 }
 
 PyObject* dot_two(PyObject* A, PyObject* B) {
-    if (!is_ndarray(A) || !is_ndarray(B)) return model_fail("Dot product can only occur between NumPy arrays");
+    if (!is_ndarray(A) || !is_ndarray(B)) return model_error("Dot product can only occur between NumPy arrays");
     PyArrayObject* a = reinterpret_cast<PyArrayObject*>(A);
     PyArrayObject* b = reinterpret_cast<PyArrayObject*>(B);
     int na = PyArray_NDIM(a), nb = PyArray_NDIM(b);
@@ -212,16 +207,16 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
         if (!y) return nullptr;
         return term_product(x.get(), y.get());
     }
-    if (na == 0) return model_fail("Dot product between incompatible objects: first one is a scalar");
-    if (nb == 0) return model_fail("Dot product between incompatible objects: second one is a scalar");
+    if (na == 0) return model_error("Dot product between incompatible objects: first one is a scalar");
+    if (nb == 0) return model_error("Dot product between incompatible objects: second one is a scalar");
     bool num_a = numeric_array(a), num_b = numeric_array(b);
     if ((!num_a && !array_holds_objects(a)) || (!num_b && !array_holds_objects(b)) ||
         PyArray_TYPE(a) == npconstraint_typenum || PyArray_TYPE(b) == npconstraint_typenum)
-        return model_fail("Dot product must be between long, double, and expressions/variables");
+        return model_error("Dot product must be between long, double, and expressions/variables");
     npy_intp inner = PyArray_DIM(a, na - 1);
     int bk = nb >= 2 ? nb - 2 : 0;
     if (PyArray_DIM(b, bk) != inner)
-        return model_fail("Dot product must occur between NumPy vectors with matching sizes in the multiplying dimension");
+        return model_error("Dot product must occur between NumPy vectors with matching sizes in the multiplying dimension");
     if (num_a && num_b) return PyArray_MatrixProduct2(A, B, nullptr);
 
     PyRef oa(reinterpret_cast<PyObject*>(as_object_array(a)));
@@ -258,11 +253,12 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
         return acc.release();
     };
     if (dims.empty()) return element(0, 0, 0);
-    PyArray_Descr* od = PyArray_DescrFromType(NPY_OBJECT);
+    // An npexpr array, so that comparisons of the result build constraints elementwise.
+    PyArray_Descr* od = PyArray_DescrFromType(npexpr_typenum);
     if (!od) return nullptr;
     PyRef res(PyArray_NewFromDescr(&PyArray_Type, od, static_cast<int>(dims.size()), dims.data(), nullptr, nullptr, 0, nullptr));
     if (!res) {
-        if (!PyErr_Occurred()) model_fail("Could not initialize result of dot product");
+        if (!PyErr_Occurred()) model_error("Could not initialize result of dot product");
         return nullptr;
     }
     PyObject** out = static_cast<PyObject**>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(res.get())));
@@ -292,7 +288,7 @@ PyObject* fn_dot(PyObject*, PyObject* args, PyObject* kwargs) {
     int rc = aggregate_walk(args, [&](PyObject* el) -> int {
         if (first) {
             first = false;
-            if (!is_ndarray(el)) return model_fail("Dot product should only be on NumPy arrays"), -1;
+            if (!is_ndarray(el)) return model_error("Dot product should only be on NumPy arrays"), -1;
             result = PyRef::borrow(el);
             return 0;
         }
@@ -302,12 +298,12 @@ PyObject* fn_dot(PyObject*, PyObject* args, PyObject* kwargs) {
     if (rc < 0) return nullptr;
     if (!result) return PyFloat_FromDouble(0.0);
     if (out == Py_None) return result.release();
-    if (!is_ndarray(out)) return model_fail("Output argument set with wrong type: must be float/int for products of floats/ints and expression/nonlin for products of variables/expressions/nonlinear");
+    if (!is_ndarray(out)) return model_error("Output argument set with wrong type: must be float/int for products of floats/ints and expression/nonlin for products of variables/expressions/nonlinear");
     PyArrayObject* o = reinterpret_cast<PyArrayObject*>(out);
     bool numeric_result = is_number(result.get()) ||
                           (is_ndarray(result.get()) && numeric_array(reinterpret_cast<PyArrayObject*>(result.get())));
     if (numeric_result ? !numeric_array(o) : !array_holds_objects(o) || PyArray_TYPE(o) == npconstraint_typenum)
-        return model_fail("Output argument set with wrong type: must be float/int for products of floats/ints and expression/nonlin for products of variables/expressions/nonlinear");
+        return model_error("Output argument set with wrong type: must be float/int for products of floats/ints and expression/nonlin for products of variables/expressions/nonlinear");
     PyRef src(is_ndarray(result.get()) ? result.release()
                                        : PyArray_FromAny(result.get(), PyArray_DescrFromType(NPY_OBJECT), 0, 0, 0, nullptr));
     if (!src) return nullptr;

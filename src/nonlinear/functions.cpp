@@ -11,11 +11,6 @@ namespace tarvo {
 
 namespace {
 
-PyObject* model_fail(const char* msg) {
-    PyErr_SetString(ModelError, msg);
-    return nullptr;
-}
-
 double sign_of(double t) { return t > 0 ? 1.0 : (t < 0 ? -1.0 : 0.0); }
 double log10_of(double t) { return std::log(t) * 0.4342944819032518; }
 
@@ -30,7 +25,7 @@ PyObject* apply_to_array(int op, MathFn fn, PyObject* t) {
     if (!array_holds_objects(arr)) {
         PyRef dbl(PyArray_FROMANY(t, NPY_DOUBLE, 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS));
         if (!dbl) {
-            if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
+            if (!PyErr_Occurred()) model_error("Cannot iterate on sequence of arguments");
             return nullptr;
         }
         double* data = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(dbl.get())));
@@ -42,7 +37,7 @@ PyObject* apply_to_array(int op, MathFn fn, PyObject* t) {
     PyRef copy(PyArray_FromAny(t, PyArray_DescrFromType(type), 0, 0, NPY_ARRAY_ENSURECOPY | NPY_ARRAY_C_CONTIGUOUS, nullptr));
     PyRef it(copy ? PyArray_IterNew(copy.get()) : nullptr);
     if (!it) {
-        if (!PyErr_Occurred()) model_fail("Cannot iterate on sequence of arguments");
+        if (!PyErr_Occurred()) model_error("Cannot iterate on sequence of arguments");
         return nullptr;
     }
     PyArrayObject* c = reinterpret_cast<PyArrayObject*>(copy.get());
@@ -147,9 +142,9 @@ PyObject* collection_function(PyObject* args, int op, const char* none_msg, doub
     Collection c;
     if (!examine(args, c)) {
         PyErr_Clear();
-        return model_fail(bad_msg);
+        return model_error(bad_msg);
     }
-    if (c.count == 0) return none_msg ? model_fail(none_msg) : PyFloat_FromDouble(empty_value);
+    if (c.count == 0) return none_msg ? model_error(none_msg) : PyFloat_FromDouble(empty_value);
     if (c.count == 1) return c.single.release();
     PyObject* items = c.items.get();
     if (!PyTuple_Check(items)) {
@@ -194,7 +189,7 @@ struct Segment {
 
 PyObject* fn_pwl(PyObject*, PyObject* arg) {
     if (!PyDict_Check(arg))
-        return model_fail(
+        return model_error(
             "Function tarvo.pwl only accepts a dictionary; a call must be for example "
             "tarvo.pwl({(1,4): 2*x+1, (4,6): 4*x+5, ...})");
     std::vector<Segment> segs;

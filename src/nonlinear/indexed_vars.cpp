@@ -9,11 +9,6 @@ namespace tarvo {
 
 namespace {
 
-PyObject* model_fail(const char* msg) {
-    PyErr_SetString(ModelError, msg);
-    return nullptr;
-}
-
 constexpr size_t MAX_NAME = 2500;
 
 // Text of one index for a variable name; false (with an exception) when it has none.
@@ -44,7 +39,7 @@ bool index_text(PyObject* idx, bool from_integer_set, std::string& out) {
     const char* t = s ? PyUnicode_AsUTF8(s.get()) : nullptr;
     if (!t) {
         PyErr_Clear();
-        model_fail("Element of index tuple in vars() cannot be represented");
+        model_error("Element of index tuple in vars() cannot be represented");
         return false;
     }
     for (const char* c = t; *c; ++c)
@@ -87,7 +82,7 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
     if (!empty || !PyArg_ParseTupleAndKeywords(empty.get(), kwargs, "|$Odddl:vars", const_cast<char**>(kwlist), &o.name,
                                                &o.lb, &o.ub, &o.threshold, &o.vartype))
         return nullptr;
-    if (o.ub + 1e-06 < o.lb) return model_fail("Variables have empty feasible set: lower bound > upper bound");
+    if (o.ub + 1e-06 < o.lb) return model_error("Variables have empty feasible set: lower bound > upper bound");
     if (o.name == Py_None) o.name = nullptr;
     if (o.name && !PyUnicode_Check(o.name)) {
         PyErr_SetString(PyExc_TypeError, "vars() argument 'name' must be a string");
@@ -127,7 +122,7 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
             long k = PyLong_AsLong(s);
             if (k == -1 && PyErr_Occurred()) return nullptr;
             if (k < 1)
-                return model_fail("Invalid index: integer argument to tarvo.vars() must be positive (it is equivalent to range(k))");
+                return model_error("Invalid index: integer argument to tarvo.vars() must be positive (it is equivalent to range(k))");
             PyRef r(PyObject_CallFunction(reinterpret_cast<PyObject*>(&PyRange_Type), "l", k));
             if (!r) return nullptr;
             elems.reset(PySequence_Tuple(r.get()));
@@ -137,17 +132,17 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
             Py_ssize_t expected = PyAnySet_Check(s) ? PySet_GET_SIZE(s) : -1;
             elems.reset(PySequence_Tuple(s));
             if (elems && expected >= 0 && PyTuple_GET_SIZE(elems.get()) < expected)
-                return model_fail("No object available from set");
+                return model_error("No object available from set");
         } else {
-            return model_fail(
+            return model_error(
                 "Invalid index: a call to tarvo.vars() must have a tuple of lists, sets, iterable objects, or integer "
                 "numbers as its arguments");
         }
         if (!elems) return nullptr;
         Py_ssize_t len = PyTuple_GET_SIZE(elems.get());
-        if (len == 0) return model_fail("Invalid index: empty dimension in creation of variables");
+        if (len == 0) return model_error("Invalid index: empty dimension in creation of variables");
         if (total > static_cast<size_t>(PY_SSIZE_T_MAX) / static_cast<size_t>(len))
-            return model_fail("No memory to create variables. Consider restricting one or more index sets/lists/ranges in the index argument to tarvo.vars()");
+            return model_error("No memory to create variables. Consider restricting one or more index sets/lists/ranges in the index argument to tarvo.vars()");
         total *= static_cast<size_t>(len);
         all_integers = all_integers && is_int;
         integer_set.push_back(is_int);
@@ -165,14 +160,14 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
         if (!result) {
             if (PyErr_ExceptionMatches(PyExc_MemoryError)) {
                 PyErr_Clear();
-                return model_fail("Not enough memory to create variables with tarvo.vars()");
+                return model_error("Not enough memory to create variables with tarvo.vars()");
             }
             return nullptr;
         }
         array_data = static_cast<PyObject**>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(result.get())));
     } else {
         result.reset(PyDict_New());
-        if (!result) return model_fail("Could not initialize result of tarvo.vars()");
+        if (!result) return model_error("Could not initialize result of tarvo.vars()");
     }
 
     // Walk the Cartesian product in row-major order (last index fastest).
@@ -194,7 +189,7 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
         PyObject* v = make_var(o, vname);
         if (!v) {
             if (!PyErr_Occurred())
-                model_fail("Could not create variables. Consider restricting one or more index sets/lists/ranges in the index argument to tarvo.vars()");
+                model_error("Could not create variables. Consider restricting one or more index sets/lists/ranges in the index argument to tarvo.vars()");
             return nullptr;
         }
         if (array_data) {
@@ -216,7 +211,7 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
             int present = PyDict_Contains(result.get(), key.get());
             if (present < 0) {
                 PyErr_Clear();
-                return model_fail("Bad index tuple in vars()");
+                return model_error("Bad index tuple in vars()");
             }
             if (present) {
                 PyErr_Format(ModelError,

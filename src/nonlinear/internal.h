@@ -1,6 +1,7 @@
 // Declarations shared by the translation units of the nonlinear layer: the operator table,
 // node helpers and the module functions that functions.cpp gathers into one table.
 #pragma once
+#include "model/algebra.h"  // model_error, new_ref, constant_value
 #include "model/model.h"
 #include "nonlinear/node.h"
 

@@ -16,19 +16,8 @@ const NlOpInfo nl_ops[NL_OP_COUNT] = {
 
 namespace {
 
-PyObject* model_fail(const char* msg) {
-    PyErr_SetString(ModelError, msg);
-    return nullptr;
-}
 bool number_is(PyObject* o, double v) { return is_number(o) && number_value(o) == v; }
-PyObject* new_ref(PyObject* o) { Py_INCREF(o); return o; }
 
-// Constant value of a number or an expression with neither linear nor quadratic part.
-bool constant_of(PyObject* o, double* v) {
-    if (is_number(o)) { *v = number_value(o); return true; }
-    if (is_constant_expression(o)) { *v = as_expr(o)->constant; return true; }
-    return false;
-}
 
 // The argument list of a node, turned into a list when it is a tuple (for in-place growth).
 PyObject* mutable_args(PyObject* node) {
@@ -146,17 +135,17 @@ PyObject* nl_make(bool nary, int op, PyObject* args) {
     bool user = op == NL_USER || op == NL_USER_DERIV;
     if (!nary) {
         if (is_seq_args(args))
-            return model_fail("Could not create a unary nonlinear expression: the argument must be a single expression");
+            return model_error("Could not create a unary nonlinear expression: the argument must be a single expression");
         if (operand_kind_quiet(args) < 0 && !(user && PyCallable_Check(args)))
-            return model_fail("Invalid object in unary operation");
+            return model_error("Invalid object in unary operation");
     } else {
         if (!is_seq_args(args))
-            return model_fail("Could not create an n-ary nonlinear expression: the arguments must be in a list or tuple");
+            return model_error("Could not create an n-ary nonlinear expression: the arguments must be in a list or tuple");
         Py_ssize_t n = PySequence_Fast_GET_SIZE(args);
         for (Py_ssize_t i = 0; i < n; ++i) {
             PyObject* el = PySequence_Fast_GET_ITEM(args, i);
             if (i == 0 && user && PyCallable_Check(el)) continue;
-            if (operand_kind_quiet(el) < 0) return model_fail("Invalid object in n-ary operation");
+            if (operand_kind_quiet(el) < 0) return model_error("Invalid object in n-ary operation");
         }
     }
     return nl_new_node(op, new_ref(args));
@@ -193,7 +182,7 @@ PyObject* node_copy(PyObject* node, double c) {
 
 PyObject* node_copy_guarded(PyObject* node, double c) {
     NonlinearObject* n = as_nl(node);
-    if (!n->args) return model_fail("Invalid object being copied from single argument in a nonlinear expression");
+    if (!n->args) return model_error("Invalid object being copied from single argument in a nonlinear expression");
     if (c != 1.0 && n->op == NL_UMINUS) return nl_scaled_copy(n->args, -c);
     PyRef args;
     if (is_seq_args(n->args)) {
@@ -207,7 +196,7 @@ PyObject* node_copy_guarded(PyObject* node, double c) {
             PyObject* copy = (i == 0 && user) ? new_ref(el) : nl_scaled_copy(el, 1.0);
             if (!copy) {
                 if (!PyErr_Occurred())
-                    model_fail("Invalid object being copied from argument list/tuple in a nonlinear expression");
+                    model_error("Invalid object being copied from argument list/tuple in a nonlinear expression");
                 return nullptr;
             }
             if (list) PyList_SET_ITEM(args.get(), i, copy);
@@ -219,7 +208,7 @@ PyObject* node_copy_guarded(PyObject* node, double c) {
                        : nl_scaled_copy(n->args, 1.0));
         if (!args) {
             if (!PyErr_Occurred())
-                model_fail("Invalid object being copied from single argument in a nonlinear expression");
+                model_error("Invalid object being copied from single argument in a nonlinear expression");
             return nullptr;
         }
     }
@@ -249,7 +238,7 @@ PyObject* node_copy_guarded(PyObject* node, double c) {
 }  // namespace
 
 PyObject* nl_scaled_copy(PyObject* obj, double c) {
-    if (!obj) return model_fail("Invalid object being copied");
+    if (!obj) return model_error("Invalid object being copied");
     if (is_ndarray(obj)) {
         if (c == 1.0) return PyArray_NewCopy(reinterpret_cast<PyArrayObject*>(obj), NPY_KEEPORDER);
         PyRef f(PyFloat_FromDouble(c));
@@ -272,7 +261,7 @@ PyObject* nl_scaled_copy(PyObject* obj, double c) {
         return quad(k, t->var1, t->var2);
     }
     if (is_expression(obj)) return expr_copy_scaled(obj, c);
-    return model_fail("Invalid object being copied");
+    return model_error("Invalid object being copied");
 }
 
 PyObject* nl_negate(PyObject* obj) {
@@ -443,16 +432,16 @@ PyObject* nl_divide(PyObject* a, PyObject* b) {
     }
     if (operand_kind(a) < 0 || operand_kind(b) < 0) return nullptr;
     double v;
-    if (constant_of(a, &v) && v == 0.0) return PyFloat_FromDouble(0.0);
-    if (constant_of(b, &v)) {
-        if (v == 0.0) return model_fail("Division by zero");
+    if (constant_value(a, &v) && v == 0.0) return PyFloat_FromDouble(0.0);
+    if (constant_value(b, &v)) {
+        if (v == 0.0) return model_error("Division by zero");
         if (v == 1.0) return nl_scaled_copy(a, 1.0);
     }
     return nl_binary(NL_DIV, a, b);
 }
 
 PyObject* nl_power(PyObject* a, PyObject* b) {
-    if (is_ndarray(b)) return model_fail("Cannot obtain a power with a vector as an exponent");
+    if (is_ndarray(b)) return model_error("Cannot obtain a power with a vector as an exponent");
     if (operand_kind(a) < 0 || operand_kind(b) < 0) return nullptr;
     if (number_is(a, 1.0) || number_is(b, 0.0)) return PyFloat_FromDouble(1.0);
     if (number_is(b, 1.0)) return nl_scaled_copy(a, 1.0);
@@ -530,8 +519,8 @@ namespace {
 PyObject* nl_inplace_divide(PyObject* a, PyObject* b) {
     if (is_ndarray(b)) return nl_divide(a, b);
     double v;
-    if (constant_of(b, &v)) {
-        if (v == 0.0) return model_fail("Division by zero");
+    if (constant_value(b, &v)) {
+        if (v == 0.0) return model_error("Division by zero");
         if (v == 1.0) return new_ref(a);
         PyRef inv(PyFloat_FromDouble(1.0 / v));
         return inv ? nl_inplace_multiply(a, inv.get()) : nullptr;
@@ -561,7 +550,7 @@ PyObject* nl_inplace_divide(PyObject* a, PyObject* b) {
 }
 
 PyObject* nl_inplace_power(PyObject* a, PyObject* b) {
-    if (is_ndarray(b)) return model_fail("Cannot obtain a power with a vector as an exponent");
+    if (is_ndarray(b)) return model_error("Cannot obtain a power with a vector as an exponent");
     if (operand_kind(b) < 0) return nullptr;
     if (number_is(b, 0.0)) return PyFloat_FromDouble(1.0);
     if (number_is(b, 1.0)) return new_ref(a);
