@@ -1,7 +1,4 @@
 """Controls and attributes: per problem, module defaults, the catalogue, type checks and messages."""
-import subprocess
-import sys
-import textwrap
 
 import numpy as np
 import pytest
@@ -92,9 +89,8 @@ def test_controls_object_outlives_its_problem():
         c.feastol
 
 
-def test_module_defaults_apply_to_new_problems():
-    out = subprocess.run(
-        [sys.executable, "-c", textwrap.dedent(
+def test_module_defaults_apply_to_new_problems(run_python):
+    out = run_python(
             """
             import tarvo as tv
             default = tv.controls.presolve
@@ -118,7 +114,5 @@ def test_module_defaults_apply_to_new_problems():
                 tv.controls.nosuch = 1
             except tv.InterfaceError as e:
                 print(e)
-            """)],
-        capture_output=True, text=True)
-    assert out.returncode == 0, out.stderr
-    assert out.stdout.split("\n")[:6] == ["1", "0 0", "0 True True", "True True", "ModelError", "Incorrect control name"]
+            """)
+    assert out.split("\n")[:6] == ["1", "0 0", "0 True True", "True True", "ModelError", "Incorrect control name"]

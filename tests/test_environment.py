@@ -1,18 +1,8 @@
 """Global environment: version, banner, last error, checked mode, output switch, message handlers."""
-import subprocess
-import sys
-import textwrap
-
 import numpy as np
 import pytest
 
 import tarvo as tv
-
-
-def run_python(code):
-    out = subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True)
-    assert out.returncode == 0, out.stderr
-    return out.stdout
 
 
 def test_version_banner_and_last_error():
@@ -90,7 +80,7 @@ def test_message_handler_registration_and_removal():
         tv.removecbmsghandler(g, d1)
 
 
-def test_lazy_start_counting_and_free():
+def test_lazy_start_counting_and_free(run_python):
     # Fresh interpreter: the start count decides whether a creation restarts the libraries.
     out = run_python(
         """

@@ -1,24 +1,16 @@
-import subprocess
-import sys
-
 import numpy as np
 import pytest
 
 import tarvo
 
 
-def run_fresh(code):
-    """Runs code in a new interpreter: serial numbers are process-wide."""
-    out = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, check=True)
-    return out.stdout
-
-
-def test_printed_forms_in_a_fresh_process():
-    out = run_fresh(
+def test_printed_forms_in_a_fresh_process(run_python):
+    # serial numbers are process-wide, so the printed names need a new interpreter
+    out = run_python(
         "import tarvo as t; x=t.var(); y=t.var(); print(x, y, 3 + 2*x - y + x*y, x + 2*y <= 4)"
     )
     assert out == "C1 C2 3 +2 C1 - C2 + C1*C2 R1\n"
-    out = run_fresh(
+    out = run_python(
         "import tarvo as t; x=t.var(); c=t.constraint(body=x, lb=1); s=t.sos([x], [1]);"
         "print(x.name, c, s, c.copy(), s.copy(), hash(x))"
     )
