@@ -192,8 +192,10 @@ def test_reading_an_mps_file_written_by_highs(tmp_path):
         "general\n tables\n"
         "end\n")
     mps = tmp_path / "prod.mps"
+    # The highs program logs to Highs.log in its working directory: keep that in tmp_path.
     res = subprocess.run([exe, "--model_file", str(lp), "--write_model_file", str(mps),
-                          "--time_limit", "0"], env=env, capture_output=True, text=True)
+                          "--time_limit", "0"], env=env, capture_output=True, text=True,
+                         cwd=tmp_path)
     assert mps.exists(), res.stdout + res.stderr
     p = tv.problem()
     p.read(str(mps))
@@ -243,3 +245,36 @@ def test_round_trip_keeps_semicontinuous_quadratic_and_sense(tmp_path):
     r.addSOS(tv.sos([s, y], [1, 2], 1))
     with pytest.raises(tv.SolverError, match="Special ordered sets cannot be written"):
         r.write(str(tmp_path / "sos.mps"))
+
+
+def test_solves_reads_and_writes_leave_no_file_behind(tmp_path, monkeypatch):
+    # HiGHS instances log to a file unless told otherwise; nothing may appear in the user's
+    # working directory except the files asked for, whether output is on or off.
+    monkeypatch.chdir(tmp_path)
+    x, y = tv.var(name="x", ub=4), tv.var(name="y", vartype=tv.integer, ub=3)
+    mip = tv.problem(x, y, x + 2 * y <= 7, x + y, "mip", sense=tv.maximize)
+    w = tv.var(name="w", ub=3)
+    lp = tv.problem(x, w, x + 2 * w <= 7, x + w, "lp", sense=tv.maximize)
+    u = tv.var(name="u", lb=-2, ub=2)
+    qp = tv.problem(u, u + u * u, "qp")
+    bad = tv.problem(u, u * u, "bad", sense=tv.maximize)
+    for on in (False, True):
+        tv.setOutputEnabled(on)
+        for p in (mip, lp, qp, bad):
+            p.controls.outputlog = int(on)
+        mip.solve()
+        assert mip.getObjVal() == pytest.approx(5, abs=TOL)
+        lp.solve()
+        assert lp.getObjVal() == pytest.approx(5.5, abs=TOL)
+        qp.solve()
+        assert qp.getObjVal() == pytest.approx(-0.25, abs=TOL)
+        with pytest.raises(tv.SolverError, match=NONCONVEX):
+            bad.solve()
+        for p in (mip, lp, qp):
+            p.write("out.mps")
+            q = tv.problem()
+            q.read("out.mps")
+            q.solve()
+            assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=TOL)
+            os.remove("out.mps")
+        assert os.listdir(tmp_path) == []
