@@ -1018,14 +1018,19 @@ def _attribute(p, name, default=None):
 
 
 def run_problem(name):
-    """Builds and solves one problem; returns a dict of what happened."""
-    built = PROBLEMS[name]()
-    p, optimum = built
-    x = built.variables
-    result = {"name": name, "optimum": optimum, "note": ""}
+    """Builds and solves one problem; returns a dict of what happened: status, objective (at the
+    returned point, evaluated here), reported (the solver's objective value), error (relative to
+    the published optimum), violation, iterations, time, solved, path (solve or nlpoptimize) and
+    a note on what went wrong."""
+    result = {"name": name, "optimum": PROBLEMS[name](_OptimumOnly()), "note": ""}
     start = time.perf_counter()
-    path = "solve"
+    path = "build"
     try:
+        built = PROBLEMS[name]()
+        p, optimum = built
+        x = built.variables
+        start = time.perf_counter()
+        path = "solve"
         try:
             p.solve()
         except tarvo.SolverError as e:
@@ -1036,8 +1041,9 @@ def run_problem(name):
             path = "nlpoptimize"
             p.nlpoptimize()
     except Exception as e:  # report and go on with the next problem
-        result.update(status="error", objective=float("nan"), error=float("inf"), iterations=0,
-                      time=time.perf_counter() - start, solved=False,
+        result.update(status="error", objective=float("nan"), reported=float("nan"),
+                      error=float("inf"), violation=float("inf"), iterations=0,
+                      time=time.perf_counter() - start, solved=False, path=path,
                       note="%s: %s" % (type(e).__name__, e))
         return result
     result["time"] = time.perf_counter() - start
@@ -1072,8 +1078,9 @@ def run_problem(name):
             notes.append("status " + status)
         else:
             notes.append("different local optimum" if error > SOLVED_RTOL else "")
-    result.update(status=status, objective=at.objective, error=error, iterations=iterations,
-                  solved=solved, note="; ".join(n for n in notes if n), path=path)
+    result.update(status=status, objective=at.objective, reported=objective, error=error,
+                  violation=at.violation, iterations=iterations, solved=solved,
+                  note="; ".join(n for n in notes if n), path=path)
     return result
 
 
@@ -1144,7 +1151,11 @@ def build_van_der_pol(rows):
 
 def run_large(rows):
     start = time.perf_counter()
-    p, steps = build_van_der_pol(rows)
+    try:
+        p, steps = build_van_der_pol(rows)
+    except Exception as e:
+        print("\nVan der Pol control: building failed: %s: %s" % (type(e).__name__, e))
+        return
     build = time.perf_counter() - start
     start = time.perf_counter()
     try:
