@@ -102,6 +102,28 @@ int reflected(int op) {
     }
 }
 
+// Elementwise comparison of the array b with a (op already reflected). NumPy collapses rich
+// comparisons of objects to booleans; asking for an object result keeps the constraints. Arrays
+// of the module's own dtypes have comparison loops of their own and are tried first.
+PyObject* array_compare(PyObject* b, PyObject* a, int op) {
+    if (PyArray_DESCR(reinterpret_cast<PyArrayObject*>(b))->type_num >= NPY_USERDEF) {
+        PyRef r(PyObject_RichCompare(b, a, op));
+        if (!r || !is_ndarray(r.get()) ||
+            PyArray_DESCR(reinterpret_cast<PyArrayObject*>(r.get()))->type_num != NPY_BOOL)
+            return r.release();
+    }
+    static const char* names[] = {"less", "less_equal", "equal", "not_equal", "greater", "greater_equal"};
+    if (op < Py_LT || op > Py_GE) return model_error("Invalid constraint: unrecognized comparison operator");
+    PyRef numpy(PyImport_ImportModule("numpy"));
+    if (!numpy) return nullptr;
+    PyRef ufunc(PyObject_GetAttrString(numpy.get(), names[op]));
+    if (!ufunc) return nullptr;
+    PyRef args(PyTuple_Pack(2, b, a));
+    PyRef kwargs(Py_BuildValue("{s:O}", "dtype", reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+    if (!args || !kwargs) return nullptr;
+    return PyObject_Call(ufunc.get(), args.get(), kwargs.get());
+}
+
 // a - b with the subtraction of the first modelling type found among the operands.
 PyObject* difference(PyObject* a, PyObject* b) {
     if (is_expression(a) || is_expression(b)) return expression_sum(a, b, -1.0);
@@ -172,7 +194,7 @@ PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
             PyErr_SetString(InterfaceError, "Ill-defined constraint array");
             return nullptr;
         }
-        return PyObject_RichCompare(b, a, reflected(op));
+        return array_compare(b, a, reflected(op));
     }
     PyRef body(difference(a, b));
     if (!body) return nullptr;

@@ -4,6 +4,7 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -355,6 +356,18 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
                 r.mipstatus = TRVO_MIP_UNBOUNDED; break;
             default:
                 r.mipstatus = feasible ? TRVO_MIP_SOLUTION : TRVO_MIP_NO_SOL_FOUND; break;
+        }
+        // A solution no better than the cutoff does not count (presolve may have solved the
+        // problem without HiGHS applying its objective bound).
+        double cutoff = ctl_dbl(p, TRVO_MIPABSCUTOFF);
+        if (feasible && std::fabs(cutoff) < 1e39) {
+            double obj = objective_at(p, cv.data());
+            double tol = 1e-9 * std::max(1.0, std::fabs(cutoff));
+            if (p->objsense > 0 ? obj > cutoff + tol : obj < cutoff - tol) {
+                feasible = false;
+                if (r.mipstatus == TRVO_MIP_OPTIMAL) r.mipstatus = TRVO_MIP_INFEAS;
+                else if (r.mipstatus == TRVO_MIP_SOLUTION) r.mipstatus = TRVO_MIP_NO_SOL_FOUND;
+            }
         }
         r.have_mip = feasible;
         if (feasible) {
