@@ -1,0 +1,60 @@
+// Conversion of modelling objects with nonlinear parts into what the nonlinear library loads:
+// polynomial parts for the optimisation library plus nonlinear coefficients (row, column,
+// factor, postfix token formula), and the registration of user functions.
+#pragma once
+#include "problem/body.h"
+
+#include <vector>
+
+namespace tarvo {
+
+// Nonlinear coefficients in the library's parsed (postfix) token form, ready for TSLPaddcoefs.
+// starts holds one entry per coefficient plus the end of the last formula.
+struct NlItems {
+    std::vector<int> rows, cols;
+    std::vector<double> factors;
+    std::vector<int> starts{0};
+    std::vector<int> types;
+    std::vector<double> values;
+    int count() const { return static_cast<int>(cols.size()); }
+    void clear() {
+        rows.clear();
+        cols.clear();
+        factors.clear();
+        starts.assign(1, 0);
+        types.clear();
+        values.clear();
+    }
+};
+
+// Splits obj (number, polynomial object or nonlinear node) into its constant, linear and
+// quadratic parts (coefficient conventions of polynomial_parts) and nonlinear coefficients,
+// which are appended to items with row index `row`. Returns 0, or -1 with ModelError set.
+int formula_split(ProblemObject* p, PyObject* obj, bool objective_mode, int row, PolyParts& parts, NlItems& items);
+
+// Hands the items to the nonlinear library (TSLPaddcoefs, parsed form). 0 or -1.
+int formula_load(ProblemObject* p, const NlItems& items);
+
+// Nonlinear objective through the transfer row and column:
+// makes the nonlinear problem modifiable (unconstructs, leaves the presolved state);
+int nl_objective_prepare(ProblemObject* p);
+// removes the transfer row and column of a previous nonlinear objective;
+int nl_objective_remove(ProblemObject* p);
+// adds the transfer row and column carrying the items (their rows are rewritten).
+int nl_objective_install(ProblemObject* p, NlItems& items);
+
+// Keeps the user functions a problem copy shares with its source alive for the copy.
+int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src);
+
+// Releases the multistart job objects a problem handed to the library (nlp_methods.cpp).
+void nlp_release_job_objects(ProblemObject* p);
+
+// Runs the nonlinear optimiser on a worker thread while watching for Ctrl-C
+// (problem/objective_solve.cpp): the library's return code, or -2 with an exception set.
+int run_nonlinear_optimizer(ProblemObject* p, const char* flags);
+
+// Raises the nonlinear library's last error of the problem (falling back on the generic
+// problem error) and returns null.
+PyObject* slp_error(ProblemObject* p);
+
+}  // namespace tarvo
