@@ -20,10 +20,14 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
     if (var_serial(y) < var_serial(x)) std::swap(x, y);
     if (!ex->quadratic) ex->quadratic = new QuadraticMap();
     if (!ex->quadratic_vars) ex->quadratic_vars = new SerialSet();
-    ex->quadratic_vars->insert(var_serial(x));
-    ex->quadratic_vars->insert(var_serial(y));
+    // Sums over fresh variables append past the largest key: insert with an end hint then, so
+    // that building a large quadratic part costs no tree search per term.
+    // (A wrong hint only costs the ordinary search.)
+    ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
+    if (var_serial(y) != var_serial(x)) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
     QuadraticMap& q = *ex->quadratic;
-    auto it = q.lower_bound(x);
+    bool past_end = q.empty() || var_serial(q.rbegin()->first) < var_serial(x);
+    auto it = past_end ? q.end() : q.lower_bound(x);
     if (it == q.end() || var_serial(it->first) != var_serial(x)) {
         Py_INCREF(x);
         it = q.emplace_hint(it, x, LinearMap());
