@@ -6,6 +6,7 @@
 #include "nonlinear/formula.h"
 #include "model/model.h"
 #include "nonlinear/slp_ops.h"
+#include "problem/nonlinear_bridge.h"
 
 #include <cstdarg>
 #include <cstring>
@@ -111,6 +112,31 @@ int fill_list(ProblemObject* p, PyObject* target, const std::vector<double>& v) 
     return conv_arr2obj(p, static_cast<int64_t>(v.size()), v.data(), target, CONV_DOUBLE);
 }
 
+// Fills a caller's list in place with the objects at the given indices of `objects` (the
+// problem's constraints or variables); indices without an object (the objective transfer
+// row and column, the constant column -1) are given as integers.
+int fill_objects(PyObject* target, PyObject* objects, const int* idx, int n) {
+    if (!target || target == Py_None) return 0;
+    if (!PyList_Check(target)) {
+        PyErr_SetString(InterfaceError, "Incorrect argument to getcoefformula or excessive buffersize");
+        return -1;
+    }
+    PyRef items(PyList_New(n));
+    if (!items) return -1;
+    for (int i = 0; i < n; ++i) {
+        PyObject* o;
+        if (objects && PyList_Check(objects) && idx[i] >= 0 && idx[i] < PyList_GET_SIZE(objects)) {
+            o = PyList_GET_ITEM(objects, idx[i]);
+            Py_INCREF(o);
+        } else {
+            o = PyLong_FromLong(idx[i]);
+            if (!o) return -1;
+        }
+        PyList_SET_ITEM(items.get(), i, o);
+    }
+    return PyList_SetSlice(target, 0, PyList_GET_SIZE(target), items.get());
+}
+
 #define P as_prob(self)
 #define KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
 
@@ -159,6 +185,7 @@ PyObject* m_globalsol(PyObject* self, PyObject*) {
     TSLPprob s = slp_of(P);
     if (!s || !SLP_NEED(TSLPglobal)) return nullptr;
     int rc;
+    note_solver_run(P, true);
     Py_BEGIN_ALLOW_THREADS
     rc = TSLPglobal(s);
     Py_END_ALLOW_THREADS
@@ -715,8 +742,7 @@ PyObject* m_getcoefs(PyObject* self, PyObject* args, PyObject* kw) {
     if (TSLPgetcoefs(s, &n, nullptr, nullptr) != 0) return slp_error(P);
     std::vector<int> rows(n > 0 ? n : 1), cols(n > 0 ? n : 1);
     if (n > 0 && TSLPgetcoefs(s, &n, rows.data(), cols.data()) != 0) return slp_error(P);
-    if (r && conv_arr2obj(P, n, rows.data(), r, CONV_ROW) < 0) return nullptr;
-    if (c && conv_arr2obj(P, n, cols.data(), c, CONV_COL) < 0) return nullptr;
+    if (fill_objects(r, P->cons, rows.data(), n) < 0 || fill_objects(c, P->vars, cols.data(), n) < 0) return nullptr;
     Py_RETURN_NONE;
 }
 

@@ -506,7 +506,8 @@ PyObject* problem_addVariable(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_variables(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_variables(p, args); }));
 }
 
 PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
@@ -514,7 +515,8 @@ PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_constraints(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_constraints(p, args); }));
 }
 
 PyObject* problem_addSOS(PyObject* self, PyObject* args) {
@@ -528,7 +530,13 @@ PyObject* problem_addSOS(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
+static PyObject* add_indicators(PyObject* self, PyObject* args);
+
 PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
+    return with_objective_detached(as_prob(self), [&] { return add_indicators(self, args); });
+}
+
+static PyObject* add_indicators(PyObject* self, PyObject* args) {
     ProblemObject* p = as_prob(self);
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     if (n == 0) Py_RETURN_NONE;
@@ -554,8 +562,12 @@ PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
-PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_VARS); }
-PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_CONS); }
+PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_VARS); });
+}
+PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_CONS); });
+}
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_SETS); }
 
 }  // namespace tarvo
