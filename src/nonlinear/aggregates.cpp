@@ -13,10 +13,11 @@ bool is_polynomial(PyObject* o) {
     return k >= K_NUMBER && k != K_NONLINEAR;
 }
 
-// Python object for an array element: objects as they are, numbers as floats.
+// Python object for an array element: objects as they are, real numbers (any integer, floating
+// or boolean element type) as floats. Complex, text and date elements have no place in a model.
 int array_elements(PyArrayObject* arr, const std::function<int(PyObject*)>& fn) {
     bool objects = array_holds_objects(arr);
-    if (!objects && !PyArray_ISNUMBER(arr) && !PyArray_ISBOOL(arr))
+    if (!objects && !PyArray_ISINTEGER(arr) && !PyArray_ISFLOAT(arr) && !PyArray_ISBOOL(arr))
         return model_error("Incorrect objects used in Sum, Dot, Prod, or aggregate functions"), -1;
     PyRef it(PyArray_IterNew(reinterpret_cast<PyObject*>(arr)));
     if (!it) return -1;
