@@ -675,6 +675,7 @@ int nl_objective_reattach(ProblemObject* p, DetachedObjective& saved) {
 }
 
 int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src) {
+    nlp_copy_job_objects(dst, src);
     if (!src->userfuncs || !dst->slp || !TSLPgetuserfuncobject || !TSLPsetuserfuncobject) return 0;
     dst->userfuncs = PyDict_Copy(src->userfuncs);
     if (!dst->userfuncs) return -1;

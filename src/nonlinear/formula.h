@@ -79,9 +79,12 @@ PyObject* with_objective_detached(ProblemObject* p, F&& op) {
     return result;
 }
 
-// Keeps the user functions a problem copy shares with its source alive for the copy.
+// Keeps the user functions (and multistart job objects) a problem copy shares with its
+// source alive for the copy.
 int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src);
 
+// The copy of a problem shares its source's multistart jobs: it keeps their objects too.
+void nlp_copy_job_objects(ProblemObject* dst, const ProblemObject* src);
 // Releases the multistart job objects a problem handed to the library (nlp_methods.cpp).
 void nlp_release_job_objects(ProblemObject* p);
 
