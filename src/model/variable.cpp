@@ -258,7 +258,7 @@ PyObject* var_negative(PyObject* v) { return lin(-1.0, v); }
 
 // ---------------------------------------------------------------- Python type
 
-int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
+static int var_init_body(PyObject* self, PyObject* args, PyObject* kwds) {
     static const char* kwlist[] = {"name", "lb", "ub", "threshold", "vartype", nullptr};
     PyObject* name = nullptr;
     double lb = 0.0, ub = INF, threshold = -INF;
@@ -291,6 +291,10 @@ int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
         var_set_name(&v->word, name);
     }
     return 0;
+}
+
+int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
+    return alloc_guard_status(nullptr, [&] { return var_init_body(self, args, kwds); });
 }
 
 void var_dealloc(PyObject* self) {
@@ -338,7 +342,7 @@ PyObject* var_getattro(PyObject* self, PyObject* attr) {
     return PyObject_GenericGetAttr(self, attr);
 }
 
-int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+static int var_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
     const char* s = PyUnicode_AsUTF8(attr);
     if (!s) return -1;
     uint64_t* word = &as_var(self)->word;
@@ -368,6 +372,10 @@ int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     else if (s[0] == 'u') var_set_ub(word, x);
     else var_set_threshold(word, x);
     return 0;
+}
+
+int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+    return alloc_guard_status(nullptr, [&] { return var_setattro_body(self, attr, value); });
 }
 
 PyObject* var_extract_linear(PyObject* self, PyObject*) {
