@@ -248,3 +248,30 @@ def test_write_read_round_trip(tmp_path):
         assert q.getObjVal() == pytest.approx(p_obj, abs=1e-6)
     with pytest.raises(tv.SolverError):
         tv.problem().read(str(tmp_path / "missing.mps"))
+
+
+def test_files_that_cannot_be_read_or_written(tmp_path):
+    x, y = tv.var(name="x", ub=5), tv.var(name="y", ub=5)
+    p = tv.problem(x, y, tv.constraint(body=x + y, ub=4, name="c"), x + 2 * y, sense=tv.maximize)
+    # Writing into a missing directory is an error in both formats (the LP writer used to crash).
+    for flags in ("", "l"):
+        with pytest.raises(tv.SolverError, match="Could not open problem file .*for writing"):
+            p.write(str(tmp_path / "missing" / "model"), flags)
+    # A file that is not a model: the problem ends up empty, lists and library alike, and
+    # takes a new model afterwards.
+    (tmp_path / "junk.mps").write_text("this is not\n a model file\n")
+    (tmp_path / "junk.lp").write_text("maximize\n obj: 3 x +\nsubject to\n c1: x <=\nend\n")
+    for name, flags in (("junk.mps", ""), ("junk.lp", "l")):
+        q = p.copy()
+        with pytest.raises(tv.SolverError, match="Could not read problem file"):
+            q.read(str(tmp_path / name), flags)
+        assert q.getVariable() == [] and q.getConstraint() == []
+        assert q.attributes.cols == 0 and q.attributes.rows == 0
+        indices_agree(q)
+        q.addVariable(x)
+        q.setObjective(x, sense=tv.maximize)
+        q.solve()
+        assert q.getObjVal() == pytest.approx(5, abs=1e-9)
+    # The source of the copies is untouched.
+    p.solve()
+    assert p.getObjVal() == pytest.approx(8, abs=1e-9)

@@ -3,6 +3,7 @@
 #include "problem/body.h"
 #include "model/model.h"
 #include "nonlinear/node.h"
+#include "nonlinear/formula.h"
 
 #include <algorithm>
 #include <cstring>
@@ -148,6 +149,8 @@ struct RowBatch {
     std::vector<int> q1, q2;
     std::vector<double> qv;
     std::string names;
+    NlItems nl;     // nonlinear coefficients of the rows
+    int nl_rows = 0;  // rows with nonlinear coefficients
     int rows() const { return static_cast<int>(types.size()); }
 };
 
@@ -158,7 +161,13 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
         return -1;
     }
     PolyParts parts;
-    if (polynomial_parts(p, con->body, false, parts) < 0) return -1;
+    if (is_nonlinear(con->body)) {
+        int before = b.nl.count();
+        if (formula_split(p, con->body, false, row_index, parts, b.nl) < 0) return -1;
+        if (b.nl.count() > before) ++b.nl_rows;
+    } else if (polynomial_parts(p, con->body, false, parts) < 0) {
+        return -1;
+    }
     double lb = con_get_lb(con->word), ub = con_get_ub(con->word);
     double rhs = -parts.constant, range = 0;
     char type;
@@ -197,8 +206,10 @@ int load_rows(ProblemObject* p, int r0, const RowBatch& b) {
         int64_t s = b.qstarts[i], e = b.qstarts[i + 1];
         if (e > s) ok = TRVOaddqmatrix64(p->prob, r0 + i, e - s, b.q1.data() + s, b.q2.data() + s, b.qv.data() + s) == 0;
     }
+    if (!ok) problem_error(p);
+    else if (formula_load(p, b.nl) < 0) ok = false;
+    else p->nl_rows += b.nl_rows;
     if (!ok) {
-        problem_error(p);
         int now = 0;
         if (TRVOgetintattrib(p->prob, 1124, &now) == 0 && now > r0) {
             std::vector<int> idx(now - r0);
@@ -495,7 +506,8 @@ PyObject* problem_addVariable(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_variables(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_variables(p, args); }));
 }
 
 PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
@@ -503,7 +515,8 @@ PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_constraints(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_constraints(p, args); }));
 }
 
 PyObject* problem_addSOS(PyObject* self, PyObject* args) {
@@ -517,7 +530,13 @@ PyObject* problem_addSOS(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
+static PyObject* add_indicators(PyObject* self, PyObject* args);
+
 PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
+    return with_objective_detached(as_prob(self), [&] { return add_indicators(self, args); });
+}
+
+static PyObject* add_indicators(PyObject* self, PyObject* args) {
     ProblemObject* p = as_prob(self);
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     if (n == 0) Py_RETURN_NONE;
@@ -543,8 +562,12 @@ PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
-PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_VARS); }
-PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_CONS); }
+PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_VARS); });
+}
+PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_CONS); });
+}
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_SETS); }
 
 }  // namespace tarvo

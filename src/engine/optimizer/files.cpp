@@ -87,6 +87,10 @@ void write_problem(TRVOprob p, const char* filename, const char* flags) {
     for (int i = 0; i < p->nrows(); ++i)
         Highs_passRowName(h, i, p->rownames.get(i, 'R').c_str());
     if (!p->name.empty()) Highs_passModelName(h, p->name.c_str());
+    // HiGHS's LP writer does not check that its file opened and crashes on a path it cannot
+    // create: find that out first.
+    if (FILE* f = std::fopen(name.c_str(), "w")) std::fclose(f);
+    else fail("Could not open problem file %s for writing", name.c_str());
     if (Highs_writeModel(h, name.c_str()) == kHighsStatusError)
         fail("Could not write problem file %s", name.c_str());
 }
@@ -196,7 +200,16 @@ using namespace trvo;
 extern "C" {
 
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags) {
-    return guard(prob, [&] { read_problem(prob, filename, flags); });
+    // A read that fails leaves an empty problem, like a successful read of an empty file: the
+    // module has already emptied its lists of the problem's objects.
+    return guard(prob, [&] {
+        try {
+            read_problem(prob, filename, flags);
+        } catch (...) {
+            store_clear(prob);
+            throw;
+        }
+    });
 }
 
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags) {
