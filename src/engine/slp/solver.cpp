@@ -192,6 +192,7 @@ private:
     void bfgs_update(const std::vector<double>& gl_new);
     double quad_model(const std::vector<double>& d) const;
     std::vector<double> errvals;     // error columns of the last LP (e+, e- per bounded row)
+    std::vector<double> rowbase;     // row activities at x_k (the step problem's rows are in d = x - x_k)
     std::vector<double> corr;        // per nonlinear row: shift of its linearisation (correction LPs)
     template <class Follow, class Step>
     bool second_order_correction(const std::vector<double>& lintrial, std::vector<double>& xlp,
@@ -299,6 +300,7 @@ void Run::build() {
     Highs_startCallback(h, kHighsCallbackMipInterrupt);
     Highs_setStringOptionValue(h, "presolve", "off");
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
+    Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
     Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
     Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
@@ -363,24 +365,29 @@ void Run::update_lp() {
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
     bool curvature = use_b && have_b && !mip_phase && !skip_b;
     if (curvature) {
-        // 1/2 (x - x_k)' B (x - x_k): the linear part moves into the costs.
+        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
+        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
+        // (columns without one have made it read and write out of bounds), and a strictly
+        // convex step problem has a unique solution.
+        const double reg = 1e-8;
         size_t K = qcols.size();
         std::vector<HighsInt> start(ncolLP + 1, 0), index;
         std::vector<double> value;
         size_t c = 0;
         for (int j = 0; j < ncolLP; ++j) {
             if (c < K && qcols[c] == j) {
-                double bx = 0.0;
-                for (size_t c2 = 0; c2 < K; ++c2) bx += B[c * K + c2] * x[qcols[c2]];
-                cost[j] -= bx;
                 for (size_t c2 = c; c2 < K; ++c2) {
                     double v = B[c2 * K + c];
+                    if (c2 == c) v = std::max(v, reg);
                     if (v != 0.0 || c2 == c) {
                         index.push_back(qcols[c2]);
                         value.push_back(v);
                     }
                 }
                 ++c;
+            } else {
+                index.push_back(j);
+                value.push_back(reg);
             }
             start[j + 1] = (HighsInt)index.size();
         }
@@ -394,16 +401,24 @@ void Run::update_lp() {
         hessian_passed = false;
     }
     Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
-    for (size_t k = 0; k < E.nlrows.size(); ++k) {
-        int r = E.nlrows[k];
-        const auto& pat = E.pattern[k];
-        double c = nlval[k];
-        for (size_t q = 0; q < pat.size(); ++q) {
-            Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
-            c -= nlgrad[k][q] * x[pat[q]];
+    // Rows in the step: a linear row a'x becomes a'd within its bounds less a'x_k; a
+    // nonlinear row its linearisation g(x_k) + grad g(x_k)'d.
+    std::vector<double> rlo(m.nrows), rup(m.nrows);
+    for (int r = 0; r < m.nrows; ++r) {
+        double v = 0.0;
+        int k = E.nlpos[r];
+        if (k >= 0) {
+            v = nlval[k];
+            const auto& pat = E.pattern[k];
+            for (size_t q = 0; q < pat.size(); ++q) Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
+        } else {
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) v += m.rval[e] * x[m.rcol[e]];
         }
-        Highs_changeRowBounds(h, r, rowlo[r] - c, rowup[r] - c);
+        rowbase[r] = v;
+        rlo[r] = rowlo[r] - v;
+        rup[r] = rowup[r] - v;
     }
+    if (m.nrows > 0) Highs_changeRowsBoundsByRange(h, 0, m.nrows - 1, rlo.data(), rup.data());
     std::vector<double> lo(n), up(n);
     for (int j = 0; j < n; ++j) {
         double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
@@ -418,10 +433,10 @@ void Run::update_lp() {
                 if (l > u) l = u = std::round(x[j]);
             }
         }
-        lo[j] = l;
-        up[j] = u;
+        lo[j] = l - x[j];
+        up[j] = u - x[j];
     }
-    Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
+    if (n > 0) Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
 }
 
 // 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
@@ -454,7 +469,8 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     }
     std::vector<double> cv(ncolLP), cd(ncolLP), rv(m.nrows), rd(m.nrows);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
-    xlp.assign(cv.begin(), cv.begin() + n);
+    xlp.resize(n);
+    for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
     rowdual = rd;
     coldual.assign(cd.begin(), cd.end());
     double es = 0.0;
@@ -494,8 +510,11 @@ void Run::bfgs_update(const std::vector<double>& gl_new) {
     }
     if (ss <= 1e-300) return;
     if (!have_b) {
-        double g = sy > 0 ? yy / sy : 1.0;
-        if (!std::isfinite(g) || g <= 1e-8) g = 1e-8;
+        // No curvature seen along the step yet: stay with linear steps, whose step bounds
+        // grow freely (a tiny model curvature would fix the step length instead).
+        if (!(sy > 0)) return;
+        double g = yy / sy;
+        if (!std::isfinite(g) || g <= 1e-8) return;
         B.assign(K * K, 0.0);
         for (size_t c = 0; c < K; ++c) B[c * K + c] = g;
         have_b = true;
@@ -540,19 +559,15 @@ bool Run::second_order_correction(const std::vector<double>& lintrial, std::vect
                                   Follow follow_rows, Step step_to, std::vector<double>& trial, double& phi_t,
                                   double& viol_t) {
     size_t K = E.nlrows.size();
-    std::vector<double> c(K, 0.0), base(K, 0.0);
+    std::vector<double> c(K, 0.0);
     bool any = false;
     for (size_t k = 0; k < K; ++k) {
         int r = E.nlrows[k];
         double v;
         if (!E.row_value(r, lintrial.data(), &v)) return false;
         const auto& pat = E.pattern[k];
-        double lin = nlval[k], b = nlval[k];
-        for (size_t q = 0; q < pat.size(); ++q) {
-            lin += nlgrad[k][q] * (lintrial[pat[q]] - x[pat[q]]);
-            b -= nlgrad[k][q] * x[pat[q]];
-        }
-        base[k] = b;
+        double lin = nlval[k];
+        for (size_t q = 0; q < pat.size(); ++q) lin += nlgrad[k][q] * (lintrial[pat[q]] - x[pat[q]]);
         c[k] = v - lin;
         if (!std::isfinite(c[k])) return false;
         if (std::fabs(c[k]) > 1e-13 * (1.0 + std::fabs(v))) any = true;
@@ -560,14 +575,14 @@ bool Run::second_order_correction(const std::vector<double>& lintrial, std::vect
     if (!any) return false;
     for (size_t k = 0; k < K; ++k) {
         int r = E.nlrows[k];
-        Highs_changeRowBounds(h, r, rowlo[r] - base[k] - c[k], rowup[r] - base[k] - c[k]);
+        Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r] - c[k], rowup[r] - rowbase[r] - c[k]);
     }
     std::vector<double> saved_err = errvals, xs, rd, cd;
     double es = 0.0;
     int lps = solve_lp(xs, rd, cd, &es);
     for (size_t k = 0; k < K; ++k) {
         int r = E.nlrows[k];
-        Highs_changeRowBounds(h, r, rowlo[r] - base[k], rowup[r] - base[k]);
+        Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r], rowup[r] - rowbase[r]);
     }
     if (lps != 0) {
         errvals = saved_err;
@@ -608,10 +623,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
     isint.assign(n, 0);
     nonlin.assign(n, 0);
     fixed_int.assign(n, 0);
-    bool anyint = false;
     for (int j = 0; j < n; ++j) {
         char t = m.coltype[j];
-        if (t == 'I' || t == 'B') isint[j] = 1, anyint = true;
+        if (t == 'I' || t == 'B') isint[j] = 1;
         else if (t != 'C')
             throw Error("Column " + std::to_string(j) + " is semi-continuous or partial integer, which the nonlinear solver does not handle");
         if (m.lb[j] > m.ub[j]) {
@@ -659,6 +673,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
     nlgrad.resize(E.nlrows.size());
     corr.assign(E.nlrows.size(), 0.0);
+    rowbase.assign(m.nrows, 0.0);
     double f;
     if (!evaluate(x, &f, &nlval, &nlgrad))
         throw Error("The formulas cannot be evaluated at the initial point (give initial values inside the domain)");
@@ -807,20 +822,37 @@ RunResult Run::solve(const std::vector<double>& x0) {
                     if (v.deltatype == 1 && std::fabs(d) < v.deltavalue) d = 0.0;
                     if (v.deltatype == 2 && v.deltavalue > 0) d = std::round(d / v.deltavalue) * v.deltavalue;
                 }
-                out[j] = x[j] + d;
+                out[j] = isint[j] ? std::round(x[j] + d) : x[j] + d;
             }
         };
-        follow_rows(xlp);
         // Predicted reduction of phi by the step, from the model itself.
-        double model = 0.0;
-        for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
-        model += quad_model(xlp);
-        double model_pen = 0.0;
-        for (int r = 0; r < m.nrows; ++r)
-            if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
-        model += mu * model_pen;
-        double pen_k = phi_k - sense * f;
-        pred = pen_k - model;
+        auto predicted = [&]() {
+            follow_rows(xlp);
+            double model = 0.0;
+            for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
+            model += quad_model(xlp);
+            double model_pen = 0.0;
+            for (int r = 0; r < m.nrows; ++r)
+                if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
+            model += mu * model_pen;
+            return (phi_k - sense * f) - model;
+        };
+        pred = predicted();
+        if (pred < -1e-9 * (1.0 + std::fabs(phi_k)) && hessian_passed) {
+            // The QP solution is worse than standing still: its solve went wrong. Take the
+            // linear step this time.
+            logf(prob, 3, "    QP step predicts an increase (%g); linear step instead", -pred);
+            skip_b = true;
+            update_lp();
+            int again = solve_lp(xlp, rowdual, coldual, &errsum);
+            skip_b = false;
+            if (again == 3) {
+                stop = prob->interrupt.load() ? prob->interrupt.load() : TRVO_STOP_TIMELIMIT;
+                break;
+            }
+            if (again != 0) throw Error("HiGHS failed on the step problem (" + last_highs + ")");
+            pred = predicted();
+        }
         // Penalty: stay above the multipliers of the rows.
         double lmax = 0.0;
         for (int r = 0; r < m.nrows; ++r)
@@ -904,6 +936,26 @@ RunResult Run::solve(const std::vector<double>& x0) {
             s_old.resize(qcols.size());
             for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
             pending = true;
+        } else if (use_b && !mip_phase) {
+            // A rejected step still tells how the Lagrangian's gradient changes along it: the
+            // curvature model learns from it before the shorter step is tried.
+            std::vector<double> gf_k = gf, nlval_k = nlval, gl_t;
+            std::vector<std::vector<double>> nlgrad_k = nlgrad;
+            double ft;
+            bool evaluated = evaluate(trial, &ft, &nlval, &nlgrad);
+            if (evaluated) {
+                E.objective(trial.data(), gf.data());
+                lagrangian_grad(rowdual, gl_t);
+            }
+            gf.swap(gf_k);
+            nlval.swap(nlval_k);
+            nlgrad.swap(nlgrad_k);
+            if (evaluated) {
+                lagrangian_grad(rowdual, gl_old);
+                s_old.resize(qcols.size());
+                for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
+                bfgs_update(gl_t);
+            }
         }
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
