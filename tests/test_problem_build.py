@@ -275,3 +275,26 @@ def test_files_that_cannot_be_read_or_written(tmp_path):
     # The source of the copies is untouched.
     p.solve()
     assert p.getObjVal() == pytest.approx(8, abs=1e-9)
+
+
+def test_written_names_stay_distinct_and_valid_ones_unchanged(tmp_path):
+    # A blank, characters the LP format cannot carry, a leading digit and a name given twice:
+    # each is mended on its own, all stay distinct, and the ordinary names are kept as they are.
+    names = ["a b", "a_b", "3x", "p+q", "dup", "dup", "plain"]
+    xs = [tv.var(name=n, ub=i + 1) for i, n in enumerate(names)]
+    rows = [tv.constraint(body=x, ub=0.5, name=n) for x, n in zip(xs, ["r 1", "r_1", "ok"] + [""] * 4)]
+    p = tv.problem(xs, rows[:3], tv.Sum(xs), sense=tv.maximize)
+    p.solve()
+    for flags in ("", "l"):
+        f = tmp_path / ("names" + (".lp" if flags else ".mps"))
+        p.write(str(f), flags)
+        q = tv.problem()
+        q.read(str(f), flags)
+        got = sorted(str(v) for v in q.getVariable())
+        assert len(set(got)) == len(names)
+        assert {"a_b", "dup", "plain"} <= set(got)
+        assert ("3x" in got) == (flags == "")
+        rnames = sorted(str(c) for c in q.getConstraint())
+        assert len(set(rnames)) == 3 and "ok" in rnames and "r_1" in rnames
+        q.solve()
+        assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-9)
