@@ -54,10 +54,18 @@ def test_strict_and_not_equal_comparisons_are_refused(xy, build):
 def test_comparison_with_numpy_arrays(xy):
     x, y = xy
     arr = np.array([1.0, 2.0, 3.0])
-    # the comparison is handed to NumPy with the operator reflected; element types are
-    # NumPy's business (the constraint dtype refines them)
-    for cons in (x <= arr, x + y >= arr, 2 * x == arr, x * y <= arr):
-        assert isinstance(cons, np.ndarray) and cons.shape == (3,)
+    cons = x <= arr  # reflected into arr >= x, elementwise, keeping the constraints
+    assert isinstance(cons, np.ndarray) and cons.shape == (3,)
+    assert [(c.lb, c.ub, str(c.body)) for c in cons] == [(-1e20, k, "  x") for k in (1.0, 2.0, 3.0)]
+    cons = x + y >= np.array([[1, 2]], dtype=np.int64)
+    assert cons.shape == (1, 2) and [c.lb for c in cons.flat] == [1.0, 2.0]
+    cons = 2 * x == np.array([x, y], dtype=object)
+    # elementwise the array element is on the left: x == 2*x and y == 2*x
+    assert [str(c.body) for c in cons] == ["-1*x", " -2 x + y"] and all(c.lb == c.ub == 0.0 for c in cons)
+    cons = x * y <= np.array([5.0], dtype=np.float32)
+    assert type(cons[0]) is tarvo.constraint and cons[0].ub == 5.0
+    with pytest.raises(tarvo.ModelError, match="cannot enforce"):
+        x < arr
 
 
 def test_constraint_constructor(xy):

@@ -104,6 +104,20 @@ enum {
 #define TSLP_NLPROWS 12026         /* rows the solver linearises (with quadratic rows) */
 #define TSLP_NLPSTATUS 12044
 #define TSLP_STATUS 12062          /* state bits */
+/* row and column information kinds */
+enum {
+    TSLP_ROWINFO_SLACK = 1, TSLP_ROWINFO_DUAL = 2, TSLP_ROWINFO_NUMPENALTYERRORS = 3,
+    TSLP_ROWINFO_MAXPENALTYERROR = 4, TSLP_ROWINFO_TOTALPENALTYERROR = 5,
+    TSLP_ROWINFO_CURRENTPENALTYERROR = 6, TSLP_ROWINFO_CURRENTPENALTYFACTOR = 7,
+    TSLP_ROWINFO_PENALTYCOLUMNPLUS = 8, TSLP_ROWINFO_PENALTYCOLUMNPLUSVALUE = 9,
+    TSLP_ROWINFO_PENALTYCOLUMNPLUSDJ = 10, TSLP_ROWINFO_PENALTYCOLUMNMINUS = 11,
+    TSLP_ROWINFO_PENALTYCOLUMNMINUSVALUE = 12, TSLP_ROWINFO_PENALTYCOLUMNMINUSDJ = 13
+};
+enum {
+    TSLP_COLINFO_VALUE = 1, TSLP_COLINFO_RDJ = 2, TSLP_COLINFO_DELTAINDEX = 3,
+    TSLP_COLINFO_DELTA = 4, TSLP_COLINFO_DELTADJ = 5, TSLP_COLINFO_UPDATEROW = 6,
+    TSLP_COLINFO_SB = 7, TSLP_COLINFO_SBDUAL = 8
+};
 /* ---- double attributes */
 #define TSLP_OBJVAL 12179
 #define TSLP_ERRORCOSTS 12180      /* penalty cost of the errors at the end */
@@ -160,6 +174,9 @@ enum {
 #define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
 #define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
+#define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a quasi-Newton
+                                      (BFGS) model of the Lagrangian's curvature (a QP);
+                                      0: pure linear steps */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,
@@ -227,6 +244,136 @@ int TSLPgetintattrib(TSLPprob prob, int attrib, int* value);
 int TSLPgetdblattrib(TSLPprob prob, int attrib, double* value);
 int TSLPgetstrattrib(TSLPprob prob, int attrib, char* value);     /* 1024 bytes */
 int TSLPgetptrattrib(TSLPprob prob, int attrib, void** value);
+
+/* ---- nonlinear coefficients (parsed: 1 postfix token order, 0 infix) */
+/* fstart: ncoef + 1 positions in type/value; factor may be null (1.0). A coefficient that
+   already has a formula gets the new one added to it. */
+int TSLPaddcoefs(TSLPprob prob, int ncoef, const int rowindex[], const int colindex[],
+                 const double factor[], const int fstart[], int parsed, const int type[],
+                 const double value[]);
+/* As TSLPaddcoefs after deleting every coefficient. */
+int TSLPloadcoefs(TSLPprob prob, int ncoef, const int rowindex[], const int colindex[],
+                  const double factor[], const int fstart[], int parsed, const int type[],
+                  const double value[]);
+/* Sets (replaces) one coefficient; a null factor keeps the existing factor (or 1). */
+int TSLPchgcoef(TSLPprob prob, int row, int col, const double* factor, int parsed,
+                const int type[], const double value[]);
+int TSLPchgccoef(TSLPprob prob, int row, int col, const double* factor, const char* formula);
+int TSLPdelcoefs(TSLPprob prob, int ncoef, const int rowindex[], const int colindex[]);
+/* Coefficients ordered by row, then column; null arrays: only the count. */
+int TSLPgetcoefs(TSLPprob prob, int* ncoef, int rowindex[], int colindex[]);
+/* The formula with its end token; *ntokens counts them. Fails when bufsize is too small
+   (null arrays: only factor and count). */
+int TSLPgetcoefformula(TSLPprob prob, int row, int col, double* factor, int parsed,
+                       int bufsize, int* ntokens, int type[], double value[]);
+/* The formula as text in a buffer of flen bytes (fails when it does not fit). */
+int TSLPgetccoef(TSLPprob prob, int row, int col, double* factor, char* formula, int flen);
+/* Value at the current point (the last solution, else the initial values). */
+int TSLPevaluateformula(TSLPprob prob, int parsed, const int type[], const double value[],
+                        double* result);
+/* Value of factor * formula (without the column) at the current point. */
+int TSLPevaluatecoef(TSLPprob prob, int row, int col, double* result);
+
+/* ---- user functions and strings */
+int TSLPsetstring(TSLPprob prob, int* index, const char* text);   /* index from 1 */
+int TSLPgetstring(TSLPprob prob, int index, char* text, int maxbytes);
+/* nuf descriptions, each ended by an end token: TSLP_TOK_STRING (name),
+   TSLP_TOK_UFEXETYPE, TSLP_TOK_UFARGTYPE, TSLP_TOK_STRING (calling convention). Functions get
+   the next indices (from 1). */
+int TSLPadduserfuncs(TSLPprob prob, int nuf, const int type[], const double value[]);
+/* Names of class 5 (user functions) first..last (1-based), NUL-separated. */
+int TSLPaddnames(TSLPprob prob, int type, const char names[], int first, int last);
+int TSLPchguserfuncaddress(TSLPprob prob, int index, void* address);   /* a TSLPuserfunc */
+int TSLPsetuserfuncobject(TSLPprob prob, int index, void* object);
+int TSLPgetuserfuncobject(TSLPprob prob, int index, void** object);
+/* Inside a user function: item TSLP_GLOBALFUNCOBJECT gives the nonlinear problem. */
+int TSLPgetfuncobject(TSLPfuncobject fobj, int item, void** object);
+/* Inside a user function: number of inputs, flags (0x1 value wanted, 0x2 derivatives
+   wanted) and the function's index. */
+int TSLPgetfuncinfo(TSLPfuncobject fobj, int* ninput, int* flags, int* index);
+
+/* ---- SLP variables (columns with data of their own; null arrays take defaults) */
+int TSLPaddvars(TSLPprob prob, int nvar, const int colindex[], const int vartype[],
+                const int detrow[], const int seqnum[], const int tolindex[],
+                const double initvalue[], const double stepbound[]);
+int TSLPloadvars(TSLPprob prob, int nvar, const int colindex[], const int vartype[],
+                 const int detrow[], const int seqnum[], const int tolindex[],
+                 const double initvalue[], const double stepbound[]);
+/* Null pointers leave the item unchanged; detrow -1 releases a determined column. */
+int TSLPchgvar(TSLPprob prob, int col, const int* detrow, const double* initstepbound,
+               const double* stepbound, const double* penalty, const double* damp,
+               const double* initvalue, const double* value, const int* tolset,
+               const int* history, const int* converged, const int* vartype);
+/* Any output may be null. delta: the column's delta type; penaltydelta: 1 when its step
+   bound was active at the end; updaterow: always -1 (no update rows); originalvalue: the
+   initial value of the last solve. */
+int TSLPgetvar(TSLPprob prob, int col, int* detrow, double* initstepbound, double* stepbound,
+               double* penalty, double* damp, double* initvalue, double* value, int* tolset,
+               int* history, int* converged, int* vartype, int* delta, int* penaltydelta,
+               int* updaterow, double* originalvalue);
+int TSLPdelvars(TSLPprob prob, int nvar, const int colindex[]);
+/* delta types: 0 continuous, 1 steps smaller than value are not taken, 2 steps are whole
+   multiples of value. */
+int TSLPchgdeltatype(TSLPprob prob, int nvar, const int colindex[], const int deltatypes[],
+                     const double values[]);
+int TSLPchgcascadenlimit(TSLPprob prob, int col, int limit);
+
+/* ---- tolerance sets (numbered from 1; 9 values each: closure, absolute and relative delta,
+   coefficient, impact and slack; status bit i set: value i in force) */
+int TSLPaddtolsets(TSLPprob prob, int nset, const double tols[]);
+int TSLPloadtolsets(TSLPprob prob, int nset, const double tols[]);
+int TSLPchgtolset(TSLPprob prob, int index, const int* status, const double tols[]);
+int TSLPgettolset(TSLPprob prob, int index, int* status, double tols[]);
+int TSLPdeltolsets(TSLPprob prob, int nset, const int index[]);
+
+/* ---- rows and distribution factors */
+int TSLPchgrowwt(TSLPprob prob, int row, const double* weight);   /* null: default 1 */
+int TSLPgetrowwt(TSLPprob prob, int row, double* weight);
+int TSLPchgrowstatus(TSLPprob prob, int row, const int* status);
+int TSLPgetrowstatus(TSLPprob prob, int row, int* status);
+/* A distribution factor scales the linear coefficient of a column in a row (default 1). */
+int TSLPadddfs(TSLPprob prob, int ndf, const int colindex[], const int rowindex[],
+               const double value[]);
+int TSLPloaddfs(TSLPprob prob, int ndf, const int colindex[], const int rowindex[],
+                const double value[]);
+int TSLPchgdf(TSLPprob prob, int col, int row, const double* value);
+int TSLPgetdf(TSLPprob prob, int col, int row, double* value);
+
+/* ---- solving */
+/* Solves from the initial values (or runs the multistart jobs, keeping the best). Flags: any
+   text; 'g' (the problem has integer columns) is accepted and implied by the columns. */
+int TSLPnlpoptimize(TSLPprob prob, const char* flags);
+/* Multistart from random initial values (the jobs given, or a default set), keeping the best
+   solution. */
+int TSLPglobal(TSLPprob prob);
+/* x, dj: a value per column; slack (rhs minus activity), dual: per row; any may be null. */
+int TSLPgetslpsol(TSLPprob prob, double x[], double slack[], double dual[], double dj[]);
+/* Row or column information of the last solve (TSLP_ROWINFO_..., TSLP_COLINFO_...): *tag is 1
+   for an integer in *ivalue, 2 for a double in *dvalue. */
+int TSLPgetrowinfo(TSLPprob prob, int infotype, int row, int* tag, int* ivalue, double* dvalue);
+int TSLPgetcolinfo(TSLPprob prob, int infotype, int col, int* tag, int* ivalue, double* dvalue);
+
+/* ---- multistart (jobs run by TSLPnlpoptimize when TSLP_MULTISTART is 1, and by TSLPglobal;
+   the run from the initial values always takes part; the best solution is kept) */
+#define TSLP_MSSET_INITIALVALUES 0     /* random initial values */
+#define TSLP_MSSET_SOLVERS 1           /* variations of the derivative and cascading settings */
+#define TSLP_MSSET_SLP_BASIC 2         /* variations of penalty and step bounds */
+#define TSLP_MSSET_SLP_EXTENDED 3      /* more of them */
+#define TSLP_MSSET_KNITRO_BASIC 4      /* not available: fails */
+#define TSLP_MSSET_KNITRO_EXTENDED 5
+#define TSLP_MSSET_INITIALFILTERED 6   /* random initial values, the least violated of several */
+int TSLPmsaddjob(TSLPprob prob, const char* description, int ninitial, const int colindex[],
+                 const double initial[], int ncontrols, const int controlid[],
+                 const double controlvalue[], void* jobobject);
+/* count jobs of the preset (0: the preset's natural number). */
+int TSLPmsaddpreset(TSLPprob prob, const char* description, int preset, int count,
+                    void* jobobject);
+/* A preset whose jobs also take the given initial values and control values. */
+int TSLPmsaddcustompreset(TSLPprob prob, const char* description, int preset, int count,
+                          int ninitial, const int colindex[], const double initial[],
+                          int ncontrols, const int controlid[], const double controlvalue[],
+                          void* jobobject);
+int TSLPmsclear(TSLPprob prob);
 
 /* ---- callbacks (a null function removes the callback) */
 int TSLPsetcbmessage(TSLPprob prob, TSLPcbmessage f, void* context);

@@ -102,6 +102,28 @@ int reflected(int op) {
     }
 }
 
+// Elementwise comparison of the array b with a (op already reflected). NumPy collapses rich
+// comparisons of objects to booleans; asking for an object result keeps the constraints. Arrays
+// of the module's own dtypes have comparison loops of their own and are tried first.
+PyObject* array_compare(PyObject* b, PyObject* a, int op) {
+    if (PyArray_DESCR(reinterpret_cast<PyArrayObject*>(b))->type_num >= NPY_USERDEF) {
+        PyRef r(PyObject_RichCompare(b, a, op));
+        if (!r || !is_ndarray(r.get()) ||
+            PyArray_DESCR(reinterpret_cast<PyArrayObject*>(r.get()))->type_num != NPY_BOOL)
+            return r.release();
+    }
+    static const char* names[] = {"less", "less_equal", "equal", "not_equal", "greater", "greater_equal"};
+    if (op < Py_LT || op > Py_GE) return model_error("Invalid constraint: unrecognized comparison operator");
+    PyRef numpy(PyImport_ImportModule("numpy"));
+    if (!numpy) return nullptr;
+    PyRef ufunc(PyObject_GetAttrString(numpy.get(), names[op]));
+    if (!ufunc) return nullptr;
+    PyRef args(PyTuple_Pack(2, b, a));
+    PyRef kwargs(Py_BuildValue("{s:O}", "dtype", reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
+    if (!args || !kwargs) return nullptr;
+    return PyObject_Call(ufunc.get(), args.get(), kwargs.get());
+}
+
 // a - b with the subtraction of the first modelling type found among the operands.
 PyObject* difference(PyObject* a, PyObject* b) {
     if (is_expression(a) || is_expression(b)) return expression_sum(a, b, -1.0);
@@ -159,7 +181,7 @@ bool normalise_body(PyRef& body, double* r, int* op) {
 
 }  // namespace
 
-PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
+static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
     PyRef constant;
     if (is_number(a) && is_number(b)) {
         constant.reset(expr_new());
@@ -172,7 +194,7 @@ PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
             PyErr_SetString(InterfaceError, "Ill-defined constraint array");
             return nullptr;
         }
-        return PyObject_RichCompare(b, a, reflected(op));
+        return array_compare(b, a, reflected(op));
     }
     PyRef body(difference(a, b));
     if (!body) return nullptr;
@@ -201,13 +223,17 @@ PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
     return c.release();
 }
 
+PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
+    return alloc_guard(nullptr, [&] { return constraint_compare_body(a, b, op); });
+}
+
 // ---------------------------------------------------------------- Python type
 
 namespace {
 
 const char* const member_error = "Incorrect member name of type tarvo.constraint";
 
-int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
+static int constraint_init_body(PyObject* self, PyObject* args, PyObject* kwds) {
     static const char* kwlist[] = {"constraint", "body", "lb", "ub", "sense", "rhs", "name", nullptr};
     ConstraintObject* c = as_con(self);
     con_release(c);  // a repeated __init__ starts from a clean record
@@ -276,6 +302,10 @@ int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
     return 0;
 }
 
+int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
+    return alloc_guard_status(nullptr, [&] { return constraint_init_body(self, args, kwds); });
+}
+
 void constraint_dealloc(PyObject* self) {
     con_release(as_con(self));
     Py_TYPE(self)->tp_free(self);
@@ -291,7 +321,7 @@ PyObject* constraint_str(PyObject* self) {
 }
 
 // A copy of a body that shares nothing mutable with it.
-PyObject* copy_body(PyObject* body) {
+static PyObject* copy_body(PyObject* body) {
     if (!body) return nullptr;
     if (is_var(body) || is_number(body)) return new_ref(body);
     if (is_linterm(body)) return lin_scaled(body, 1.0);
@@ -303,7 +333,7 @@ PyObject* copy_body(PyObject* body) {
     return nl_scaled_copy(body, 1.0);
 }
 
-PyObject* constraint_copy(PyObject* self, PyObject*) {
+static PyObject* constraint_copy_body(PyObject* self, PyObject*) {
     ConstraintObject* src = as_con(self);
     PyRef c(con_new());
     if (!c) return nullptr;
@@ -320,6 +350,10 @@ PyObject* constraint_copy(PyObject* self, PyObject*) {
     if (!name) return nullptr;
     con_set_name(&dst->word, name.get());
     return c.release();
+}
+
+PyObject* constraint_copy(PyObject* self, PyObject* a1) {
+    return alloc_guard(nullptr, [&] { return constraint_copy_body(self, a1); });
 }
 
 bool is_dunder(const char* s) {
@@ -358,7 +392,7 @@ PyObject* constraint_getattro(PyObject* self, PyObject* attr) {
     return r;
 }
 
-int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+static int constraint_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
     const char* s = PyUnicode_AsUTF8(attr);
     if (!s) return -1;
     bool is_lb = std::strcmp(s, "lb") == 0, is_ub = std::strcmp(s, "ub") == 0, is_name = std::strcmp(s, "name") == 0;
@@ -380,6 +414,10 @@ int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     if (is_lb) con_set_lb(word, x);
     else con_set_ub(word, x);
     return 0;
+}
+
+int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+    return alloc_guard_status(nullptr, [&] { return constraint_setattro_body(self, attr, value); });
 }
 
 PyMethodDef constraint_methods[] = {

@@ -3,10 +3,12 @@
 #include "problem/body.h"
 #include "model/model.h"
 #include "nonlinear/node.h"
+#include "nonlinear/formula.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <new>
 #include <vector>
 
 namespace tarvo {
@@ -92,10 +94,15 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
             limit_cols.push_back(c0 + count);
             limits.push_back(th);
         }
-        (*p->colmap)[serial] = c0 + count;
-        types.push_back(t);
-        lbs.push_back(lb);
-        ubs.push_back(ub);
+        try {
+            (*p->colmap)[serial] = c0 + count;
+            types.push_back(t);
+            lbs.push_back(lb);
+            ubs.push_back(ub);
+        } catch (const std::bad_alloc&) {
+            PyErr_SetString(ModelError, "Could not amend variable map");
+            return -1;
+        }
         ++count;
         PyRef name(var_get_name(word));
         return append_name(names, name.get(), 150, "Invalid variable name (must be a string)");
@@ -148,6 +155,8 @@ struct RowBatch {
     std::vector<int> q1, q2;
     std::vector<double> qv;
     std::string names;
+    NlItems nl;     // nonlinear coefficients of the rows
+    int nl_rows = 0;  // rows with nonlinear coefficients
     int rows() const { return static_cast<int>(types.size()); }
 };
 
@@ -158,7 +167,13 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
         return -1;
     }
     PolyParts parts;
-    if (polynomial_parts(p, con->body, false, parts) < 0) return -1;
+    if (is_nonlinear(con->body)) {
+        int before = b.nl.count();
+        if (formula_split(p, con->body, false, row_index, parts, b.nl) < 0) return -1;
+        if (b.nl.count() > before) ++b.nl_rows;
+    } else if (polynomial_parts(p, con->body, false, parts) < 0) {
+        return -1;
+    }
     double lb = con_get_lb(con->word), ub = con_get_ub(con->word);
     double rhs = -parts.constant, range = 0;
     char type;
@@ -197,8 +212,10 @@ int load_rows(ProblemObject* p, int r0, const RowBatch& b) {
         int64_t s = b.qstarts[i], e = b.qstarts[i + 1];
         if (e > s) ok = TRVOaddqmatrix64(p->prob, r0 + i, e - s, b.q1.data() + s, b.q2.data() + s, b.qv.data() + s) == 0;
     }
+    if (!ok) problem_error(p);
+    else if (formula_load(p, b.nl) < 0) ok = false;
+    else p->nl_rows += b.nl_rows;
     if (!ok) {
-        problem_error(p);
         int now = 0;
         if (TRVOgetintattrib(p->prob, 1124, &now) == 0 && now > r0) {
             std::vector<int> idx(now - r0);
@@ -229,7 +246,13 @@ PyObject* add_constraints(ProblemObject* p, PyObject* args) {
             return -1;
         }
         if (PyList_Append(p->cons, c) < 0) return -1;
-        return gather_row(p, c, r0 + batch.rows(), batch);
+        try {
+            return gather_row(p, c, r0 + batch.rows(), batch);
+        } catch (const std::bad_alloc&) {
+            // The batch or the row map could not grow.
+            PyErr_SetString(ModelError, "Cannot add constraint to problem");
+            return -1;
+        }
     });
     if (rc < 0 || load_rows(p, r0, batch) < 0) {
         rollback(p->cons, p->rowmap, old_len);
@@ -495,7 +518,8 @@ PyObject* problem_addVariable(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_variables(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_variables(p, args); }));
 }
 
 PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
@@ -503,7 +527,8 @@ PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_constraints(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_constraints(p, args); }));
 }
 
 PyObject* problem_addSOS(PyObject* self, PyObject* args) {
@@ -517,7 +542,13 @@ PyObject* problem_addSOS(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
+static PyObject* add_indicators(PyObject* self, PyObject* args);
+
 PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
+    return with_objective_detached(as_prob(self), [&] { return add_indicators(self, args); });
+}
+
+static PyObject* add_indicators(PyObject* self, PyObject* args) {
     ProblemObject* p = as_prob(self);
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     if (n == 0) Py_RETURN_NONE;
@@ -543,8 +574,12 @@ PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
-PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_VARS); }
-PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_CONS); }
+PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_VARS); });
+}
+PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_CONS); });
+}
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_SETS); }
 
 }  // namespace tarvo

@@ -3,6 +3,9 @@
 #include "problem/body.h"
 #include "model/model.h"
 #include "nonlinear/node.h"
+#include "nonlinear/formula.h"
+#include "nonlinear/slp_ops.h"
+#include "problem/nonlinear_bridge.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -63,7 +66,7 @@ bool nonlinear_mode(ProblemObject* p) { return problem_is_nonlinear(p) && p->slp
 
 // Status value and the table it belongs to (0 linear, 1 mixed-integer, 2 nonlinear).
 int read_status(ProblemObject* p, int* kind, int* status) {
-    if (nonlinear_mode(p)) {
+    if (nonlinear_results(p)) {
         *kind = 2;
         if (TSLPgetintattrib(p->slp, 12044, status) != 0) return problem_error(p), -1;
         return 0;
@@ -77,19 +80,22 @@ int read_status(ProblemObject* p, int* kind, int* status) {
 // Runs the optimiser on a worker thread. The caller waits in 20 ms slices, checking for
 // signals with the interpreter lock held; on KeyboardInterrupt the solve is interrupted,
 // the worker joined and -2 returned with the exception set.
-int run_optimizer(ProblemObject* p, bool mip, const char* flags) {
+int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear = false) {
     std::mutex m;
     std::condition_variable cv;
     bool done = false;
     int rc = 0;
     TRVOprob prob = p->prob;
+    TSLPprob slp = p->slp;
+    note_solver_run(p, nonlinear);
     std::string fl = flags ? flags : "";
     bool have_flags = flags != nullptr;
     std::thread worker;
     try {
         worker = std::thread([&] {
-            int r = mip ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
-                        : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
+            int r = nonlinear ? TSLPnlpoptimize(slp, fl.c_str())
+                    : mip     ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
+                              : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
             std::lock_guard<std::mutex> g(m);
             rc = r;
             done = true;
@@ -111,7 +117,8 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags) {
         Py_END_ALLOW_THREADS
         if (finished) break;
         if (PyErr_CheckSignals() < 0) {
-            TRVOinterrupt(prob, 2);
+            if (nonlinear) TSLPinterrupt(slp, 2);
+            else TRVOinterrupt(prob, 2);
             interrupted = true;
             break;
         }
@@ -123,6 +130,8 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags) {
 }
 
 }  // namespace
+
+int run_nonlinear_optimizer(ProblemObject* p, const char* flags) { return run_optimizer(p, false, flags ? flags : "", true); }
 
 int set_objective(ProblemObject* p, PyObject* objective, int sense) {
     PyRef elem;
@@ -143,8 +152,15 @@ int set_objective(ProblemObject* p, PyObject* objective, int sense) {
     }
     // Split first so that a bad objective leaves the previous one in place.
     PolyParts parts;
-    if (polynomial_parts(p, objective, true, parts) < 0) return -1;
+    NlItems nl;
+    if (is_nonlinear(objective)) {
+        if (formula_split(p, objective, true, -1, parts, nl) < 0) return -1;
+    } else if (polynomial_parts(p, objective, true, parts) < 0) {
+        return -1;
+    }
+    if (nl_objective_prepare(p) < 0) return -1;
     if (clear_objective(p) < 0) return -1;
+    if (nl_objective_remove(p) < 0) return -1;
     if (parts.constant != 0) {
         int minus_one = -1;
         double c = -parts.constant;
@@ -172,6 +188,7 @@ int set_objective(ProblemObject* p, PyObject* objective, int sense) {
         if (TRVOchgmqobj64(p->prob, static_cast<int64_t>(v.size()), c1.data(), c2.data(), v.data()) != 0)
             return problem_error(p), -1;
     }
+    if (nl_objective_install(p, nl) < 0) return -1;
     if (TRVOchgobjsense(p->prob, sense == 1 ? 1 : -1) != 0) return problem_error(p), -1;
     if (p->slp && nonlinear_running() && TSLPsetdblcontrol(p->slp, 12146, sense == 1 ? 1.0 : -1.0) != 0)
         return problem_error(p), -1;
@@ -210,8 +227,24 @@ PyObject* problem_solve(PyObject* self, PyObject* args, PyObject* kw) {
         if (!flags) return nullptr;
     }
     PyRef hold_tmp(tmp);
+    if (nonlinear_mode(p)) {
+        std::string fl = flags ? flags : "";
+        if (fl.size() > 511) fl.resize(511);
+        if (mip && fl.find('g') == std::string::npos) {
+            if (fl.size() >= 511) {
+                PyErr_SetString(SolverError, "Problem is mixed integer but the flag string is full; cannot add 'g' to the flags");
+                return nullptr;
+            }
+            fl += 'g';
+        }
+        if (!SLP_NEED(TSLPnlpoptimize)) return nullptr;
+        int rc = run_nonlinear_optimizer(p, fl.c_str());
+        if (rc == -2 || PyErr_Occurred()) return nullptr;
+        if (rc == 0) Py_RETURN_NONE;
+        return slp_error(p);
+    }
     if (problem_is_nonlinear(p)) {
-        PyErr_SetString(SolverError, "Problems with nonlinear constraints or objectives cannot be solved yet");
+        PyErr_SetString(SolverError, "The nonlinear library is not available for this problem");
         return nullptr;
     }
     int rc = run_optimizer(p, mip != 0, flags);
@@ -241,7 +274,7 @@ PyObject* problem_getProbStatusString(PyObject* self, PyObject*) {
 PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     ProblemObject* p = as_prob(self);
     double v = 0;
-    if (nonlinear_mode(p)) {
+    if (nonlinear_results(p)) {
         if (TSLPgetdblattrib(p->slp, 12179, &v) != 0) return problem_error(p);
         return PyFloat_FromDouble(v);
     }

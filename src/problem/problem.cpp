@@ -4,6 +4,7 @@
 #include "model/model.h"
 #include "nonlinear/node.h"
 #include "problem/nonlinear_bridge.h"
+#include "nonlinear/formula.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +18,7 @@ namespace tarvo {
 // Methods contributed by later subsystems (low-level library methods, callbacks).
 TARVO_WEAK PyMethodDef problem_lowlevel_methods[] = {{nullptr, nullptr, 0, nullptr}};
 TARVO_WEAK PyMethodDef problem_callback_methods[] = {{nullptr, nullptr, 0, nullptr}};
+TARVO_WEAK PyMethodDef problem_nonlinear_methods[] = {{nullptr, nullptr, 0, nullptr}};
 // Callback lists: copied by copy(); the callback registry replaces this default.
 TARVO_WEAK int callbacks_copy(ProblemObject* dst, ProblemObject* src) {
     for (int k = 0; k < CALLBACK_KINDS; ++k) {
@@ -327,6 +329,8 @@ void problem_dealloc(PyObject* self) {
     if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
     release_userfuncs(p);
     destroy_library_problems(p);
+    nlp_release_job_objects(p);
+    note_solver_run(p, false);
     for (auto& c : p->callbacks) Py_CLEAR(c);
     detach_controls(p->controls);
     detach_controls(p->attributes);
@@ -364,6 +368,7 @@ PyObject* problem_copy(PyObject* self, PyObject*) {
     if (create_library_problems(p) < 0 || problem_apply_default_controls(p) < 0) return report_error(self, nullptr);
     if (TRVOcopyprob(p->prob, src->prob, "") != 0) return problem_error(src);
     if (src->slp && p->slp && TSLPcopyprob(p->slp, src->slp, "") != 0) return problem_error(src);
+    if (src->slp && p->slp && formula_copy_userfuncs(p, src) < 0) return nullptr;
     if (callbacks_copy(p, src) < 0) return nullptr;
     if (TRVOcopycontrols(p->prob, src->prob) != 0) return problem_error(src);
     if (src->slp && p->slp && TSLPcopycontrols(p->slp, src->slp) != 0) return problem_error(src);
@@ -380,6 +385,7 @@ PyObject* problem_copy(PyObject* self, PyObject*) {
     p->nl_objective = src->nl_objective;
     p->obj_row = src->obj_row;
     p->obj_col = src->obj_col;
+    p->const_col = src->const_col;
     if (install_problem_printers(p) < 0) return nullptr;
     return copy.release();
 }
@@ -390,6 +396,8 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
     if (p->prob) {
         release_userfuncs(p);
         destroy_library_problems(p);
+        nlp_release_job_objects(p);
+        note_solver_run(p, false);
         p->const_col = -1;
         p->nl_rows = 0;
         p->nl_objective = 0;
@@ -624,7 +632,7 @@ std::vector<PyMethodDef>& method_table() {
 
 PyTypeObject make_problem_type() {
     std::vector<PyMethodDef>& table = method_table();
-    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods})
+    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})
         for (PyMethodDef* d = t; d->ml_name; ++d) table.push_back(*d);
     table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
     PyTypeObject t = {PyVarObject_HEAD_INIT(nullptr, 0)};

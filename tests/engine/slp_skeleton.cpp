@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-int main(int argc, char** argv) { return run_main(argc, argv); }
 
 namespace {
 struct Env {

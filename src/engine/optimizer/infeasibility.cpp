@@ -203,6 +203,21 @@ void repair(TRVOprob p, int* scode, const double* lrp, const double* grp, const 
     }
     std::vector<double> cv(static_cast<size_t>(rel.m.ncol)), cd(cv.size()), rv(static_cast<size_t>(rel.m.nrow)), rd(rv.size());
     Highs_getSolution(rel.h, cv.data(), cd.data(), rv.data(), rd.data());
+    // Violations of what may not be relaxed mean the relaxed problem has no solution.
+    const double tol = ctl_dbl(p, TRVO_FEASTOL) * 10;
+    for (size_t j = 0; j < n; ++j) {
+        if ((lp[j] < 0 && cv[j] < rel.m.col_lower[j] - tol) ||
+            (up[j] < 0 && cv[j] > rel.m.col_upper[j] + tol)) {
+            if (scode) *scode = 1;
+            return;
+        }
+    }
+    for (size_t i = 0; i < m; ++i) {
+        if (rp[i] < 0 && (rv[i] < rel.m.row_lower[i] - tol || rv[i] > rel.m.row_upper[i] + tol)) {
+            if (scode) *scode = 1;
+            return;
+        }
+    }
     results_resize(p);
     Results& r = p->results;
     r.x.assign(cv.begin(), cv.begin() + static_cast<long>(n));

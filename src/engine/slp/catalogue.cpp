@@ -91,6 +91,7 @@ const Entry entries[] = {
     {"TSLP_PRESOLVE", TSLP_PRESOLVE, INT | CONTROL, 1},
     {"TSLP_MIPFIXSTEPS", TSLP_MIPFIXSTEPS, INT | CONTROL, 1},
     {"TSLP_THREADSAFEUSERFUNC", TSLP_THREADSAFEUSERFUNC, INT | CONTROL, 0},
+    {"TSLP_QUASINEWTON", TSLP_QUASINEWTON, INT | CONTROL, 1},
     {"", 0, 0, 0},
 };
 const int n_entries = sizeof entries / sizeof entries[0];

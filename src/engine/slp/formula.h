@@ -70,6 +70,10 @@ Tokens parse_text(const std::string& text, const std::function<int(const std::st
 std::string print_text(const Tokens& postfix, const std::function<std::string(int)>& col_name,
                        const std::function<std::string(int)>& ufun_name);
 
+// Text form with the problem's column and user-function names.
+Tokens parse_formula_text(TSLPprob prob, const std::string& text);
+std::string formula_text(TSLPprob prob, const Tokens& postfix);
+
 // Scalar internal functions.
 double fun_value(int fun, double x);
 double fun_derivative(int fun, double x);

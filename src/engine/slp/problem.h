@@ -68,6 +68,7 @@ struct MsJob {
     std::vector<int> ivcols;
     std::vector<double> ivvalues;
     bool random_start = false;    // draw initial values at random (presets)
+    bool filtered = false;        // the least violated of several random points
     unsigned seed = 0;
     std::vector<std::pair<int, double>> controls;   // control id -> value (int or double)
     void* object = nullptr;

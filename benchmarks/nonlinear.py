@@ -1,0 +1,1199 @@
+"""Nonlinear solving on the Hock-Schittkowski test problems, and one large nonlinear model.
+
+Prints, for every problem: name, status, objective, relative error against the published
+optimum, iterations and solve time; then the share of problems that reached the published
+optimum (relative error at most 1e-4, measured as |f - f*| / max(1, |f*|), at a point that is
+feasible to 1e-5 when we evaluate the constraints ourselves). A different local optimum counts as
+a miss. After the table, a discretised optimal-control model with about 10,000 rows is built and
+solved and its build and solve times are printed. Nothing here asserts on time.
+
+    PYTHONPATH=. python3 benchmarks/nonlinear.py              # everything
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --only HS71  # one problem (repeatable)
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --check      # statements only, no solver
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --skip-large --rows 2000
+
+Every problem is written once, as a function of a "kit" that supplies the variables, the
+elementary functions and the constraint and objective calls. The tarvo kit builds a problem from
+it; the point kit evaluates the same statement with floats at a given point. `--check` uses the
+point kit to confirm that each published optimum is feasible and has the published objective
+value (this catches mistyped statements), and the runner uses it to verify the solver's answer
+independently of what the solver reports.
+
+Problems are numbered as in W. Hock and K. Schittkowski, Test Examples for Nonlinear Programming
+Codes (1981), with their published starting points and optima. Constraints are written in the
+collection's own form g(x) >= 0 and h(x) = 0.
+"""
+import argparse
+import math
+import sys
+import time
+
+try:
+    import tarvo
+except ImportError:  # --check needs no extension module
+    tarvo = None
+
+INF = 1e20
+SOLVED_RTOL = 1e-4
+FEAS_TOL = 1e-5
+# Published optimal points carry about seven digits: enough to meet the published value to 1e-6
+# relative, but not the constraints to solver precision.
+CHECK_RTOL = 1e-6
+CHECK_FEAS_TOL = 1e-3
+
+
+# --------------------------------------------------------------------------------------------
+# Kits
+
+class Built(tuple):
+    """(problem, published optimum), with the problem's variables in `.variables`."""
+
+    def __new__(cls, problem, optimum, variables):
+        self = super().__new__(cls, (problem, optimum))
+        self.variables = variables
+        return self
+
+
+def _per_variable(value, n, default):
+    if value is None:
+        return [default] * n
+    if isinstance(value, (int, float)):
+        return [float(value)] * n
+    value = [default if v is None else float(v) for v in value]
+    if len(value) != n:
+        raise ValueError("bound list has %d entries for %d variables" % (len(value), n))
+    return value
+
+
+class TarvoKit:
+    """Builds a tarvo problem from a statement."""
+
+    sin, cos, exp, log, sqrt = (staticmethod(f) for f in (
+        (lambda t: tarvo.sin(t)), (lambda t: tarvo.cos(t)), (lambda t: tarvo.exp(t)),
+        (lambda t: tarvo.log(t)), (lambda t: tarvo.sqrt(t))))
+
+    def __init__(self):
+        self.problem = tarvo.problem()
+        self.variables = []
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        lbs = _per_variable(lb, n, -INF)
+        ubs = _per_variable(ub, n, INF)
+        x = [tarvo.var(lb=lbs[i], ub=ubs[i], name="x%d" % (i + 1)) for i in range(n)]
+        self.problem.addVariable(x)
+        self.variables.extend(x)
+        self.starts = [float(s) for s in start]
+        return x
+
+    def ge(self, body, scale=1.0):
+        self.problem.addConstraint(body >= 0)
+
+    def eq(self, body, scale=1.0):
+        self.problem.addConstraint(body == 0)
+
+    def minimize(self, objective):
+        self.problem.setObjective(objective, sense=tarvo.minimize)
+
+    def done(self, optimum):
+        # Published starting point: the nonlinear solver starts its first linearisation here.
+        # A problem that the LP/QP optimiser solves directly does not use it.
+        if hasattr(self.problem, "chgvar"):
+            for v, s in zip(self.variables, self.starts):
+                self.problem.chgvar(colindex=v, initvalue=s)
+        return Built(self.problem, optimum, self.variables)
+
+
+class PointKit:
+    """Evaluates a statement with floats: at `point`, or at the published optimum when None.
+
+    A constraint's violation is divided by its `scale`, the size of its terms, which statements
+    give for the few badly scaled rows so that one tolerance fits every problem."""
+
+    sin, cos, exp, log, sqrt = (staticmethod(f) for f in (math.sin, math.cos, math.exp, math.log,
+                                                            math.sqrt))
+
+    def __init__(self, point=None):
+        self.point = point
+        self.violation = 0.0  # largest violation of a bound or a constraint
+        self.objective = None
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        x = [float(v) for v in (self.point if self.point is not None else opt)]
+        if len(x) != n:
+            raise ValueError("point has %d entries for %d variables" % (len(x), n))
+        for xi, lo, hi in zip(x, _per_variable(lb, n, -INF), _per_variable(ub, n, INF)):
+            self.violation = max(self.violation, lo - xi, xi - hi)
+        return x
+
+    def ge(self, body, scale=1.0):
+        self.violation = max(self.violation, -float(body) / scale)
+
+    def eq(self, body, scale=1.0):
+        self.violation = max(self.violation, abs(float(body)) / scale)
+
+    def minimize(self, objective):
+        self.objective = float(objective)
+
+    def done(self, optimum):
+        return self
+
+
+# --------------------------------------------------------------------------------------------
+# The problems
+
+PROBLEMS = {}
+
+
+def hs(fn):
+    """Registers a statement as PROBLEMS[NAME]: calling it builds (problem, optimum) with tarvo."""
+    def builder(kit=None):
+        return fn(kit if kit is not None else TarvoKit())
+    builder.__name__ = fn.__name__
+    builder.__doc__ = fn.__doc__
+    PROBLEMS[fn.__name__.upper()] = builder
+    return builder
+
+
+def rosenbrock(x):
+    return 100 * (x[1] - x[0] ** 2) ** 2 + (1 - x[0]) ** 2
+
+
+@hs
+def hs1(k):
+    x = k.vars([-2, 1], lb=[None, -1.5], opt=[1, 1])
+    k.minimize(rosenbrock(x))
+    return k.done(0.0)
+
+
+@hs
+def hs2(k):
+    x = k.vars([-2, 1], lb=[None, 1.5], opt=[1.224370748, 1.5])
+    k.minimize(rosenbrock(x))
+    return k.done(0.0504261879)
+
+
+@hs
+def hs3(k):
+    x = k.vars([10, 1], lb=[None, 0], opt=[0, 0])
+    k.minimize(x[1] + 1e-5 * (x[1] - x[0]) ** 2)
+    return k.done(0.0)
+
+
+@hs
+def hs4(k):
+    x = k.vars([1.125, 0.125], lb=[1, 0], opt=[1, 0])
+    k.minimize((x[0] + 1) ** 3 / 3 + x[1])
+    return k.done(8 / 3)
+
+
+@hs
+def hs5(k):
+    x = k.vars([0, 0], lb=[-1.5, -3], ub=[4, 3],
+               opt=[0.5 - math.pi / 3, -0.5 - math.pi / 3])
+    k.minimize(k.sin(x[0] + x[1]) + (x[0] - x[1]) ** 2 - 1.5 * x[0] + 2.5 * x[1] + 1)
+    return k.done(-math.sqrt(3) / 2 - math.pi / 3)
+
+
+@hs
+def hs6(k):
+    x = k.vars([-1.2, 1], opt=[1, 1])
+    k.minimize((1 - x[0]) ** 2)
+    k.eq(10 * (x[1] - x[0] ** 2))
+    return k.done(0.0)
+
+
+@hs
+def hs7(k):
+    x = k.vars([2, 2], opt=[0, math.sqrt(3)])
+    k.minimize(k.log(1 + x[0] ** 2) - x[1])
+    k.eq((1 + x[0] ** 2) ** 2 + x[1] ** 2 - 4)
+    return k.done(-math.sqrt(3))
+
+
+@hs
+def hs8(k):
+    a = math.sqrt((25 + math.sqrt(301)) / 2)
+    x = k.vars([2, 1], opt=[a, 9 / a])
+    k.minimize(-1.0)
+    k.eq(x[0] ** 2 + x[1] ** 2 - 25)
+    k.eq(x[0] * x[1] - 9)
+    return k.done(-1.0)
+
+
+@hs
+def hs9(k):
+    x = k.vars([0, 0], opt=[-3, -4])
+    k.minimize(k.sin(math.pi * x[0] / 12) * k.cos(math.pi * x[1] / 16))
+    k.eq(4 * x[0] - 3 * x[1])
+    return k.done(-0.5)
+
+
+@hs
+def hs10(k):
+    x = k.vars([-10, 10], opt=[0, 1])
+    k.minimize(x[0] - x[1])
+    k.ge(-3 * x[0] ** 2 + 2 * x[0] * x[1] - x[1] ** 2 + 1)
+    return k.done(-1.0)
+
+
+@hs
+def hs11(k):
+    x = k.vars([4.9, 0.1], opt=[1.234679384, 1.524432944])
+    k.minimize((x[0] - 5) ** 2 + x[1] ** 2 - 25)
+    k.ge(-x[0] ** 2 + x[1])
+    return k.done(-8.498464223)
+
+
+@hs
+def hs12(k):
+    x = k.vars([0, 0], opt=[2, 3])
+    k.minimize(0.5 * x[0] ** 2 + x[1] ** 2 - x[0] * x[1] - 7 * x[0] - 7 * x[1])
+    k.ge(25 - 4 * x[0] ** 2 - x[1] ** 2)
+    return k.done(-30.0)
+
+
+@hs
+def hs13(k):
+    x = k.vars([-2, -2], lb=0, opt=[1, 0])
+    k.minimize((x[0] - 2) ** 2 + x[1] ** 2)
+    k.ge((1 - x[0]) ** 3 - x[1])
+    return k.done(1.0)
+
+
+@hs
+def hs14(k):
+    s7 = math.sqrt(7)
+    x = k.vars([2, 2], opt=[0.5 * (s7 - 1), 0.25 * (s7 + 1)])
+    k.minimize((x[0] - 2) ** 2 + (x[1] - 1) ** 2)
+    k.eq(x[0] - 2 * x[1] + 1)
+    k.ge(-x[0] ** 2 / 4 - x[1] ** 2 + 1)
+    return k.done(9 - 23 * s7 / 8)
+
+
+@hs
+def hs15(k):
+    x = k.vars([-2, 1], ub=[0.5, None], opt=[0.5, 2])
+    k.minimize(rosenbrock(x))
+    k.ge(x[0] * x[1] - 1)
+    k.ge(x[0] + x[1] ** 2)
+    return k.done(306.5)
+
+
+@hs
+def hs16(k):
+    x = k.vars([-2, 1], lb=[-0.5, None], ub=[0.5, 1], opt=[0.5, 0.25])
+    k.minimize(rosenbrock(x))
+    k.ge(x[0] + x[1] ** 2)
+    k.ge(x[0] ** 2 + x[1])
+    return k.done(0.25)
+
+
+@hs
+def hs17(k):
+    x = k.vars([-2, 1], lb=[-0.5, None], ub=[0.5, 1], opt=[0, 0])
+    k.minimize(rosenbrock(x))
+    k.ge(x[1] ** 2 - x[0])
+    k.ge(x[0] ** 2 - x[1])
+    return k.done(1.0)
+
+
+@hs
+def hs18(k):
+    x = k.vars([2, 2], lb=[2, 0], ub=[50, 50], opt=[math.sqrt(250), math.sqrt(2.5)])
+    k.minimize(0.01 * x[0] ** 2 + x[1] ** 2)
+    k.ge(x[0] * x[1] - 25)
+    k.ge(x[0] ** 2 + x[1] ** 2 - 25)
+    return k.done(5.0)
+
+
+@hs
+def hs19(k):
+    x = k.vars([20.1, 5.84], lb=[13, 0], ub=[100, 100], opt=[14.095, 0.84296079])
+    k.minimize((x[0] - 10) ** 3 + (x[1] - 20) ** 3)
+    k.ge((x[0] - 5) ** 2 + (x[1] - 5) ** 2 - 100)
+    k.ge(-(x[1] - 5) ** 2 - (x[0] - 6) ** 2 + 82.81)
+    return k.done(-6961.81381)
+
+
+@hs
+def hs20(k):
+    x = k.vars([-2, 1], lb=[-0.5, None], ub=[0.5, None], opt=[0.5, 0.5 * math.sqrt(3)])
+    k.minimize(rosenbrock(x))
+    k.ge(x[0] + x[1] ** 2)
+    k.ge(x[0] ** 2 + x[1])
+    k.ge(x[0] ** 2 + x[1] ** 2 - 1)
+    return k.done(81.5 - 25 * math.sqrt(3))
+
+
+@hs
+def hs21(k):
+    x = k.vars([-1, -1], lb=[2, -50], ub=[50, 50], opt=[2, 0])
+    k.minimize(0.01 * x[0] ** 2 + x[1] ** 2 - 100)
+    k.ge(10 * x[0] - x[1] - 10)
+    return k.done(-99.96)
+
+
+@hs
+def hs22(k):
+    x = k.vars([2, 2], opt=[1, 1])
+    k.minimize((x[0] - 2) ** 2 + (x[1] - 1) ** 2)
+    k.ge(-x[0] - x[1] + 2)
+    k.ge(-x[0] ** 2 + x[1])
+    return k.done(1.0)
+
+
+@hs
+def hs23(k):
+    x = k.vars([3, 1], lb=-50, ub=50, opt=[1, 1])
+    k.minimize(x[0] ** 2 + x[1] ** 2)
+    k.ge(x[0] + x[1] - 1)
+    k.ge(x[0] ** 2 + x[1] ** 2 - 1)
+    k.ge(9 * x[0] ** 2 + x[1] ** 2 - 9)
+    k.ge(x[0] ** 2 - x[1])
+    k.ge(x[1] ** 2 - x[0])
+    return k.done(2.0)
+
+
+@hs
+def hs24(k):
+    r3 = math.sqrt(3)
+    x = k.vars([1, 0.5], lb=0, opt=[3, r3])
+    k.minimize(((x[0] - 3) ** 2 - 9) * x[1] ** 3 / (27 * r3))
+    k.ge(x[0] / r3 - x[1])
+    k.ge(x[0] + r3 * x[1])
+    k.ge(-x[0] - r3 * x[1] + 6)
+    return k.done(-1.0)
+
+
+@hs
+def hs25(k):
+    x = k.vars([100, 12.5, 3], lb=[0.1, 0, 0], ub=[100, 25.6, 5], opt=[50, 25, 1.5])
+    f = 0
+    for i in range(1, 100):
+        u = 25 + (-50 * math.log(0.01 * i)) ** (2 / 3)
+        f = f + (-0.01 * i + k.exp(-(u - x[1]) ** x[2] / x[0])) ** 2
+    k.minimize(f)
+    return k.done(0.0)
+
+
+@hs
+def hs26(k):
+    x = k.vars([-2.6, 2, 2], opt=[1, 1, 1])
+    k.minimize((x[0] - x[1]) ** 2 + (x[1] - x[2]) ** 4)
+    k.eq((1 + x[1] ** 2) * x[0] + x[2] ** 4 - 3)
+    return k.done(0.0)
+
+
+@hs
+def hs27(k):
+    x = k.vars([2, 2, 2], opt=[-1, 1, 0])
+    k.minimize(0.01 * (x[0] - 1) ** 2 + (x[1] - x[0] ** 2) ** 2)
+    k.eq(x[0] + x[2] ** 2 + 1)
+    return k.done(0.04)
+
+
+@hs
+def hs28(k):
+    x = k.vars([-4, 1, 1], opt=[0.5, -0.5, 0.5])
+    k.minimize((x[0] + x[1]) ** 2 + (x[1] + x[2]) ** 2)
+    k.eq(x[0] + 2 * x[1] + 3 * x[2] - 1)
+    return k.done(0.0)
+
+
+@hs
+def hs29(k):
+    x = k.vars([1, 1, 1], opt=[4, 2 * math.sqrt(2), 2])
+    k.minimize(-x[0] * x[1] * x[2])
+    k.ge(-x[0] ** 2 - 2 * x[1] ** 2 - 4 * x[2] ** 2 + 48)
+    return k.done(-16 * math.sqrt(2))
+
+
+@hs
+def hs30(k):
+    x = k.vars([1, 1, 1], lb=[1, -10, -10], ub=10, opt=[1, 0, 0])
+    k.minimize(x[0] ** 2 + x[1] ** 2 + x[2] ** 2)
+    k.ge(x[0] ** 2 + x[1] ** 2 - 1)
+    return k.done(1.0)
+
+
+@hs
+def hs31(k):
+    x = k.vars([1, 1, 1], lb=[-10, 1, -10], ub=[10, 10, 1],
+               opt=[1 / math.sqrt(3), math.sqrt(3), 0])
+    k.minimize(9 * x[0] ** 2 + x[1] ** 2 + 9 * x[2] ** 2)
+    k.ge(x[0] * x[1] - 1)
+    return k.done(6.0)
+
+
+@hs
+def hs32(k):
+    x = k.vars([0.1, 0.7, 0.2], lb=0, opt=[0, 0, 1])
+    k.minimize((x[0] + 3 * x[1] + x[2]) ** 2 + 4 * (x[0] - x[1]) ** 2)
+    k.ge(6 * x[1] + 4 * x[2] - x[0] ** 3 - 3)
+    k.eq(1 - x[0] - x[1] - x[2])
+    return k.done(1.0)
+
+
+@hs
+def hs33(k):
+    x = k.vars([0, 0, 3], lb=0, ub=[None, None, 5], opt=[0, math.sqrt(2), math.sqrt(2)])
+    k.minimize((x[0] - 1) * (x[0] - 2) * (x[0] - 3) + x[2])
+    k.ge(x[2] ** 2 - x[1] ** 2 - x[0] ** 2)
+    k.ge(x[0] ** 2 + x[1] ** 2 + x[2] ** 2 - 4)
+    return k.done(math.sqrt(2) - 6)
+
+
+@hs
+def hs34(k):
+    x = k.vars([0, 1.05, 2.9], lb=0, ub=[100, 100, 10],
+               opt=[math.log(math.log(10)), math.log(10), 10])
+    k.minimize(-x[0])
+    k.ge(x[1] - k.exp(x[0]))
+    k.ge(x[2] - k.exp(x[1]))
+    return k.done(-math.log(math.log(10)))
+
+
+@hs
+def hs35(k):
+    x = k.vars([0.5, 0.5, 0.5], lb=0, opt=[4 / 3, 7 / 9, 4 / 9])
+    k.minimize(9 - 8 * x[0] - 6 * x[1] - 4 * x[2] + 2 * x[0] ** 2 + 2 * x[1] ** 2 + x[2] ** 2
+               + 2 * x[0] * x[1] + 2 * x[0] * x[2])
+    k.ge(3 - x[0] - x[1] - 2 * x[2])
+    return k.done(1 / 9)
+
+
+@hs
+def hs36(k):
+    x = k.vars([10, 10, 10], lb=0, ub=[20, 11, 42], opt=[20, 11, 15])
+    k.minimize(-x[0] * x[1] * x[2])
+    k.ge(72 - x[0] - 2 * x[1] - 2 * x[2])
+    return k.done(-3300.0)
+
+
+@hs
+def hs37(k):
+    x = k.vars([10, 10, 10], lb=0, ub=42, opt=[24, 12, 12])
+    k.minimize(-x[0] * x[1] * x[2])
+    k.ge(72 - x[0] - 2 * x[1] - 2 * x[2])
+    k.ge(x[0] + 2 * x[1] + 2 * x[2])
+    return k.done(-3456.0)
+
+
+@hs
+def hs38(k):
+    x = k.vars([-3, -1, -3, -1], lb=-10, ub=10, opt=[1, 1, 1, 1])
+    k.minimize(100 * (x[1] - x[0] ** 2) ** 2 + (1 - x[0]) ** 2 + 90 * (x[3] - x[2] ** 2) ** 2
+               + (1 - x[2]) ** 2 + 10.1 * ((x[1] - 1) ** 2 + (x[3] - 1) ** 2)
+               + 19.8 * (x[1] - 1) * (x[3] - 1))
+    return k.done(0.0)
+
+
+@hs
+def hs39(k):
+    x = k.vars([2, 2, 2, 2], opt=[1, 1, 0, 0])
+    k.minimize(-x[0])
+    k.eq(x[1] - x[0] ** 3 - x[2] ** 2)
+    k.eq(x[0] ** 2 - x[1] - x[3] ** 2)
+    return k.done(-1.0)
+
+
+@hs
+def hs40(k):
+    x = k.vars([0.8] * 4, opt=[2 ** (-1 / 3), 2 ** (-1 / 2), 2 ** (-11 / 12), 2 ** (-1 / 4)])
+    k.minimize(-x[0] * x[1] * x[2] * x[3])
+    k.eq(x[0] ** 3 + x[1] ** 2 - 1)
+    k.eq(x[0] ** 2 * x[3] - x[2])
+    k.eq(x[3] ** 2 - x[1])
+    return k.done(-0.25)
+
+
+@hs
+def hs41(k):
+    x = k.vars([2, 2, 2, 2], lb=0, ub=[1, 1, 1, 2], opt=[2 / 3, 1 / 3, 1 / 3, 2])
+    k.minimize(2 - x[0] * x[1] * x[2])
+    k.eq(x[0] + 2 * x[1] + 2 * x[2] - x[3])
+    return k.done(52 / 27)
+
+
+@hs
+def hs42(k):
+    r2 = math.sqrt(2)
+    x = k.vars([1, 1, 1, 1], opt=[2, 2, 0.6 * r2, 0.8 * r2])
+    k.minimize((x[0] - 1) ** 2 + (x[1] - 2) ** 2 + (x[2] - 3) ** 2 + (x[3] - 4) ** 2)
+    k.eq(x[0] - 2)
+    k.eq(x[2] ** 2 + x[3] ** 2 - 2)
+    return k.done(28 - 10 * r2)
+
+
+@hs
+def hs43(k):
+    x = k.vars([0, 0, 0, 0], opt=[0, 1, 2, -1])
+    k.minimize(x[0] ** 2 + x[1] ** 2 + 2 * x[2] ** 2 + x[3] ** 2
+               - 5 * x[0] - 5 * x[1] - 21 * x[2] + 7 * x[3])
+    k.ge(8 - x[0] ** 2 - x[1] ** 2 - x[2] ** 2 - x[3] ** 2 - x[0] + x[1] - x[2] + x[3])
+    k.ge(10 - x[0] ** 2 - 2 * x[1] ** 2 - x[2] ** 2 - 2 * x[3] ** 2 + x[0] + x[3])
+    k.ge(5 - 2 * x[0] ** 2 - x[1] ** 2 - x[2] ** 2 - 2 * x[0] + x[1] + x[3])
+    return k.done(-44.0)
+
+
+@hs
+def hs44(k):
+    x = k.vars([0, 0, 0, 0], lb=0, opt=[0, 3, 0, 4])
+    k.minimize(x[0] - x[1] - x[2] - x[0] * x[2] + x[0] * x[3] + x[1] * x[2] - x[1] * x[3])
+    k.ge(8 - x[0] - 2 * x[1])
+    k.ge(12 - 4 * x[0] - x[1])
+    k.ge(12 - 3 * x[0] - 4 * x[1])
+    k.ge(8 - 2 * x[2] - x[3])
+    k.ge(8 - x[2] - 2 * x[3])
+    k.ge(5 - x[2] - x[3])
+    return k.done(-15.0)
+
+
+@hs
+def hs45(k):
+    x = k.vars([2] * 5, lb=0, ub=[1, 2, 3, 4, 5], opt=[1, 2, 3, 4, 5])
+    k.minimize(2 - x[0] * x[1] * x[2] * x[3] * x[4] / 120)
+    return k.done(1.0)
+
+
+@hs
+def hs46(k):
+    x = k.vars([0.5 * math.sqrt(2), 1.75, 0.5, 2, 2], opt=[1] * 5)
+    k.minimize((x[0] - x[1]) ** 2 + (x[2] - 1) ** 2 + (x[3] - 1) ** 4 + (x[4] - 1) ** 6)
+    k.eq(x[0] ** 2 * x[3] + k.sin(x[3] - x[4]) - 1)
+    k.eq(x[1] + x[2] ** 4 * x[3] ** 2 - 2)
+    return k.done(0.0)
+
+
+@hs
+def hs48(k):
+    x = k.vars([3, 5, -3, 2, -2], opt=[1] * 5)
+    k.minimize((x[0] - 1) ** 2 + (x[1] - x[2]) ** 2 + (x[3] - x[4]) ** 2)
+    k.eq(x[0] + x[1] + x[2] + x[3] + x[4] - 5)
+    k.eq(x[2] - 2 * (x[3] + x[4]) + 3)
+    return k.done(0.0)
+
+
+@hs
+def hs49(k):
+    x = k.vars([10, 7, 2, -3, 0.8], opt=[1] * 5)
+    k.minimize((x[0] - x[1]) ** 2 + (x[2] - 1) ** 2 + (x[3] - 1) ** 4 + (x[4] - 1) ** 6)
+    k.eq(x[0] + x[1] + x[2] + 4 * x[3] - 7)
+    k.eq(x[2] + 5 * x[4] - 6)
+    return k.done(0.0)
+
+
+@hs
+def hs50(k):
+    x = k.vars([35, -31, 11, 5, -5], opt=[1] * 5)
+    k.minimize((x[0] - x[1]) ** 2 + (x[1] - x[2]) ** 2 + (x[2] - x[3]) ** 4 + (x[3] - x[4]) ** 2)
+    k.eq(x[0] + 2 * x[1] + 3 * x[2] - 6)
+    k.eq(x[1] + 2 * x[2] + 3 * x[3] - 6)
+    k.eq(x[2] + 2 * x[3] + 3 * x[4] - 6)
+    return k.done(0.0)
+
+
+@hs
+def hs51(k):
+    x = k.vars([2.5, 0.5, 2, -1, 0.5], opt=[1] * 5)
+    k.minimize((x[0] - x[1]) ** 2 + (x[1] + x[2] - 2) ** 2 + (x[3] - 1) ** 2 + (x[4] - 1) ** 2)
+    k.eq(x[0] + 3 * x[1] - 4)
+    k.eq(x[2] + x[3] - 2 * x[4])
+    k.eq(x[1] - x[4])
+    return k.done(0.0)
+
+
+def _hs52_53(k, first, bounds, opt, optimum):
+    """HS52 and HS53 share the constraints; HS53 has bounds and the objective of HS51."""
+    x = k.vars([2] * 5, lb=-bounds, ub=bounds, opt=opt)
+    k.minimize((first * x[0] - x[1]) ** 2 + (x[1] + x[2] - 2) ** 2 + (x[3] - 1) ** 2
+               + (x[4] - 1) ** 2)
+    k.eq(x[0] + 3 * x[1])
+    k.eq(x[2] + x[3] - 2 * x[4])
+    k.eq(x[1] - x[4])
+    return k.done(optimum)
+
+
+@hs
+def hs52(k):
+    return _hs52_53(k, 4, INF, [v / 349 for v in (-33, 11, 180, -158, 11)], 1859 / 349)
+
+
+@hs
+def hs53(k):
+    return _hs52_53(k, 1, 10, [v / 43 for v in (-33, 11, 27, -5, 11)], 176 / 43)
+
+
+@hs
+def hs56(k):
+    a = math.asin(math.sqrt(1 / 4.2))
+    b = math.asin(math.sqrt(5 / 7.2))
+    s = math.asin(math.sqrt(2 / 7))
+    x = k.vars([1, 1, 1, a, a, a, b], opt=[2.4, 1.2, 1.2, math.asin(math.sqrt(4 / 7)), s, s,
+                                           math.pi / 2])
+    k.minimize(-x[0] * x[1] * x[2])
+    k.eq(x[0] - 4.2 * k.sin(x[3]) ** 2)
+    k.eq(x[1] - 4.2 * k.sin(x[4]) ** 2)
+    k.eq(x[2] - 4.2 * k.sin(x[5]) ** 2)
+    k.eq(x[0] + 2 * x[1] + 2 * x[2] - 7.2 * k.sin(x[6]) ** 2)
+    return k.done(-3.456)
+
+
+@hs
+def hs60(k):
+    x = k.vars([2, 2, 2], lb=-10, ub=10, opt=[1.104859024, 1.196674194, 1.535262257])
+    k.minimize((x[0] - 1) ** 2 + (x[0] - x[1]) ** 2 + (x[1] - x[2]) ** 4)
+    k.eq(x[0] * (1 + x[1] ** 2) + x[2] ** 4 - 4 - 3 * math.sqrt(2))
+    return k.done(0.03256820025)
+
+
+@hs
+def hs61(k):
+    x = k.vars([0, 0, 0], opt=[5.326770157, -2.118998639, 3.210464239])
+    k.minimize(4 * x[0] ** 2 + 2 * x[1] ** 2 + 2 * x[2] ** 2 - 33 * x[0] + 16 * x[1] - 24 * x[2])
+    k.eq(3 * x[0] - 2 * x[1] ** 2 - 7)
+    k.eq(4 * x[0] - x[2] ** 2 - 11)
+    return k.done(-143.6461422)
+
+
+@hs
+def hs63(k):
+    x = k.vars([2, 2, 2], lb=0, opt=[3.512118414, 0.2169881741, 3.552174034])
+    k.minimize(1000 - x[0] ** 2 - 2 * x[1] ** 2 - x[2] ** 2 - x[0] * x[1] - x[0] * x[2])
+    k.eq(8 * x[0] + 14 * x[1] + 7 * x[2] - 56)
+    k.eq(x[0] ** 2 + x[1] ** 2 + x[2] ** 2 - 25)
+    return k.done(961.7151721)
+
+
+@hs
+def hs64(k):
+    x = k.vars([1, 1, 1], lb=1e-5, opt=[108.7347175, 85.12613942, 204.3247078])
+    k.minimize(5 * x[0] + 50000 / x[0] + 20 * x[1] + 72000 / x[1] + 10 * x[2] + 144000 / x[2])
+    k.ge(1 - 4 / x[0] - 32 / x[1] - 120 / x[2])
+    return k.done(6299.842428)
+
+
+@hs
+def hs65(k):
+    x = k.vars([-5, 5, 0], lb=[-4.5, -4.5, -5], ub=[4.5, 4.5, 5],
+               opt=[3.650461821, 3.650461821, 4.620417155])
+    k.minimize((x[0] - x[1]) ** 2 + (x[0] + x[1] - 10) ** 2 / 9 + (x[2] - 5) ** 2)
+    k.ge(48 - x[0] ** 2 - x[1] ** 2 - x[2] ** 2)
+    return k.done(0.9535288567)
+
+
+@hs
+def hs66(k):
+    x = k.vars([0, 1.05, 2.9], lb=0, ub=[100, 100, 10],
+               opt=[0.1841264879, 1.202167873, 3.327322322])
+    k.minimize(0.2 * x[2] - 0.8 * x[0])
+    k.ge(x[1] - k.exp(x[0]))
+    k.ge(x[2] - k.exp(x[1]))
+    return k.done(0.5181632741)
+
+
+@hs
+def hs71(k):
+    x = k.vars([1, 5, 5, 1], lb=1, ub=5, opt=[1, 4.742999637, 3.821149984, 1.379408293])
+    k.minimize(x[0] * x[3] * (x[0] + x[1] + x[2]) + x[2])
+    k.ge(x[0] * x[1] * x[2] * x[3] - 25)
+    k.eq(x[0] ** 2 + x[1] ** 2 + x[2] ** 2 + x[3] ** 2 - 40)
+    return k.done(17.0140173)
+
+
+@hs
+def hs72(k):
+    x = k.vars([1] * 4, lb=0.001, ub=[4e5, 3e5, 2e5, 1e5],
+               opt=[193.4071, 179.5475, 185.0186, 168.7062])
+    k.minimize(1 + x[0] + x[1] + x[2] + x[3])
+    k.ge(0.0401 - 4 / x[0] - 2.25 / x[1] - 1 / x[2] - 0.25 / x[3])
+    k.ge(0.010085 - 0.16 / x[0] - 0.36 / x[1] - 0.64 / x[2] - 0.64 / x[3])
+    return k.done(727.67937)
+
+
+@hs
+def hs73(k):
+    x = k.vars([1] * 4, lb=0, opt=[0.6355216, 0, 0.3127019, 0.05177655])
+    k.minimize(24.55 * x[0] + 26.75 * x[1] + 39 * x[2] + 40.5 * x[3])
+    k.ge(2.3 * x[0] + 5.6 * x[1] + 11.1 * x[2] + 1.3 * x[3] - 5)
+    k.ge(12 * x[0] + 11.9 * x[1] + 41.8 * x[2] + 52.1 * x[3] - 21
+         - 1.645 * k.sqrt(0.28 * x[0] ** 2 + 0.19 * x[1] ** 2 + 20.5 * x[2] ** 2
+                          + 0.62 * x[3] ** 2))
+    k.eq(x[0] + x[1] + x[2] + x[3] - 1)
+    return k.done(29.894378)
+
+
+@hs
+def hs74(k):
+    x = k.vars([0, 0, 0, 0], lb=[0, 0, -0.55, -0.55], ub=[1200, 1200, 0.55, 0.55],
+               opt=[679.9453, 1026.067, 0.1188764, -0.3962336])
+    k.minimize(3 * x[0] + 1e-6 * x[0] ** 3 + 2 * x[1] + 2e-6 / 3 * x[1] ** 3)
+    k.ge(x[3] - x[2] + 0.55)
+    k.ge(x[2] - x[3] + 0.55)
+    k.eq(1000 * k.sin(-x[2] - 0.25) + 1000 * k.sin(-x[3] - 0.25) + 894.8 - x[0], scale=1e3)
+    k.eq(1000 * k.sin(x[2] - 0.25) + 1000 * k.sin(x[2] - x[3] - 0.25) + 894.8 - x[1], scale=1e3)
+    k.eq(1000 * k.sin(x[3] - 0.25) + 1000 * k.sin(x[3] - x[2] - 0.25) + 1294.8, scale=1e3)
+    return k.done(5126.4981)
+
+
+@hs
+def hs76(k):
+    x = k.vars([0.5] * 4, lb=0, opt=[0.2727273, 2.090909, 0, 0.5454545])
+    k.minimize(x[0] ** 2 + 0.5 * x[1] ** 2 + x[2] ** 2 + 0.5 * x[3] ** 2 - x[0] * x[2]
+               + x[2] * x[3] - x[0] - 3 * x[1] + x[2] - x[3])
+    k.ge(5 - x[0] - 2 * x[1] - x[2] - x[3])
+    k.ge(4 - 3 * x[0] - x[1] - 2 * x[2] + x[3])
+    k.ge(x[1] + 4 * x[2] - 1.5)
+    return k.done(-4.681818181)
+
+
+@hs
+def hs77(k):
+    r2 = math.sqrt(2)
+    x = k.vars([2] * 5, opt=[1.166172, 1.182111, 1.380257, 1.506036, 0.6109203])
+    k.minimize((x[0] - 1) ** 2 + (x[0] - x[1]) ** 2 + (x[2] - 1) ** 2 + (x[3] - 1) ** 4
+               + (x[4] - 1) ** 6)
+    k.eq(x[0] ** 2 * x[3] + k.sin(x[3] - x[4]) - 2 * r2)
+    k.eq(x[1] + x[2] ** 4 * x[3] ** 2 - 8 - r2)
+    return k.done(0.24150513)
+
+
+def _hs78_80_81_constraints(k, x):
+    k.eq(x[0] ** 2 + x[1] ** 2 + x[2] ** 2 + x[3] ** 2 + x[4] ** 2 - 10)
+    k.eq(x[1] * x[2] - 5 * x[3] * x[4])
+    k.eq(x[0] ** 3 + x[1] ** 3 + 1)
+
+
+@hs
+def hs78(k):
+    x = k.vars([-2, 1.5, 2, -1, -1],
+               opt=[-1.717142, 1.595708, 1.827248, -0.7636429, -0.7636435])
+    k.minimize(x[0] * x[1] * x[2] * x[3] * x[4])
+    _hs78_80_81_constraints(k, x)
+    return k.done(-2.919700)
+
+
+@hs
+def hs79(k):
+    r2 = math.sqrt(2)
+    x = k.vars([2] * 5, opt=[1.191127, 1.362603, 1.472818, 1.635017, 1.679081])
+    k.minimize((x[0] - 1) ** 2 + (x[0] - x[1]) ** 2 + (x[1] - x[2]) ** 2 + (x[2] - x[3]) ** 4
+               + (x[3] - x[4]) ** 4)
+    k.eq(x[0] + x[1] ** 2 + x[2] ** 3 - 2 - 3 * r2)
+    k.eq(x[1] - x[2] ** 2 + x[3] + 2 - 2 * r2)
+    k.eq(x[0] * x[4] - 2)
+    return k.done(0.0787768209)
+
+
+def _hs80_81(k):
+    return k.vars([-2, 2, 2, -1, -1], lb=[-2.3, -2.3, -3.2, -3.2, -3.2],
+                  ub=[2.3, 2.3, 3.2, 3.2, 3.2],
+                  opt=[-1.717143, 1.595709, 1.827247, -0.7636413, -0.7636450])
+
+
+@hs
+def hs80(k):
+    x = _hs80_81(k)
+    k.minimize(k.exp(x[0] * x[1] * x[2] * x[3] * x[4]))
+    _hs78_80_81_constraints(k, x)
+    return k.done(0.0539498478)
+
+
+@hs
+def hs81(k):
+    x = _hs80_81(k)
+    k.minimize(k.exp(x[0] * x[1] * x[2] * x[3] * x[4]) - 0.5 * (x[0] ** 3 + x[1] ** 3 + 1) ** 2)
+    _hs78_80_81_constraints(k, x)
+    return k.done(0.0539498478)
+
+
+@hs
+def hs83(k):
+    x = k.vars([78, 33, 27, 27, 27], lb=[78, 33, 27, 27, 27], ub=[102, 45, 45, 45, 45],
+               opt=[78, 33, 29.99526, 45, 36.77581])
+    k.minimize(5.3578547 * x[2] ** 2 + 0.8356891 * x[0] * x[4] + 37.293239 * x[0] - 40792.141)
+    a = 85.334407 + 0.0056858 * x[1] * x[4] + 0.0006262 * x[0] * x[3] - 0.0022053 * x[2] * x[4]
+    b = 80.51249 + 0.0071317 * x[1] * x[4] + 0.0029955 * x[0] * x[1] + 0.0021813 * x[2] ** 2
+    c = 9.300961 + 0.0047026 * x[2] * x[4] + 0.0012547 * x[0] * x[2] + 0.0019085 * x[2] * x[3]
+    k.ge(a)
+    k.ge(92 - a)
+    k.ge(b - 90)
+    k.ge(110 - b)
+    k.ge(c - 20)
+    k.ge(25 - c)
+    return k.done(-30665.53867)
+
+
+@hs
+def hs93(k):
+    x = k.vars([5.54, 4.4, 12.02, 11.82, 0.702, 0.852], lb=0,
+               opt=[5.332666, 4.656744, 10.43299, 12.08230, 0.7526074, 0.87865084])
+    s1 = x[0] + x[1] + x[2]
+    s2 = x[0] + 1.57 * x[1] + x[3]
+    k.minimize(0.0204 * x[0] * x[3] * s1 + 0.0187 * x[1] * x[2] * s2
+               + 0.0607 * x[0] * x[3] * x[4] ** 2 * s1 + 0.0437 * x[1] * x[2] * x[5] ** 2 * s2)
+    k.ge(0.001 * x[0] * x[1] * x[2] * x[3] * x[4] * x[5] - 2.07)
+    k.ge(1 - 0.00062 * x[0] * x[3] * x[4] ** 2 * s1 - 0.00058 * x[1] * x[2] * x[5] ** 2 * s2)
+    return k.done(135.075961)
+
+
+@hs
+def hs100(k):
+    x = k.vars([1, 2, 0, 4, 0, 1, 1],
+               opt=[2.330499, 1.951372, -0.4775414, 4.365726, -0.6244870, 1.038131, 1.594227])
+    k.minimize((x[0] - 10) ** 2 + 5 * (x[1] - 12) ** 2 + x[2] ** 4 + 3 * (x[3] - 11) ** 2
+               + 10 * x[4] ** 6 + 7 * x[5] ** 2 + x[6] ** 4 - 4 * x[5] * x[6] - 10 * x[5]
+               - 8 * x[6])
+    k.ge(127 - 2 * x[0] ** 2 - 3 * x[1] ** 4 - x[2] - 4 * x[3] ** 2 - 5 * x[4])
+    k.ge(282 - 7 * x[0] - 3 * x[1] - 10 * x[2] ** 2 - x[3] + x[4])
+    k.ge(196 - 23 * x[0] - x[1] ** 2 - 6 * x[5] ** 2 + 8 * x[6])
+    k.ge(-4 * x[0] ** 2 - x[1] ** 2 + 3 * x[0] * x[1] - 2 * x[2] ** 2 - 5 * x[5] + 11 * x[6])
+    return k.done(680.6300573)
+
+
+@hs
+def hs104(k):
+    x = k.vars([6, 3, 0.4, 0.2, 6, 6, 1, 0.5], lb=0.1, ub=10,
+               opt=[6.465114, 2.232709, 0.6673975, 0.5957564, 5.932676, 5.527235, 1.013322,
+                    0.4006682])
+    f = (0.4 * x[0] ** 0.67 * x[6] ** -0.67 + 0.4 * x[1] ** 0.67 * x[7] ** -0.67
+         + 10 - x[0] - x[1])
+    k.minimize(f)
+    k.ge(1 - 0.0588 * x[4] * x[6] - 0.1 * x[0])
+    k.ge(1 - 0.0588 * x[5] * x[7] - 0.1 * x[0] - 0.1 * x[1])
+    k.ge(1 - 4 * x[2] / x[4] - 2 * x[2] ** -0.71 / x[4] - 0.0588 * x[2] ** -1.3 * x[6])
+    k.ge(1 - 4 * x[3] / x[5] - 2 * x[3] ** -0.71 / x[5] - 0.0588 * x[3] ** -1.3 * x[7])
+    k.ge(f - 0.1)
+    k.ge(4.2 - f)
+    return k.done(3.9511634396)
+
+
+@hs
+def hs106(k):
+    x = k.vars([5000, 5000, 5000, 200, 350, 150, 225, 425],
+               lb=[100, 1000, 1000, 10, 10, 10, 10, 10], ub=[10000] * 3 + [1000] * 5,
+               opt=[579.3003853, 1359.942822, 5110.004814, 182.0171735, 295.5998074, 217.9828265,
+                    286.4173660, 395.5998074])
+    k.minimize(x[0] + x[1] + x[2])
+    k.ge(1 - 0.0025 * (x[3] + x[5]))
+    k.ge(1 - 0.0025 * (x[4] + x[6] - x[3]))
+    k.ge(1 - 0.01 * (x[7] - x[4]))
+    k.ge(x[0] * x[5] - 833.33252 * x[3] - 100 * x[0] + 83333.333, scale=1e5)
+    k.ge(x[1] * x[6] - 1250 * x[4] - x[1] * x[3] + 1250 * x[3], scale=1e6)
+    k.ge(x[2] * x[7] - 1250000 - x[2] * x[4] + 2500 * x[4], scale=1e6)
+    # The 1981 listing gives 7049.330923; the value below is the corrected optimum.
+    return k.done(7049.248021)
+
+
+@hs
+def hs108(k):
+    x = k.vars([1] * 9, lb=[None] * 8 + [0],
+               opt=[0.8841292, 0.4672425, 0.03742076, 0.9992996, 0.8841292, 0.4672424,
+                    0.03742076, 0.9992996, 0])
+    k.minimize(-0.5 * (x[0] * x[3] - x[1] * x[2] + x[2] * x[8] - x[4] * x[8] + x[4] * x[7]
+                       - x[5] * x[6]))
+    k.ge(1 - x[2] ** 2 - x[3] ** 2)
+    k.ge(1 - x[8] ** 2)
+    k.ge(1 - x[4] ** 2 - x[5] ** 2)
+    k.ge(1 - x[0] ** 2 - (x[1] - x[8]) ** 2)
+    k.ge(1 - (x[0] - x[4]) ** 2 - (x[1] - x[5]) ** 2)
+    k.ge(1 - (x[0] - x[6]) ** 2 - (x[1] - x[7]) ** 2)
+    k.ge(1 - (x[2] - x[4]) ** 2 - (x[3] - x[5]) ** 2)
+    k.ge(1 - (x[2] - x[6]) ** 2 - (x[3] - x[7]) ** 2)
+    k.ge(1 - x[6] ** 2 - (x[7] - x[8]) ** 2)
+    k.ge(x[0] * x[3] - x[1] * x[2])
+    k.ge(x[2] * x[8])
+    k.ge(-x[4] * x[8])
+    k.ge(x[4] * x[7] - x[5] * x[6])
+    return k.done(-0.8660254038)
+
+
+@hs
+def hs110(k):
+    x = k.vars([9] * 10, lb=2.001, ub=9.999, opt=[9.35025655] * 10)
+    f = 0
+    prod = 1
+    for xi in x:
+        f = f + k.log(xi - 2) ** 2 + k.log(10 - xi) ** 2
+        prod = prod * xi
+    k.minimize(f - prod ** 0.2)
+    return k.done(-45.77846971)
+
+
+@hs
+def hs112(k):
+    c = [-6.089, -17.164, -34.054, -5.914, -24.721, -14.986, -24.1, -10.708, -26.662, -22.179]
+    # The 1981 listing's point gives -47.707579; the corrected optimum is -47.76109026, reached
+    # at the point below.
+    x = k.vars([0.1] * 10, lb=1e-6,
+               opt=[0.040668059, 0.14773038, 0.78315334, 0.0014142167, 0.48524665, 0.00069316645,
+                    0.027399307, 0.017947268, 0.037314376, 0.096871329])
+    total = 0
+    for xi in x:
+        total = total + xi
+    f = 0
+    for cj, xj in zip(c, x):
+        f = f + xj * (cj + k.log(xj / total))
+    k.minimize(f)
+    k.eq(x[0] + 2 * x[1] + 2 * x[2] + x[5] + x[9] - 2)
+    k.eq(x[3] + 2 * x[4] + x[5] + x[6] - 1)
+    k.eq(x[2] + x[6] + x[7] + 2 * x[8] + x[9] - 1)
+    return k.done(-47.76109026)
+
+
+@hs
+def hs113(k):
+    x = k.vars([2, 3, 5, 5, 1, 2, 7, 3, 6, 10],
+               opt=[2.171996, 2.363683, 8.773926, 5.095984, 0.9906548, 1.430574, 1.321644,
+                    9.828726, 8.280092, 8.375927])
+    k.minimize(x[0] ** 2 + x[1] ** 2 + x[0] * x[1] - 14 * x[0] - 16 * x[1] + (x[2] - 10) ** 2
+               + 4 * (x[3] - 5) ** 2 + (x[4] - 3) ** 2 + 2 * (x[5] - 1) ** 2 + 5 * x[6] ** 2
+               + 7 * (x[7] - 11) ** 2 + 2 * (x[8] - 10) ** 2 + (x[9] - 7) ** 2 + 45)
+    k.ge(105 - 4 * x[0] - 5 * x[1] + 3 * x[6] - 9 * x[7])
+    k.ge(-10 * x[0] + 8 * x[1] + 17 * x[6] - 2 * x[7])
+    k.ge(8 * x[0] - 2 * x[1] - 5 * x[8] + 2 * x[9] + 12)
+    k.ge(-3 * (x[0] - 2) ** 2 - 4 * (x[1] - 3) ** 2 - 2 * x[2] ** 2 + 7 * x[3] + 120)
+    k.ge(-5 * x[0] ** 2 - 8 * x[1] - (x[2] - 6) ** 2 + 2 * x[3] + 40)
+    k.ge(-0.5 * (x[0] - 8) ** 2 - 2 * (x[1] - 4) ** 2 - 3 * x[4] ** 2 + x[5] + 30)
+    k.ge(-x[0] ** 2 - 2 * (x[1] - 2) ** 2 + 2 * x[0] * x[1] - 14 * x[4] + 6 * x[5])
+    k.ge(3 * x[0] - 6 * x[1] - 12 * (x[8] - 8) ** 2 + 7 * x[9])
+    return k.done(24.3062091)
+
+
+@hs
+def hs118(k):
+    lb = [8, 43, 3] + [0] * 12
+    ub = [21, 57, 16] + [90, 120, 60] * 4
+    x = k.vars([20, 55, 15] + [20, 60, 20] * 4, lb=lb, ub=ub,
+               opt=[8, 49, 3, 1, 56, 0, 1, 63, 6, 3, 70, 12, 5, 77, 18])
+    f = 0
+    for j in range(5):
+        a, b, c = x[3 * j], x[3 * j + 1], x[3 * j + 2]
+        f = f + 2.3 * a + 0.0001 * a ** 2 + 1.7 * b + 0.0001 * b ** 2 + 2.2 * c + 0.00015 * c ** 2
+    k.minimize(f)
+    for j in range(1, 5):
+        for i, width in ((0, 13), (1, 14), (2, 13)):
+            d = x[3 * j + i] - x[3 * j + i - 3] + 7
+            k.ge(d)
+            k.ge(width - d)
+    for j, demand in enumerate((60, 50, 70, 85, 100)):
+        k.ge(x[3 * j] + x[3 * j + 1] + x[3 * j + 2] - demand)
+    return k.done(664.8204500)
+
+
+# --------------------------------------------------------------------------------------------
+# Checking the statements and running the solver
+
+def relative_error(value, optimum):
+    return abs(value - optimum) / max(1.0, abs(optimum))
+
+
+def check_statement(name):
+    """Published optimum of one problem, evaluated with floats: (objective, violation, rel. error)."""
+    at = PROBLEMS[name](PointKit())
+    optimum = PROBLEMS[name](_OptimumOnly())
+    return at.objective, at.violation, relative_error(at.objective, optimum)
+
+
+class _OptimumOnly(PointKit):
+    """Reads just the published optimum value of a statement."""
+
+    def done(self, optimum):
+        return optimum
+
+
+# Statuses of the nonlinear optimiser, for problems that only the fallback reaches.
+_NLP_STATUS = ["nlp_unstarted", "nlp_solution", "nlp_globally_optimal", "nlp_locally_infeasible",
+               "nlp_infeasible", "nlp_unbounded", "nlp_unfinished"]
+_GOOD_STATUS = {"nlp_solution", "nlp_globally_optimal", "lp_optimal", "mip_optimal"}
+
+
+def _attribute(p, name, default=None):
+    try:
+        return p.getAttrib(name)
+    except Exception:
+        return default
+
+
+def run_problem(name):
+    """Builds and solves one problem; returns a dict of what happened: status, objective (at the
+    returned point, evaluated here), reported (the solver's objective value), error (relative to
+    the published optimum), violation, iterations, time, solved, path (solve or nlpoptimize) and
+    a note on what went wrong."""
+    result = {"name": name, "optimum": PROBLEMS[name](_OptimumOnly()), "note": ""}
+    start = time.perf_counter()
+    path = "build"
+    try:
+        built = PROBLEMS[name]()
+        p, optimum = built
+        x = built.variables
+        start = time.perf_counter()
+        path = "solve"
+        try:
+            p.solve()
+        except tarvo.SolverError as e:
+            # The LP/QP optimiser refuses quadratic rows and non-convex quadratic objectives;
+            # the nonlinear optimiser takes them, as a user would do.
+            if "nonconvex" not in str(e):
+                raise
+            path = "nlpoptimize"
+            p.nlpoptimize()
+    except Exception as e:  # report and go on with the next problem
+        result.update(status="error", objective=float("nan"), reported=float("nan"),
+                      error=float("inf"), violation=float("inf"), iterations=0,
+                      time=time.perf_counter() - start, solved=False, path=path,
+                      note="%s: %s" % (type(e).__name__, e))
+        return result
+    result["time"] = time.perf_counter() - start
+
+    if path == "solve":
+        status = p.getProbStatusString()
+        objective = p.getObjVal()
+        point = p.getSolution(x)
+    else:
+        code = _attribute(p, "tslp_nlpstatus", -1)
+        status = _NLP_STATUS[code] if 0 <= code < len(_NLP_STATUS) else "nlp_unknown"
+        objective = _attribute(p, "tslp_objval", float("nan"))
+        columns = []
+        p.getslpsol(x=columns)
+        point = [columns[p.getIndex(v)] for v in x]
+    nonlinear = status.startswith("nlp")
+    iterations = (_attribute(p, "tslp_iter", 0) if nonlinear
+                  else _attribute(p, "simplexiter", 0) + _attribute(p, "bariter", 0))
+
+    # Judge the returned point ourselves: the objective there and its feasibility.
+    at = PROBLEMS[name](PointKit(point))
+    error = relative_error(at.objective, optimum)
+    notes = []
+    if abs(at.objective - objective) > 1e-6 * max(1.0, abs(objective)):
+        notes.append("reported objective %.10g but %.10g at the returned point"
+                     % (objective, at.objective))
+    if at.violation > FEAS_TOL:
+        notes.append("returned point infeasible by %.2e" % at.violation)
+    solved = status in _GOOD_STATUS and error <= SOLVED_RTOL and at.violation <= FEAS_TOL
+    if not solved and not notes:
+        if status not in _GOOD_STATUS:
+            notes.append("status " + status)
+        else:
+            notes.append("different local optimum" if error > SOLVED_RTOL else "")
+    result.update(status=status, objective=at.objective, reported=objective, error=error,
+                  violation=at.violation, iterations=iterations, solved=solved,
+                  note="; ".join(n for n in notes if n), path=path)
+    return result
+
+
+def print_row(r):
+    print("%-6s %-22s %16.9g %10.2e %6d %9.3f  %s" % (
+        r["name"], r["status"], r["objective"], r["error"], r["iterations"], r["time"],
+        ("" if r["solved"] else "MISS ") + r["note"]))
+    sys.stdout.flush()
+
+
+def run_all(names):
+    print("%-6s %-22s %16s %10s %6s %9s  %s" % ("name", "status", "objective", "rel.err",
+                                                "iter", "time[s]", "notes"))
+    results = []
+    for name in names:
+        r = run_problem(name)
+        results.append(r)
+        print_row(r)
+    solved = sum(r["solved"] for r in results)
+    print("\nsolved %d of %d (%.1f%%) to the published optimum within %.0e relative"
+          % (solved, len(results), 100.0 * solved / max(1, len(results)), SOLVED_RTOL))
+    misses = [r["name"] for r in results if not r["solved"]]
+    if misses:
+        print("misses: " + ", ".join(misses))
+    print("total solve time %.2f s" % sum(r["time"] for r in results))
+    return results
+
+
+def run_check(names):
+    """Evaluates every statement at its published optimum; returns the names that disagree."""
+    bad = []
+    for name in names:
+        objective, violation, error = check_statement(name)
+        ok = violation <= CHECK_FEAS_TOL and error <= CHECK_RTOL
+        print("%-6s f(x*) = %-18.10g violation %.1e rel.err %.1e %s"
+              % (name, objective, violation, error, "" if ok else "DISAGREES"))
+        if not ok:
+            bad.append(name)
+    print("%d of %d statements agree with their published optimum" % (len(names) - len(bad),
+                                                                        len(names)))
+    return bad
+
+
+# --------------------------------------------------------------------------------------------
+# A large model: Van der Pol oscillator control, explicit Euler steps
+
+def build_van_der_pol(rows):
+    """min 1/2 h sum(x1^2 + x2^2 + u^2) over T = 5 with x1' = x2,
+    x2' = -x1 + (1 - x1^2) x2 + u, x(0) = (0, 1), -0.3 <= u <= 1, x1 >= -0.4.
+    Two dynamics rows per step, so `rows` rows in all."""
+    n = max(1, rows // 2)
+    h = 5.0 / n
+    x1 = [tarvo.var(lb=-0.4, ub=INF) for _ in range(n + 1)]
+    x2 = [tarvo.var(lb=-INF, ub=INF) for _ in range(n + 1)]
+    u = [tarvo.var(lb=-0.3, ub=1.0) for _ in range(n)]
+    x1[0].lb, x1[0].ub = 0.0, 0.0
+    x2[0].lb, x2[0].ub = 1.0, 1.0
+    p = tarvo.problem()
+    p.addVariable(x1, x2, u)
+    rows = []
+    for k in range(n):
+        rows.append(x1[k + 1] == x1[k] + h * x2[k])
+        rows.append(x2[k + 1] == x2[k] + h * (-x1[k] + (1 - x1[k] ** 2) * x2[k] + u[k]))
+    p.addConstraint(rows)
+    p.setObjective(0.5 * h * tarvo.Sum(x1[k] ** 2 + x2[k] ** 2 + u[k] ** 2 for k in range(n)))
+    return p, n
+
+
+def run_large(rows):
+    start = time.perf_counter()
+    try:
+        p, steps = build_van_der_pol(rows)
+    except Exception as e:
+        print("\nVan der Pol control: building failed: %s: %s" % (type(e).__name__, e))
+        return
+    build = time.perf_counter() - start
+    start = time.perf_counter()
+    try:
+        p.solve()
+        outcome = "%s, objective %.8g, %s iterations" % (
+            p.getProbStatusString(), p.getObjVal(), _attribute(p, "tslp_iter", "?"))
+    except Exception as e:
+        outcome = "%s: %s" % (type(e).__name__, e)
+    solve = time.perf_counter() - start
+    print("\nVan der Pol control, %d steps, %d rows, %d columns" % (
+        steps, _attribute(p, "rows", 2 * steps), _attribute(p, "cols", 3 * steps + 2)))
+    print("  build %.2f s, solve %.2f s: %s" % (build, solve, outcome))
+
+
+def main(argv=None):
+    ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
+    ap.add_argument("--only", action="append", metavar="NAME",
+                    help="run only this problem (repeatable), e.g. HS71")
+    ap.add_argument("--check", action="store_true",
+                    help="only evaluate the statements at their published optima")
+    ap.add_argument("--skip-large", action="store_true", help="leave out the large model")
+    ap.add_argument("--rows", type=int, default=10000, help="rows of the large model")
+    args = ap.parse_args(argv)
+    names = list(PROBLEMS)
+    if args.only:
+        wanted = [n.upper() for n in args.only]
+        unknown = [n for n in wanted if n not in PROBLEMS]
+        if unknown:
+            ap.error("unknown problem(s) %s; known: %s" % (", ".join(unknown), " ".join(names)))
+        names = wanted
+    if args.check:
+        return 1 if run_check(names) else 0
+    tarvo.setOutputEnabled(False)
+    run_all(names)
+    if not args.skip_large and not args.only:
+        run_large(args.rows)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,928 @@
+// The SLP iteration. At x_k every nonlinear row and the objective are linearised; the step
+// problem keeps the linear rows, replaces each nonlinear row by its linearisation, relaxes
+// every row with penalised error columns (so it is always feasible) and bounds the columns
+// that appear nonlinearly by their step bounds. One HiGHS instance serves the whole run: only
+// coefficients, bounds, row bounds and costs change between iterations, so each LP starts
+// from the previous basis. Steps are accepted on the merit function
+// phi(x) = s f(x) + mu sum_i w_i viol_i(x); step bounds grow and shrink with the ratio of the
+// actual to the predicted reduction of phi. With integer columns the step problems are MIPs
+// until the integer part settles; the run then finishes with the integers fixed.
+#include "engine/slp/solver.h"
+
+#include "engine/optimizer/highs_instances.h"
+#include "interfaces/highs_c_api.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstring>
+
+namespace slp {
+
+void row_bounds(const Model& m, int r, double* lo, double* up) {
+    double rhs = m.rhs[r];
+    const double inf = INFINITY;
+    switch (m.rowtype[r]) {
+    case 'L': *lo = -inf; *up = rhs; break;
+    case 'G': *lo = rhs; *up = inf; break;
+    case 'E': *lo = rhs; *up = rhs; break;
+    case 'R': *lo = rhs - m.range[r]; *up = rhs; break;
+    default: *lo = -inf; *up = inf; break;
+    }
+    if (*lo <= -TRVO_INFINITY) *lo = -inf;
+    if (*up >= TRVO_INFINITY) *up = inf;
+}
+
+namespace {
+
+double viol_of(double v, double lo, double up) {
+    if (v < lo) return lo - v;
+    if (v > up) return v - up;
+    return 0.0;
+}
+
+double bound_inf(double v) {
+    if (v <= -TRVO_INFINITY) return -INFINITY;
+    if (v >= TRVO_INFINITY) return INFINITY;
+    return v;
+}
+
+struct HighsLog {
+    TSLPprob prob;
+};
+
+void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, HighsCallbackDataIn* in,
+                    void* user) {
+    TSLPprob prob = static_cast<TSLPprob>(user);
+    if (type == kHighsCallbackLogging) {
+        if (msg && int_control(prob, TSLP_LOG) >= 3) {
+            std::string s(msg);
+            while (!s.empty() && s.back() == '\n') s.pop_back();
+            message(prob, 1, s);
+        }
+        return;
+    }
+    if (in && prob->interrupt.load() != 0) in->user_interrupt = 1;
+}
+
+}  // namespace
+
+double max_violation(Evaluator& E, const Model& m, const double* x, double* sum, double* scaled_sum) {
+    double worst = 0.0, s = 0.0, ss = 0.0;
+    for (int r = 0; r < m.nrows; ++r) {
+        double lo, up, v;
+        row_bounds(m, r, &lo, &up);
+        if (lo == -INFINITY && up == INFINITY) continue;
+        if (!E.row_value(r, x, &v)) return INFINITY;
+        double vi = viol_of(v, lo, up);
+        worst = std::max(worst, vi);
+        s += vi;
+        ss += vi / (1.0 + std::fabs(std::isfinite(up) ? up : lo));
+    }
+    for (int j = 0; j < m.ncols; ++j) {
+        double vi = viol_of(x[j], bound_inf(m.lb[j]), bound_inf(m.ub[j]));
+        worst = std::max(worst, vi);
+        s += vi;
+        ss += vi / (1.0 + std::fabs(x[j]));
+    }
+    if (sum) *sum = s;
+    if (scaled_sum) *scaled_sum = ss;
+    return worst;
+}
+
+int cascade(TSLPprob prob, Evaluator& E, const Model& m, std::vector<double>& x) {
+    std::vector<std::pair<std::pair<int, int>, int>> order;   // (seqnum, col), detrow
+    for (auto& kv : prob->vars)
+        if (kv.second.detrow >= 0 && kv.second.detrow < m.nrows && kv.first < m.ncols)
+            order.push_back({{kv.second.seqnum, kv.first}, kv.second.detrow});
+    if (order.empty()) return 0;
+    std::sort(order.begin(), order.end());
+    if (prob->cb.cascadestart.f) prob->cb.cascadestart.f(prob, prob->cb.cascadestart.context);
+    int failures = 0;
+    double feastol = dbl_control(prob, TSLP_FEASTOL);
+    std::vector<double> g(m.ncols, 0.0);
+    for (auto& o : order) {
+        int j = o.first.second, r = o.second;
+        if (m.rowtype[r] != 'E') continue;
+        const SlpVar& var = prob->vars[j];
+        int limit = var.cascadenlimit >= 0 ? var.cascadenlimit : int_control(prob, TSLP_CASCADENLIMIT);
+        if (limit < 1) limit = 1;
+        double target = m.rhs[r];
+        bool ok = false;
+        double saved = x[j];
+        for (int it = 0; it < limit; ++it) {
+            double v, d = 0.0;
+            int k = E.nlpos[r];
+            if (k >= 0) {
+                if (!E.nlrow_grad(k, x.data(), &v, g.data())) break;
+                d = g[j];
+            } else {
+                if (!E.row_value(r, x.data(), &v)) break;
+                for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e)
+                    if (m.rcol[e] == j) d += m.rval[e];
+            }
+            if (std::fabs(v - target) <= 1e-14 * (1.0 + std::fabs(target))) {
+                ok = true;
+                break;
+            }
+            if (d == 0.0 || !std::isfinite(d)) break;
+            double nx = x[j] - (v - target) / d;
+            nx = std::min(std::max(nx, m.lb[j]), m.ub[j]);
+            x[j] = nx;
+            if (it == limit - 1) {
+                double v2;
+                ok = E.row_value(r, x.data(), &v2) && std::fabs(v2 - target) <= feastol * (1.0 + std::fabs(target));
+            }
+        }
+        if (prob->cb.drcol.f) {
+            double nv = x[j];
+            prob->cb.drcol.f(prob, prob->cb.drcol.context, j, x[j], &nv, m.lb[j], m.ub[j]);
+            if (std::isfinite(nv)) x[j] = nv;
+        }
+        if (!ok) {
+            ++failures;
+            if (!std::isfinite(x[j])) x[j] = saved;
+            if (prob->cb.cascadevarfail.f) prob->cb.cascadevarfail.f(prob, prob->cb.cascadevarfail.context, j);
+        } else if (prob->cb.cascadevar.f) {
+            prob->cb.cascadevar.f(prob, prob->cb.cascadevar.context, j);
+        }
+    }
+    if (prob->cb.cascadeend.f) prob->cb.cascadeend.f(prob, prob->cb.cascadeend.context);
+    return failures;
+}
+
+namespace {
+
+class Run {
+public:
+    Run(TSLPprob p, const Model& model) : prob(p), m(model), E(p, model) {}
+    ~Run() {
+        if (h) {
+            trvo::highs_solve_end();
+            trvo::highs_release(h);
+        }
+    }
+    RunResult solve(const std::vector<double>& x0);
+
+private:
+    TSLPprob prob;
+    const Model& m;
+    Evaluator E;
+    void* h = nullptr;
+    int n = 0, ncolLP = 0;
+    double sense = 1.0, mu = 1.0;
+    std::vector<char> isint, nonlin, fixed_int;
+    std::vector<double> delta, w;
+    std::vector<int> errcol;         // row -> first error column (e+), -1 without
+    std::vector<double> x, gf, gscratch;
+    std::vector<double> nlval;       // values of the nonlinear rows at x
+    std::vector<std::vector<double>> nlgrad;   // gradients on their patterns
+    std::vector<double> rowlo, rowup;
+    bool mip_phase = false;
+    std::chrono::steady_clock::time_point start;
+    long simplex_total = 0;
+    // Quasi-Newton curvature on the nonlinear continuous columns.
+    std::vector<int> qcols;          // LP columns carrying curvature, ascending
+    std::vector<double> B;           // dense |qcols| x |qcols|
+    bool use_b = false, have_b = false, hessian_passed = false, skip_b = false;
+    std::vector<double> gl_old, s_old, lambda;   // pending BFGS update
+    bool pending = false;
+    std::string last_highs;
+    void lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out);
+    void bfgs_update(const std::vector<double>& gl_new);
+    double quad_model(const std::vector<double>& d) const;
+    std::vector<double> errvals;     // error columns of the last LP (e+, e- per bounded row)
+
+    bool evaluate(const std::vector<double>& at, double* f, std::vector<double>* vals,
+                  std::vector<std::vector<double>>* grads);
+    double merit(const std::vector<double>& at, bool* ok, double* viol_sum = nullptr);
+    void build();
+    void update_lp();
+    int solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                 double* errsum);
+    void tolerances(int j, double* atol_a, double* atol_r) const;
+    void set_mip(bool on);
+    bool out_of_time() const;
+};
+
+void Run::tolerances(int j, double* a, double* r) const {
+    *a = dbl_control(prob, TSLP_ATOL_A);
+    *r = dbl_control(prob, TSLP_ATOL_R);
+    auto it = prob->vars.find(j);
+    if (it != prob->vars.end() && it->second.tolset > 0 && it->second.tolset <= (int)prob->tolsets.size()) {
+        const TolSet& t = prob->tolsets[it->second.tolset - 1];
+        if (t.status & (1 << 1)) *a = t.tol[1];
+        if (t.status & (1 << 2)) *r = t.tol[2];
+    }
+}
+
+bool Run::out_of_time() const {
+    double maxtime = dbl_control(prob, TSLP_MAXTIME);
+    if (maxtime <= 0) return false;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() > maxtime;
+}
+
+bool Run::evaluate(const std::vector<double>& at, double* f, std::vector<double>* vals,
+                   std::vector<std::vector<double>>* grads) {
+    *f = E.objective(at.data(), nullptr);
+    if (!std::isfinite(*f)) return false;
+    size_t K = E.nlrows.size();
+    if (vals) vals->resize(K);
+    for (size_t k = 0; k < K; ++k) {
+        double v;
+        if (grads) {
+            if (!E.nlrow_grad((int)k, at.data(), &v, gscratch.data())) {
+                if (prob->cb.coefevalerror.f)
+                    prob->cb.coefevalerror.f(prob, prob->cb.coefevalerror.context, E.nlrows[k], -1);
+                return false;
+            }
+            auto& gk = (*grads)[k];
+            const auto& pat = E.pattern[k];
+            gk.resize(pat.size());
+            for (size_t q = 0; q < pat.size(); ++q) gk[q] = gscratch[pat[q]];
+        } else if (!E.row_value(E.nlrows[k], at.data(), &v)) {
+            return false;
+        }
+        if (vals) (*vals)[k] = v;
+    }
+    return true;
+}
+
+// phi at a point: s f + mu sum w viol over every row (linear rows read from the matrix).
+double Run::merit(const std::vector<double>& at, bool* ok, double* viol_sum) {
+    *ok = false;
+    double f = E.objective(at.data(), nullptr);
+    if (!std::isfinite(f)) return INFINITY;
+    double pen = 0.0, vs = 0.0;
+    for (int r = 0; r < m.nrows; ++r) {
+        if (errcol[r] < 0) continue;
+        double v;
+        if (!E.row_value(r, at.data(), &v)) return INFINITY;
+        double vi = viol_of(v, rowlo[r], rowup[r]);
+        pen += w[r] * vi;
+        vs += vi;
+    }
+    *ok = true;
+    if (viol_sum) *viol_sum = vs;
+    return sense * f + mu * pen;
+}
+
+void Run::set_mip(bool on) {
+    std::vector<HighsInt> integ(n, kHighsVarTypeContinuous);
+    if (on)
+        for (int j = 0; j < n; ++j)
+            if (isint[j]) integ[j] = kHighsVarTypeInteger;
+    Highs_changeColsIntegralityByRange(h, 0, n - 1, integ.data());
+    mip_phase = on;
+}
+
+void Run::build() {
+    h = trvo::highs_new_quiet();
+    if (!h) throw Error("Could not create a HiGHS instance");
+    int threads = 1;
+    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
+    int th = trvo::highs_solve_begin(threads);
+    Highs_setIntOptionValue(h, "threads", th);
+    bool log = int_control(prob, TSLP_LOG) >= 3;
+    Highs_setBoolOptionValue(h, "output_flag", log);
+    Highs_setBoolOptionValue(h, "log_to_console", 0);
+    Highs_setCallback(h, highs_callback, prob);
+    if (log) Highs_startCallback(h, kHighsCallbackLogging);
+    Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
+    Highs_startCallback(h, kHighsCallbackIpmInterrupt);
+    Highs_startCallback(h, kHighsCallbackMipInterrupt);
+    Highs_setStringOptionValue(h, "presolve", "off");
+    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
+    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
+    Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
+                               std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
+
+    // Column layout: the n columns of the problem, then e+ and e- of every bounded row.
+    errcol.assign(m.nrows, -1);
+    ncolLP = n;
+    for (int r = 0; r < m.nrows; ++r) {
+        if (rowlo[r] == -INFINITY && rowup[r] == INFINITY) continue;
+        errcol[r] = ncolLP;
+        ncolLP += 2;
+    }
+    std::vector<HighsInt> start(m.nrows + 1, 0), index;
+    std::vector<double> value, lo(m.nrows), up(m.nrows);
+    for (int r = 0; r < m.nrows; ++r) {
+        int k = E.nlpos[r];
+        if (k >= 0) {
+            const auto& pat = E.pattern[k];
+            for (size_t q = 0; q < pat.size(); ++q) {
+                index.push_back(pat[q]);
+                value.push_back(nlgrad[k][q] != 0.0 ? nlgrad[k][q] : 1.0);   // refreshed below
+            }
+        } else {
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
+                index.push_back(m.rcol[e]);
+                value.push_back(m.rval[e]);
+            }
+        }
+        if (errcol[r] >= 0) {
+            index.push_back(errcol[r]);
+            value.push_back(1.0);
+            index.push_back(errcol[r] + 1);
+            value.push_back(-1.0);
+        }
+        start[r + 1] = (HighsInt)index.size();
+        lo[r] = rowlo[r];
+        up[r] = rowup[r];
+    }
+    std::vector<double> cost(ncolLP, 0.0), cl(ncolLP, 0.0), cu(ncolLP, INFINITY);
+    for (int j = 0; j < n; ++j) {
+        cl[j] = bound_inf(m.lb[j]);
+        cu[j] = bound_inf(m.ub[j]);
+    }
+    bool anyint = false;
+    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
+    std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
+    HighsInt rc = Highs_passModel(h, ncolLP, m.nrows, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
+                                  1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
+                                  start.data(), index.empty() ? nullptr : index.data(),
+                                  value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
+                                  anyint ? integ.data() : nullptr);
+    if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
+    if (anyint) set_mip(true);
+}
+
+// Writes the linearisation at x into the step problem.
+void Run::update_lp() {
+    std::vector<double> cost(ncolLP, 0.0);
+    for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
+    for (int r = 0; r < m.nrows; ++r)
+        if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
+    bool curvature = use_b && have_b && !mip_phase && !skip_b;
+    if (curvature) {
+        // 1/2 (x - x_k)' B (x - x_k): the linear part moves into the costs.
+        size_t K = qcols.size();
+        std::vector<HighsInt> start(ncolLP + 1, 0), index;
+        std::vector<double> value;
+        size_t c = 0;
+        for (int j = 0; j < ncolLP; ++j) {
+            if (c < K && qcols[c] == j) {
+                double bx = 0.0;
+                for (size_t c2 = 0; c2 < K; ++c2) bx += B[c * K + c2] * x[qcols[c2]];
+                cost[j] -= bx;
+                for (size_t c2 = c; c2 < K; ++c2) {
+                    double v = B[c2 * K + c];
+                    if (v != 0.0 || c2 == c) {
+                        index.push_back(qcols[c2]);
+                        value.push_back(v);
+                    }
+                }
+                ++c;
+            }
+            start[j + 1] = (HighsInt)index.size();
+        }
+        Highs_passHessian(h, ncolLP, (HighsInt)index.size(), kHighsHessianFormatTriangular, start.data(),
+                          index.data(), value.data());
+        hessian_passed = true;
+    } else if (hessian_passed) {
+        std::vector<HighsInt> start(ncolLP + 1, 0), index(1, 0);
+        std::vector<double> value(1, 0.0);
+        Highs_passHessian(h, ncolLP, 0, kHighsHessianFormatTriangular, start.data(), index.data(), value.data());
+        hessian_passed = false;
+    }
+    Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
+    for (size_t k = 0; k < E.nlrows.size(); ++k) {
+        int r = E.nlrows[k];
+        const auto& pat = E.pattern[k];
+        double c = nlval[k];
+        for (size_t q = 0; q < pat.size(); ++q) {
+            Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
+            c -= nlgrad[k][q] * x[pat[q]];
+        }
+        Highs_changeRowBounds(h, r, rowlo[r] - c, rowup[r] - c);
+    }
+    std::vector<double> lo(n), up(n);
+    for (int j = 0; j < n; ++j) {
+        double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
+        if (fixed_int[j]) {
+            l = u = x[j];
+        } else if (nonlin[j]) {
+            l = std::max(l, x[j] - delta[j]);
+            u = std::min(u, x[j] + delta[j]);
+            if (isint[j]) {
+                l = std::ceil(l - 1e-9);
+                u = std::floor(u + 1e-9);
+                if (l > u) l = u = std::round(x[j]);
+            }
+        }
+        lo[j] = l;
+        up[j] = u;
+    }
+    Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
+}
+
+// 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
+int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                  double* errsum) {
+    Highs_zeroAllClocks(h);
+    double maxtime = dbl_control(prob, TSLP_MAXTIME);
+    if (maxtime > 0) {
+        double left = maxtime - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
+    }
+    HighsInt rc = Highs_run(h);
+    HighsInt ms = Highs_getModelStatus(h);
+    HighsInt it = 0;
+    Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
+    simplex_total += it;
+    if (ms == kHighsModelStatusInterrupt || ms == kHighsModelStatusTimeLimit ||
+        ms == kHighsModelStatusIterationLimit)
+        return 3;
+    if (ms == kHighsModelStatusInfeasible) return 1;
+    if (ms == kHighsModelStatusUnbounded || ms == kHighsModelStatusUnboundedOrInfeasible) return 2;
+    if (rc == kHighsStatusError || (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusSolutionLimit)) {
+        last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
+        return 4;
+    }
+    std::vector<double> cv(ncolLP), cd(ncolLP), rv(m.nrows), rd(m.nrows);
+    Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    xlp.assign(cv.begin(), cv.begin() + n);
+    rowdual = rd;
+    coldual.assign(cd.begin(), cd.end());
+    double es = 0.0;
+    for (int r = 0; r < m.nrows; ++r)
+        if (errcol[r] >= 0) es += w[r] * (cv[errcol[r]] + cv[errcol[r] + 1]);
+    *errsum = es;
+    errvals.assign(cv.begin() + n, cv.end());
+    return 0;
+}
+
+// Gradient of the Lagrangian s f - sum lambda_r g_r on the curvature columns, at the current
+// linearisation (gf, nlgrad).
+void Run::lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out) {
+    std::vector<double> g(n, 0.0);
+    for (int j : qcols) g[j] = sense * gf[j];
+    for (size_t k = 0; k < E.nlrows.size(); ++k) {
+        double l = lam[E.nlrows[k]];
+        if (l == 0.0) continue;
+        const auto& pat = E.pattern[k];
+        for (size_t q = 0; q < pat.size(); ++q) g[pat[q]] -= l * nlgrad[k][q];
+    }
+    out.resize(qcols.size());
+    for (size_t c = 0; c < qcols.size(); ++c) out[c] = g[qcols[c]];
+}
+
+// Damped BFGS update (Powell) of B with the last step and the change of the Lagrangian's
+// gradient; the first update scales the identity.
+void Run::bfgs_update(const std::vector<double>& gl_new) {
+    size_t K = qcols.size();
+    std::vector<double> y(K), Bs(K, 0.0);
+    double sy = 0.0, ss = 0.0, yy = 0.0;
+    for (size_t c = 0; c < K; ++c) {
+        y[c] = gl_new[c] - gl_old[c];
+        sy += s_old[c] * y[c];
+        ss += s_old[c] * s_old[c];
+        yy += y[c] * y[c];
+    }
+    if (ss <= 1e-300) return;
+    if (!have_b) {
+        double g = sy > 0 ? yy / sy : 1.0;
+        if (!std::isfinite(g) || g <= 1e-8) g = 1e-8;
+        B.assign(K * K, 0.0);
+        for (size_t c = 0; c < K; ++c) B[c * K + c] = g;
+        have_b = true;
+    }
+    double sBs = 0.0;
+    for (size_t a = 0; a < K; ++a) {
+        double v = 0.0;
+        for (size_t b = 0; b < K; ++b) v += B[a * K + b] * s_old[b];
+        Bs[a] = v;
+        sBs += s_old[a] * v;
+    }
+    if (sBs <= 1e-300) return;
+    if (sy < 0.2 * sBs) {
+        double theta = 0.8 * sBs / (sBs - sy);
+        for (size_t c = 0; c < K; ++c) y[c] = theta * y[c] + (1 - theta) * Bs[c];
+        sy = 0.2 * sBs;
+    }
+    for (size_t a = 0; a < K; ++a)
+        for (size_t b = 0; b < K; ++b) B[a * K + b] += y[a] * y[b] / sy - Bs[a] * Bs[b] / sBs;
+}
+
+double Run::quad_model(const std::vector<double>& xt) const {
+    if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
+    size_t K = qcols.size();
+    double v = 0.0;
+    for (size_t a = 0; a < K; ++a) {
+        double da = xt[qcols[a]] - x[qcols[a]];
+        if (da == 0.0) continue;
+        for (size_t b = 0; b < K; ++b) v += da * B[a * K + b] * (xt[qcols[b]] - x[qcols[b]]);
+    }
+    return 0.5 * v;
+}
+
+RunResult Run::solve(const std::vector<double>& x0) {
+    start = std::chrono::steady_clock::now();
+    RunResult res;
+    n = m.ncols;
+    sense = dbl_control(prob, TSLP_OBJSENSE) < 0 ? -1.0 : 1.0;
+    x = x0;
+    gf.assign(n, 0.0);
+    gscratch.assign(n, 0.0);
+    isint.assign(n, 0);
+    nonlin.assign(n, 0);
+    fixed_int.assign(n, 0);
+    bool anyint = false;
+    for (int j = 0; j < n; ++j) {
+        char t = m.coltype[j];
+        if (t == 'I' || t == 'B') isint[j] = 1, anyint = true;
+        else if (t != 'C')
+            throw Error("Column " + std::to_string(j) + " is semi-continuous or partial integer, which the nonlinear solver does not handle");
+        if (m.lb[j] > m.ub[j]) {
+            res.status = TSLP_NLP_INFEASIBLE;
+            logf(prob, 1, "Column %d has a lower bound above its upper bound", j);
+            return res;
+        }
+        x[j] = std::min(std::max(x[j], m.lb[j]), m.ub[j]);
+        if (isint[j]) x[j] = std::round(x[j]);
+    }
+    for (size_t k = 0; k < E.nlrows.size(); ++k)
+        for (auto& t : E.tapes[k].cols) nonlin[t] = 1;
+    for (auto& kv : m.qrows) {
+        for (int j : kv.second.i) nonlin[j] = 1;
+        for (int j : kv.second.j) nonlin[j] = 1;
+    }
+    for (int j : E.qobj.i) nonlin[j] = 1;
+    for (int j : E.qobj.j) nonlin[j] = 1;
+
+    for (int j = 0; j < n; ++j)
+        if (nonlin[j] && !isint[j]) qcols.push_back(j);
+    use_b = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty() && qcols.size() <= 400;
+
+    rowlo.resize(m.nrows);
+    rowup.resize(m.nrows);
+    w.assign(m.nrows, 1.0);
+    for (int r = 0; r < m.nrows; ++r) {
+        row_bounds(m, r, &rowlo[r], &rowup[r]);
+        auto it = prob->rowwt.find(r);
+        if (it != prob->rowwt.end()) w[r] = it->second;
+    }
+
+    // Step bounds.
+    delta.assign(n, 0.0);
+    double defsb = dbl_control(prob, TSLP_DEFAULTSTEPBOUND), minsb = dbl_control(prob, TSLP_MINSTEPBOUND);
+    for (int j = 0; j < n; ++j) {
+        auto it = prob->vars.find(j);
+        double d = it != prob->vars.end() && it->second.initstepbound > 0 ? it->second.initstepbound
+                 : defsb > 0 ? defsb : std::max(1.0, std::fabs(x[j]));
+        if (std::isfinite(bound_inf(m.lb[j])) && std::isfinite(bound_inf(m.ub[j])) && m.ub[j] > m.lb[j])
+            d = std::min(d, m.ub[j] - m.lb[j]);
+        delta[j] = std::max(d, minsb);
+    }
+
+    if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
+    nlgrad.resize(E.nlrows.size());
+    double f;
+    if (!evaluate(x, &f, &nlval, &nlgrad))
+        throw Error("The formulas cannot be evaluated at the initial point (give initial values inside the domain)");
+    E.objective(x.data(), gf.data());
+    double gmax = 0.0;
+    for (int j = 0; j < n; ++j) gmax = std::max(gmax, std::fabs(gf[j]));
+    mu = dbl_control(prob, TSLP_PENALTY) * std::max(1.0, gmax);
+    double maxmu = dbl_control(prob, TSLP_MAXPENALTY);
+    mu = std::min(mu, maxmu);
+    build();
+
+    int iterlimit = int_control(prob, TSLP_ITERLIMIT);
+    double feastol = dbl_control(prob, TSLP_FEASTOL), opttol = dbl_control(prob, TSLP_OPTIMALITYTOL);
+    double infinity = dbl_control(prob, TSLP_INFINITY);
+    int samecount = std::max(1, int_control(prob, TSLP_SAMECOUNT));
+    int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
+    double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
+    int same_int = 0, err_iters = 0;
+    std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
+    std::vector<double> rowerr_count(m.nrows, 0.0);
+    std::vector<RowInfo> rinfo(m.nrows);
+    double errsum = 0.0, pred = 0.0, last_kkt = 0.0;
+    bool have_lp = false;
+    int status = TSLP_NLP_UNFINISHED;
+    int stop = 0;
+    int iter = 0;
+    bool fixed_phase = false;
+
+    auto fix_integers = [&]() {
+        for (int j = 0; j < n; ++j)
+            if (isint[j]) fixed_int[j] = 1;
+        set_mip(false);
+        fixed_phase = true;
+        same_int = 0;
+        if (prob->cb.intsol.f) prob->cb.intsol.f(prob, prob->cb.intsol.context);
+        logf(prob, 2, "Integer columns fixed; continuing with the continuous part");
+    };
+
+    while (true) {
+        if (prob->interrupt.load()) {
+            stop = prob->interrupt.load();
+            break;
+        }
+        if (iter >= iterlimit) {
+            stop = TRVO_STOP_ITERLIMIT;
+            break;
+        }
+        if (out_of_time()) {
+            stop = TRVO_STOP_TIMELIMIT;
+            break;
+        }
+        if (prob->cb.iterstart.f && prob->cb.iterstart.f(prob, prob->cb.iterstart.context)) {
+            stop = TRVO_STOP_USER;
+            break;
+        }
+        ++iter;
+        if (mip_phase) ++res.mipiter;
+        // Linearisation at x.
+        if (!evaluate(x, &f, &nlval, &nlgrad)) throw Error("The formulas cannot be evaluated at an accepted point");
+        E.objective(x.data(), gf.data());
+        if (pending && use_b) {
+            std::vector<double> gl_new;
+            lagrangian_grad(lambda, gl_new);
+            bfgs_update(gl_new);
+            pending = false;
+        }
+        bool ok;
+        double viol_k = 0.0;
+        double phi_k = merit(x, &ok, &viol_k);
+        update_lp();
+        int lps = solve_lp(xlp, rowdual, coldual, &errsum);
+        if (lps == 4 && hessian_passed) {
+            // The QP solver gave up (numerical trouble): try again with a looser feasibility
+            // tolerance, then take a linear step this time, keeping the curvature model.
+            double tol = 1e-9;
+            Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
+            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-7);
+            lps = solve_lp(xlp, rowdual, coldual, &errsum);
+            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+            if (lps == 4) {
+                skip_b = true;
+                update_lp();
+                lps = solve_lp(xlp, rowdual, coldual, &errsum);
+                skip_b = false;
+            }
+        }
+        if (lps == 3) {
+            stop = prob->interrupt.load() ? prob->interrupt.load() : TRVO_STOP_TIMELIMIT;
+            break;
+        }
+        if (lps == 1) {
+            // Only bounds or integrality can make the relaxed step problem infeasible.
+            status = TSLP_NLP_INFEASIBLE;
+            break;
+        }
+        if (lps == 2) {
+            status = TSLP_NLP_UNBOUNDED;
+            break;
+        }
+        if (lps == 4) throw Error("HiGHS failed on the step problem (" + last_highs + ")");
+        have_lp = true;
+        // Determined columns follow their rows' linearisations exactly (the LP meets rows only
+        // to its tolerance, which would swamp small predicted reductions).
+        auto lin_value = [&](int r, const std::vector<double>& at, double* coef_of, int j) {
+            int k = E.nlpos[r];
+            double v = 0.0, a = 0.0;
+            if (k >= 0) {
+                v = nlval[k];
+                const auto& pat = E.pattern[k];
+                for (size_t q = 0; q < pat.size(); ++q) {
+                    v += nlgrad[k][q] * (at[pat[q]] - x[pat[q]]);
+                    if (pat[q] == j) a = nlgrad[k][q];
+                }
+            } else {
+                for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
+                    v += m.rval[e] * at[m.rcol[e]];
+                    if (m.rcol[e] == j) a += m.rval[e];
+                }
+            }
+            if (coef_of) *coef_of = a;
+            return v;
+        };
+        for (auto& kv : prob->vars) {
+            int j = kv.first, r = kv.second.detrow;
+            if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E' || isint[j]) continue;
+            double a = 0.0;
+            double v = lin_value(r, xlp, &a, j);
+            if (a != 0.0) xlp[j] = std::min(std::max(xlp[j] + (m.rhs[r] - v) / a, m.lb[j]), m.ub[j]);
+        }
+        // Predicted reduction of phi by the step, from the model itself.
+        double model = 0.0;
+        for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
+        model += quad_model(xlp);
+        double model_pen = 0.0;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
+        model += mu * model_pen;
+        double pen_k = phi_k - sense * f;
+        pred = pen_k - model;
+        // Penalty: stay above the multipliers of the rows.
+        double lmax = 0.0;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0 && w[r] > 0) lmax = std::max(lmax, std::fabs(rowdual[r]) / w[r]);
+        bool errors = errsum > feastol;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0) {
+                double e = errvals[errcol[r] - n] + errvals[errcol[r] - n + 1];
+                rinfo[r].currenterror = e;
+                if (e > feastol) {
+                    ++rinfo[r].numerrors;
+                    rinfo[r].totalerror += e;
+                    rinfo[r].maxerror = std::max(rinfo[r].maxerror, e);
+                }
+            }
+        // Trial point: damping and delta types on the LP step, then cascading.
+        double stepmax = 0.0, kkt = 0.0;
+        bool int_changed = false;
+        for (int j = 0; j < n; ++j) {
+            double d = xlp[j] - x[j];
+            auto it = prob->vars.find(j);
+            if (it != prob->vars.end()) {
+                const SlpVar& v = it->second;
+                double damp = v.damp > 0 ? v.damp : dbl_control(prob, TSLP_DAMP);
+                if (nonlin[j] && !isint[j] && damp > 0 && damp < 1) d *= damp;
+                if (v.deltatype == 1 && std::fabs(d) < v.deltavalue) d = 0.0;
+                if (v.deltatype == 2 && v.deltavalue > 0) d = std::round(d / v.deltavalue) * v.deltavalue;
+            }
+            trial[j] = x[j] + d;
+            if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
+            if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
+            double a, rt;
+            tolerances(j, &a, &rt);
+            stepmax = std::max(stepmax, std::fabs(d) / (a + rt * std::fabs(x[j]) + 1e-300));
+            // A reduced cost at a step bound that lies inside the column's bounds means the
+            // linearisation still sees descent in that direction.
+            double ad = std::fabs(xlp[j] - x[j]);
+            bool at_sb = std::fabs(ad - delta[j]) <= 1e-9 * (1.0 + std::fabs(x[j]));
+            bool at_bound = std::fabs(xlp[j] - m.lb[j]) <= 1e-9 * (1.0 + std::fabs(m.lb[j])) ||
+                            std::fabs(xlp[j] - m.ub[j]) <= 1e-9 * (1.0 + std::fabs(m.ub[j]));
+            if (at_sb && !at_bound) kkt = std::max(kkt, std::fabs(coldual[j]));
+        }
+        double gscale = 1.0;
+        for (int j = 0; j < n; ++j) gscale = std::max(gscale, std::fabs(gf[j]));
+        bool feasible_k = viol_k <= feastol * std::max(1.0, (double)m.nrows) &&
+                          max_violation(E, m, x.data()) <= feastol * 10;
+        bool converged = feasible_k && !errors &&
+                         ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
+                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
+        if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
+        double viol_t = 0.0;
+        double phi_t = merit(trial, &ok, &viol_t);
+        double ared = phi_k - phi_t;
+        double scale = 1.0 + std::fabs(phi_k);
+        bool stationary = pred <= 1e-13 * scale;
+        bool accept = ok && (stationary ? ared >= -1e-12 * scale : ared >= 0.1 * pred);
+        double rho = pred > 0 ? ared / pred : 0.0;
+        logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s", iter, sense * f,
+             viol_k, pred, kkt, rho, mu, accept ? "" : "  rejected");
+        last_kkt = kkt;
+        if (int_control(prob, TSLP_LOG) >= 4)
+            for (int j = 0; j < n; ++j)
+                logf(prob, 4, "    col %d  x %.12g  lp %.12g  trial %.12g  sb %.3g  g %.6g", j, x[j], xlp[j], trial[j],
+                     delta[j], gf[j]);
+
+        // Step bounds.
+        for (int j = 0; j < n; ++j) {
+            if (!nonlin[j] || fixed_int[j]) continue;
+            double d = std::fabs(trial[j] - x[j]);
+            if (!accept) {
+                if (d > 1e-12) delta[j] = std::max(std::min(delta[j], d) * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
+            } else if (rho > 0.75 && d >= 0.9 * delta[j]) {
+                delta[j] *= 2.0;
+            } else if (rho < 0.25 && !stationary) {
+                delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
+            }
+        }
+        if (accept && use_b && !mip_phase) {
+            lambda = rowdual;
+            lagrangian_grad(lambda, gl_old);
+            s_old.resize(qcols.size());
+            for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
+            pending = true;
+        }
+        if (accept) {
+            for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
+            x = trial;
+            if (!int_changed) ++same_int;
+            else same_int = 0;
+        }
+        // Penalty updates.
+        if (errors) {
+            if (++err_iters >= penaltycount && mu < maxmu) {
+                mu = std::min(mu * penaltyinc, maxmu);
+                err_iters = 0;
+            }
+        } else {
+            err_iters = 0;
+            if (2.0 * lmax > mu) mu = std::min(2.0 * lmax, maxmu);
+        }
+        if (prob->cb.itervar.f)
+            for (int j = 0; j < n; ++j)
+                if (nonlin[j]) prob->cb.itervar.f(prob, prob->cb.itervar.context, j);
+        bool user_stop = prob->cb.iterend.f && prob->cb.iterend.f(prob, prob->cb.iterend.context);
+
+        // Convergence (judged at x_k; a better feasible trial point is kept).
+        double fnow = E.objective(x.data(), nullptr);
+        if (std::fabs(fnow) > infinity) {
+            status = TSLP_NLP_UNBOUNDED;
+            break;
+        }
+        if (converged && accept && !(max_violation(E, m, x.data()) <= feastol * 10)) {
+            // the accepted trial point lost feasibility: go on from it
+            converged = false;
+        }
+        bool feasible = feasible_k;
+        if (mip_phase && !fixed_phase && (converged || same_int >= samecount)) {
+            if (int_control(prob, TSLP_MIPFIXSTEPS)) {
+                fix_integers();
+                if (!converged) continue;
+                converged = false;   // one more LP with the integers fixed gives the duals
+                continue;
+            }
+        }
+        if (converged) {
+            status = TSLP_NLP_LOCALLY_OPTIMAL;
+            break;
+        }
+        if (!feasible && (stationary || stepmax <= 1.0)) {
+            if (mu >= maxmu) {
+                status = TSLP_NLP_LOCALLY_INFEASIBLE;
+                break;
+            }
+            mu = std::min(mu * penaltyinc, maxmu);
+        }
+        if (user_stop) {
+            stop = TRVO_STOP_USER;
+            break;
+        }
+    }
+
+    // Results.
+    res.status = status;
+    res.stopstatus = stop;
+    res.iter = iter;
+    res.simplexiter = (int)simplex_total;
+    double f_end = E.objective(x.data(), nullptr);
+    res.objval = f_end;
+    double vs;
+    res.maxviolation = max_violation(E, m, x.data(), &vs);
+    res.penalty = mu;
+    res.kkt = last_kkt;
+    Solution& sol = res.sol;
+    sol.x = x;
+    sol.slack.assign(m.nrows, 0.0);
+    sol.dual.assign(m.nrows, 0.0);
+    sol.dj.assign(n, 0.0);
+    sol.rows = rinfo;
+    sol.cols.assign(n, ColInfo());
+    double errcost = 0.0;
+    int nerr = 0;
+    for (int r = 0; r < m.nrows; ++r) {
+        double v = 0.0;
+        E.row_value(r, x.data(), &v);
+        sol.slack[r] = m.rhs[r] - v;
+        if (have_lp) sol.dual[r] = sense * rowdual[r];
+        RowInfo& ri = sol.rows[r];
+        ri.penaltyfactor = mu * w[r];
+        if (errcol[r] >= 0) {
+            ri.pluscol = errcol[r];
+            ri.minuscol = errcol[r] + 1;
+            if (have_lp) {
+                ri.plusvalue = errvals[errcol[r] - n];
+                ri.minusvalue = errvals[errcol[r] - n + 1];
+                ri.plusdj = coldual[errcol[r]];
+                ri.minusdj = coldual[errcol[r] + 1];
+            }
+            double vi = viol_of(v, rowlo[r], rowup[r]);
+            if (vi > feastol) ++nerr;
+            errcost += mu * w[r] * vi;
+        }
+    }
+    for (int j = 0; j < n; ++j) {
+        ColInfo& c = sol.cols[j];
+        c.slpvar = nonlin[j];
+        c.delta = lastdelta[j];
+        c.stepbound = nonlin[j] ? delta[j] : 0.0;
+        if (have_lp) {
+            sol.dj[j] = sense * coldual[j];
+            c.rdj = sol.dj[j];
+            // The step bound is active when the column sits at it strictly inside its bounds.
+            bool at_sb = nonlin[j] && std::fabs(std::fabs(lastdelta[j]) - delta[j]) <= 1e-9 * (1 + delta[j]);
+            c.sbdual = at_sb ? sol.dj[j] : 0.0;
+        }
+    }
+    res.errorcosts = errcost;
+    res.penaltyerrors = nerr;
+    if (status == TSLP_NLP_UNFINISHED && stop == 0) stop = TRVO_STOP_ITERLIMIT;
+    return res;
+}
+
+}  // namespace
+
+RunResult run_slp(TSLPprob prob, const Model& m, const std::vector<double>& x0) {
+    Run run(prob, m);
+    return run.solve(x0);
+}
+
+}  // namespace slp
