@@ -5,7 +5,9 @@
 #include "module/types.h"
 
 #include <map>
+#include <new>
 #include <set>
+#include <stdexcept>
 
 namespace tarvo {
 
@@ -73,8 +75,15 @@ struct QuadTermObject {
     PyObject* var1;  // serial(var1) <= serial(var2)
     PyObject* var2;
 };
-inline bool is_linterm(PyObject* o) { return PyObject_TypeCheck(o, &LinTermType); }
-inline bool is_quadterm(PyObject* o) { return PyObject_TypeCheck(o, &QuadTermType); }
+// A term allocated from Python with type.__new__ has no variables: it is no term at all, so
+// every operation (and operand_kind) treats it as an invalid object.
+inline bool is_linterm(PyObject* o) {
+    return PyObject_TypeCheck(o, &LinTermType) && reinterpret_cast<LinTermObject*>(o)->var;
+}
+inline bool is_quadterm(PyObject* o) {
+    return PyObject_TypeCheck(o, &QuadTermType) && reinterpret_cast<QuadTermObject*>(o)->var1 &&
+           reinterpret_cast<QuadTermObject*>(o)->var2;
+}
 
 PyObject* lin(double c, PyObject* v);               // float 0.0 when c == 0
 PyObject* lin_scaled(PyObject* t, double f);        // f times a linterm; 0 gives float 0.0
@@ -151,5 +160,38 @@ uint64_t next_sos_serial();
 // Common result check of methods: a null result without an exception set becomes an
 // InterfaceError; otherwise the result passes unchanged.
 PyObject* check_result(PyObject* result);
+
+// ---------------------------------------------------------------- allocation failures
+// Runs f (returning a new reference or null) and turns a failed C++ allocation inside it into a
+// Python exception, so that no C++ exception reaches the interpreter: ModelError with message,
+// or MemoryError when message is null. Owned references held by RAII holders in f are released
+// during the unwinding.
+template <class F>
+PyObject* alloc_guard(const char* message, F&& f) noexcept {
+    try {
+        return f();
+    } catch (const std::bad_alloc&) {
+        if (message) PyErr_SetString(ModelError, message);
+        else PyErr_NoMemory();
+        return nullptr;
+    } catch (const std::length_error&) {
+        if (message) PyErr_SetString(ModelError, message);
+        else PyErr_NoMemory();
+        return nullptr;
+    }
+}
+
+// The same for functions returning 0 on success and -1 with an exception set.
+template <class F>
+int alloc_guard_status(const char* message, F&& f) noexcept {
+    try {
+        return f();
+    } catch (const std::bad_alloc&) {
+    } catch (const std::length_error&) {
+    }
+    if (message) PyErr_SetString(ModelError, message);
+    else PyErr_NoMemory();
+    return -1;
+}
 
 }  // namespace tarvo

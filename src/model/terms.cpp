@@ -116,8 +116,8 @@ PyObject* quadterm_sum(PyObject* a, PyObject* b, double s) {
     if (is_nonlinear(a) || is_nonlinear(b)) return nl_sum(a, b, s);
     if (is_ndarray(b)) return array_sum(a, b, s);
     const char* invalid = "Invalid operands in sum with quadratic term";
-    double qa, qb;
-    PyObject *xa, *ya, *xb, *yb;
+    double qa = 0.0, qb = 0.0;
+    PyObject *xa = nullptr, *ya = nullptr, *xb = nullptr, *yb = nullptr;
     bool a_quad = quad_view(a, &qa, &xa, &ya), b_quad = quad_view(b, &qb, &xb, &yb);
     if (a_quad && b_quad) {
         if (var_serial(xa) == var_serial(xb) && var_serial(ya) == var_serial(yb)) return quad(qa + s * qb, xa, ya);
@@ -204,8 +204,8 @@ PyObject* quadterm_divide(PyObject* a, PyObject* b) {
     if (is_expression(a)) return expression_divide(a, b);
     if (is_expression(b) && !is_constant_expression(b)) return nl_divide(a, b);
     if (is_nonlinear(a) || is_nonlinear(b)) return nl_divide(a, b);
-    double qa, qb, c;
-    PyObject *xa, *ya, *xb, *yb, *v;
+    double qa = 0.0, qb = 0.0, c = 0.0;
+    PyObject *xa = nullptr, *ya = nullptr, *xb = nullptr, *yb = nullptr, *v = nullptr;
     bool a_quad = quad_view(a, &qa, &xa, &ya), b_quad = quad_view(b, &qb, &xb, &yb);
     if (a_quad && !b_quad) {
         if (constant_value(b, &c)) {
@@ -325,12 +325,15 @@ int no_init(PyObject* self, PyObject*, PyObject*) {
 }
 
 PyObject* linterm_extract_linear(PyObject* self, PyObject*) {
+    // A term allocated without going through the algebra (type.__new__) has no variable.
+    if (!as_lt(self)->var) return check_result(Py_BuildValue("([],[])"));
     return check_result(Py_BuildValue("([O],[d])", as_lt(self)->var, as_lt(self)->coef));
 }
 PyObject* linterm_extract_quadratic(PyObject*, PyObject*) { return check_result(Py_BuildValue("([],[],[])")); }
 PyObject* quadterm_extract_linear(PyObject*, PyObject*) { return check_result(Py_BuildValue("([],[])")); }
 PyObject* quadterm_extract_quadratic(PyObject* self, PyObject*) {
     QuadTermObject* q = as_qt(self);
+    if (!q->var1 || !q->var2) return check_result(Py_BuildValue("([],[],[])"));
     return check_result(Py_BuildValue("([O],[O],[d])", q->var1, q->var2, q->coef));
 }
 

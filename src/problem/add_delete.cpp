@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <new>
 #include <vector>
 
 namespace tarvo {
@@ -93,10 +94,15 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
             limit_cols.push_back(c0 + count);
             limits.push_back(th);
         }
-        (*p->colmap)[serial] = c0 + count;
-        types.push_back(t);
-        lbs.push_back(lb);
-        ubs.push_back(ub);
+        try {
+            (*p->colmap)[serial] = c0 + count;
+            types.push_back(t);
+            lbs.push_back(lb);
+            ubs.push_back(ub);
+        } catch (const std::bad_alloc&) {
+            PyErr_SetString(ModelError, "Could not amend variable map");
+            return -1;
+        }
         ++count;
         PyRef name(var_get_name(word));
         return append_name(names, name.get(), 150, "Invalid variable name (must be a string)");
@@ -240,7 +246,13 @@ PyObject* add_constraints(ProblemObject* p, PyObject* args) {
             return -1;
         }
         if (PyList_Append(p->cons, c) < 0) return -1;
-        return gather_row(p, c, r0 + batch.rows(), batch);
+        try {
+            return gather_row(p, c, r0 + batch.rows(), batch);
+        } catch (const std::bad_alloc&) {
+            // The batch or the row map could not grow.
+            PyErr_SetString(ModelError, "Cannot add constraint to problem");
+            return -1;
+        }
     });
     if (rc < 0 || load_rows(p, r0, batch) < 0) {
         rollback(p->cons, p->rowmap, old_len);
