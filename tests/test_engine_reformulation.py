@@ -42,6 +42,35 @@ def test_semicontinuous_threshold_with_finite_and_infinite_bound(ub):
         assert p.getSolution(x) == pytest.approx(ub, abs=TOL)
 
 
+def test_semicontinuous_without_upper_bound_beyond_the_highs_limit():
+    # HiGHS limits semi-continuous columns without an upper bound to 1e5: a requirement beyond
+    # that must not come back as "infeasible".
+    def model(threshold, need, cap, ub=tv.infinity):
+        v = tv.var(vartype=tv.semicontinuous, threshold=threshold, ub=ub, name="v")
+        w = tv.var(ub=1, name="w")
+        return tv.problem(v, w, tv.constraint(body=v + w, lb=need), v <= cap, v + 0.5 * w), v, w
+
+    # w (cheaper, at most 1) covers what it can; v covers the rest or sits at its threshold.
+    for threshold, need, expected in ((3, 1e6, [1e6 - 1, 1]), (2e4, 50, [2e4, 0])):
+        p, v, w = model(threshold, need, tv.infinity)
+        with pytest.raises(tv.SolverError, match="Semi-continuous column v has no upper bound"):
+            p.solve()
+        assert p.getProbStatusString() == "mip_no_sol_found"
+        # With a finite bound the engine's own formulation takes it.
+        p, v, w = model(threshold, need, tv.infinity, ub=1e7)
+        p.solve()
+        assert p.getProbStatusString() == "mip_optimal"
+        assert p.getSolution([v, w]) == pytest.approx(expected, abs=TOL)
+    # Within the limit HiGHS's answers stand, infeasible ones included: v is 0 or at least 3
+    # but the rows want it in [1, 2.5].
+    p, v, w = model(3, 5e4, tv.infinity)
+    p.solve()
+    assert p.getSolution([v, w]) == pytest.approx([5e4 - 1, 1], abs=TOL)
+    p, v, w = model(3, 2, 2.5)
+    p.solve()
+    assert p.getProbStatusString() == "mip_infeas"
+
+
 def test_semiinteger_and_partial_integer_domains():
     # Semi-integer: 0 or an integer in [3, 8]; reaching 4.5 needs 5.
     s = tv.var(vartype=tv.semiinteger, threshold=3, ub=8)

@@ -248,3 +248,53 @@ def test_write_read_round_trip(tmp_path):
         assert q.getObjVal() == pytest.approx(p_obj, abs=1e-6)
     with pytest.raises(tv.SolverError):
         tv.problem().read(str(tmp_path / "missing.mps"))
+
+
+def test_files_that_cannot_be_read_or_written(tmp_path):
+    x, y = tv.var(name="x", ub=5), tv.var(name="y", ub=5)
+    p = tv.problem(x, y, tv.constraint(body=x + y, ub=4, name="c"), x + 2 * y, sense=tv.maximize)
+    # Writing into a missing directory is an error in both formats (the LP writer used to crash).
+    for flags in ("", "l"):
+        with pytest.raises(tv.SolverError, match="Could not open problem file .*for writing"):
+            p.write(str(tmp_path / "missing" / "model"), flags)
+    # A file that is not a model: the problem ends up empty, lists and library alike, and
+    # takes a new model afterwards.
+    (tmp_path / "junk.mps").write_text("this is not\n a model file\n")
+    (tmp_path / "junk.lp").write_text("maximize\n obj: 3 x +\nsubject to\n c1: x <=\nend\n")
+    for name, flags in (("junk.mps", ""), ("junk.lp", "l")):
+        q = p.copy()
+        with pytest.raises(tv.SolverError, match="Could not read problem file"):
+            q.read(str(tmp_path / name), flags)
+        assert q.getVariable() == [] and q.getConstraint() == []
+        assert q.attributes.cols == 0 and q.attributes.rows == 0
+        indices_agree(q)
+        q.addVariable(x)
+        q.setObjective(x, sense=tv.maximize)
+        q.solve()
+        assert q.getObjVal() == pytest.approx(5, abs=1e-9)
+    # The source of the copies is untouched.
+    p.solve()
+    assert p.getObjVal() == pytest.approx(8, abs=1e-9)
+
+
+def test_written_names_stay_distinct_and_valid_ones_unchanged(tmp_path):
+    # A blank, characters the LP format cannot carry, a leading digit and a name given twice:
+    # each is mended on its own, all stay distinct, and the ordinary names are kept as they are.
+    names = ["a b", "a_b", "3x", "p+q", "dup", "dup", "plain"]
+    xs = [tv.var(name=n, ub=i + 1) for i, n in enumerate(names)]
+    rows = [tv.constraint(body=x, ub=0.5, name=n) for x, n in zip(xs, ["r 1", "r_1", "ok"] + [""] * 4)]
+    p = tv.problem(xs, rows[:3], tv.Sum(xs), sense=tv.maximize)
+    p.solve()
+    for flags in ("", "l"):
+        f = tmp_path / ("names" + (".lp" if flags else ".mps"))
+        p.write(str(f), flags)
+        q = tv.problem()
+        q.read(str(f), flags)
+        got = sorted(str(v) for v in q.getVariable())
+        assert len(set(got)) == len(names)
+        assert {"a_b", "dup", "plain"} <= set(got)
+        assert ("3x" in got) == (flags == "")
+        rnames = sorted(str(c) for c in q.getConstraint())
+        assert len(set(rnames)) == 3 and "ok" in rnames and "r_1" in rnames
+        q.solve()
+        assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-9)

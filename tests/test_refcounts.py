@@ -116,3 +116,36 @@ def test_containers_release_bodies_and_lists():
     gc.collect()
     after = (rc(e), rc(indices), rc(weights))
     assert held == (base[0] + 2, base[1] + 1, base[2] + 1) and after == base
+
+
+def test_allocation_failure_in_term_maps_raises_and_leaves_consistent_objects(run_python):
+    # Address space capped just above what the process uses: growing a term map must fail with
+    # a Python exception (not abort the interpreter), keep the expression usable, and hold no
+    # reference to the variable whose insertion failed.
+    out = run_python("""
+        import resource, sys, gc
+        import tarvo
+
+        def vm_bytes():
+            with open("/proc/self/statm") as f:
+                return int(f.read().split()[0]) * resource.getpagesize()
+
+        vs = [tarvo.var() for _ in range(2_000_000)]
+        gc.collect()
+        resource.setrlimit(resource.RLIMIT_AS, (vm_bytes() + 32 * 2**20, resource.RLIM_INFINITY))
+        e = vs[0] + vs[1]
+        failed_at, message = None, None
+        try:
+            for k, v in enumerate(vs):
+                e += v
+        except (tarvo.ModelError, MemoryError) as exc:
+            failed_at, message = k, str(exc)
+        resource.setrlimit(resource.RLIMIT_AS, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        terms = len(e.extractLinear()[0])
+        del e, v
+        gc.collect()
+        print(message, failed_at is not None and terms == failed_at,
+              sys.getrefcount(vs[failed_at]) == sys.getrefcount(vs[failed_at + 1]))
+    """)
+    assert out.split()[-2:] == ["True", "True"], out
+    assert out.startswith("Could not add linear part"), out

@@ -1,5 +1,6 @@
 """Solving LP, MIP and convex QP models with known optima; objective handling and statuses."""
 import itertools
+import os
 
 import numpy as np
 import pytest
@@ -42,6 +43,39 @@ def test_diet_lp_solution_duals_slacks_reduced_costs():
     assert p.getRCost("z") == pytest.approx([3], abs=TOL)
 
 
+def test_lp_duals_slacks_reduced_costs_for_maximisation_and_ranges():
+    # max 3x + 2y, x <= 3: c1 and the bound on x are active; y is basic.
+    x, y = tv.var(name="x", ub=3), tv.var(name="y")
+    c1 = tv.constraint(body=x + y, ub=4, name="c1")
+    c2 = tv.constraint(body=x + 3 * y, ub=7, name="c2")
+    c3 = tv.constraint(body=x - y, lb=1, name="c3")
+    p = tv.problem(x, y, c1, c2, c3, 3 * x + 2 * y, sense=tv.maximize)
+    p.solve()
+    assert p.getObjVal() == pytest.approx(11, abs=TOL)
+    assert p.getSolution() == pytest.approx([3, 1], abs=TOL)
+    # y basic: 2 = dual(c1); one more unit of c1's rhs is worth 2.
+    assert p.getDual() == pytest.approx([2, 0, 0], abs=TOL)
+    # rhs - activity: c3's activity 2 exceeds its rhs 1.
+    assert p.getSlack() == pytest.approx([0, 1, -1], abs=TOL)
+    # x at its upper bound: 3 - dual(c1) = 1.
+    assert p.getRCost() == pytest.approx([1, 0], abs=TOL)
+
+    # min u + v with a ranged row active at its lower end and an equality row.
+    u, v = tv.var(name="u"), tv.var(name="v", lb=-1, ub=5)
+    r = tv.constraint(body=u + 2 * v, lb=3, ub=10, name="r")
+    e = tv.constraint(body=u - v, lb=-1, ub=-1, name="e")
+    q = tv.problem(u, v, r, e, u + v)
+    q.solve()
+    # u = v - 1 and u + 2v = 3: v = 4/3, u = 1/3.
+    assert q.getSolution() == pytest.approx([1 / 3, 4 / 3], abs=TOL)
+    assert q.getObjVal() == pytest.approx(5 / 3, abs=TOL)
+    # (1, 1) = d_r (1, 2) + d_e (1, -1): d_r = 2/3, d_e = 1/3.
+    assert q.getDual() == pytest.approx([2 / 3, 1 / 3], abs=TOL)
+    # A ranged row's rhs is its upper end.
+    assert q.getSlack() == pytest.approx([10 - 3, 0], abs=TOL)
+    assert q.getRCost() == pytest.approx([0, 0], abs=TOL)
+
+
 def test_knapsack_mip_matches_enumeration():
     values = [10, 13, 7, 8, 4, 9]
     weights = [5, 6, 3, 4, 2, 5]
@@ -65,6 +99,22 @@ def test_knapsack_mip_matches_enumeration():
         p.getRCost()
 
 
+def best_vertex(c, rows, rhs):
+    """max c.x over {x : rows x <= rhs} for a bounded polytope, by enumerating its vertices;
+    None when it is empty."""
+    a, b = np.array(rows, dtype=float), np.array(rhs, dtype=float)
+    best = None
+    for active in itertools.combinations(range(len(b)), len(c)):
+        sub = a[list(active)]
+        if abs(np.linalg.det(sub)) < 1e-12:
+            continue
+        x = np.linalg.solve(sub, b[list(active)])
+        if (a @ x <= b + 1e-9).all():
+            value = float(np.dot(c, x))
+            best = value if best is None else max(best, value)
+    return best
+
+
 def test_production_planning_with_semicontinuous_runs():
     # Each product is either not made or made in a run of at least 3 units (at most 6).
     profit = [5, 4, 3]
@@ -75,15 +125,20 @@ def test_production_planning_with_semicontinuous_runs():
     p = tv.problem(runs, machine, labour, sum(c * r for c, r in zip(profit, runs)), sense=tv.maximize)
     p.solve()
 
-    # Reference: every on/off pattern as a plain LP with bounds [3, 6] or fixed at 0.
+    # Reference, independent of the solver: every on/off pattern is an LP over a box ([3, 6] or
+    # fixed at 0) solved by visiting the vertices of its polytope.
     best = -1
     for pattern in itertools.product((0, 1), repeat=3):
-        ys = [tv.var(lb=3 * on, ub=6 * on) for on in pattern]
-        q = tv.problem(ys, sum(h * y for h, y in zip(hours, ys)) <= 14, sum(ys) <= 8,
-                       sum(c * y for c, y in zip(profit, ys)), sense=tv.maximize)
-        q.solve()
-        if q.getProbStatusString() == "lp_optimal":
-            best = max(best, q.getObjVal())
+        rows = [hours, [1, 1, 1]]
+        rhs = [14, 8]
+        for j, on in enumerate(pattern):
+            unit = [0, 0, 0]
+            unit[j] = 1
+            rows += [unit, [-u for u in unit]]
+            rhs += [6 * on, -3 * on]
+        value = best_vertex(profit, rows, rhs)
+        if value is not None:
+            best = max(best, value)
     assert best == pytest.approx(34, abs=TOL)  # a = 6, c = 2 is not allowed; a = 5, c = 3 gives 34
     assert p.getProbStatusString() == "mip_optimal"
     assert p.getObjVal() == pytest.approx(best, abs=TOL)
@@ -210,3 +265,13 @@ def test_output_reaches_stdout_only_when_enabled(run_python):
         """)
     before, after = out.split("MARK", 1)
     assert before.strip() == "" and after.strip() != ""
+
+
+def test_quickstart_example_solves_its_three_models(run_python):
+    path = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "examples", "quickstart.py")
+    out = run_python("import runpy; runpy.run_path(%r, run_name='__main__')" % path)
+    # Diet: protein 4b + 8m >= 30 and calcium b + 30m >= 60 both bind: b = 3.75, m = 1.875.
+    assert "LP diet -> lp_optimal cost 2.0625" in out
+    # Knapsack of the enumeration test above: value 25 (items 1, 3, 4 or items 0, 2, 3).
+    assert "MIP knapsack -> mip_optimal value 25.0 items" in out
+    assert "QP portfolio -> lp_optimal" in out

@@ -1,3 +1,4 @@
+import sys
 import numpy as np
 import pytest
 
@@ -206,3 +207,43 @@ def test_numpy_right_operands_work_elementwise():
     assert [str(e) for e in q] == ["0.5*%s" % x, "0.25*%s" % x]
     r = x * arr
     assert [type(e).__name__ for e in r] == ["quadterm", "quadterm"]
+
+
+def test_direct_call_and_initialiser_agree():
+    # tarvo.var(...) reads plain arguments straight from the call; __init__ parses the generic
+    # way. Both must build the same variable, and unusual arguments must behave alike.
+    name = "".join(["direct", "-call"])
+    cases = [dict(), dict(name=name, lb=-2.5, ub=3.5), dict(lb=1, ub=1, threshold=0.25, vartype=tarvo.integer),
+             dict(lb=-5, ub=7, vartype=tarvo.binary), dict(name=b"b", lb=np.float64(1.5), ub=np.int64(3)),
+             dict(ub=1e30, threshold=-1e20, vartype=np.int32(4))]
+    for kw in cases:
+        direct = tarvo.var(**kw)
+        generic = tarvo.var.__new__(tarvo.var)
+        generic.__init__(**kw)
+        positional = tarvo.var(kw.get("name", "p"), kw.get("lb", 0.0), kw.get("ub", 1e20),
+                               kw.get("threshold", -1e20), kw.get("vartype", 0))
+
+        def state(v):
+            return (v.lb, v.ub, v.threshold, v.vartype)
+
+        assert state(direct) == state(generic) == state(positional), kw
+        assert str(direct) == str(generic) if "name" in kw else str(direct) != str(generic)
+    before = sys.getrefcount(name)
+    made = [tarvo.var(name=name, lb=-1.5) for _ in range(100)]
+    assert sys.getrefcount(name) == before + 100
+    del made
+    assert sys.getrefcount(name) == before
+
+    class Sub(tarvo.var):
+        pass
+
+    s = Sub(name="s", lb=0.5, vartype=tarvo.binary)
+    assert type(s) is Sub and (s.lb, s.ub, str(s)) == (0.5, 1.0, "s")
+    for bad, exc in ((dict(lb="x"), TypeError), (dict(vartype=1.5), TypeError), (dict(lb=10**400), OverflowError),
+                     (dict(bad=1), TypeError), (dict(lb=2, ub=1), tarvo.ModelError)):
+        with pytest.raises(exc):
+            tarvo.var(**bad)
+    with pytest.raises(TypeError):
+        tarvo.var(None, 0, 1, -1e20, 0, 6)
+    with pytest.raises(TypeError):
+        tarvo.var("a", name="b")

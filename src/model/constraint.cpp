@@ -181,7 +181,7 @@ bool normalise_body(PyRef& body, double* r, int* op) {
 
 }  // namespace
 
-PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
+static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
     PyRef constant;
     if (is_number(a) && is_number(b)) {
         constant.reset(expr_new());
@@ -223,13 +223,17 @@ PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
     return c.release();
 }
 
+PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {
+    return alloc_guard(nullptr, [&] { return constraint_compare_body(a, b, op); });
+}
+
 // ---------------------------------------------------------------- Python type
 
 namespace {
 
 const char* const member_error = "Incorrect member name of type tarvo.constraint";
 
-int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
+static int constraint_init_body(PyObject* self, PyObject* args, PyObject* kwds) {
     static const char* kwlist[] = {"constraint", "body", "lb", "ub", "sense", "rhs", "name", nullptr};
     ConstraintObject* c = as_con(self);
     con_release(c);  // a repeated __init__ starts from a clean record
@@ -298,6 +302,10 @@ int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
     return 0;
 }
 
+int constraint_init(PyObject* self, PyObject* args, PyObject* kwds) {
+    return alloc_guard_status(nullptr, [&] { return constraint_init_body(self, args, kwds); });
+}
+
 void constraint_dealloc(PyObject* self) {
     con_release(as_con(self));
     Py_TYPE(self)->tp_free(self);
@@ -313,7 +321,7 @@ PyObject* constraint_str(PyObject* self) {
 }
 
 // A copy of a body that shares nothing mutable with it.
-PyObject* copy_body(PyObject* body) {
+static PyObject* copy_body(PyObject* body) {
     if (!body) return nullptr;
     if (is_var(body) || is_number(body)) return new_ref(body);
     if (is_linterm(body)) return lin_scaled(body, 1.0);
@@ -325,7 +333,7 @@ PyObject* copy_body(PyObject* body) {
     return nl_scaled_copy(body, 1.0);
 }
 
-PyObject* constraint_copy(PyObject* self, PyObject*) {
+static PyObject* constraint_copy_body(PyObject* self, PyObject*) {
     ConstraintObject* src = as_con(self);
     PyRef c(con_new());
     if (!c) return nullptr;
@@ -342,6 +350,10 @@ PyObject* constraint_copy(PyObject* self, PyObject*) {
     if (!name) return nullptr;
     con_set_name(&dst->word, name.get());
     return c.release();
+}
+
+PyObject* constraint_copy(PyObject* self, PyObject* a1) {
+    return alloc_guard(nullptr, [&] { return constraint_copy_body(self, a1); });
 }
 
 bool is_dunder(const char* s) {
@@ -380,7 +392,7 @@ PyObject* constraint_getattro(PyObject* self, PyObject* attr) {
     return r;
 }
 
-int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+static int constraint_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
     const char* s = PyUnicode_AsUTF8(attr);
     if (!s) return -1;
     bool is_lb = std::strcmp(s, "lb") == 0, is_ub = std::strcmp(s, "ub") == 0, is_name = std::strcmp(s, "name") == 0;
@@ -402,6 +414,10 @@ int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     if (is_lb) con_set_lb(word, x);
     else con_set_ub(word, x);
     return 0;
+}
+
+int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+    return alloc_guard_status(nullptr, [&] { return constraint_setattro_body(self, attr, value); });
 }
 
 PyMethodDef constraint_methods[] = {

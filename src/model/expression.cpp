@@ -20,15 +20,28 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
     if (var_serial(y) < var_serial(x)) std::swap(x, y);
     if (!ex->quadratic) ex->quadratic = new QuadraticMap();
     if (!ex->quadratic_vars) ex->quadratic_vars = new SerialSet();
-    ex->quadratic_vars->insert(var_serial(x));
-    ex->quadratic_vars->insert(var_serial(y));
+    // Sums over fresh variables append past the largest key: insert with an end hint then, so
+    // that building a large quadratic part costs no tree search per term.
+    // (A wrong hint only costs the ordinary search.)
+    ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
+    if (var_serial(y) != var_serial(x)) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
     QuadraticMap& q = *ex->quadratic;
-    auto it = q.lower_bound(x);
+    bool past_end = q.empty() || var_serial(q.rbegin()->first) < var_serial(x);
+    auto it = past_end ? q.end() : q.lower_bound(x);
     if (it == q.end() || var_serial(it->first) != var_serial(x)) {
-        Py_INCREF(x);
         it = q.emplace_hint(it, x, LinearMap());
+        Py_INCREF(x);
     }
-    lin_add(it->second, y, c);
+    try {
+        lin_add(it->second, y, c);
+    } catch (...) {
+        if (it->second.empty()) {  // keep inner maps non-empty
+            PyObject* key = it->first;
+            q.erase(it);
+            Py_DECREF(key);
+        }
+        throw;
+    }
     if (it->second.empty()) {
         PyObject* key = it->first;
         q.erase(it);
@@ -46,8 +59,8 @@ void scale_linear_into(const LinearMap& src, double f, LinearMap& dst) {
     for (auto& entry : src) {
         double c = entry.second * f;
         if (c == 0.0) continue;
-        Py_INCREF(entry.first);
         dst.emplace_hint(dst.end(), entry.first, c);
+        Py_INCREF(entry.first);
     }
 }
 
@@ -90,8 +103,9 @@ bool add_polynomial(PyObject* e, PyObject* b, double s) {
 
 PyObject* expr_new() { return ExpressionType.tp_alloc(&ExpressionType, 0); }
 
-PyObject* expr_copy_scaled(PyObject* obj, double f) {
-    if (is_nonlinear(obj) && f != 0.0) return nl_scaled_copy(obj, f);
+namespace {
+
+PyObject* copy_scaled(PyObject* obj, double f) {
     PyRef e(expr_new());
     if (!e || f == 0.0) return e.release();
     ExpressionObject* x = as_expr(e.get());
@@ -104,10 +118,15 @@ PyObject* expr_copy_scaled(PyObject* obj, double f) {
                 x->quadratic = new QuadraticMap();
                 for (auto& outer : *src->quadratic) {
                     LinearMap inner;
-                    scale_linear_into(outer.second, f, inner);
-                    if (inner.empty()) continue;
+                    try {
+                        scale_linear_into(outer.second, f, inner);
+                        if (inner.empty()) continue;
+                        x->quadratic->emplace_hint(x->quadratic->end(), outer.first, std::move(inner));
+                    } catch (...) {
+                        lin_clear(inner);
+                        throw;
+                    }
                     Py_INCREF(outer.first);
-                    x->quadratic->emplace_hint(x->quadratic->end(), outer.first, std::move(inner));
                 }
             }
         } else {
@@ -125,14 +144,28 @@ PyObject* expr_copy_scaled(PyObject* obj, double f) {
     return e.release();
 }
 
+}  // namespace
+
+PyObject* expr_copy_scaled(PyObject* obj, double f) {
+    if (is_nonlinear(obj) && f != 0.0) return nl_scaled_copy(obj, f);
+    const char* message = is_quadterm(obj)                  ? "Cannot copy quadratic term into expression"
+                          : (is_var(obj) || is_linterm(obj)) ? "Cannot copy linear term into expression"
+                                                             : "Cannot copy expression";
+    return alloc_guard(message, [&] { return copy_scaled(obj, f); });
+}
+
 int expr_add_linear(PyObject* e, PyObject* v, double c) {
-    lin_add(linear_part(e), v, c);
-    return 0;
+    return alloc_guard_status("Error amending linear expression", [&] {
+        lin_add(linear_part(e), v, c);
+        return 0;
+    });
 }
 
 int expr_add_quadratic(PyObject* e, PyObject* x, PyObject* y, double c) {
-    quad_add(e, x, y, c);
-    return 0;
+    return alloc_guard_status("Error setting quadratic expression", [&] {
+        quad_add(e, x, y, c);
+        return 0;
+    });
 }
 
 PyObject* expr_scale_in_place(PyObject* e, double f) {
@@ -174,11 +207,15 @@ PyObject* expr_add_in_place(PyObject* e, PyObject* b, double s) {
     if (!e) return expr_copy_scaled(b, s);
     if (is_ndarray(b)) return array_sum(e, b, s);
     if (is_nonlinear(b)) return nl_sum(e, b, s);
-    if (!add_polynomial(e, b, s)) {
-        if (operand_kind(b) >= 0) PyErr_SetString(ModelError, "Invalid object in operation");
-        return nullptr;
-    }
-    return new_ref(e);
+    const char* message = is_quadterm(b) || (is_expression(b) && as_expr(b)->quadratic) ? "Could not add quadratic part"
+                                                                                       : "Could not add linear part";
+    return alloc_guard(message, [&]() -> PyObject* {
+        if (!add_polynomial(e, b, s)) {
+            if (operand_kind(b) >= 0) PyErr_SetString(ModelError, "Invalid object in operation");
+            return nullptr;
+        }
+        return new_ref(e);
+    });
 }
 
 // ---------------------------------------------------------------- binary operations
@@ -192,8 +229,10 @@ PyObject* expression_sum(PyObject* a, PyObject* b, double s) {
     bool copy_a = is_expression(a) || !is_expression(b);
     PyRef r(copy_a ? expr_copy_scaled(a, 1.0) : expr_copy_scaled(b, s));
     if (!r) return nullptr;
-    if (!add_polynomial(r.get(), copy_a ? b : a, copy_a ? s : 1.0)) return model_error("Error adding expressions");
-    return r.release();
+    return alloc_guard("Error adding expressions", [&]() -> PyObject* {
+        if (!add_polynomial(r.get(), copy_a ? b : a, copy_a ? s : 1.0)) return model_error("Error adding expressions");
+        return r.release();
+    });
 }
 
 namespace {
@@ -243,6 +282,10 @@ PyObject* linear_times_linear(PyObject* a, PyObject* b) {
     return r.release();
 }
 
+PyObject* times_term(PyObject* e, PyObject* v, double c) {
+    return alloc_guard("Cannot create linear term for expression", [&] { return linear_times_term(e, v, c); });
+}
+
 }  // namespace
 
 PyObject* expression_product(PyObject* a, PyObject* b) {
@@ -255,9 +298,9 @@ PyObject* expression_product(PyObject* a, PyObject* b) {
     PyObject* v;
     double c;
     if (is_expression(a) && linear_view(b, &v, &c))
-        return as_expr(a)->quadratic ? nl_multiply(a, b) : linear_times_term(a, v, c);
+        return as_expr(a)->quadratic ? nl_multiply(a, b) : times_term(a, v, c);
     if (is_expression(b) && linear_view(a, &v, &c))
-        return as_expr(b)->quadratic ? nl_multiply(a, b) : linear_times_term(b, v, c);
+        return as_expr(b)->quadratic ? nl_multiply(a, b) : times_term(b, v, c);
     if (is_expression(a) && is_expression(b)) {
         size_t qa = as_expr(a)->quadratic ? quad_count(*as_expr(a)->quadratic) : 0;
         size_t qb = as_expr(b)->quadratic ? quad_count(*as_expr(b)->quadratic) : 0;
@@ -265,7 +308,7 @@ PyObject* expression_product(PyObject* a, PyObject* b) {
         if ((qa > 0 && nb > 0) || (qb > 0 && na > 0)) return nl_multiply(a, b);
         if (qa > 0) return expr_copy_scaled(a, as_expr(b)->constant);
         if (qb > 0) return expr_copy_scaled(b, as_expr(a)->constant);
-        return linear_times_linear(a, b);
+        return alloc_guard("Cannot create quadratic term in expression", [&] { return linear_times_linear(a, b); });
     }
     if ((is_expression(a) && is_quadterm(b)) || (is_quadterm(a) && is_expression(b))) return nl_multiply(a, b);
     return model_error("Invalid object in operation");
@@ -330,7 +373,7 @@ void append_term(std::string& out, bool& started, double c, const std::string& t
     started = true;
 }
 
-PyObject* expression_str(PyObject* self) {
+PyObject* expression_text(PyObject* self) {
     ExpressionObject* x = as_expr(self);
     std::string out, name1, name2;
     bool started = false;
@@ -356,6 +399,10 @@ PyObject* expression_str(PyObject* self) {
             }
         }
     return PyUnicode_DecodeUTF8(out.data(), static_cast<Py_ssize_t>(out.size()), "replace");
+}
+
+PyObject* expression_str(PyObject* self) {
+    return alloc_guard(nullptr, [&] { return expression_text(self); });
 }
 
 PyObject* expression_extract_linear(PyObject* self, PyObject*) {

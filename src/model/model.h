@@ -5,7 +5,9 @@
 #include "module/types.h"
 
 #include <map>
+#include <new>
 #include <set>
+#include <stdexcept>
 
 namespace tarvo {
 
@@ -151,5 +153,38 @@ uint64_t next_sos_serial();
 // Common result check of methods: a null result without an exception set becomes an
 // InterfaceError; otherwise the result passes unchanged.
 PyObject* check_result(PyObject* result);
+
+// ---------------------------------------------------------------- allocation failures
+// Runs f (returning a new reference or null) and turns a failed C++ allocation inside it into a
+// Python exception, so that no C++ exception reaches the interpreter: ModelError with message,
+// or MemoryError when message is null. Owned references held by RAII holders in f are released
+// during the unwinding.
+template <class F>
+PyObject* alloc_guard(const char* message, F&& f) noexcept {
+    try {
+        return f();
+    } catch (const std::bad_alloc&) {
+        if (message) PyErr_SetString(ModelError, message);
+        else PyErr_NoMemory();
+        return nullptr;
+    } catch (const std::length_error&) {
+        if (message) PyErr_SetString(ModelError, message);
+        else PyErr_NoMemory();
+        return nullptr;
+    }
+}
+
+// The same for functions returning 0 on success and -1 with an exception set.
+template <class F>
+int alloc_guard_status(const char* message, F&& f) noexcept {
+    try {
+        return f();
+    } catch (const std::bad_alloc&) {
+    } catch (const std::length_error&) {
+    }
+    if (message) PyErr_SetString(ModelError, message);
+    else PyErr_NoMemory();
+    return -1;
+}
 
 }  // namespace tarvo

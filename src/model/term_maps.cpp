@@ -1,5 +1,6 @@
 // Term maps: variable -> coefficient, ordered by serial, owning one reference to every key
-// and never holding an exact zero. Insertion past the largest key uses an end hint, so that
+// and never holding an exact zero. A reference is taken only once its entry exists, so that a
+// failed allocation (std::bad_alloc, turned into a Python exception by the callers) leaks none. Insertion past the largest key uses an end hint, so that
 // building an expression from fresh variables costs constant time per term.
 #include "model/algebra.h"
 
@@ -8,8 +9,8 @@ namespace tarvo {
 void lin_add(LinearMap& m, PyObject* v, double c) {
     if (c == 0.0) return;
     if (m.empty() || var_serial(m.rbegin()->first) < var_serial(v)) {
-        Py_INCREF(v);
         m.emplace_hint(m.end(), v, c);
+        Py_INCREF(v);
         return;
     }
     auto it = m.lower_bound(v);
@@ -22,8 +23,8 @@ void lin_add(LinearMap& m, PyObject* v, double c) {
         }
         return;
     }
-    Py_INCREF(v);
     m.emplace_hint(it, v, c);
+    Py_INCREF(v);
 }
 
 void lin_set(LinearMap& m, PyObject* v, double c) {
@@ -39,8 +40,8 @@ void lin_set(LinearMap& m, PyObject* v, double c) {
         return;
     }
     if (c == 0.0) return;
-    Py_INCREF(v);
     m.emplace_hint(it, v, c);
+    Py_INCREF(v);
 }
 
 void lin_erase(LinearMap& m, PyObject* v) {

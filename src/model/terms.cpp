@@ -116,8 +116,8 @@ PyObject* quadterm_sum(PyObject* a, PyObject* b, double s) {
     if (is_nonlinear(a) || is_nonlinear(b)) return nl_sum(a, b, s);
     if (is_ndarray(b)) return array_sum(a, b, s);
     const char* invalid = "Invalid operands in sum with quadratic term";
-    double qa, qb;
-    PyObject *xa, *ya, *xb, *yb;
+    double qa = 0.0, qb = 0.0;
+    PyObject *xa = nullptr, *ya = nullptr, *xb = nullptr, *yb = nullptr;
     bool a_quad = quad_view(a, &qa, &xa, &ya), b_quad = quad_view(b, &qb, &xb, &yb);
     if (a_quad && b_quad) {
         if (var_serial(xa) == var_serial(xb) && var_serial(ya) == var_serial(yb)) return quad(qa + s * qb, xa, ya);
@@ -204,8 +204,8 @@ PyObject* quadterm_divide(PyObject* a, PyObject* b) {
     if (is_expression(a)) return expression_divide(a, b);
     if (is_expression(b) && !is_constant_expression(b)) return nl_divide(a, b);
     if (is_nonlinear(a) || is_nonlinear(b)) return nl_divide(a, b);
-    double qa, qb, c;
-    PyObject *xa, *ya, *xb, *yb, *v;
+    double qa = 0.0, qb = 0.0, c = 0.0;
+    PyObject *xa = nullptr, *ya = nullptr, *xb = nullptr, *yb = nullptr, *v = nullptr;
     bool a_quad = quad_view(a, &qa, &xa, &ya), b_quad = quad_view(b, &qb, &xb, &yb);
     if (a_quad && !b_quad) {
         if (constant_value(b, &c)) {

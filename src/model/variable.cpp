@@ -258,14 +258,8 @@ PyObject* var_negative(PyObject* v) { return lin(-1.0, v); }
 
 // ---------------------------------------------------------------- Python type
 
-int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
-    static const char* kwlist[] = {"name", "lb", "ub", "threshold", "vartype", nullptr};
-    PyObject* name = nullptr;
-    double lb = 0.0, ub = INF, threshold = -INF;
-    long vartype = 0;
-    if (!PyArg_ParseTupleAndKeywords(args, kwds, "|Odddl", const_cast<char**>(kwlist), &name, &lb, &ub,
-                                     &threshold, &vartype))
-        return -1;
+// Steps of construction after the arguments are read (shared by both ways of calling var).
+int var_setup(PyObject* self, PyObject* name, double lb, double ub, double threshold, long vartype) {
     VarObject* v = as_var(self);
     // A second __init__ call starts from a clean record with a new serial.
     var_release_entries(v->word);
@@ -291,6 +285,96 @@ int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
         var_set_name(&v->word, name);
     }
     return 0;
+}
+
+const char* const var_kwlist[] = {"name", "lb", "ub", "threshold", "vartype", nullptr};
+
+static int var_init_body(PyObject* self, PyObject* args, PyObject* kwds) {
+    PyObject* name = nullptr;
+    double lb = 0.0, ub = INF, threshold = -INF;
+    long vartype = 0;
+    if (!PyArg_ParseTupleAndKeywords(args, kwds, "|Odddl", const_cast<char**>(var_kwlist), &name, &lb, &ub,
+                                     &threshold, &vartype))
+        return -1;
+    return var_setup(self, name, lb, ub, threshold, vartype);
+}
+
+int var_init(PyObject* self, PyObject* args, PyObject* kwds) {
+    return alloc_guard_status(nullptr, [&] { return var_init_body(self, args, kwds); });
+}
+
+// The generic construction: allocation, then the initialiser with a tuple and a dict.
+PyObject* var_call_generic(PyTypeObject* type, PyObject* const* args, Py_ssize_t nargs, PyObject* kwnames) {
+    PyRef tuple(PyTuple_New(nargs));
+    if (!tuple) return nullptr;
+    for (Py_ssize_t i = 0; i < nargs; ++i) PyTuple_SET_ITEM(tuple.get(), i, new_ref(args[i]));
+    PyRef kwargs;
+    if (kwnames && PyTuple_GET_SIZE(kwnames) > 0) {
+        kwargs.reset(PyDict_New());
+        if (!kwargs) return nullptr;
+        for (Py_ssize_t j = 0; j < PyTuple_GET_SIZE(kwnames); ++j)
+            if (PyDict_SetItem(kwargs.get(), PyTuple_GET_ITEM(kwnames, j), args[nargs + j]) < 0) return nullptr;
+    }
+    PyRef obj(type->tp_new(type, tuple.get(), kwargs.get()));
+    if (!obj || !PyObject_TypeCheck(obj.get(), type)) return obj.release();
+    if (Py_TYPE(obj.get())->tp_init(obj.get(), tuple.get(), kwargs.get()) < 0) return nullptr;
+    return obj.release();
+}
+
+bool read_double(PyObject* o, double* out) {
+    if (PyFloat_CheckExact(o)) {
+        *out = PyFloat_AS_DOUBLE(o);
+        return true;
+    }
+    if (!PyLong_CheckExact(o)) return false;
+    *out = PyLong_AsDouble(o);
+    if (*out == -1.0 && PyErr_Occurred()) {
+        PyErr_Clear();  // the generic path reports it
+        return false;
+    }
+    return true;
+}
+
+// Calling tarvo.var(...) itself: plain floats, ints and names are read straight from the
+// argument vector, without the tuple and keyword dict of the generic call (which cost more than
+// the variable). Anything unusual (other argument types, unknown or repeated keywords,
+// subclasses) takes the generic path, so that behaviour and messages are the same.
+PyObject* var_vectorcall(PyObject* type, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
+    Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    PyTypeObject* t = reinterpret_cast<PyTypeObject*>(type);
+    PyObject* given[5] = {nullptr, nullptr, nullptr, nullptr, nullptr};
+    bool fast = t == &VarType && nargs <= 5;
+    for (Py_ssize_t i = 0; fast && i < nargs; ++i) given[i] = args[i];
+    Py_ssize_t nkw = kwnames ? PyTuple_GET_SIZE(kwnames) : 0;
+    for (Py_ssize_t j = 0; fast && j < nkw; ++j) {
+        PyObject* key = PyTuple_GET_ITEM(kwnames, j);
+        int slot = -1;
+        for (int k = 0; k < 5; ++k)
+            if (PyUnicode_CompareWithASCIIString(key, var_kwlist[k]) == 0) slot = k;
+        if (slot < 0 || given[slot]) fast = false;
+        else given[slot] = args[nargs + j];
+    }
+    double lb = 0.0, ub = INF, threshold = -INF;
+    long vartype = 0;
+    if (fast && given[1]) fast = read_double(given[1], &lb);
+    if (fast && given[2]) fast = read_double(given[2], &ub);
+    if (fast && given[3]) fast = read_double(given[3], &threshold);
+    if (fast && given[4]) {
+        fast = PyLong_CheckExact(given[4]);
+        if (fast) {
+            vartype = PyLong_AsLong(given[4]);
+            if (vartype == -1 && PyErr_Occurred()) {
+                PyErr_Clear();
+                fast = false;
+            }
+        }
+    }
+    if (!fast) return var_call_generic(t, args, nargs, kwnames);
+    PyRef obj(t->tp_alloc(t, 0));
+    if (!obj) return nullptr;
+    if (alloc_guard_status(nullptr, [&] { return var_setup(obj.get(), given[0], lb, ub, threshold, vartype); }) < 0)
+        return nullptr;
+    return obj.release();
 }
 
 void var_dealloc(PyObject* self) {
@@ -338,7 +422,7 @@ PyObject* var_getattro(PyObject* self, PyObject* attr) {
     return PyObject_GenericGetAttr(self, attr);
 }
 
-int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+static int var_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
     const char* s = PyUnicode_AsUTF8(attr);
     if (!s) return -1;
     uint64_t* word = &as_var(self)->word;
@@ -368,6 +452,10 @@ int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
     else if (s[0] == 'u') var_set_ub(word, x);
     else var_set_threshold(word, x);
     return 0;
+}
+
+int var_setattro(PyObject* self, PyObject* attr, PyObject* value) {
+    return alloc_guard_status(nullptr, [&] { return var_setattro_body(self, attr, value); });
 }
 
 PyObject* var_extract_linear(PyObject* self, PyObject*) {
@@ -418,6 +506,7 @@ PyTypeObject VarType = [] {
     t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
     t.tp_doc = "Decision variable: var(name, lb, ub, threshold, vartype).";
     t.tp_init = var_init;
+    t.tp_vectorcall = var_vectorcall;
     t.tp_dealloc = var_dealloc;
     t.tp_str = var_str;
     t.tp_repr = var_str;

@@ -13,10 +13,11 @@ bool is_polynomial(PyObject* o) {
     return k >= K_NUMBER && k != K_NONLINEAR;
 }
 
-// Python object for an array element: objects as they are, numbers as floats.
+// Python object for an array element: objects as they are, real numbers (any integer, floating
+// or boolean element type) as floats. Complex, text and date elements have no place in a model.
 int array_elements(PyArrayObject* arr, const std::function<int(PyObject*)>& fn) {
     bool objects = array_holds_objects(arr);
-    if (!objects && !PyArray_ISNUMBER(arr) && !PyArray_ISBOOL(arr))
+    if (!objects && !PyArray_ISINTEGER(arr) && !PyArray_ISFLOAT(arr) && !PyArray_ISBOOL(arr))
         return model_error("Incorrect objects used in Sum, Dot, Prod, or aggregate functions"), -1;
     PyRef it(PyArray_IterNew(reinterpret_cast<PyObject*>(arr)));
     if (!it) return -1;
@@ -122,7 +123,7 @@ int sum_combine(PyRef& result, PyObject* el) {
     return result ? 0 : -1;
 }
 
-PyObject* fn_sum(PyObject*, PyObject* args) {
+static PyObject* fn_sum_body(PyObject*, PyObject* args) {
     PyRef result;
     if (aggregate_walk(args, [&](PyObject* el) { return sum_combine(result, el); }) < 0) return nullptr;
     if (!result) return expr_new();
@@ -135,7 +136,11 @@ PyObject* fn_sum(PyObject*, PyObject* args) {
     return result.release();
 }
 
-PyObject* fn_prod(PyObject*, PyObject* args) {
+PyObject* fn_sum(PyObject* a0, PyObject* args) {
+    return alloc_guard(nullptr, [&] { return fn_sum_body(a0, args); });
+}
+
+static PyObject* fn_prod_body(PyObject*, PyObject* args) {
     PyRef result;
     auto combine = [&](PyObject* el) -> int {
         if (!is_ndarray(el) && operand_kind_quiet(el) < 0)
@@ -154,6 +159,10 @@ PyObject* fn_prod(PyObject*, PyObject* args) {
     if (aggregate_walk(args, combine) < 0) return nullptr;
     if (!result) return PyFloat_FromDouble(0.0);
     return result.release();
+}
+
+PyObject* fn_prod(PyObject* a0, PyObject* args) {
+    return alloc_guard(nullptr, [&] { return fn_prod_body(a0, args); });
 }
 
 // ---------------------------------------------------------------- Dot
@@ -275,7 +284,7 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
 
 }  // namespace
 
-PyObject* fn_dot(PyObject*, PyObject* args, PyObject* kwargs) {
+static PyObject* fn_dot_body(PyObject*, PyObject* args, PyObject* kwargs) {
     PyObject* out = Py_None;
     if (kwargs) {
         static const char* kwlist[] = {"out", nullptr};
@@ -310,6 +319,10 @@ PyObject* fn_dot(PyObject*, PyObject* args, PyObject* kwargs) {
     if (PyArray_CopyInto(o, reinterpret_cast<PyArrayObject*>(src.get())) < 0) return nullptr;
     Py_INCREF(out);
     return out;
+}
+
+PyObject* fn_dot(PyObject* a0, PyObject* args, PyObject* kwargs) {
+    return alloc_guard(nullptr, [&] { return fn_dot_body(a0, args, kwargs); });
 }
 
 }  // namespace tarvo

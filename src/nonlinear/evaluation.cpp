@@ -355,7 +355,7 @@ PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
     return PyFloat_FromDouble(v);
 }
 
-PyObject* fn_evaluate(PyObject*, PyObject* args, PyObject* kwargs) {
+static PyObject* fn_evaluate_body(PyObject*, PyObject* args, PyObject* kwargs) {
     PyObject* problem = Py_None;
     PyObject* solution = Py_None;
     static const char* kwlist[] = {"problem", "solution", nullptr};
@@ -403,6 +403,10 @@ PyObject* fn_evaluate(PyObject*, PyObject* args, PyObject* kwargs) {
         PyTuple_SET_ITEM(res.get(), i, ev);
     }
     return res.release();
+}
+
+PyObject* fn_evaluate(PyObject* a0, PyObject* args, PyObject* kwargs) {
+    return alloc_guard(nullptr, [&] { return fn_evaluate_body(a0, args, kwargs); });
 }
 
 }  // namespace tarvo

@@ -326,6 +326,12 @@ struct Emitter {
                     coef->factor *= number_value(e);
                 } else if (coef->col < 0 && is_var(e) && p->colmap->count(var_serial(e))) {
                     coef->col = p->colmap->at(var_serial(e));
+                } else if (coef->col < 0 && is_linterm(e) &&
+                           p->colmap->count(var_serial(reinterpret_cast<LinTermObject*>(e)->var))) {
+                    // c*x inside a product is the number c times the variable x.
+                    LinTermObject* t = reinterpret_cast<LinTermObject*>(e);
+                    coef->factor *= t->coef;
+                    coef->col = p->colmap->at(var_serial(t->var));
                 } else {
                     rest.push_back(e);
                 }
@@ -596,7 +602,80 @@ int nl_objective_install(ProblemObject* p, NlItems& items) {
     return formula_load(p, items);
 }
 
+int nl_objective_detach(ProblemObject* p, DetachedObjective& saved) {
+    saved = DetachedObjective();
+    if (!p->nl_objective || !p->slp || !nonlinear_running()) return 0;
+    if (!SLP_NEED(TSLPgetcoefs) || !SLP_NEED(TSLPgetcoefformula)) return -1;
+    if (nl_objective_prepare(p) < 0) return -1;
+    int n = 0;
+    if (TSLPgetcoefs(p->slp, &n, nullptr, nullptr) != 0) return slp_error(p), -1;
+    std::vector<int> r(n > 0 ? n : 1), c(n > 0 ? n : 1);
+    if (n > 0 && TSLPgetcoefs(p->slp, &n, r.data(), c.data()) != 0) return slp_error(p), -1;
+    NlItems& it = saved.items;
+    int ncols = static_cast<int>(PyList_GET_SIZE(p->vars));
+    auto serial_of = [&](int col) -> uint64_t {
+        return col >= 0 && col < ncols ? var_serial(PyList_GET_ITEM(p->vars, col)) : 0;
+    };
+    for (int k = 0; k < n; ++k) {
+        if (r[k] != p->obj_row) continue;
+        double factor = 0;
+        int ntok = 0;
+        if (TSLPgetcoefformula(p->slp, r[k], c[k], &factor, 1, 0, &ntok, nullptr, nullptr) != 0)
+            return slp_error(p), -1;
+        size_t at = it.types.size();
+        it.types.resize(at + ntok);
+        it.values.resize(at + ntok);
+        if (TSLPgetcoefformula(p->slp, r[k], c[k], &factor, 1, ntok, &ntok, &it.types[at], &it.values[at]) != 0)
+            return slp_error(p), -1;
+        it.rows.push_back(r[k]);
+        it.cols.push_back(c[k]);
+        it.factors.push_back(factor);
+        it.starts.push_back(static_cast<int>(it.types.size()));
+    }
+    // Remember which variable every column stands for, to renumber after deletions.
+    saved.col_serials.push_back(serial_of(-1));
+    for (int col : it.cols) saved.col_serials.push_back(serial_of(col));
+    for (size_t t = 0; t < it.types.size(); ++t)
+        if (it.types[t] == TOK_COL) saved.col_serials.push_back(serial_of(static_cast<int>(it.values[t])));
+    if (nl_objective_remove(p) < 0) return -1;
+    saved.active = true;
+    return 0;
+}
+
+int nl_objective_reattach(ProblemObject* p, DetachedObjective& saved) {
+    if (!saved.active) return 0;
+    saved.active = false;
+    NlItems& it = saved.items;
+    size_t k = 1;
+    bool lost = false;
+    auto renumber = [&](int col) -> int {
+        uint64_t serial = saved.col_serials[k++];
+        if (col < 0) return col;
+        auto found = p->colmap->find(serial);
+        if (found == p->colmap->end()) {
+            lost = true;
+            return col;
+        }
+        return found->second;
+    };
+    for (int& col : it.cols) col = renumber(col);
+    for (size_t t = 0; t < it.types.size(); ++t)
+        if (it.types[t] == TOK_COL) it.values[t] = renumber(static_cast<int>(it.values[t]));
+    if (lost) {
+        // The whole objective goes (its linear and quadratic parts too), keeping the sense.
+        double sense = 1;
+        PyRef zero(PyLong_FromLong(0));
+        if (zero && TRVOgetdblattrib(p->prob, TRVO_OBJSENSE, &sense) == 0)
+            set_objective(p, zero.get(), sense < 0 ? -1 : 1);
+        if (!PyErr_Occurred())
+            PyErr_SetString(ModelError, "A deleted variable was used in the nonlinear objective; the objective was removed");
+        return -1;
+    }
+    return nl_objective_install(p, it);
+}
+
 int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src) {
+    nlp_copy_job_objects(dst, src);
     if (!src->userfuncs || !dst->slp || !TSLPgetuserfuncobject || !TSLPsetuserfuncobject) return 0;
     dst->userfuncs = PyDict_Copy(src->userfuncs);
     if (!dst->userfuncs) return -1;

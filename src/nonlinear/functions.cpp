@@ -187,7 +187,7 @@ struct Segment {
     double a, b, fa, fb;
 };
 
-PyObject* fn_pwl(PyObject*, PyObject* arg) {
+static PyObject* fn_pwl_body(PyObject*, PyObject* arg) {
     if (!PyDict_Check(arg))
         return model_error(
             "Function tarvo.pwl only accepts a dictionary; a call must be for example "
@@ -299,6 +299,10 @@ PyObject* fn_pwl(PyObject*, PyObject* arg) {
         if ((last || is_break(i)) && !push(segs[i].b, segs[i].fb)) return nullptr;
     }
     return nl_make(true, NL_PWL, list.get());
+}
+
+PyObject* fn_pwl(PyObject* a0, PyObject* arg) {
+    return alloc_guard(nullptr, [&] { return fn_pwl_body(a0, arg); });
 }
 
 #define UNARY_DOC(what) "Returns the " what " of a given expression.\n\nA number gives a float; a NumPy array gives the function applied to each element."

@@ -75,7 +75,7 @@ PyObject* make_var(const Options& o, const std::string* name) {
 
 }  // namespace
 
-PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
+static PyObject* fn_vars_body(PyObject*, PyObject* args, PyObject* kwargs) {
     Options o;
     static const char* kwlist[] = {"name", "lb", "ub", "threshold", "vartype", nullptr};
     PyRef empty(PyTuple_New(0));
@@ -227,6 +227,10 @@ PyObject* fn_vars(PyObject*, PyObject* args, PyObject* kwargs) {
         }
     }
     return result.release();
+}
+
+PyObject* fn_vars(PyObject* a0, PyObject* args, PyObject* kwargs) {
+    return alloc_guard(nullptr, [&] { return fn_vars_body(a0, args, kwargs); });
 }
 
 }  // namespace tarvo

@@ -6,10 +6,12 @@
 #include "nonlinear/formula.h"
 #include "model/model.h"
 #include "nonlinear/slp_ops.h"
+#include "problem/nonlinear_bridge.h"
 
 #include <cstdarg>
 #include <cstring>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -111,6 +113,31 @@ int fill_list(ProblemObject* p, PyObject* target, const std::vector<double>& v) 
     return conv_arr2obj(p, static_cast<int64_t>(v.size()), v.data(), target, CONV_DOUBLE);
 }
 
+// Fills a caller's list in place with the objects at the given indices of `objects` (the
+// problem's constraints or variables); indices without an object (the objective transfer
+// row and column, the constant column -1) are given as integers.
+int fill_objects(PyObject* target, PyObject* objects, const int* idx, int n) {
+    if (!target || target == Py_None) return 0;
+    if (!PyList_Check(target)) {
+        PyErr_SetString(InterfaceError, "Incorrect argument to getcoefformula or excessive buffersize");
+        return -1;
+    }
+    PyRef items(PyList_New(n));
+    if (!items) return -1;
+    for (int i = 0; i < n; ++i) {
+        PyObject* o;
+        if (objects && PyList_Check(objects) && idx[i] >= 0 && idx[i] < PyList_GET_SIZE(objects)) {
+            o = PyList_GET_ITEM(objects, idx[i]);
+            Py_INCREF(o);
+        } else {
+            o = PyLong_FromLong(idx[i]);
+            if (!o) return -1;
+        }
+        PyList_SET_ITEM(items.get(), i, o);
+    }
+    return PyList_SetSlice(target, 0, PyList_GET_SIZE(target), items.get());
+}
+
 #define P as_prob(self)
 #define KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
 
@@ -159,6 +186,7 @@ PyObject* m_globalsol(PyObject* self, PyObject*) {
     TSLPprob s = slp_of(P);
     if (!s || !SLP_NEED(TSLPglobal)) return nullptr;
     int rc;
+    note_solver_run(P, true);
     Py_BEGIN_ALLOW_THREADS
     rc = TSLPglobal(s);
     Py_END_ALLOW_THREADS
@@ -172,7 +200,7 @@ PyObject* m_validatevector(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* vec = nullptr;
     if (!parse(args, kw, "O", kwl, "Wrong arguments in validatevector", &vec)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPvalidatevector)) return nullptr;
+    if (!s) return nullptr;
     int ncols = 0;
     if (prob_int_attrib(P, 1018, &ncols) < 0) return nullptr;
     Arr v(CONV_DOUBLE);
@@ -181,6 +209,7 @@ PyObject* m_validatevector(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_SetString(InterfaceError, "Wrong vector size in validatevector");
         return nullptr;
     }
+    if (!SLP_NEED(TSLPvalidatevector)) return nullptr;
     double a = 0, b = 0, c = 0;
     if (TSLPvalidatevector(s, v.dbls(), &a, &b, &c) != 0) return slp_error(P);
     return Py_BuildValue("(ddd)", a, b, c);
@@ -233,19 +262,28 @@ bool job_controls(PyObject* control, std::vector<int>& ids, std::vector<double>&
     while (PyDict_Next(control, &pos, &key, &value)) {
         PyRef lower(PyUnicode_Check(key) ? PyObject_CallMethod(key, "lower", nullptr) : nullptr);
         PyErr_Clear();
-        PyObject* entry = lower && state.control_catalogue ? PyDict_GetItem(state.control_catalogue, lower.get()) : nullptr;
-        if (!entry || !PyTuple_Check(entry) || PyTuple_GET_SIZE(entry) < 2) {
+        long id = 0, type = 0;
+        bool known = false;
+        if (lower && state.control_catalogue) {
+            std::lock_guard<std::mutex> g(state.locks->catalogue);
+            PyObject* entry = PyDict_GetItem(state.control_catalogue, lower.get());
+            if (entry && PyTuple_Check(entry) && PyTuple_GET_SIZE(entry) >= 2) {
+                id = PyLong_AsLong(PyTuple_GET_ITEM(entry, 0));
+                type = PyLong_AsLong(PyTuple_GET_ITEM(entry, 1));
+                known = true;
+            }
+        }
+        if (!known) {
             PyErr_Format(InterfaceError, "Unknown control %S in msaddcustompreset/msaddjob", key);
             return false;
         }
-        long type = PyLong_AsLong(PyTuple_GET_ITEM(entry, 1));
         if (type != 1 && type != 2) {
             PyErr_SetString(InterfaceError, "Only integer and double controls allowed in msaddcustompreset/msaddjob");
             return false;
         }
         double v = PyFloat_AsDouble(value);
         if (v == -1.0 && PyErr_Occurred()) return false;
-        ids.push_back(static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(entry, 0))));
+        ids.push_back(static_cast<int>(id));
         values.push_back(v);
     }
     return true;
@@ -600,8 +638,14 @@ PyObject* m_getdf(PyObject* self, PyObject* args, PyObject* kw) {
 // ---------------------------------------------------------------- nonlinear coefficients
 
 // Token arrays of one or more formulas; checks both have the same length.
+// The library reads a formula up to its end token, so the arrays must end with one.
 bool token_arrays(ProblemObject* p, PyObject* t, PyObject* v, Arr& types, Arr& values) {
-    return types.get(p, t) && values.get(p, v, types.n);
+    if (!types.get(p, t) || !values.get(p, v, types.n)) return false;
+    if (!types.data || !values.data || types.count() == 0 || types.ints()[types.count() - 1] != 0) {
+        PyErr_SetString(InterfaceError, "The token arrays must end with the end-of-formula token (type 0)");
+        return false;
+    }
+    return true;
 }
 
 PyObject* coefs_common(PyObject* self, PyObject* args, PyObject* kw, bool load) {
@@ -625,6 +669,12 @@ PyObject* coefs_common(PyObject* self, PyObject* args, PyObject* kw, bool load) 
     // The start array may omit the end of the last formula: the token count closes it.
     std::vector<int> st(starts.ints(), starts.ints() + starts.count());
     if (static_cast<int>(st.size()) == n) st.push_back(types.count());
+    for (size_t i = 0; i < st.size(); ++i) {
+        if (st[i] < 0 || st[i] > types.count() || (i > 0 && st[i] < st[i - 1])) {
+            PyErr_SetString(InterfaceError, "The formula starts (fstart) must be increasing positions in the token arrays");
+            return nullptr;
+        }
+    }
     auto fn = load ? TSLPloadcoefs : TSLPaddcoefs;
     int rc = fn(s, n, rows.ints(), cols.ints(), factors.dbls(), st.data(), parsed, types.ints(), values.dbls());
     if (rc == 0) {
@@ -715,8 +765,7 @@ PyObject* m_getcoefs(PyObject* self, PyObject* args, PyObject* kw) {
     if (TSLPgetcoefs(s, &n, nullptr, nullptr) != 0) return slp_error(P);
     std::vector<int> rows(n > 0 ? n : 1), cols(n > 0 ? n : 1);
     if (n > 0 && TSLPgetcoefs(s, &n, rows.data(), cols.data()) != 0) return slp_error(P);
-    if (r && conv_arr2obj(P, n, rows.data(), r, CONV_ROW) < 0) return nullptr;
-    if (c && conv_arr2obj(P, n, cols.data(), c, CONV_COL) < 0) return nullptr;
+    if (fill_objects(r, P->cons, rows.data(), n) < 0 || fill_objects(c, P->vars, cols.data(), n) < 0) return nullptr;
     Py_RETURN_NONE;
 }
 
@@ -838,6 +887,16 @@ PyObject* m_getcolinfo(PyObject* self, PyObject* args, PyObject* kw) { return in
 #define KWARGS(name, doc) {#name, KW(m_##name), METH_VARARGS | METH_KEYWORDS, doc}
 
 }  // namespace
+
+void nlp_copy_job_objects(ProblemObject* dst, const ProblemObject* src) {
+    auto& m = job_objects();
+    auto it = m.find(src);
+    if (it == m.end()) return;
+    std::vector<PyObject*> objs = it->second;
+    for (PyObject* o : objs) Py_INCREF(o);
+    auto& mine = m[dst];
+    mine.insert(mine.end(), objs.begin(), objs.end());
+}
 
 void nlp_release_job_objects(ProblemObject* p) {
     auto& m = job_objects();

@@ -126,10 +126,14 @@ int print_into(std::string& out, PyObject* o, int depth) {
 
 }  // namespace
 
-PyObject* nl_print(PyObject* o, int depth) {
+static PyObject* nl_print_body(PyObject* o, int depth) {
     std::string out;
     if (print_into(out, o, depth) < 0) return nullptr;
     return PyUnicode_FromStringAndSize(out.data(), static_cast<Py_ssize_t>(out.size()));
+}
+
+PyObject* nl_print(PyObject* o, int depth) {
+    return alloc_guard(nullptr, [&] { return nl_print_body(o, depth); });
 }
 
 }  // namespace tarvo

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <new>
 #include <vector>
 
 namespace tarvo {
@@ -93,10 +94,15 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
             limit_cols.push_back(c0 + count);
             limits.push_back(th);
         }
-        (*p->colmap)[serial] = c0 + count;
-        types.push_back(t);
-        lbs.push_back(lb);
-        ubs.push_back(ub);
+        try {
+            (*p->colmap)[serial] = c0 + count;
+            types.push_back(t);
+            lbs.push_back(lb);
+            ubs.push_back(ub);
+        } catch (const std::bad_alloc&) {
+            PyErr_SetString(ModelError, "Could not amend variable map");
+            return -1;
+        }
         ++count;
         PyRef name(var_get_name(word));
         return append_name(names, name.get(), 150, "Invalid variable name (must be a string)");
@@ -240,7 +246,13 @@ PyObject* add_constraints(ProblemObject* p, PyObject* args) {
             return -1;
         }
         if (PyList_Append(p->cons, c) < 0) return -1;
-        return gather_row(p, c, r0 + batch.rows(), batch);
+        try {
+            return gather_row(p, c, r0 + batch.rows(), batch);
+        } catch (const std::bad_alloc&) {
+            // The batch or the row map could not grow.
+            PyErr_SetString(ModelError, "Cannot add constraint to problem");
+            return -1;
+        }
     });
     if (rc < 0 || load_rows(p, r0, batch) < 0) {
         rollback(p->cons, p->rowmap, old_len);
@@ -506,7 +518,8 @@ PyObject* problem_addVariable(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_variables(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_variables(p, args); }));
 }
 
 PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
@@ -514,7 +527,8 @@ PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
         PyErr_SetString(ModelError, BAD_NESTING);
         return nullptr;
     }
-    return report_error(self, add_constraints(as_prob(self), args));
+    ProblemObject* p = as_prob(self);
+    return report_error(self, with_objective_detached(p, [&] { return add_constraints(p, args); }));
 }
 
 PyObject* problem_addSOS(PyObject* self, PyObject* args) {
@@ -528,7 +542,13 @@ PyObject* problem_addSOS(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
+static PyObject* add_indicators(PyObject* self, PyObject* args);
+
 PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
+    return with_objective_detached(as_prob(self), [&] { return add_indicators(self, args); });
+}
+
+static PyObject* add_indicators(PyObject* self, PyObject* args) {
     ProblemObject* p = as_prob(self);
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     if (n == 0) Py_RETURN_NONE;
@@ -554,8 +574,12 @@ PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
     Py_RETURN_NONE;
 }
 
-PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_VARS); }
-PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_CONS); }
+PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_VARS); });
+}
+PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) {
+    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_CONS); });
+}
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_SETS); }
 
 }  // namespace tarvo

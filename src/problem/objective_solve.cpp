@@ -5,6 +5,7 @@
 #include "nonlinear/node.h"
 #include "nonlinear/formula.h"
 #include "nonlinear/slp_ops.h"
+#include "problem/nonlinear_bridge.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -65,7 +66,7 @@ bool nonlinear_mode(ProblemObject* p) { return problem_is_nonlinear(p) && p->slp
 
 // Status value and the table it belongs to (0 linear, 1 mixed-integer, 2 nonlinear).
 int read_status(ProblemObject* p, int* kind, int* status) {
-    if (nonlinear_mode(p)) {
+    if (nonlinear_results(p)) {
         *kind = 2;
         if (TSLPgetintattrib(p->slp, 12044, status) != 0) return problem_error(p), -1;
         return 0;
@@ -86,6 +87,7 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     int rc = 0;
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
+    note_solver_run(p, nonlinear);
     std::string fl = flags ? flags : "";
     bool have_flags = flags != nullptr;
     std::thread worker;
@@ -272,7 +274,7 @@ PyObject* problem_getProbStatusString(PyObject* self, PyObject*) {
 PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     ProblemObject* p = as_prob(self);
     double v = 0;
-    if (nonlinear_mode(p)) {
+    if (nonlinear_results(p)) {
         if (TSLPgetdblattrib(p->slp, 12179, &v) != 0) return problem_error(p);
         return PyFloat_FromDouble(v);
     }

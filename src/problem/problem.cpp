@@ -330,6 +330,7 @@ void problem_dealloc(PyObject* self) {
     release_userfuncs(p);
     destroy_library_problems(p);
     nlp_release_job_objects(p);
+    note_solver_run(p, false);
     for (auto& c : p->callbacks) Py_CLEAR(c);
     detach_controls(p->controls);
     detach_controls(p->attributes);
@@ -396,6 +397,7 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
         release_userfuncs(p);
         destroy_library_problems(p);
         nlp_release_job_objects(p);
+        note_solver_run(p, false);
         p->const_col = -1;
         p->nl_rows = 0;
         p->nl_objective = 0;

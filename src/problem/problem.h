@@ -8,12 +8,14 @@
 
 #include <functional>
 #include <map>
+#include <unordered_map>
 #include <vector>
 
 namespace tarvo {
 
-// Serial of a modelling object -> its column, row or set index in one problem.
-using IndexMap = std::map<uint64_t, int>;
+// Serial of a modelling object -> its column, row or set index in one problem. Hashed: every
+// term of every constraint added goes through a lookup, and nothing needs the serial order.
+using IndexMap = std::unordered_map<uint64_t, int>;
 
 constexpr int CALLBACK_KINDS = 40;
 

@@ -5,9 +5,32 @@
 #include "nonlinear/node.h"
 #include "problem/nonlinear_bridge.h"
 
+#include <set>
 #include <vector>
 
 namespace tarvo {
+
+namespace {
+// Problems whose last solve ran the nonlinear optimiser although they have no nonlinear part
+// (nlpoptimize or globalsol on a quadratic problem, say).
+std::set<const ProblemObject*>& nonlinear_runs() {
+    static std::set<const ProblemObject*> s;
+    return s;
+}
+}  // namespace
+
+void note_solver_run(ProblemObject* p, bool nonlinear) {
+    if (nonlinear) nonlinear_runs().insert(p);
+    else nonlinear_runs().erase(p);
+}
+
+bool nonlinear_results(ProblemObject* p) {
+    if (!p->slp || !nonlinear_running()) return false;
+    if (problem_is_nonlinear(p)) return true;
+    if (!nonlinear_runs().count(p)) return false;
+    int st = 0;
+    return TSLPgetintattrib(p->slp, 12044, &st) == 0 && st >= 1 && st <= 6;
+}
 
 namespace {
 
@@ -15,11 +38,7 @@ enum Vec { VEC_X, VEC_SLACK, VEC_DUAL, VEC_DJ };
 
 // Which solution the queries read: 2 nonlinear, 1 mixed-integer, 0 linear; -1 on error.
 int solution_kind(ProblemObject* p) {
-    if (p->slp && nonlinear_running()) {
-        if (problem_is_nonlinear(p)) return 2;
-        int st = 0;
-        if (TSLPgetintattrib(p->slp, 12044, &st) == 0 && st >= 1 && st <= 6) return 2;
-    }
+    if (nonlinear_results(p)) return 2;
     return prob_is_mip(p);
 }
 

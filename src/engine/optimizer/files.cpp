@@ -2,10 +2,14 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <unordered_set>
+#include <vector>
 
 namespace trvo {
 namespace {
@@ -34,8 +38,45 @@ std::string file_for(const char* filename, const char* flags) {
     return name;
 }
 
+// A name a problem file can carry. MPS names must not hold blanks. LP names are printable
+// ASCII without blanks and without the characters of its expressions, and do not start with a
+// digit or a period. (HiGHS's writers replace every name of the model when one of them breaks
+// these rules, so each name is mended on its own here.)
+std::string file_name_of(const std::string& name, bool lp) {
+    std::string out;
+    for (unsigned char c : name) {
+        bool ok = lp ? c > 32 && c < 127 && !std::strchr("+-*/^:<>=[]\\", c) : c > 32 && c != 127;
+        out.push_back(ok ? static_cast<char>(c) : '_');
+    }
+    if (out.empty() || (lp && (std::isdigit(static_cast<unsigned char>(out[0])) || out[0] == '.')))
+        out.insert(out.begin(), '_');
+    return out;
+}
+
+// Names as written: mended, and made unique with a numbered suffix where mending or the user's
+// own names gave the same name twice (HiGHS would drop all names of the kind otherwise).
+std::vector<std::string> names_for_file(const NameList& list, int n, char prefix, bool lp) {
+    std::vector<std::string> out(static_cast<size_t>(n));
+    std::unordered_set<std::string> seen;
+    for (int i = 0; i < n; ++i) {
+        std::string nm = list.get(i, prefix);
+        std::string fixed = file_name_of(nm, lp);
+        int owner = fixed == nm ? i : list.find(fixed);
+        if (seen.count(fixed) || (owner >= 0 && owner != i)) {
+            const std::string base = fixed;
+            int k = 1;
+            do fixed = base + "_" + std::to_string(k++);
+            while (seen.count(fixed) || list.find(fixed) >= 0);
+        }
+        seen.insert(fixed);
+        out[static_cast<size_t>(i)] = fixed;
+    }
+    return out;
+}
+
 void write_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_for(filename, flags);
+    const bool lp = flags && std::strchr(flags, 'l');
     if (!p->qrows.empty()) fail("Quadratic rows cannot be written to a problem file");
     if (!p->sets.empty()) fail("Special ordered sets cannot be written to a problem file");
     if (!p->indicators.empty()) fail("Indicator rows cannot be written to a problem file");
@@ -82,11 +123,15 @@ void write_problem(TRVOprob p, const char* filename, const char* flags) {
                         m.integrality.empty() ? nullptr : m.integrality.data()) ==
         kHighsStatusError)
         fail("HiGHS refused the model for writing");
-    for (int j = 0; j < p->ncols(); ++j)
-        Highs_passColName(h, j, p->colnames.get(j, 'C').c_str());
-    for (int i = 0; i < p->nrows(); ++i)
-        Highs_passRowName(h, i, p->rownames.get(i, 'R').c_str());
+    std::vector<std::string> cn = names_for_file(p->colnames, p->ncols(), 'C', lp);
+    std::vector<std::string> rn = names_for_file(p->rownames, p->nrows(), 'R', lp);
+    for (int j = 0; j < p->ncols(); ++j) Highs_passColName(h, j, cn[static_cast<size_t>(j)].c_str());
+    for (int i = 0; i < p->nrows(); ++i) Highs_passRowName(h, i, rn[static_cast<size_t>(i)].c_str());
     if (!p->name.empty()) Highs_passModelName(h, p->name.c_str());
+    // HiGHS's LP writer does not check that its file opened and crashes on a path it cannot
+    // create: find that out first.
+    if (FILE* f = std::fopen(name.c_str(), "w")) std::fclose(f);
+    else fail("Could not open problem file %s for writing", name.c_str());
     if (Highs_writeModel(h, name.c_str()) == kHighsStatusError)
         fail("Could not write problem file %s", name.c_str());
 }
@@ -196,7 +241,16 @@ using namespace trvo;
 extern "C" {
 
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags) {
-    return guard(prob, [&] { read_problem(prob, filename, flags); });
+    // A read that fails leaves an empty problem, like a successful read of an empty file: the
+    // module has already emptied its lists of the problem's objects.
+    return guard(prob, [&] {
+        try {
+            read_problem(prob, filename, flags);
+        } catch (...) {
+            store_clear(prob);
+            throw;
+        }
+    });
 }
 
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags) {

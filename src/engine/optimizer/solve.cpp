@@ -180,6 +180,64 @@ void record_nonconvex(TRVOprob p, bool mip, const std::string& why) {
          why.c_str());
 }
 
+// Semi-continuous and semi-integer columns with a threshold but no upper bound go to HiGHS as
+// they are (there is no bound for a reformulation), and HiGHS limits them to 1e5, or refuses
+// them when ten times the threshold exceeds that. When such a solve ends without a solution,
+// the limit may be the cause: the largest value each such column takes in the continuous
+// relaxation tells. Infeasible relaxation: the problem is infeasible. All of them within the
+// limit: HiGHS's answer stands. Otherwise the answer cannot be trusted and the solve fails with
+// the column named.
+HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flags, int threads) {
+    constexpr double kHighsSemiLimit = 1e5;
+    if (ms != kHighsModelStatusInfeasible && ms != kHighsModelStatusSolveError &&
+        ms != kHighsModelStatusUnbounded && ms != kHighsModelStatusUnboundedOrInfeasible)
+        return ms;
+    std::vector<int> cols;
+    for (int j = 0; j < p->ncols(); ++j) {
+        size_t s = static_cast<size_t>(j);
+        if ((p->coltype[s] == 'S' || p->coltype[s] == 'R') && p->limit[s] > 0 && p->ub[s] >= kInf)
+            cols.push_back(j);
+    }
+    if (cols.empty()) return ms;
+    auto refuse = [&](int j) {
+        auto& r = p->results;
+        r.mipstatus = TRVO_MIP_NO_SOL_FOUND;
+        r.lpstatus = TRVO_LP_UNFINISHED;
+        r.solvestatus = TRVO_SOLVESTATUS_FAILED;
+        r.have_mip = r.have_lp = r.have_duals = false;
+        fail("Semi-continuous column %s has no upper bound, and HiGHS limits such columns to "
+             "%g: no solution was found within that limit. Give the column a finite upper bound",
+             p->colnames.get(j, 'C').c_str(), kHighsSemiLimit);
+    };
+    for (int j : cols)
+        if (10 * p->limit[static_cast<size_t>(j)] > kHighsSemiLimit) refuse(j);
+    HighsModel relax;
+    formulate(p, false, relax);
+    std::fill(relax.cost.begin(), relax.cost.end(), 0.0);
+    relax.q_start.clear(); relax.q_index.clear(); relax.q_value.clear();
+    relax.offset = 0;
+    void* h = highs_new_quiet();
+    if (!h) fail("Could not create a HiGHS instance");
+    struct Release { void* h; ~Release() { highs_release(h); } } release{h};
+    set_options(p, h, flags, false, threads);
+    Highs_setBoolOptionValue(h, "output_flag", 0);
+    pass_model(h, relax);
+    for (int j : cols) {
+        size_t s = static_cast<size_t>(j);
+        relax.cost[s] = -1;  // maximise the column
+        Highs_changeColCost(h, j, -1.0);
+        Highs_zeroAllClocks(h);
+        Highs_run(h);
+        HighsInt rs = Highs_getModelStatus(h);
+        if (rs == kHighsModelStatusInfeasible) return kHighsModelStatusInfeasible;
+        double most = 0;
+        if (rs == kHighsModelStatusOptimal) Highs_getDoubleInfoValue(h, "objective_function_value", &most);
+        if (rs != kHighsModelStatusOptimal || -most > kHighsSemiLimit) refuse(j);
+        Highs_changeColCost(h, j, 0.0);
+    }
+    return ms;
+}
+
 struct SolveScope {
     explicit SolveScope(int threads) : used(highs_solve_begin(threads)) {}
     ~SolveScope() { highs_solve_end(); }
@@ -271,6 +329,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
 
     HighsInt ms = run(h);
     flush_line(ctx, 1);
+    if (mip) ms = check_uncapped_semicontinuous(p, ms, flags, scope.used);
 
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);

@@ -1,0 +1,208 @@
+"""Classic small nonlinear problems solved end to end through the problem layer (formula
+conversion, nonlinear rows and objective, the nonlinear solve, solutions, slacks, duals), each
+against its published or analytically derived optimum."""
+import math
+
+import pytest
+
+import tarvo as tv
+
+TOL = 1e-5
+
+
+@pytest.fixture(autouse=True)
+def quiet():
+    tv.setOutputEnabled(False)
+    yield
+    tv.setOutputEnabled(True)
+
+
+def start(p, values):
+    for v, x0 in values.items():
+        p.chgvar(v, initvalue=x0)
+
+
+def test_rosenbrock_unconstrained():
+    # Rosenbrock (1960): f = (1 - x)^2 + 100 (y - x^2)^2, minimum 0 at (1, 1); classic start
+    # (-1.2, 1).
+    x, y = tv.var(lb=-10, ub=10, name="x"), tv.var(lb=-10, ub=10, name="y")
+    p = tv.problem(x, y, (1 - x) ** 2 + 100 * (y - x ** 2) ** 2, name="rosenbrock")
+    start(p, {x: -1.2, y: 1})
+    p.solve()
+    assert p.getProbStatus() == tv.nlp_locally_optimal
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(0, abs=TOL)
+    assert p.getSolution([x, y]) == pytest.approx([1, 1], abs=1e-3)
+
+
+def test_hs071_equality_constrained():
+    # Hock & Schittkowski (1981) problem 71: min x1 x4 (x1 + x2 + x3) + x3 subject to
+    # x1 x2 x3 x4 >= 25, sum x_i^2 = 40, 1 <= x <= 5; start (1, 5, 5, 1);
+    # optimum 17.0140173 at (1, 4.7429994, 3.8211503, 1.3794082).
+    x = [tv.var(lb=1, ub=5, name=f"x{i}") for i in range(1, 5)]
+    x1, x2, x3, x4 = x
+    prod = tv.constraint(body=x1 * x2 * x3 * x4, lb=25, name="prod")
+    sphere = tv.constraint(body=x1 ** 2 + x2 ** 2 + x3 ** 2 + x4 ** 2, lb=40, ub=40, name="sphere")
+    p = tv.problem(x, prod, sphere, x1 * x4 * (x1 + x2 + x3) + x3, name="hs071")
+    start(p, dict(zip(x, [1, 5, 5, 1])))
+    p.solve()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(17.0140173, abs=TOL)
+    sol = p.getSolution(x)
+    assert sol == pytest.approx([1, 4.7429994, 3.8211503, 1.3794082], abs=1e-4)
+    # Both rows are active; slack is rhs minus activity.
+    assert p.getSlack([prod, sphere]) == pytest.approx([0, 0], abs=1e-5)
+    assert math.prod(sol) == pytest.approx(25, abs=1e-5)
+    # KKT at the optimum: grad f = l1 grad(prod) + l2 grad(sphere) on the free columns x2..x4
+    # (x1 is at its lower bound).
+    l1, l2 = p.getDual([prod, sphere])
+    a, b, c, d = sol
+    grad_f = [d * (a + b + c) + a * d, a * d, a * d + 1, a * (a + b + c)]
+    grad_g = [b * c * d, a * c * d, a * b * d, a * b * c]
+    for j in (1, 2, 3):
+        assert grad_f[j] == pytest.approx(l1 * grad_g[j] + l2 * 2 * sol[j], abs=1e-3)
+
+
+def test_convex_qcqp_through_nlpoptimize():
+    # min x + y subject to x^2 + y^2 <= 1: optimum -sqrt(2) at (-1/sqrt(2), -1/sqrt(2)).
+    # The optimiser refuses quadratic rows; the nonlinear solver takes them as formulas.
+    x, y = tv.var(lb=-2, ub=2, name="x"), tv.var(lb=-2, ub=2, name="y")
+    disc = tv.constraint(body=x ** 2 + y ** 2, ub=1, name="disc")
+    p = tv.problem(x, y, disc, x + y)
+    with pytest.raises(tv.SolverError, match="Call nlpoptimize"):
+        p.solve()
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(-math.sqrt(2), abs=TOL)
+    assert p.getSolution([x, y]) == pytest.approx([-1 / math.sqrt(2)] * 2, abs=1e-4)
+    # The multiplier of the disc: 1 = 2 l x at the optimum, so |l| = 1/sqrt(2).
+    assert abs(p.getDual(disc)) == pytest.approx(1 / math.sqrt(2), abs=1e-4)
+
+
+def test_nonconvex_qp_refused_by_the_optimiser_solved_locally():
+    # min -(x^2 + y^2) subject to x + y <= 1, x, y >= 0: a concave objective is least at a
+    # vertex; from (0.6, 0.3) the descent reaches (1, 0) with value -1.
+    x, y = tv.var(name="x"), tv.var(name="y")
+    p = tv.problem(x, y, x + y <= 1, -x ** 2 - y ** 2)
+    start(p, {x: 0.6, y: 0.3})
+    with pytest.raises(tv.SolverError, match="nonconvex"):
+        p.solve()
+    assert p.getProbStatusString() == "lp_nonconvex"
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(-1, abs=TOL)
+    assert p.getSolution([x, y]) == pytest.approx([1, 0], abs=1e-4)
+
+
+@pytest.mark.parametrize("derivatives", [False, True])
+def test_user_function_objective_with_and_without_derivatives(derivatives):
+    # f(a, b) = (a - 1)^2 + (b - 2)^2 + a b: stationary where 2(a - 1) + b = 0 and
+    # 2(b - 2) + a = 0, i.e. (0, 2), f = 1 (the Hessian [[2, 1], [1, 2]] is positive definite).
+    calls = []
+
+    def f(a, b):
+        calls.append((a, b))
+        value = (a - 1) ** 2 + (b - 2) ** 2 + a * b
+        if derivatives:
+            return value, 2 * (a - 1) + b, 2 * (b - 2) + a
+        return value
+
+    x, y = tv.var(lb=-5, ub=5, name="x"), tv.var(lb=-5, ub=5, name="y")
+    p = tv.problem(x, y, tv.user(f, x, y, derivatives=derivatives))
+    p.solve()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(1, abs=TOL)
+    assert p.getSolution([x, y]) == pytest.approx([0, 2], abs=1e-3)
+    assert calls and all(isinstance(a, float) and isinstance(b, float) for a, b in calls)
+
+
+@pytest.mark.filterwarnings("ignore::pytest.PytestUnraisableExceptionWarning")
+def test_user_function_errors_end_the_solve_without_crashing():
+    def broken(a):
+        raise ValueError("no value here")
+
+    x = tv.var(lb=-1, ub=1)
+    p = tv.problem(x, tv.user(broken, x) + x ** 2)
+    with pytest.raises(tv.SolverError):
+        p.solve()
+
+
+def test_minlp_with_binaries_in_nonlinear_rows_matches_enumeration():
+    # min (x - 3)^2 + (y - 2)^2 + 3 b1 + 2 b2 subject to x^3 - 30 b1 <= 1, exp(y) - 10 b2 <= 1,
+    # 0 <= x, y <= 4: b1 = 0 caps x at 1 (cost 4), b1 = 1 lets x = 3 (cost 3); b2 = 0 caps y at
+    # 0 (cost 4), b2 = 1 lets y = 2 (cost 2). Optimum 5 at (3, 2, 1, 1).
+    def build(fixed=None):
+        x, y = tv.var(ub=4, name="x"), tv.var(ub=4, name="y")
+        if fixed is None:
+            b1, b2 = tv.var(vartype=tv.binary, name="b1"), tv.var(vartype=tv.binary, name="b2")
+        else:
+            b1, b2 = (tv.var(lb=v, ub=v) for v in fixed)
+        p = tv.problem(x, y, b1, b2, x ** 3 - 30 * b1 <= 1, tv.exp(y) - 10 * b2 <= 1,
+                       (x - 3) ** 2 + (y - 2) ** 2 + 3 * b1 + 2 * b2)
+        start(p, {x: 0.5, y: 0.5})
+        return p, (x, y, b1, b2)
+
+    p, (x, y, b1, b2) = build()
+    p.solve()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(5, abs=TOL)
+    assert p.getSolution([x, y, b1, b2]) == pytest.approx([3, 2, 1, 1], abs=1e-4)
+    # Every fixed choice of the binaries (solved as continuous problems) is no better.
+    values = []
+    for fixed in ((0, 0), (0, 1), (1, 0), (1, 1)):
+        q, _ = build(fixed)
+        q.solve()
+        values.append(q.getObjVal())
+    assert min(values) == pytest.approx(p.getObjVal(), abs=TOL)
+    assert values == pytest.approx([8, 6, 7, 5], abs=1e-4)
+
+
+def test_exp_log_sin_objective():
+    # exp(x) - 2x is least at x = ln 2; y - log(y) at y = 1; sin(z) on [0, 2 pi] from z = 4 at
+    # 3 pi / 2. Optimum 2 - 2 ln 2 + 1 - 1.
+    x = tv.var(lb=-3, ub=3, name="x")
+    y = tv.var(lb=0.1, ub=5, name="y")
+    z = tv.var(lb=0, ub=2 * math.pi, name="z")
+    budget = tv.constraint(body=x + y + z, ub=10, name="budget")
+    p = tv.problem(x, y, z, budget, tv.exp(x) - 2 * x + y - tv.log(y) + tv.sin(z))
+    start(p, {y: 2, z: 4})
+    p.solve()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(2 - 2 * math.log(2), abs=TOL)
+    assert p.getSolution([x, y, z]) == pytest.approx([math.log(2), 1, 1.5 * math.pi], abs=1e-3)
+    # The budget row is inactive: its slack is 10 minus the activity and its dual is zero.
+    assert p.getSlack(budget) == pytest.approx(10 - (math.log(2) + 1 + 1.5 * math.pi), abs=1e-3)
+    assert p.getDual(budget) == pytest.approx(0, abs=1e-6)
+
+
+def test_constraints_added_after_a_nonlinear_objective_keep_their_rows():
+    # min exp(-x) + exp(-y) is decreasing in x and y and symmetric: on x + y <= 3 the optimum
+    # is (1.5, 1.5) unless x is capped; the cap x + z <= 2.2 with z = 1 gives (1.2, 1.8).
+    # The rows and the column z are added after the objective.
+    x, y = tv.var(ub=5, name="x"), tv.var(ub=5, name="y")
+    p = tv.problem(x, y, x + y <= 3)
+    p.setObjective(tv.exp(-x) + tv.exp(-y))
+    late = tv.constraint(body=x - y, ub=0.5, name="late")
+    p.addConstraint(late)
+    z = tv.var(lb=1, ub=1, name="z")
+    p.addVariable(z)
+    cap = tv.constraint(body=x + z, ub=2.2, name="cap")
+    p.addConstraint(cap)
+    # The transfer pair stays behind the model's rows and columns.
+    assert [p.getIndex(o) for o in (late, cap, z)] == [1, 2, 2]
+    assert (p.getAttrib("rows"), p.getAttrib("cols")) == (4, 4)
+    p.solve()
+    assert p.getObjVal() == pytest.approx(math.exp(-1.2) + math.exp(-1.8), abs=TOL)
+    assert p.getSolution([x, y]) == pytest.approx([1.2, 1.8], abs=1e-4)
+    assert p.getSlack([late, cap]) == pytest.approx([0.5 + 0.6, 0], abs=1e-4)
+    # Deleting rows and columns keeps the objective working; deleting one of its variables
+    # removes the objective as a whole.
+    p.delConstraint(cap)
+    p.delVariable(z)
+    p.solve()
+    assert p.getObjVal() == pytest.approx(2 * math.exp(-1.5), abs=TOL)
+    with pytest.raises(tv.ModelError, match="nonlinear objective"):
+        p.delVariable(x)
+    assert (p.getAttrib("rows"), p.getAttrib("cols")) == (2, 1)
+    p.solve()
+    assert p.getProbStatusString() == "lp_optimal" and p.getObjVal() == 0
