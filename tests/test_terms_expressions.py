@@ -1,3 +1,4 @@
+import numpy as np
 import pytest
 
 import tarvo
@@ -218,3 +219,24 @@ def test_accumulating_many_terms_keeps_order_and_merges():
     for v in vs[::2]:
         e -= 2 * v
     assert e.extractLinear()[0] == vs[1::2]
+
+
+def test_objects_allocated_without_the_algebra_fail_cleanly():
+    # type.__new__ gives terms without variables, nodes without arguments, constraints without
+    # a body: every operation must either work on the empty object or raise an ordinary error.
+    x = tarvo.var()
+    kinds = [type(2 * x), type(x * x), type(x + 1), type(tarvo.sin(x)), tarvo.constraint, tarvo.sos, tarvo.var]
+    operations = [str, repr, lambda o: o + x, lambda o: x - o, lambda o: o * 2, lambda o: o / x, lambda o: o ** 2,
+                  lambda o: -o, abs, lambda o: o <= 1, lambda o: o.extractLinear(), lambda o: o.extractQuadratic(),
+                  lambda o: o.copy(), lambda o: tarvo.evaluate(o, solution={x: 1.0}), lambda o: tarvo.Sum([o, x]),
+                  lambda o: tarvo.sin(o), lambda o: o.body, lambda o: np.array([o], dtype=object) + 1]
+    for kind in kinds:
+        for op in operations:
+            obj = kind.__new__(kind)
+            try:
+                op(obj)
+            except SystemError as e:  # an internal misuse of the C API, never acceptable
+                raise AssertionError((kind.__name__, e))
+            except Exception:
+                pass
+    assert type(2 * x).__new__(type(2 * x)).extractLinear() == ([], [])

@@ -75,8 +75,15 @@ struct QuadTermObject {
     PyObject* var1;  // serial(var1) <= serial(var2)
     PyObject* var2;
 };
-inline bool is_linterm(PyObject* o) { return PyObject_TypeCheck(o, &LinTermType); }
-inline bool is_quadterm(PyObject* o) { return PyObject_TypeCheck(o, &QuadTermType); }
+// A term allocated from Python with type.__new__ has no variables: it is no term at all, so
+// every operation (and operand_kind) treats it as an invalid object.
+inline bool is_linterm(PyObject* o) {
+    return PyObject_TypeCheck(o, &LinTermType) && reinterpret_cast<LinTermObject*>(o)->var;
+}
+inline bool is_quadterm(PyObject* o) {
+    return PyObject_TypeCheck(o, &QuadTermType) && reinterpret_cast<QuadTermObject*>(o)->var1 &&
+           reinterpret_cast<QuadTermObject*>(o)->var2;
+}
 
 PyObject* lin(double c, PyObject* v);               // float 0.0 when c == 0
 PyObject* lin_scaled(PyObject* t, double f);        // f times a linterm; 0 gives float 0.0

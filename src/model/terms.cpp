@@ -325,12 +325,15 @@ int no_init(PyObject* self, PyObject*, PyObject*) {
 }
 
 PyObject* linterm_extract_linear(PyObject* self, PyObject*) {
+    // A term allocated without going through the algebra (type.__new__) has no variable.
+    if (!as_lt(self)->var) return check_result(Py_BuildValue("([],[])"));
     return check_result(Py_BuildValue("([O],[d])", as_lt(self)->var, as_lt(self)->coef));
 }
 PyObject* linterm_extract_quadratic(PyObject*, PyObject*) { return check_result(Py_BuildValue("([],[],[])")); }
 PyObject* quadterm_extract_linear(PyObject*, PyObject*) { return check_result(Py_BuildValue("([],[])")); }
 PyObject* quadterm_extract_quadratic(PyObject* self, PyObject*) {
     QuadTermObject* q = as_qt(self);
+    if (!q->var1 || !q->var2) return check_result(Py_BuildValue("([],[],[])"));
     return check_result(Py_BuildValue("([O],[O],[d])", q->var1, q->var2, q->coef));
 }
 
