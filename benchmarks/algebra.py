@@ -90,6 +90,21 @@ def aggregate_scaling():
         del x, s
 
 
+def dot_scaling():
+    """Dot(A, x) and Dot(x, Q, x) with dense matrices: n*n terms each."""
+    import numpy as np
+
+    print("\nDot with dense n x n matrices, best of 3 (time per million terms n*n):")
+    rng = np.random.default_rng(1)
+    for n in (100, 300, 1000):
+        A = rng.random((n, n))
+        x = tarvo.vars(n, name="")
+        linear = best_of(3, lambda: tarvo.Dot(A, x))
+        quadratic = best_of(3, lambda: tarvo.Dot(x, A, x))
+        print("  n = %-5d Dot(A, x) %7.3f s (%5.2f s per million)   Dot(x, Q, x) %7.3f s (%5.2f s per million)"
+              % (n, linear, linear * 1e6 / n / n, quadratic, quadratic * 1e6 / n / n))
+
+
 def main():
     print("tarvo algebra benchmark, N = %d" % N)
     for measure in MEASUREMENTS:
@@ -97,6 +112,7 @@ def main():
         per_million = seconds * 1e6 / count if count else 0.0
         print("%-45s %8.3f s   %8.3f s per million" % (label, seconds, per_million))
     aggregate_scaling()
+    dot_scaling()
 
 
 if __name__ == "__main__":

@@ -161,6 +161,32 @@ def test_dot_products():
         tarvo.Dot(np.array(2.0), x)
 
 
+def test_dot_of_mixed_modelling_arrays_matches_numbers():
+    # Elements of every polynomial kind (with constants, cancelling coefficients, shared
+    # operands) and nonlinear ones: the accumulated products must evaluate like the same dot
+    # product of numbers, and the operands must be left as they were.
+    x = tarvo.vars(4, name="m")
+    rng = np.random.default_rng(7)
+    left = np.array([x[0], 2 * x[1], x[2] + 3, 1.5, x[3] - x[3] + 2, tarvo.sin(x[0]), x[1] * x[2], 0], dtype=object)
+    right = np.array([x[1], x[1] - 1, -x[0], 4 * x[2], x[3], x[2], 2.0, x[0]], dtype=object)
+    texts = [str(o) for o in left] + [str(o) for o in right]
+    point = point_for(x)
+    lv = np.array(tarvo.evaluate(list(left), solution=point))
+    rv = np.array(tarvo.evaluate(list(right), solution=point))
+    assert tarvo.evaluate(tarvo.Dot(left, right), solution=point) == pytest.approx(lv @ rv)
+    assert [str(o) for o in left] + [str(o) for o in right] == texts
+    Q = rng.normal(size=(4, 4))
+    Q[1, 2] = -Q[2, 1]  # x1*x2 cancels
+    quad = tarvo.Dot(x, Q, x)
+    xv = np.array([point[v] for v in x])
+    assert tarvo.evaluate(quad, solution=point) == pytest.approx(xv @ Q @ xv)
+    assert len(quad.extractQuadratic()[0]) == 9  # 4 squares + 5 surviving pairs
+    M = np.array([[x[0] + 1, 2 * x[1]], [x[2], 3.0]], dtype=object)
+    MM = tarvo.Dot(M, M)
+    Mv = np.array([[point[x[0]] + 1, 2 * point[x[1]]], [point[x[2]], 3.0]])
+    assert np.allclose(tarvo.evaluate(MM, solution=point), Mv @ Mv)
+
+
 def test_matmul_operator_and_absolute_on_variable_arrays():
     X = tarvo.vars(3, 2)
     y = tarvo.vars(2, name="y")

@@ -2,6 +2,7 @@
 // result in place; Dot folds NumPy arrays with a generalised dot product.
 #include "nonlinear/aggregates.h"
 
+#include <utility>
 #include <vector>
 
 namespace tarvo {
@@ -196,6 +197,42 @@ PyObject* term_product(PyObject* a, PyObject* b) {
 
 namespace {
 
+// acc += x * y straight into the term maps of acc, when acc is an expression that only the
+// caller holds and the product stays quadratic: a number times a polynomial, or two linear
+// factors (variables, linear terms, expressions without quadratic part). Saves building the
+// product as an object of its own for every term of a dot product. Returns 1 when done, 0 when
+// the product has to be built the general way, -1 on error.
+int add_product_into(PyObject* acc, PyObject* x, PyObject* y) {
+    if (!is_expression(acc) || Py_REFCNT(acc) != 1) return 0;
+    if (is_number(y) && !is_number(x)) std::swap(x, y);
+    if (is_number(x)) {
+        if (is_number(y) || !is_polynomial(y)) return 0;
+        PyRef same(expr_add_in_place(acc, y, number_value(x)));
+        return same ? 1 : -1;
+    }
+    auto linear_factor = [](PyObject* o) { return is_var(o) || is_linterm(o) || (is_expression(o) && !as_expr(o)->quadratic); };
+    if (!linear_factor(x) || !linear_factor(y)) return 0;
+    if (is_expression(y) && !is_expression(x)) std::swap(x, y);
+    PyObject* yv = is_var(y) ? y : nullptr;
+    double yc = 1.0;
+    if (is_linterm(y)) {
+        yv = reinterpret_cast<LinTermObject*>(y)->var;
+        yc = reinterpret_cast<LinTermObject*>(y)->coef;
+    }
+    if (!yv) return 0;  // two expressions: the general product
+    if (is_expression(x)) {
+        ExpressionObject* e = as_expr(x);
+        if (e->constant != 0.0 && expr_add_linear(acc, yv, e->constant * yc) < 0) return -1;
+        if (e->linear)
+            for (auto& term : *e->linear)
+                if (expr_add_quadratic(acc, term.first, yv, term.second * yc) < 0) return -1;
+        return 1;
+    }
+    PyObject* xv = is_var(x) ? x : reinterpret_cast<LinTermObject*>(x)->var;
+    double xc = is_var(x) ? 1.0 : reinterpret_cast<LinTermObject*>(x)->coef;
+    return expr_add_quadratic(acc, xv, yv, xc * yc) < 0 ? -1 : 1;
+}
+
 PyObject* element_of_0d(PyArrayObject* a) {
     if (PyArray_SIZE(a) != 1) return model_error("Scalar vector apparently contains more than one element");
     PyRef el(PyArray_GETITEM(a, PyArray_BYTES(a)));
@@ -250,6 +287,11 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
         for (npy_intp h = 0; h < inner; ++h) {
             PyObject* x = da[r * inner + h];
             PyObject* y = db[(blk * inner + h) * cols + k];
+            if (acc && x && y) {
+                int done = add_product_into(acc.get(), x, y);
+                if (done < 0) return nullptr;
+                if (done) continue;
+            }
             PyRef t(term_product(x ? x : Py_None, y ? y : Py_None));
             if (!t) return nullptr;
             if (!acc) {
