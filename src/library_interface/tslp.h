@@ -375,6 +375,28 @@ int TSLPmsaddcustompreset(TSLPprob prob, const char* description, int preset, in
                           void* jobobject);
 int TSLPmsclear(TSLPprob prob);
 
+/* ---- whole-problem operations outside a solve (the current point is the last solution, else
+   the initial values) */
+int TSLPconstruct(TSLPprob prob);            /* compiles every formula; sets state bit 0 */
+int TSLPunconstruct(TSLPprob prob);          /* clears state bit 0 */
+int TSLPpresolve(TSLPprob prob);             /* sets state bit 29 */
+int TSLPpostsolve(TSLPprob prob);            /* clears state bit 29 */
+int TSLPreinitialize(TSLPprob prob);         /* forgets the solution and the solver state */
+int TSLPupdatelinearization(TSLPprob prob);  /* evaluates every row and gradient at the current point */
+int TSLPsetcurrentiv(TSLPprob prob);         /* the current point becomes the initial values */
+int TSLPscaling(TSLPprob prob);              /* row weights from the gradients' sizes */
+int TSLPcascadeorder(TSLPprob prob);         /* sequence numbers of the determined columns */
+int TSLPcascade(TSLPprob prob);              /* recomputes determined columns at the current point */
+int TSLPfixpenalties(TSLPprob prob, int* status);
+int TSLPvalidate(TSLPprob prob);             /* attributes TSLP_VALIDATIONINDEX_A and _R */
+int TSLPvalidatevector(TSLPprob prob, const double vector[], double* suminf, double* sumscaledinf,
+                       double* objval);
+int TSLPvalidaterow(TSLPprob prob, int row);
+int TSLPvalidatekkt(TSLPprob prob, int calculationmode, int respectbasisstatus, int updatemultipliers,
+                    double kktviolationtarget);   /* attribute TSLP_KKTRESIDUAL */
+int TSLPprintevalinfo(TSLPprob prob);
+int TSLPprintmemory(TSLPprob prob);
+
 /* ---- callbacks (a null function removes the callback) */
 int TSLPsetcbmessage(TSLPprob prob, TSLPcbmessage f, void* context);
 int TSLPsetcbslpstart(TSLPprob prob, TSLPcbsimple f, void* context);

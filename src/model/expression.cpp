@@ -22,18 +22,21 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
     if (!ex->quadratic_vars) ex->quadratic_vars = new SerialSet();
     // Sums over fresh variables append past the largest key: insert with an end hint then, so
     // that building a large quadratic part costs no tree search per term.
-    // (A wrong hint only costs the ordinary search.)
-    ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
-    if (var_serial(y) != var_serial(x)) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
     QuadraticMap& q = *ex->quadratic;
     bool past_end = q.empty() || var_serial(q.rbegin()->first) < var_serial(x);
     auto it = past_end ? q.end() : q.lower_bound(x);
-    if (it == q.end() || var_serial(it->first) != var_serial(x)) {
+    bool new_outer = it == q.end() || var_serial(it->first) != var_serial(x);
+    if (new_outer) {
         it = q.emplace_hint(it, x, LinearMap());
         Py_INCREF(x);
     }
+    size_t before = it->second.size();
     try {
         lin_add(it->second, y, c);
+        // Every variable that enters the quadratic part is remembered; one that already has its
+        // entry was remembered when the entry was made (a wrong end hint only costs a search).
+        if (new_outer) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
+        if (it->second.size() > before) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
     } catch (...) {
         if (it->second.empty()) {  // keep inner maps non-empty
             PyObject* key = it->first;

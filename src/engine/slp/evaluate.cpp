@@ -168,7 +168,8 @@ std::vector<double> initial_point(TSLPprob prob, const Model& m) {
 }
 
 std::vector<double> current_point(TSLPprob prob, const Model& m) {
-    if ((int)prob->sol.x.size() == m.ncols && prob->nlpstatus != TSLP_NLP_UNSTARTED) return prob->sol.x;
+    // A solve or an operation such as cascading leaves its point in the solution values.
+    if ((int)prob->sol.x.size() == m.ncols) return prob->sol.x;
     return initial_point(prob, m);
 }
 

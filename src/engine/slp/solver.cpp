@@ -192,6 +192,13 @@ private:
     void bfgs_update(const std::vector<double>& gl_new);
     double quad_model(const std::vector<double>& d) const;
     std::vector<double> errvals;     // error columns of the last LP (e+, e- per bounded row)
+    std::vector<double> rowbase;     // row activities at x_k (the step problem's rows are in d = x - x_k)
+    std::vector<double> corr;        // per nonlinear row: shift of its linearisation (correction LPs)
+    template <class Follow, class Step>
+    bool second_order_correction(const std::vector<double>& lintrial, std::vector<double>& xlp,
+                                 std::vector<double>& rowdual, std::vector<double>& coldual, double& errsum,
+                                 Follow follow_rows, Step step_to, std::vector<double>& trial, double& phi_t,
+                                 double& viol_t);
 
     bool evaluate(const std::vector<double>& at, double* f, std::vector<double>* vals,
                   std::vector<std::vector<double>>* grads);
@@ -292,6 +299,8 @@ void Run::build() {
     Highs_startCallback(h, kHighsCallbackIpmInterrupt);
     Highs_startCallback(h, kHighsCallbackMipInterrupt);
     Highs_setStringOptionValue(h, "presolve", "off");
+    Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
+    Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
     Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
     Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
@@ -356,24 +365,29 @@ void Run::update_lp() {
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
     bool curvature = use_b && have_b && !mip_phase && !skip_b;
     if (curvature) {
-        // 1/2 (x - x_k)' B (x - x_k): the linear part moves into the costs.
+        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
+        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
+        // (columns without one have made it read and write out of bounds), and a strictly
+        // convex step problem has a unique solution.
+        const double reg = 1e-8;
         size_t K = qcols.size();
         std::vector<HighsInt> start(ncolLP + 1, 0), index;
         std::vector<double> value;
         size_t c = 0;
         for (int j = 0; j < ncolLP; ++j) {
             if (c < K && qcols[c] == j) {
-                double bx = 0.0;
-                for (size_t c2 = 0; c2 < K; ++c2) bx += B[c * K + c2] * x[qcols[c2]];
-                cost[j] -= bx;
                 for (size_t c2 = c; c2 < K; ++c2) {
                     double v = B[c2 * K + c];
+                    if (c2 == c) v = std::max(v, reg);
                     if (v != 0.0 || c2 == c) {
                         index.push_back(qcols[c2]);
                         value.push_back(v);
                     }
                 }
                 ++c;
+            } else {
+                index.push_back(j);
+                value.push_back(reg);
             }
             start[j + 1] = (HighsInt)index.size();
         }
@@ -387,16 +401,24 @@ void Run::update_lp() {
         hessian_passed = false;
     }
     Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
-    for (size_t k = 0; k < E.nlrows.size(); ++k) {
-        int r = E.nlrows[k];
-        const auto& pat = E.pattern[k];
-        double c = nlval[k];
-        for (size_t q = 0; q < pat.size(); ++q) {
-            Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
-            c -= nlgrad[k][q] * x[pat[q]];
+    // Rows in the step: a linear row a'x becomes a'd within its bounds less a'x_k; a
+    // nonlinear row its linearisation g(x_k) + grad g(x_k)'d.
+    std::vector<double> rlo(m.nrows), rup(m.nrows);
+    for (int r = 0; r < m.nrows; ++r) {
+        double v = 0.0;
+        int k = E.nlpos[r];
+        if (k >= 0) {
+            v = nlval[k];
+            const auto& pat = E.pattern[k];
+            for (size_t q = 0; q < pat.size(); ++q) Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
+        } else {
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) v += m.rval[e] * x[m.rcol[e]];
         }
-        Highs_changeRowBounds(h, r, rowlo[r] - c, rowup[r] - c);
+        rowbase[r] = v;
+        rlo[r] = rowlo[r] - v;
+        rup[r] = rowup[r] - v;
     }
+    if (m.nrows > 0) Highs_changeRowsBoundsByRange(h, 0, m.nrows - 1, rlo.data(), rup.data());
     std::vector<double> lo(n), up(n);
     for (int j = 0; j < n; ++j) {
         double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
@@ -411,10 +433,10 @@ void Run::update_lp() {
                 if (l > u) l = u = std::round(x[j]);
             }
         }
-        lo[j] = l;
-        up[j] = u;
+        lo[j] = l - x[j];
+        up[j] = u - x[j];
     }
-    Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
+    if (n > 0) Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
 }
 
 // 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
@@ -431,6 +453,11 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     simplex_total += it;
+    if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
+        // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
+        last_highs = "QP iteration limit";
+        return 4;
+    }
     if (ms == kHighsModelStatusInterrupt || ms == kHighsModelStatusTimeLimit ||
         ms == kHighsModelStatusIterationLimit)
         return 3;
@@ -442,7 +469,8 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     }
     std::vector<double> cv(ncolLP), cd(ncolLP), rv(m.nrows), rd(m.nrows);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
-    xlp.assign(cv.begin(), cv.begin() + n);
+    xlp.resize(n);
+    for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
     rowdual = rd;
     coldual.assign(cd.begin(), cd.end());
     double es = 0.0;
@@ -482,8 +510,11 @@ void Run::bfgs_update(const std::vector<double>& gl_new) {
     }
     if (ss <= 1e-300) return;
     if (!have_b) {
-        double g = sy > 0 ? yy / sy : 1.0;
-        if (!std::isfinite(g) || g <= 1e-8) g = 1e-8;
+        // No curvature seen along the step yet: stay with linear steps, whose step bounds
+        // grow freely (a tiny model curvature would fix the step length instead).
+        if (!(sy > 0)) return;
+        double g = yy / sy;
+        if (!std::isfinite(g) || g <= 1e-8) return;
         B.assign(K * K, 0.0);
         for (size_t c = 0; c < K; ++c) B[c * K + c] = g;
         have_b = true;
@@ -517,6 +548,70 @@ double Run::quad_model(const std::vector<double>& xt) const {
     return 0.5 * v;
 }
 
+// A step that reaches the boundary of a curved row's linearisation lands outside the row by
+// a second-order amount, which the merit function punishes (the step is then rejected or
+// the step bounds stop growing). The correction solves the step problem again with each
+// nonlinear row shifted by the error of its linearisation at the trial point; its solution
+// replaces the trial point when it has the lower merit.
+template <class Follow, class Step>
+bool Run::second_order_correction(const std::vector<double>& lintrial, std::vector<double>& xlp,
+                                  std::vector<double>& rowdual, std::vector<double>& coldual, double& errsum,
+                                  Follow follow_rows, Step step_to, std::vector<double>& trial, double& phi_t,
+                                  double& viol_t) {
+    size_t K = E.nlrows.size();
+    std::vector<double> c(K, 0.0);
+    bool any = false;
+    for (size_t k = 0; k < K; ++k) {
+        int r = E.nlrows[k];
+        double v;
+        if (!E.row_value(r, lintrial.data(), &v)) return false;
+        const auto& pat = E.pattern[k];
+        double lin = nlval[k];
+        for (size_t q = 0; q < pat.size(); ++q) lin += nlgrad[k][q] * (lintrial[pat[q]] - x[pat[q]]);
+        c[k] = v - lin;
+        if (!std::isfinite(c[k])) return false;
+        if (std::fabs(c[k]) > 1e-13 * (1.0 + std::fabs(v))) any = true;
+    }
+    if (!any) return false;
+    for (size_t k = 0; k < K; ++k) {
+        int r = E.nlrows[k];
+        Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r] - c[k], rowup[r] - rowbase[r] - c[k]);
+    }
+    std::vector<double> saved_err = errvals, xs, rd, cd;
+    double es = 0.0;
+    int lps = solve_lp(xs, rd, cd, &es);
+    for (size_t k = 0; k < K; ++k) {
+        int r = E.nlrows[k];
+        Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r], rowup[r] - rowbase[r]);
+    }
+    if (lps != 0) {
+        errvals = saved_err;
+        return false;
+    }
+    corr = c;
+    follow_rows(xs);
+    std::fill(corr.begin(), corr.end(), 0.0);
+    std::vector<double> t2(n);
+    step_to(xs, t2);
+    if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, t2);
+    bool ok;
+    double vt2 = 0.0;
+    double phi2 = merit(t2, &ok, &vt2);
+    if (!ok || !(phi2 < phi_t)) {
+        errvals = saved_err;
+        return false;
+    }
+    logf(prob, 3, "    second-order correction: merit %.12g -> %.12g", phi_t, phi2);
+    xlp = xs;
+    rowdual = rd;
+    coldual = cd;
+    errsum = es;
+    trial = t2;
+    phi_t = phi2;
+    viol_t = vt2;
+    return true;
+}
+
 RunResult Run::solve(const std::vector<double>& x0) {
     start = std::chrono::steady_clock::now();
     RunResult res;
@@ -528,10 +623,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
     isint.assign(n, 0);
     nonlin.assign(n, 0);
     fixed_int.assign(n, 0);
-    bool anyint = false;
     for (int j = 0; j < n; ++j) {
         char t = m.coltype[j];
-        if (t == 'I' || t == 'B') isint[j] = 1, anyint = true;
+        if (t == 'I' || t == 'B') isint[j] = 1;
         else if (t != 'C')
             throw Error("Column " + std::to_string(j) + " is semi-continuous or partial integer, which the nonlinear solver does not handle");
         if (m.lb[j] > m.ub[j]) {
@@ -578,6 +672,8 @@ RunResult Run::solve(const std::vector<double>& x0) {
 
     if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
     nlgrad.resize(E.nlrows.size());
+    corr.assign(E.nlrows.size(), 0.0);
+    rowbase.assign(m.nrows, 0.0);
     double f;
     if (!evaluate(x, &f, &nlval, &nlgrad))
         throw Error("The formulas cannot be evaluated at the initial point (give initial values inside the domain)");
@@ -650,13 +746,17 @@ RunResult Run::solve(const std::vector<double>& x0) {
         update_lp();
         int lps = solve_lp(xlp, rowdual, coldual, &errsum);
         if (lps == 4 && hessian_passed) {
-            // The QP solver gave up (numerical trouble): try again with a looser feasibility
-            // tolerance, then take a linear step this time, keeping the curvature model.
+            // The QP solver gave up (numerical trouble, usually a solution it finds slightly
+            // infeasible): try again with a looser feasibility tolerance (the merit function
+            // judges the step anyway), then take a linear step this time, keeping the
+            // curvature model.
             double tol = 1e-9;
             Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
-            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-7);
-            lps = solve_lp(xlp, rowdual, coldual, &errsum);
-            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+            if (last_highs != "QP iteration limit") {
+                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-5);
+                lps = solve_lp(xlp, rowdual, coldual, &errsum);
+                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+            }
             if (lps == 4) {
                 skip_b = true;
                 update_lp();
@@ -681,11 +781,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
         have_lp = true;
         // Determined columns follow their rows' linearisations exactly (the LP meets rows only
         // to its tolerance, which would swamp small predicted reductions).
+        std::fill(corr.begin(), corr.end(), 0.0);
         auto lin_value = [&](int r, const std::vector<double>& at, double* coef_of, int j) {
             int k = E.nlpos[r];
             double v = 0.0, a = 0.0;
             if (k >= 0) {
-                v = nlval[k];
+                v = nlval[k] + corr[k];
                 const auto& pat = E.pattern[k];
                 for (size_t q = 0; q < pat.size(); ++q) {
                     v += nlgrad[k][q] * (at[pat[q]] - x[pat[q]]);
@@ -700,23 +801,58 @@ RunResult Run::solve(const std::vector<double>& x0) {
             if (coef_of) *coef_of = a;
             return v;
         };
-        for (auto& kv : prob->vars) {
-            int j = kv.first, r = kv.second.detrow;
-            if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E' || isint[j]) continue;
-            double a = 0.0;
-            double v = lin_value(r, xlp, &a, j);
-            if (a != 0.0) xlp[j] = std::min(std::max(xlp[j] + (m.rhs[r] - v) / a, m.lb[j]), m.ub[j]);
-        }
+        auto follow_rows = [&](std::vector<double>& at) {
+            for (auto& kv : prob->vars) {
+                int j = kv.first, r = kv.second.detrow;
+                if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E' || isint[j]) continue;
+                double a = 0.0;
+                double v = lin_value(r, at, &a, j);
+                if (a != 0.0) at[j] = std::min(std::max(at[j] + (m.rhs[r] - v) / a, m.lb[j]), m.ub[j]);
+            }
+        };
+        // The trial point of an LP solution: damping and delta types on the step.
+        auto step_to = [&](const std::vector<double>& lp, std::vector<double>& out) {
+            for (int j = 0; j < n; ++j) {
+                double d = lp[j] - x[j];
+                auto it = prob->vars.find(j);
+                if (it != prob->vars.end()) {
+                    const SlpVar& v = it->second;
+                    double damp = v.damp > 0 ? v.damp : dbl_control(prob, TSLP_DAMP);
+                    if (nonlin[j] && !isint[j] && damp > 0 && damp < 1) d *= damp;
+                    if (v.deltatype == 1 && std::fabs(d) < v.deltavalue) d = 0.0;
+                    if (v.deltatype == 2 && v.deltavalue > 0) d = std::round(d / v.deltavalue) * v.deltavalue;
+                }
+                out[j] = isint[j] ? std::round(x[j] + d) : x[j] + d;
+            }
+        };
         // Predicted reduction of phi by the step, from the model itself.
-        double model = 0.0;
-        for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
-        model += quad_model(xlp);
-        double model_pen = 0.0;
-        for (int r = 0; r < m.nrows; ++r)
-            if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
-        model += mu * model_pen;
-        double pen_k = phi_k - sense * f;
-        pred = pen_k - model;
+        auto predicted = [&]() {
+            follow_rows(xlp);
+            double model = 0.0;
+            for (int j = 0; j < n; ++j) model += sense * gf[j] * (xlp[j] - x[j]);
+            model += quad_model(xlp);
+            double model_pen = 0.0;
+            for (int r = 0; r < m.nrows; ++r)
+                if (errcol[r] >= 0) model_pen += w[r] * viol_of(lin_value(r, xlp, nullptr, -1), rowlo[r], rowup[r]);
+            model += mu * model_pen;
+            return (phi_k - sense * f) - model;
+        };
+        pred = predicted();
+        if (pred < -1e-9 * (1.0 + std::fabs(phi_k)) && hessian_passed) {
+            // The QP solution is worse than standing still: its solve went wrong. Take the
+            // linear step this time.
+            logf(prob, 3, "    QP step predicts an increase (%g); linear step instead", -pred);
+            skip_b = true;
+            update_lp();
+            int again = solve_lp(xlp, rowdual, coldual, &errsum);
+            skip_b = false;
+            if (again == 3) {
+                stop = prob->interrupt.load() ? prob->interrupt.load() : TRVO_STOP_TIMELIMIT;
+                break;
+            }
+            if (again != 0) throw Error("HiGHS failed on the step problem (" + last_highs + ")");
+            pred = predicted();
+        }
         // Penalty: stay above the multipliers of the rows.
         double lmax = 0.0;
         for (int r = 0; r < m.nrows; ++r)
@@ -735,17 +871,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
         // Trial point: damping and delta types on the LP step, then cascading.
         double stepmax = 0.0, kkt = 0.0;
         bool int_changed = false;
+        step_to(xlp, trial);
         for (int j = 0; j < n; ++j) {
-            double d = xlp[j] - x[j];
-            auto it = prob->vars.find(j);
-            if (it != prob->vars.end()) {
-                const SlpVar& v = it->second;
-                double damp = v.damp > 0 ? v.damp : dbl_control(prob, TSLP_DAMP);
-                if (nonlin[j] && !isint[j] && damp > 0 && damp < 1) d *= damp;
-                if (v.deltatype == 1 && std::fabs(d) < v.deltavalue) d = 0.0;
-                if (v.deltatype == 2 && v.deltavalue > 0) d = std::round(d / v.deltavalue) * v.deltavalue;
-            }
-            trial[j] = x[j] + d;
+            double d = trial[j] - x[j];
             if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
             if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
             double a, rt;
@@ -766,6 +894,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         bool converged = feasible_k && !errors &&
                          ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
                           (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
+        std::vector<double> lintrial = trial;   // the point the linearisation predicted
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
         double viol_t = 0.0;
         double phi_t = merit(trial, &ok, &viol_t);
@@ -774,8 +903,15 @@ RunResult Run::solve(const std::vector<double>& x0) {
         bool stationary = pred <= 1e-13 * scale;
         bool accept = ok && (stationary ? ared >= -1e-12 * scale : ared >= 0.1 * pred);
         double rho = pred > 0 ? ared / pred : 0.0;
-        logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s", iter, sense * f,
-             viol_k, pred, kkt, rho, mu, accept ? "" : "  rejected");
+        if (rho < 0.75 && !stationary && !mip_phase && !E.nlrows.empty() && !converged &&
+            second_order_correction(lintrial, xlp, rowdual, coldual, errsum, follow_rows, step_to, trial,
+                                    phi_t, viol_t)) {
+            ared = phi_k - phi_t;
+            rho = ared / pred;
+            accept = ared >= 0.1 * pred;
+        }
+        logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
+             viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
         last_kkt = kkt;
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
@@ -800,6 +936,26 @@ RunResult Run::solve(const std::vector<double>& x0) {
             s_old.resize(qcols.size());
             for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
             pending = true;
+        } else if (use_b && !mip_phase) {
+            // A rejected step still tells how the Lagrangian's gradient changes along it: the
+            // curvature model learns from it before the shorter step is tried.
+            std::vector<double> gf_k = gf, nlval_k = nlval, gl_t;
+            std::vector<std::vector<double>> nlgrad_k = nlgrad;
+            double ft;
+            bool evaluated = evaluate(trial, &ft, &nlval, &nlgrad);
+            if (evaluated) {
+                E.objective(trial.data(), gf.data());
+                lagrangian_grad(rowdual, gl_t);
+            }
+            gf.swap(gf_k);
+            nlval.swap(nlval_k);
+            nlgrad.swap(nlgrad_k);
+            if (evaluated) {
+                lagrangian_grad(rowdual, gl_old);
+                s_old.resize(qcols.size());
+                for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
+                bfgs_update(gl_t);
+            }
         }
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
