@@ -209,8 +209,17 @@ void ctl_dealloc(PyObject* self) {
     Py_TYPE(self)->tp_free(self);
 }
 
+// An object made by tp_new without going through the module has no catalogue: it is
+// treated like one whose problem has gone.
+bool uninitialised(PyObject* self) {
+    if (as_ctl(self)->dict) return false;
+    PyErr_SetString(InterfaceError, "The problem of these controls or attributes no longer exists");
+    return true;
+}
+
 PyObject* ctl_common_getattr(PyObject* self, PyObject* name, const char* bad, bool* handled) {
     *handled = true;
+    if (uninitialised(self)) return nullptr;
     if (!PyUnicode_Check(name)) {
         PyErr_SetString(ModelError, bad);
         return nullptr;
@@ -274,6 +283,7 @@ int control_setattro(PyObject* self, PyObject* name, PyObject* value) {
         PyErr_SetString(InterfaceError, "Controls cannot be deleted");
         return -1;
     }
+    if (uninitialised(self)) return -1;
     if (!PyUnicode_Check(name)) {
         PyErr_SetString(ModelError, "Bad control request");
         return -1;
@@ -302,6 +312,7 @@ int control_setattro(PyObject* self, PyObject* name, PyObject* value) {
 
 PyObject* control_repr(PyObject* self) {
     ControlObject* c = as_ctl(self);
+    if (uninitialised(self)) return nullptr;
     if (!c->bound) return PyObject_Str(c->dict);
     ProblemObject* p = owner(c);
     if (!p) return nullptr;
@@ -336,6 +347,7 @@ int attribute_setattro(PyObject*, PyObject*, PyObject*) {
 
 PyObject* attribute_repr(PyObject* self) {
     ControlObject* c = as_ctl(self);
+    if (uninitialised(self)) return nullptr;
     ProblemObject* p = owner(c);
     if (!p) return nullptr;
     PyRef empty(PyTuple_New(0));
