@@ -60,12 +60,9 @@ void sos_dealloc(PyObject* self) {
     Py_TYPE(self)->tp_free(self);
 }
 
-// The set prints as its name; the name attribute is writable, so anything stored there is
-// printed through str(), and a set without one (never initialised) prints its default name.
 PyObject* sos_str(PyObject* self) {
     PyObject* name = as_sos(self)->name;
-    if (!name) return PyUnicode_FromFormat("sos%d", static_cast<int>(as_sos(self)->serial));
-    return PyObject_Str(name);
+    return new_ref(name ? name : Py_None);
 }
 
 // Shallow copy of a list (each list is copied by its own length), or a new empty list.
