@@ -73,13 +73,3 @@ def test_controls_objects_made_without_a_problem_refuse_use():
             obj.maxtime = 5
     # a stray object must not have written into the module defaults
     assert tv.controls.maxtime == tv.problem().controls.maxtime
-
-
-def test_sos_prints_its_name_whatever_it_holds():
-    x, y = tv.var(), tv.var()
-    s = tv.sos([x, y], [1, 2], name="mine")
-    assert str(s) == "mine"
-    s.name = 17
-    assert str(s) == "17"
-    blank = uninitialised(tv.sos)
-    assert str(blank).startswith("sos")
