@@ -4,7 +4,7 @@
 #include "model/model.h"
 #include "nonlinear/node.h"
 #include "nonlinear/formula.h"
-#include "nonlinear/slp_ops.h"
+#include "library_interface/tslp.h"
 #include "problem/nonlinear_bridge.h"
 
 #include <chrono>
@@ -117,13 +117,23 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
         Py_END_ALLOW_THREADS
         if (finished) break;
         if (PyErr_CheckSignals() < 0) {
-            if (nonlinear) TSLPinterrupt(slp, 2);
-            else TRVOinterrupt(prob, 2);
             interrupted = true;
             break;
         }
     }
     Py_BEGIN_ALLOW_THREADS
+    if (interrupted) {
+        // The request is repeated until the worker is done: one made before the optimiser
+        // started its run would be cleared by that start.
+        std::unique_lock<std::mutex> lk(m);
+        while (!done) {
+            lk.unlock();
+            if (nonlinear) TSLPinterrupt(slp, 2);
+            else TRVOinterrupt(prob, 2);
+            lk.lock();
+            cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return done; });
+        }
+    }
     worker.join();
     Py_END_ALLOW_THREADS
     return interrupted ? -2 : rc;
@@ -237,7 +247,6 @@ PyObject* problem_solve(PyObject* self, PyObject* args, PyObject* kw) {
             }
             fl += 'g';
         }
-        if (!SLP_NEED(TSLPnlpoptimize)) return nullptr;
         int rc = run_nonlinear_optimizer(p, fl.c_str());
         if (rc == -2 || PyErr_Occurred()) return nullptr;
         if (rc == 0) Py_RETURN_NONE;
