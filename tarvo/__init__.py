@@ -26,7 +26,17 @@ del _load_highs
 
 import numpy as _numpy  # noqa: E402,F401  (the extension imports NumPy's C API at load)
 
-from .tarvolib import *  # noqa: E402,F401,F403
+try:
+    from .tarvolib import *  # noqa: E402,F401,F403
+except ModuleNotFoundError as _exc:
+    if _exc.name != __name__ + ".tarvolib":
+        raise
+    import os as _os
+
+    raise ImportError(
+        "tarvo's compiled extension is missing from %s (the source tree?): install tarvo with "
+        "'pip install .' and import it from another directory, or build it in place with "
+        "scripts/dev-build" % _os.path.dirname(__file__)) from None
 from . import tarvolib as _tarvolib  # noqa: E402
 
 __all__ = [name for name in dir(_tarvolib) if not name.startswith("_")]

@@ -36,7 +36,8 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
         // Every variable that enters the quadratic part is remembered; one that already has its
         // entry was remembered when the entry was made (a wrong end hint only costs a search).
         if (new_outer) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
-        if (it->second.size() > before) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
+        if (it->second.size() > before && var_serial(y) != var_serial(x))
+            ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
     } catch (...) {
         if (it->second.empty()) {  // keep inner maps non-empty
             PyObject* key = it->first;
