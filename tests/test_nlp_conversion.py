@@ -189,3 +189,34 @@ def test_bad_nonlinear_bodies_raise_and_leave_the_problem_unchanged():
     p.setObjective(x)
     p.solve()
     assert p.getProbStatusString() == "nlp_solution"
+
+
+def test_deleting_rows_and_columns_moves_the_nonlinear_coefficients_with_them():
+    x, y = tv.var(lb=-5, ub=5, name="x"), tv.var(lb=-5, ub=5, name="y")
+    a = tv.constraint(body=tv.exp(x), ub=10, name="a")
+    b = tv.constraint(body=x + tv.sin(y), ub=1, name="b")
+    c = tv.constraint(body=x * tv.cos(y), ub=1, name="c")
+    d = tv.constraint(body=tv.exp(x + y), ub=1, name="d")
+    p = tv.problem(x, y, a, b, c, d, x + y)
+
+    def pairs():
+        rows, cols = [], []
+        p.getcoefs(rows, cols)
+        return [(r.name, col if isinstance(col, int) else col.name) for r, col in zip(rows, cols)]
+
+    assert pairs() == [("a", -1), ("b", -1), ("c", "x"), ("d", -1)]
+    p.delConstraint(a)
+    assert pairs() == [("b", -1), ("c", "x"), ("d", -1)]
+    p.chgvar(x, initvalue=0.25)
+    p.chgvar(y, initvalue=0.5)
+    assert p.evaluatecoef(b, EQUALS_COLUMN) == pytest.approx(math.sin(0.5))
+    assert p.evaluatecoef(d, EQUALS_COLUMN) == pytest.approx(math.exp(0.75))
+    # Without x: c's coefficient (x times cos(y)) goes; exp(x + y) becomes exp(0 + y).
+    p.delVariable(x)
+    assert pairs() == [("b", -1), ("d", -1)]
+    p.chgvar(y, initvalue=0.5)
+    assert p.evaluatecoef(d, EQUALS_COLUMN) == pytest.approx(math.exp(0.5))
+    p.delConstraint([b, c, d])
+    assert pairs() == []
+    p.solve()
+    assert p.getProbStatusString() == "lp_optimal" and p.getObjVal() == pytest.approx(-5)

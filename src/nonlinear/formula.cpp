@@ -602,22 +602,24 @@ int nl_objective_install(ProblemObject* p, NlItems& items) {
     return formula_load(p, items);
 }
 
-int nl_objective_detach(ProblemObject* p, DetachedObjective& saved) {
-    saved = DetachedObjective();
-    if (!p->nl_objective || !p->slp || !nonlinear_running()) return 0;
+namespace {
+
+// Reads the nonlinear coefficients (all, or only those of the objective's transfer row) with
+// the variables and constraints their columns and rows stand for.
+int read_coefficients(ProblemObject* p, bool objective_only, DetachedFormulas& saved) {
     if (!SLP_NEED(TSLPgetcoefs) || !SLP_NEED(TSLPgetcoefformula)) return -1;
-    if (nl_objective_prepare(p) < 0) return -1;
     int n = 0;
     if (TSLPgetcoefs(p->slp, &n, nullptr, nullptr) != 0) return slp_error(p), -1;
     std::vector<int> r(n > 0 ? n : 1), c(n > 0 ? n : 1);
     if (n > 0 && TSLPgetcoefs(p->slp, &n, r.data(), c.data()) != 0) return slp_error(p), -1;
     NlItems& it = saved.items;
-    int ncols = static_cast<int>(PyList_GET_SIZE(p->vars));
-    auto serial_of = [&](int col) -> uint64_t {
+    Py_ssize_t ncols = PyList_GET_SIZE(p->vars), nrows = PyList_GET_SIZE(p->cons);
+    auto var_key = [&](int col) -> uint64_t {
         return col >= 0 && col < ncols ? var_serial(PyList_GET_ITEM(p->vars, col)) : 0;
     };
     for (int k = 0; k < n; ++k) {
-        if (r[k] != p->obj_row) continue;
+        bool objective = p->nl_objective && r[k] == p->obj_row;
+        if (objective_only && !objective) continue;
         double factor = 0;
         int ntok = 0;
         if (TSLPgetcoefformula(p->slp, r[k], c[k], &factor, 1, 0, &ntok, nullptr, nullptr) != 0)
@@ -631,47 +633,94 @@ int nl_objective_detach(ProblemObject* p, DetachedObjective& saved) {
         it.cols.push_back(c[k]);
         it.factors.push_back(factor);
         it.starts.push_back(static_cast<int>(it.types.size()));
+        saved.objective.push_back(objective);
+        saved.row_keys.push_back(!objective && r[k] >= 0 && r[k] < nrows ? con_serial(PyList_GET_ITEM(p->cons, r[k])) : 0);
+        saved.col_keys.push_back(var_key(c[k]));
     }
-    // Remember which variable every column stands for, to renumber after deletions.
-    saved.col_serials.push_back(serial_of(-1));
-    for (int col : it.cols) saved.col_serials.push_back(serial_of(col));
     for (size_t t = 0; t < it.types.size(); ++t)
-        if (it.types[t] == TOK_COL) saved.col_serials.push_back(serial_of(static_cast<int>(it.values[t])));
+        saved.token_keys.push_back(it.types[t] == TOK_COL ? var_key(static_cast<int>(it.values[t])) : 0);
+    return 0;
+}
+
+}  // namespace
+
+int formulas_detach(ProblemObject* p, bool all, DetachedFormulas& saved) {
+    saved = DetachedFormulas();
+    if (!p->slp || !nonlinear_running() || (!p->nl_objective && (!all || !problem_is_nonlinear(p)))) return 0;
+    if (nl_objective_prepare(p) < 0 || read_coefficients(p, !all, saved) < 0) return -1;
+    saved.all = all;
     if (nl_objective_remove(p) < 0) return -1;
+    // What is left are the rows' own coefficients (when all were read).
+    std::vector<int> r, c;
+    for (int k = 0; k < saved.items.count(); ++k)
+        if (!saved.objective[k]) {
+            r.push_back(saved.items.rows[k]);
+            c.push_back(saved.items.cols[k]);
+        }
+    if (!r.empty()) {
+        if (!SLP_NEED(TSLPdelcoefs)) return -1;
+        if (TSLPdelcoefs(p->slp, static_cast<int>(r.size()), r.data(), c.data()) != 0) return slp_error(p), -1;
+    }
     saved.active = true;
     return 0;
 }
 
-int nl_objective_reattach(ProblemObject* p, DetachedObjective& saved) {
+int formulas_reattach(ProblemObject* p, DetachedFormulas& saved) {
     if (!saved.active) return 0;
     saved.active = false;
-    NlItems& it = saved.items;
-    size_t k = 1;
-    bool lost = false;
-    auto renumber = [&](int col) -> int {
-        uint64_t serial = saved.col_serials[k++];
-        if (col < 0) return col;
-        auto found = p->colmap->find(serial);
+    const NlItems& it = saved.items;
+    auto column = [&](uint64_t key, int old, bool* gone) -> int {
+        if (old < 0) return old;
+        auto found = p->colmap->find(key);
         if (found == p->colmap->end()) {
-            lost = true;
-            return col;
+            *gone = true;
+            return old;
         }
         return found->second;
     };
-    for (int& col : it.cols) col = renumber(col);
-    for (size_t t = 0; t < it.types.size(); ++t)
-        if (it.types[t] == TOK_COL) it.values[t] = renumber(static_cast<int>(it.values[t]));
-    if (lost) {
-        // The whole objective goes (its linear and quadratic parts too), keeping the sense.
-        double sense = 1;
-        PyRef zero(PyLong_FromLong(0));
-        if (zero && TRVOgetdblattrib(p->prob, TRVO_OBJSENSE, &sense) == 0)
-            set_objective(p, zero.get(), sense < 0 ? -1 : 1);
-        if (!PyErr_Occurred())
-            PyErr_SetString(ModelError, "A deleted variable was used in the nonlinear objective; the objective was removed");
-        return -1;
+    // A coefficient goes with its row, and with the variable that multiplies it. A deleted
+    // variable inside a formula becomes the constant 0: deleting a column acts on formulas as
+    // it does on linear and quadratic coefficients, as if the variable were fixed at zero.
+    NlItems rows, objective;
+    for (int k = 0; k < it.count(); ++k) {
+        bool gone = false;
+        int row = it.rows[k];  // a row without a constraint object keeps its index
+        if (saved.row_keys[k] != 0) {
+            auto found = p->rowmap->find(saved.row_keys[k]);
+            if (found == p->rowmap->end()) continue;
+            row = found->second;
+        }
+        int col = column(saved.col_keys[k], it.cols[k], &gone);
+        NlItems& dst = saved.objective[k] ? objective : rows;
+        size_t at = dst.types.size();
+        for (int t = it.starts[k]; t < it.starts[k + 1]; ++t) {
+            int type = it.types[t];
+            double v = it.values[t];
+            if (type == TOK_COL) {
+                bool deleted = false;
+                v = column(saved.token_keys[t], static_cast<int>(v), &deleted);
+                if (deleted) type = TOK_CON, v = 0;
+            }
+            dst.types.push_back(type);
+            dst.values.push_back(v);
+        }
+        if (gone) {
+            dst.types.resize(at);
+            dst.values.resize(at);
+            continue;
+        }
+        dst.rows.push_back(row);
+        dst.cols.push_back(col);
+        dst.factors.push_back(it.factors[k]);
+        dst.starts.push_back(static_cast<int>(dst.types.size()));
     }
-    return nl_objective_install(p, it);
+    if (formula_load(p, rows) < 0) return -1;
+    if (saved.all) {
+        std::vector<int> distinct(rows.rows);
+        std::sort(distinct.begin(), distinct.end());
+        p->nl_rows = static_cast<int>(std::unique(distinct.begin(), distinct.end()) - distinct.begin());
+    }
+    return nl_objective_install(p, objective);
 }
 
 int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src) {

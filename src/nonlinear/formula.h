@@ -45,29 +45,35 @@ int nl_objective_install(ProblemObject* p, NlItems& items);
 
 // The transfer row and column are kept as the last row and column of the problem, so that
 // the rows and columns of the problem's constraints and variables keep the positions of its
-// object lists. Adding or deleting rows and columns therefore takes the pair out first and
-// puts it back at the end afterwards: detach saves the objective's formulas (with the
-// columns of the variables they use) and removes the pair; reattach installs it again,
-// renumbering the formulas' columns. A formula whose variable was deleted drops the
-// objective with a ModelError. Both are no-ops without a nonlinear objective.
-struct DetachedObjective {
+// object lists; the nonlinear library keeps its coefficients by row and column index. So:
+// adding rows or columns takes the transfer pair out first and puts it back at the end;
+// deleting rows or columns takes every nonlinear coefficient out and puts back the ones whose
+// row and column survived, renumbered; a deleted variable inside a formula becomes 0, as if
+// fixed at zero like its linear coefficients. detach saves the coefficients (with the constraints and
+// variables their rows, columns and column tokens stand for) and removes them; reattach puts
+// them back. Both are no-ops when there is nothing nonlinear to move.
+struct DetachedFormulas {
     bool active = false;
+    bool all = false;                   // every coefficient, not just the objective's
     NlItems items;
-    std::vector<uint64_t> col_serials;  // variable of each column token, in token order
+    std::vector<char> objective;        // per coefficient: on the transfer row
+    std::vector<uint64_t> row_keys;     // per coefficient: its constraint (0: none)
+    std::vector<uint64_t> col_keys;     // per coefficient: its column's variable
+    std::vector<uint64_t> token_keys;   // per token: the variable of a column token
 };
-int nl_objective_detach(ProblemObject* p, DetachedObjective& saved);
-int nl_objective_reattach(ProblemObject* p, DetachedObjective& saved);
+int formulas_detach(ProblemObject* p, bool all, DetachedFormulas& saved);
+int formulas_reattach(ProblemObject* p, DetachedFormulas& saved);
 
-// Runs an operation that adds or deletes rows or columns (returning a new reference or
-// null) with the nonlinear objective detached around it.
+// Runs an operation that adds (all = false) or deletes (all = true) rows or columns,
+// returning a new reference or null, with the nonlinear coefficients detached around it.
 template <class F>
-PyObject* with_objective_detached(ProblemObject* p, F&& op) {
-    DetachedObjective saved;
-    if (nl_objective_detach(p, saved) < 0) return nullptr;
+PyObject* with_formulas_detached(ProblemObject* p, bool all, F&& op) {
+    DetachedFormulas saved;
+    if (formulas_detach(p, all, saved) < 0) return nullptr;
     PyObject* result = op();
     PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);
-    int rc = nl_objective_reattach(p, saved);
+    int rc = formulas_reattach(p, saved);
     if (rc < 0) {
         Py_CLEAR(result);
         Py_XDECREF(type);

@@ -519,7 +519,7 @@ PyObject* problem_addVariable(PyObject* self, PyObject* args) {
         return nullptr;
     }
     ProblemObject* p = as_prob(self);
-    return report_error(self, with_objective_detached(p, [&] { return add_variables(p, args); }));
+    return report_error(self, with_formulas_detached(p, false, [&] { return add_variables(p, args); }));
 }
 
 PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
@@ -528,7 +528,7 @@ PyObject* problem_addConstraint(PyObject* self, PyObject* args) {
         return nullptr;
     }
     ProblemObject* p = as_prob(self);
-    return report_error(self, with_objective_detached(p, [&] { return add_constraints(p, args); }));
+    return report_error(self, with_formulas_detached(p, false, [&] { return add_constraints(p, args); }));
 }
 
 PyObject* problem_addSOS(PyObject* self, PyObject* args) {
@@ -545,7 +545,7 @@ PyObject* problem_addSOS(PyObject* self, PyObject* args) {
 static PyObject* add_indicators(PyObject* self, PyObject* args);
 
 PyObject* problem_addIndicator(PyObject* self, PyObject* args) {
-    return with_objective_detached(as_prob(self), [&] { return add_indicators(self, args); });
+    return with_formulas_detached(as_prob(self), false, [&] { return add_indicators(self, args); });
 }
 
 static PyObject* add_indicators(PyObject* self, PyObject* args) {
@@ -575,10 +575,10 @@ static PyObject* add_indicators(PyObject* self, PyObject* args) {
 }
 
 PyObject* problem_delVariable(PyObject* self, PyObject* args, PyObject* kw) {
-    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_VARS); });
+    return with_formulas_detached(as_prob(self), true, [&] { return delete_objects(self, args, kw, DEL_VARS); });
 }
 PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw) {
-    return with_objective_detached(as_prob(self), [&] { return delete_objects(self, args, kw, DEL_CONS); });
+    return with_formulas_detached(as_prob(self), true, [&] { return delete_objects(self, args, kw, DEL_CONS); });
 }
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw) { return delete_objects(self, args, kw, DEL_SETS); }
 
