@@ -243,8 +243,50 @@ def test_round_trip_keeps_semicontinuous_quadratic_and_sense(tmp_path):
     s = tv.var(ub=1)
     r = tv.problem(s, y, s + y)
     r.addSOS(tv.sos([s, y], [1, 2], 1))
-    with pytest.raises(tv.SolverError, match="Special ordered sets cannot be written"):
-        r.write(str(tmp_path / "sos.mps"))
+    with pytest.raises(tv.SolverError, match="Special ordered sets cannot be written to an LP file"):
+        r.write(str(tmp_path / "sos.lp"), "l")
+
+
+def test_mps_files_carry_sets_and_indicators(tmp_path, monkeypatch):
+    # Reading takes the sections out into a temporary copy for HiGHS, removed afterwards.
+    scratch = tmp_path / "scratch"
+    scratch.mkdir()
+    monkeypatch.setenv("TMPDIR", str(scratch))
+    # y = f(x) on breakpoints (0, 0), (1, 3), (2, 4), (3, 8) through an SOS2; z = 0 caps w at 2.
+    xs, fs = [0, 1, 2, 3], [0, 3, 4, 8]
+    lam = [tv.var(ub=1, name="l%d" % i) for i in range(4)]
+    x, y = tv.var(name="x"), tv.var(name="y")
+    z, w = tv.var(vartype=tv.binary, name="z"), tv.var(ub=10, name="w")
+    p = tv.problem(lam, x, y, z, w, tv.constraint(body=tv.Sum(lam), lb=1, ub=1, name="conv"),
+                   tv.constraint(body=x - tv.Sum(a * v for a, v in zip(xs, lam)), lb=0, ub=0, name="defx"),
+                   tv.constraint(body=y - tv.Sum(f * v for f, v in zip(fs, lam)), lb=0, ub=0, name="defy"),
+                   tv.constraint(body=x, lb=1.5, ub=1.5, name="at"), y - w + 3 * z)
+    p.addSOS(tv.sos(lam, [1, 2, 3, 4], 2, name="pw"))
+    p.addIndicator(z == 0, tv.constraint(body=w, ub=2, name="cap"))
+    # y = 3.5 between the adjacent breakpoints (3.0 without the set); w = 10 costs z = 1.
+    expected = 3.5 - 10 + 3
+    p.solve()
+    assert p.getObjVal() == pytest.approx(expected, abs=TOL)
+    f = tmp_path / "entities.mps"
+    p.write(str(f))
+    q = tv.problem()
+    q.read(str(f))
+    assert (q.attributes.sets, q.attributes.setmembers, q.attributes.indicators) == (1, 4, 1)
+    assert [str(s) for s in q.getSOS()] == ["pw"]
+    q.solve()
+    assert q.getObjVal() == pytest.approx(expected, abs=TOL)
+    cols = dict(zip((str(v) for v in q.getVariable()), q.getSolution()))
+    assert [cols["l%d" % i] for i in range(4)] == pytest.approx([0, 0.5, 0.5, 0], abs=TOL)
+    assert (cols["z"], cols["w"]) == pytest.approx((1, 10), abs=TOL)
+    # A set and an indicator written by hand in the same sections.
+    text = f.read_text().replace("ENDATA", "")
+    text = text.replace(" S2 SOS pw 1", " S1 SOS pw 1").replace("IF cap z 0", "IF cap z 1")
+    (tmp_path / "hand.mps").write_text(text + "ENDATA\n")
+    q.read(str(tmp_path / "hand.mps"))
+    q.solve()
+    # SOS1 leaves one breakpoint: x = 1.5 cannot be met; z = 1 now caps w instead.
+    assert q.getProbStatusString() == "mip_infeas"
+    assert os.listdir(scratch) == []
 
 
 def test_solves_reads_and_writes_leave_no_file_behind(tmp_path, monkeypatch):

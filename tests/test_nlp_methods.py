@@ -198,9 +198,23 @@ def test_multistart_jobs_check_controls_and_own_their_objects():
     assert sys.getrefcount(token) == before
 
 
-def test_validatevector_checks_its_vector_before_the_library():
-    p, *_ = small()
+def test_validation_of_points_and_rows():
+    p, x, y, c, d = small()
     with pytest.raises(tv.InterfaceError, match="Wrong arguments in validatevector"):
         p.validatevector()
     with pytest.raises(tv.InterfaceError, match="Wrong vector size in validatevector"):
         p.validatevector([0.0])
+    # (0.1, 0.2) is feasible: no infeasibility, objective x + y.
+    suminf, scaled, objval = p.validatevector([0.1, 0.2])
+    assert (suminf, scaled) == (0, 0) and objval == pytest.approx(0.3)
+    # (2, 2) violates c by exp(8) - exp(2) and d not at all.
+    suminf, scaled, objval = p.validatevector([2.0, 2.0])
+    assert suminf == pytest.approx(math.exp(8) - math.exp(2)) and objval == pytest.approx(4)
+    with pytest.raises(tv.InterfaceError, match="Wrong arguments in validaterow"):
+        p.validaterow()
+    with pytest.raises(tv.InterfaceError, match="Wrong arguments in validatekkt"):
+        p.validatekkt(0, 0, 0)
+    p.solve()
+    p.validaterow(c)
+    p.validatekkt(0, 0, 0, 1e-6)
+    assert p.getAttrib("tslp_kktresidual") == pytest.approx(0, abs=1e-5)

@@ -6,7 +6,7 @@
 #include "nonlinear/formula.h"
 #include "model/model.h"
 #include "nonlinear/internal.h"
-#include "nonlinear/slp_ops.h"
+#include "library_interface/tslp.h"
 
 #include <algorithm>
 #include <cmath>
@@ -14,12 +14,6 @@
 #include <string>
 
 namespace tarvo {
-
-bool slp_available(const void* fn, const char* name) {
-    if (fn) return true;
-    PyErr_Format(SolverError, "The nonlinear library operation %s is not available in this build", name);
-    return false;
-}
 
 PyObject* slp_error(ProblemObject* p) {
     if (PyErr_Occurred()) return nullptr;
@@ -107,9 +101,6 @@ int register_user_function(ProblemObject* p, PyObject* args, bool deriv, int* in
         return 0;
     }
     if (PyErr_Occurred()) return -1;
-    if (!SLP_NEED(TSLPsetstring) || !SLP_NEED(TSLPadduserfuncs) || !SLP_NEED(TSLPaddnames) ||
-        !SLP_NEED(TSLPchguserfuncaddress) || !SLP_NEED(TSLPsetuserfuncobject))
-        return -1;
     if (!p->slp) {
         PyErr_SetString(SolverError, "The nonlinear library is not available for this problem");
         return -1;
@@ -509,7 +500,6 @@ int formula_split(ProblemObject* p, PyObject* obj, bool objective_mode, int row,
 
 int formula_load(ProblemObject* p, const NlItems& items) {
     if (items.count() == 0) return 0;
-    if (!SLP_NEED(TSLPaddcoefs)) return -1;
     if (!p->slp) {
         PyErr_SetString(SolverError, "The nonlinear library is not available for this problem");
         return -1;
@@ -528,8 +518,8 @@ int nl_objective_prepare(ProblemObject* p) {
     if (!p->slp || !nonlinear_running() || !problem_is_nonlinear(p)) return 0;
     int st = 0;
     if (TSLPgetintattrib(p->slp, TSLP_STATUS, &st) != 0) return slp_error(p), -1;
-    if ((st & TSLP_STATE_CONSTRUCTED) && TSLPunconstruct && TSLPunconstruct(p->slp) != 0) return slp_error(p), -1;
-    if ((st & TSLP_STATE_PRESOLVED) && TSLPpostsolve && TSLPpostsolve(p->slp) != 0) return slp_error(p), -1;
+    if ((st & TSLP_STATE_CONSTRUCTED) && TSLPunconstruct(p->slp) != 0) return slp_error(p), -1;
+    if ((st & TSLP_STATE_PRESOLVED) && TSLPpostsolve(p->slp) != 0) return slp_error(p), -1;
     return 0;
 }
 
@@ -537,9 +527,6 @@ int nl_objective_remove(ProblemObject* p) {
     if (!p->nl_objective) return 0;
     int row = p->obj_row, col = p->obj_col;
     if (p->slp && nonlinear_running()) {
-        if (!SLP_NEED(TSLPgetcoefs) || !SLP_NEED(TSLPdelcoefs) || !SLP_NEED(TSLPchgvar) || !SLP_NEED(TSLPdelvars) ||
-            !SLP_NEED(TSLPgetrowstatus) || !SLP_NEED(TSLPchgrowstatus))
-            return -1;
         int n = 0;
         if (TSLPgetcoefs(p->slp, &n, nullptr, nullptr) != 0) return slp_error(p), -1;
         if (n > 0) {
@@ -570,8 +557,6 @@ int nl_objective_install(ProblemObject* p, NlItems& items) {
         PyErr_SetString(SolverError, "The nonlinear library is not available for this problem");
         return -1;
     }
-    if (!SLP_NEED(TSLPaddcoefs) || !SLP_NEED(TSLPchgvar) || !SLP_NEED(TSLPgetrowstatus) || !SLP_NEED(TSLPchgrowstatus))
-        return -1;
     int row = 0, col = 0;
     if (prob_rows(p, &row) < 0 || prob_cols(p, &col) < 0) return -1;
     const char type = 'E';
@@ -607,7 +592,6 @@ namespace {
 // Reads the nonlinear coefficients (all, or only those of the objective's transfer row) with
 // the variables and constraints their columns and rows stand for.
 int read_coefficients(ProblemObject* p, bool objective_only, DetachedFormulas& saved) {
-    if (!SLP_NEED(TSLPgetcoefs) || !SLP_NEED(TSLPgetcoefformula)) return -1;
     int n = 0;
     if (TSLPgetcoefs(p->slp, &n, nullptr, nullptr) != 0) return slp_error(p), -1;
     std::vector<int> r(n > 0 ? n : 1), c(n > 0 ? n : 1);
@@ -658,7 +642,6 @@ int formulas_detach(ProblemObject* p, bool all, DetachedFormulas& saved) {
             c.push_back(saved.items.cols[k]);
         }
     if (!r.empty()) {
-        if (!SLP_NEED(TSLPdelcoefs)) return -1;
         if (TSLPdelcoefs(p->slp, static_cast<int>(r.size()), r.data(), c.data()) != 0) return slp_error(p), -1;
     }
     saved.active = true;
@@ -725,7 +708,7 @@ int formulas_reattach(ProblemObject* p, DetachedFormulas& saved) {
 
 int formula_copy_userfuncs(ProblemObject* dst, ProblemObject* src) {
     nlp_copy_job_objects(dst, src);
-    if (!src->userfuncs || !dst->slp || !TSLPgetuserfuncobject || !TSLPsetuserfuncobject) return 0;
+    if (!src->userfuncs || !dst->slp) return 0;
     dst->userfuncs = PyDict_Copy(src->userfuncs);
     if (!dst->userfuncs) return -1;
     // The copied library problem points at the source's stored pairs: take a reference of

@@ -5,7 +5,7 @@
 // rows and columns through the problem's maps, call the library, report its failure.
 #include "nonlinear/formula.h"
 #include "model/model.h"
-#include "nonlinear/slp_ops.h"
+#include "library_interface/tslp.h"
 #include "problem/nonlinear_bridge.h"
 
 #include <cstdarg>
@@ -146,7 +146,7 @@ int fill_objects(PyObject* target, PyObject* objects, const int* idx, int n) {
 #define SIMPLE_OP(name)                                                            \
     PyObject* m_##name(PyObject* self, PyObject*) {                                \
         TSLPprob s = slp_of(P);                                                    \
-        if (!s || !SLP_NEED(TSLP##name)) return nullptr;                           \
+        if (!s) return nullptr;                                                    \
         return done(P, TSLP##name(s));                                             \
     }
 SIMPLE_OP(validate)
@@ -166,7 +166,7 @@ SIMPLE_OP(cascade)
 
 PyObject* m_fixpenalties(PyObject* self, PyObject*) {
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPfixpenalties)) return nullptr;
+    if (!s) return nullptr;
     int status = 0;
     if (TSLPfixpenalties(s, &status) != 0) return slp_error(P);
     return PyLong_FromLong(status);
@@ -176,7 +176,7 @@ PyObject* m_nlpoptimize(PyObject* self, PyObject* args, PyObject* kw) {
     static const char* kwl[] = {"flags", nullptr};
     const char* flags = "";
     if (!parse(args, kw, "|s", kwl, "Wrong arguments in nlpoptimize", &flags)) return nullptr;
-    if (!slp_of(P) || !SLP_NEED(TSLPnlpoptimize)) return nullptr;
+    if (!slp_of(P)) return nullptr;
     int rc = run_nonlinear_optimizer(P, flags);
     if (rc == -2) return nullptr;
     return done(P, rc);
@@ -184,7 +184,7 @@ PyObject* m_nlpoptimize(PyObject* self, PyObject* args, PyObject* kw) {
 
 PyObject* m_globalsol(PyObject* self, PyObject*) {
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPglobal)) return nullptr;
+    if (!s) return nullptr;
     int rc;
     note_solver_run(P, true);
     Py_BEGIN_ALLOW_THREADS
@@ -209,7 +209,6 @@ PyObject* m_validatevector(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_SetString(InterfaceError, "Wrong vector size in validatevector");
         return nullptr;
     }
-    if (!SLP_NEED(TSLPvalidatevector)) return nullptr;
     double a = 0, b = 0, c = 0;
     if (TSLPvalidatevector(s, v.dbls(), &a, &b, &c) != 0) return slp_error(P);
     return Py_BuildValue("(ddd)", a, b, c);
@@ -221,7 +220,7 @@ PyObject* m_validaterow(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "O", kwl, "Wrong arguments in validaterow", &r)) return nullptr;
     TSLPprob s = slp_of(P);
     int row;
-    if (!s || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPvalidaterow)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0) return nullptr;
     return done(P, TSLPvalidaterow(s, row));
 }
 
@@ -231,7 +230,7 @@ PyObject* m_validatekkt(PyObject* self, PyObject* args, PyObject* kw) {
     double target;
     if (!parse(args, kw, "iiid", kwl, "Wrong arguments in validatekkt", &mode, &respect, &update, &target)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPvalidatekkt)) return nullptr;
+    if (!s) return nullptr;
     return done(P, TSLPvalidatekkt(s, mode, respect, update, target));
 }
 
@@ -300,11 +299,9 @@ PyObject* add_job(ProblemObject* p, const char* desc, int preset, int count, PyO
     if (!cols.get(p, ivcols) || !iv.get(p, ivvalues, cols.data ? cols.n : -1)) return nullptr;
     int rc;
     if (custom) {
-        if (!SLP_NEED(TSLPmsaddcustompreset)) return nullptr;
         rc = TSLPmsaddcustompreset(s, desc, preset, count, cols.count(), cols.ints(), iv.dbls(), static_cast<int>(ids.size()),
                                    ids.data(), vals.data(), keep_job_object(p, job));
     } else {
-        if (!SLP_NEED(TSLPmsaddjob)) return nullptr;
         rc = TSLPmsaddjob(s, desc, cols.count(), cols.ints(), iv.dbls(), static_cast<int>(ids.size()), ids.data(),
                           vals.data(), keep_job_object(p, job));
     }
@@ -338,7 +335,7 @@ PyObject* m_msaddpreset(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* job;
     if (!parse(args, kw, "siiO", kwl, "Incorrect arguments in msaddpreset", &desc, &preset, &count, &job)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPmsaddpreset)) return nullptr;
+    if (!s) return nullptr;
     return done(P, TSLPmsaddpreset(s, desc, preset, count, keep_job_object(P, job)));
 }
 
@@ -351,7 +348,7 @@ PyObject* vars_common(PyObject* self, PyObject* args, PyObject* kw, bool load) {
                &sq, &ti, &iv, &sb))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPaddvars) || !SLP_NEED(TSLPloadvars)) return nullptr;
+    if (!s) return nullptr;
     Arr cols(CONV_COL), vtype(CONV_INT), det(CONV_ROW), seq(CONV_INT), tol(CONV_INT), init(CONV_DOUBLE), step(CONV_DOUBLE);
     if (!cols.get(P, c)) return nullptr;
     int64_t n = cols.n;
@@ -372,7 +369,7 @@ PyObject* m_chgvar(PyObject* self, PyObject* args, PyObject* kw) {
                &o[6], &o[7], &o[8], &o[9], &o[10], &o[11]))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPchgvar)) return nullptr;
+    if (!s) return nullptr;
     if (!o[0]) {
         PyErr_SetString(InterfaceError, "Incorrect arguments to chgvar");
         return nullptr;
@@ -417,7 +414,7 @@ PyObject* m_getvar(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "O", kwl, "Incorrect arguments in getvar", &c)) return nullptr;
     TSLPprob s = slp_of(P);
     int col;
-    if (!s || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPgetvar)) return nullptr;
+    if (!s || col_arg(P, c, &col) < 0) return nullptr;
     int detrow, tolset, history, converged, vartype, delta, penaltydelta, updaterow;
     double isb, sb, pen, damp, iv, val, orig;
     if (TSLPgetvar(s, col, &detrow, &isb, &sb, &pen, &damp, &iv, &val, &tolset, &history, &converged, &vartype, &delta,
@@ -432,7 +429,7 @@ PyObject* m_delvars(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* c;
     if (!parse(args, kw, "O", kwl, "Incorrect arguments to delvars", &c)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPdelvars)) return nullptr;
+    if (!s) return nullptr;
     Arr cols(CONV_COL);
     if (!cols.get(P, c)) return nullptr;
     return done(P, TSLPdelvars(s, cols.count(), cols.ints()));
@@ -443,7 +440,7 @@ PyObject* m_chgdeltatype(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *c, *t, *v;
     if (!parse(args, kw, "OOO", kwl, "Wrong arguments in chgdeltatypes", &c, &t, &v)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPchgdeltatype)) return nullptr;
+    if (!s) return nullptr;
     Arr cols(CONV_COL), types(CONV_INT), vals(CONV_DOUBLE);
     if (!cols.get(P, c) || !types.get(P, t, cols.n) || !vals.get(P, v, cols.n)) return nullptr;
     return done(P, TSLPchgdeltatype(s, cols.count(), cols.ints(), types.ints(), vals.dbls()));
@@ -456,7 +453,7 @@ PyObject* m_chgcascadenlimit(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "Oi", kwl, "Wrong arguments in chgcascadenlimit", &c, &limit)) return nullptr;
     TSLPprob s = slp_of(P);
     int col;
-    if (!s || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPchgcascadenlimit)) return nullptr;
+    if (!s || col_arg(P, c, &col) < 0) return nullptr;
     return done(P, TSLPchgcascadenlimit(s, col, limit));
 }
 
@@ -468,7 +465,7 @@ PyObject* tolsets_common(PyObject* self, PyObject* args, PyObject* kw, bool load
     if (!parse(args, kw, "O", kwl, load ? "Wrong arguments in loadtolsets" : "Wrong arguments in addtolsets", &t))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPaddtolsets) || !SLP_NEED(TSLPloadtolsets)) return nullptr;
+    if (!s) return nullptr;
     Arr tol(CONV_DOUBLE);
     if (!tol.get(P, t)) return nullptr;
     if (tol.count() % 9 != 0) {
@@ -487,7 +484,7 @@ PyObject* m_chgtolset(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *st, *t;
     if (!parse(args, kw, "iOO", kwl, "Wrong arguments in addtolsets", &ntol, &st, &t)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPchgtolset)) return nullptr;
+    if (!s) return nullptr;
     Arr tol(CONV_DOUBLE);
     if (!tol.get(P, t)) return nullptr;
     if (tol.count() != 9) {
@@ -511,7 +508,7 @@ PyObject* m_gettolset(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* t;
     if (!parse(args, kw, "iO", kwl, "Incorrect arguments in gettolset", &ntol, &t)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPgettolset)) return nullptr;
+    if (!s) return nullptr;
     int status = 0;
     std::vector<double> tols(9);
     if (TSLPgettolset(s, ntol, &status, tols.data()) != 0) return slp_error(P);
@@ -524,7 +521,7 @@ PyObject* m_deltolsets(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject* i;
     if (!parse(args, kw, "O", kwl, "Incorrect arguments to deltolsets", &i)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPdeltolsets)) return nullptr;
+    if (!s) return nullptr;
     Arr idx(CONV_INT);
     if (!idx.get(P, i)) return nullptr;
     return done(P, TSLPdeltolsets(s, idx.count(), idx.ints()));
@@ -538,7 +535,7 @@ PyObject* m_chgrowwt(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OO", kwl, "Incorrect call to chgrowwt", &r, &v)) return nullptr;
     TSLPprob s = slp_of(P);
     int row;
-    if (!s || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPchgrowwt)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0) return nullptr;
     double w = 0;
     bool has = false;
     if (!number_or_none(v, &w, &has)) {
@@ -555,7 +552,7 @@ PyObject* m_chgrowstatus(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OO", kwl, "Incorrect call to chgrowstatus", &r, &v)) return nullptr;
     TSLPprob s = slp_of(P);
     int row;
-    if (!s || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPchgrowstatus)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0) return nullptr;
     int st = 0;
     if (v != Py_None) {
         if (!is_integer_value(v)) {
@@ -573,7 +570,7 @@ PyObject* m_getrowwt(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "O", kwl, "Incorrect argument in getmessagetype", &r)) return nullptr;
     TSLPprob s = slp_of(P);
     int row;
-    if (!s || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPgetrowwt)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0) return nullptr;
     double w = 0;
     if (TSLPgetrowwt(s, row, &w) != 0) return slp_error(P);
     return PyFloat_FromDouble(w);
@@ -585,7 +582,7 @@ PyObject* m_getrowstatus(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "O", kwl, "Incorrect argument in getmessagetype", &r)) return nullptr;
     TSLPprob s = slp_of(P);
     int row;
-    if (!s || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPgetrowstatus)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0) return nullptr;
     int st = 0;
     if (TSLPgetrowstatus(s, row, &st) != 0) return slp_error(P);
     return PyLong_FromLong(st);
@@ -597,7 +594,7 @@ PyObject* dfs_common(PyObject* self, PyObject* args, PyObject* kw, bool load) {
     if (!parse(args, kw, "OOO", kwl, load ? "Wrong arguments in loaddfs" : "Wrong arguments in adddfs", &c, &r, &v))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPadddfs) || !SLP_NEED(TSLPloaddfs)) return nullptr;
+    if (!s) return nullptr;
     Arr cols(CONV_COL), rows(CONV_ROW), vals(CONV_DOUBLE);
     if (!cols.get(P, c) || !rows.get(P, r, cols.n) || !vals.get(P, v, cols.n)) return nullptr;
     auto f = load ? TSLPloaddfs : TSLPadddfs;
@@ -612,7 +609,7 @@ PyObject* m_chgdf(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OOO", kwl, "Wrong arguments in chgdf", &c, &r, &v)) return nullptr;
     TSLPprob s = slp_of(P);
     int col, row;
-    if (!s || col_arg(P, c, &col) < 0 || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPchgdf)) return nullptr;
+    if (!s || col_arg(P, c, &col) < 0 || row_arg(P, r, &row) < 0) return nullptr;
     double d = 0;
     bool has = false;
     if (!number_or_none(v, &d, &has)) {
@@ -629,7 +626,7 @@ PyObject* m_getdf(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OO", kwl, "Incorrect arguments in getdf", &c, &r)) return nullptr;
     TSLPprob s = slp_of(P);
     int col, row;
-    if (!s || col_arg(P, c, &col) < 0 || row_arg(P, r, &row) < 0 || !SLP_NEED(TSLPgetdf)) return nullptr;
+    if (!s || col_arg(P, c, &col) < 0 || row_arg(P, r, &row) < 0) return nullptr;
     double d = 0;
     if (TSLPgetdf(s, col, row, &d) != 0) return slp_error(P);
     return PyFloat_FromDouble(d);
@@ -656,7 +653,7 @@ PyObject* coefs_common(PyObject* self, PyObject* args, PyObject* kw, bool load) 
                &fs, &parsed, &t, &v))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPaddcoefs) || !SLP_NEED(TSLPloadcoefs)) return nullptr;
+    if (!s) return nullptr;
     Arr rows(CONV_ROW), cols(CONV_COL), factors(CONV_DOUBLE), starts(CONV_INT), types(CONV_INT), values(CONV_DOUBLE);
     if (!rows.get(P, r) || !cols.get(P, c, rows.n) || !factors.get(P, f, rows.n) || !starts.get(P, fs) ||
         !token_arrays(P, t, v, types, values))
@@ -702,7 +699,7 @@ PyObject* m_chgnlcoef(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OOOiOO", kwl, "Wrong arguments in addcoefs", &r, &c, &f, &parsed, &t, &v)) return nullptr;
     TSLPprob s = slp_of(P);
     int row, col;
-    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPchgcoef)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0) return nullptr;
     double factor = 0;
     bool has = false;
     if (!number_or_none(f, &factor, &has)) {
@@ -735,7 +732,7 @@ PyObject* m_chgccoef(PyObject* self, PyObject* args, PyObject* kw) {
     if (!text) return nullptr;
     TSLPprob s = slp_of(P);
     int row, col;
-    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPchgccoef)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0) return nullptr;
     int rc = TSLPchgccoef(s, row, col, has ? &factor : nullptr, text);
     if (rc == 0) refresh_nl_rows(P);
     return done(P, rc);
@@ -746,7 +743,7 @@ PyObject* m_delcoefs(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *r, *c;
     if (!parse(args, kw, "OO", kwl, "Incorrect arguments to delcoefs", &r, &c)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPdelcoefs)) return nullptr;
+    if (!s) return nullptr;
     Arr rows(CONV_ROW), cols(CONV_COL);
     if (!rows.get(P, r) || !cols.get(P, c, rows.n)) return nullptr;
     int rc = TSLPdelcoefs(s, rows.count(), rows.ints(), cols.ints());
@@ -760,7 +757,7 @@ PyObject* m_getcoefs(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *r = nullptr, *c = nullptr;
     if (!parse(args, kw, "|OO", kwl, msg, &r, &c)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPgetcoefs)) return nullptr;
+    if (!s) return nullptr;
     int n = 0;
     if (TSLPgetcoefs(s, &n, nullptr, nullptr) != 0) return slp_error(P);
     std::vector<int> rows(n > 0 ? n : 1), cols(n > 0 ? n : 1);
@@ -781,7 +778,7 @@ PyObject* m_getcoefformula(PyObject* self, PyObject* args, PyObject* kw) {
     }
     TSLPprob s = slp_of(P);
     int row, col;
-    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPgetcoefformula)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0) return nullptr;
     std::vector<int> types(bufsize > 0 ? bufsize : 1);
     std::vector<double> values(types.size());
     double factor = 0;
@@ -806,7 +803,7 @@ PyObject* m_getccoef(PyObject* self, PyObject* args, PyObject* kw) {
     }
     TSLPprob s = slp_of(P);
     int row, col;
-    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPgetccoef)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0) return nullptr;
     std::string buf(static_cast<size_t>(flen) + 1, '\0');
     double factor = 0;
     if (TSLPgetccoef(s, row, col, &factor, &buf[0], flen) != 0) return slp_error(P);
@@ -819,7 +816,7 @@ PyObject* m_evaluateformula(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *t, *v;
     if (!parse(args, kw, "iOO", kwl, "Incorrect arguments to delvars", &parsed, &t, &v)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPevaluateformula)) return nullptr;
+    if (!s) return nullptr;
     Arr types(CONV_INT), values(CONV_DOUBLE);
     if (!token_arrays(P, t, v, types, values)) return nullptr;
     double result = 0;
@@ -833,7 +830,7 @@ PyObject* m_evaluatecoef(PyObject* self, PyObject* args, PyObject* kw) {
     if (!parse(args, kw, "OO", kwl, "Incorrect arguments to delcoefs", &r, &c)) return nullptr;
     TSLPprob s = slp_of(P);
     int row, col;
-    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0 || !SLP_NEED(TSLPevaluatecoef)) return nullptr;
+    if (!s || row_arg(P, r, &row) < 0 || col_arg(P, c, &col) < 0) return nullptr;
     double result = 0;
     if (TSLPevaluatecoef(s, row, col, &result) != 0) return slp_error(P);
     return PyFloat_FromDouble(result);
@@ -846,7 +843,7 @@ PyObject* m_getslpsol(PyObject* self, PyObject* args, PyObject* kw) {
     PyObject *x = nullptr, *slack = nullptr, *dual = nullptr, *dj = nullptr;
     if (!parse(args, kw, "|OOOO", kwl, "Wrong arguments in getslpsol", &x, &slack, &dual, &dj)) return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPgetslpsol)) return nullptr;
+    if (!s) return nullptr;
     int rows = 0, cols = 0;
     if (prob_int_attrib(P, 1001, &rows) < 0 || prob_int_attrib(P, 1018, &cols) < 0) return nullptr;
     auto want = [](PyObject* o) { return o && o != Py_None; };
@@ -870,7 +867,7 @@ PyObject* info_common(PyObject* self, PyObject* args, PyObject* kw, bool rows) {
                &infotype, &o))
         return nullptr;
     TSLPprob s = slp_of(P);
-    if (!s || !SLP_NEED(TSLPgetrowinfo) || !SLP_NEED(TSLPgetcolinfo)) return nullptr;
+    if (!s) return nullptr;
     int index;
     if ((rows ? row_arg(P, o, &index) : col_arg(P, o, &index)) < 0) return nullptr;
     int tag = 0, iv = 0;

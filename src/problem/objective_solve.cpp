@@ -4,7 +4,7 @@
 #include "model/model.h"
 #include "nonlinear/node.h"
 #include "nonlinear/formula.h"
-#include "nonlinear/slp_ops.h"
+#include "library_interface/tslp.h"
 #include "problem/nonlinear_bridge.h"
 
 #include <chrono>
@@ -237,7 +237,6 @@ PyObject* problem_solve(PyObject* self, PyObject* args, PyObject* kw) {
             }
             fl += 'g';
         }
-        if (!SLP_NEED(TSLPnlpoptimize)) return nullptr;
         int rc = run_nonlinear_optimizer(p, fl.c_str());
         if (rc == -2 || PyErr_Occurred()) return nullptr;
         if (rc == 0) Py_RETURN_NONE;

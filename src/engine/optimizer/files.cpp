@@ -5,11 +5,14 @@
 #include <cctype>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <unordered_set>
 #include <vector>
+
+#include <unistd.h>
 
 namespace trvo {
 namespace {
@@ -74,14 +77,195 @@ std::vector<std::string> names_for_file(const NameList& list, int n, char prefix
     return out;
 }
 
+// MPS sections HiGHS does not know, written and read by the engine itself:
+//   SOS                              INDICATORS
+//    S1 SOS <set> <priority>          IF <row> <column> <0 or 1>
+//       <set> <column> <weight>
+// They go in front of ENDATA; on reading they are taken out before HiGHS sees the file.
+std::string entity_sections(TRVOprob p, const std::vector<std::string>& cn,
+                            const std::vector<std::string>& rn) {
+    std::string out;
+    char buf[64];
+    if (!p->sets.empty()) {
+        std::vector<std::string> sn = names_for_file(p->setnames, static_cast<int>(p->sets.size()), 'S', false);
+        out += "SOS\n";
+        for (size_t k = 0; k < p->sets.size(); ++k) {
+            const Sos& set = p->sets[k];
+            out += std::string(" S") + set.type + " SOS " + sn[k] + " 1\n";
+            for (size_t e = 0; e < set.cols.size(); ++e) {
+                std::snprintf(buf, sizeof buf, " %.17g\n", set.weights[e]);
+                out += "    " + sn[k] + " " + cn[static_cast<size_t>(set.cols[e])] + buf;
+            }
+        }
+    }
+    if (!p->indicators.empty()) {
+        out += "INDICATORS\n";
+        for (const auto& kv : p->indicators)
+            out += " IF " + rn[static_cast<size_t>(kv.first)] + " " +
+                   cn[static_cast<size_t>(kv.second.col)] + (kv.second.comp > 0 ? " 1\n" : " 0\n");
+    }
+    return out;
+}
+
+void insert_before_endata(const std::string& file, const std::string& text) {
+    std::string content;
+    {
+        std::FILE* f = std::fopen(file.c_str(), "rb");
+        if (!f) fail("Could not open problem file %s", file.c_str());
+        char chunk[65536];
+        size_t got;
+        while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) content.append(chunk, got);
+        std::fclose(f);
+    }
+    size_t at = content.rfind("ENDATA");
+    if (at == std::string::npos) fail("HiGHS wrote %s without an ENDATA line", file.c_str());
+    content.insert(at, text);
+    std::FILE* f = std::fopen(file.c_str(), "wb");
+    if (!f) fail("Could not open problem file %s for writing", file.c_str());
+    bool ok = std::fwrite(content.data(), 1, content.size(), f) == content.size();
+    ok = std::fclose(f) == 0 && ok;
+    if (!ok) fail("Could not write problem file %s", file.c_str());
+}
+
+struct SosEntry {
+    std::string set, col;
+    double weight;
+};
+struct SosHeader {
+    std::string name;
+    char type;
+};
+struct IndicatorEntry {
+    std::string row, col;
+    int value;
+};
+struct EntitySections {
+    std::vector<SosHeader> sets;
+    std::vector<SosEntry> members;
+    std::vector<IndicatorEntry> indicators;
+    bool any = false;
+};
+
+std::vector<std::string> tokens(const std::string& line) {
+    std::vector<std::string> out;
+    size_t i = 0;
+    while (i < line.size()) {
+        while (i < line.size() && std::isspace(static_cast<unsigned char>(line[i]))) ++i;
+        size_t j = i;
+        while (j < line.size() && !std::isspace(static_cast<unsigned char>(line[j]))) ++j;
+        if (j > i) out.push_back(line.substr(i, j - i));
+        i = j;
+    }
+    return out;
+}
+
+// Takes the SOS and INDICATORS sections out of an MPS file. Returns the name of a temporary
+// copy without them for HiGHS to read, or "" when the file has none.
+std::string strip_entity_sections(const std::string& file, EntitySections& found) {
+    std::FILE* f = std::fopen(file.c_str(), "rb");
+    if (!f) fail("Could not open problem file %s", file.c_str());
+    std::string rest, line;
+    enum { kOther, kSos, kIndicators } section = kOther;
+    int c;
+    bool more = true;
+    while (more) {
+        line.clear();
+        while ((c = std::fgetc(f)) != EOF && c != '\n') line.push_back(static_cast<char>(c));
+        more = c != EOF;
+        if (!more && line.empty()) break;
+        std::vector<std::string> t = tokens(line);
+        bool header = !line.empty() && !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
+        if (header) {
+            section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators : kOther;
+            if (section != kOther) {
+                found.any = true;
+                continue;
+            }
+        }
+        if (section == kOther || t.empty() || line[0] == '*') {
+            rest += line;
+            rest += '\n';
+            continue;
+        }
+        if (section == kSos) {
+            if ((t[0] == "S1" || t[0] == "S2") && t.size() >= 3) {
+                found.sets.push_back({t[2], t[0][1]});
+            } else if (found.sets.empty()) {
+                std::fclose(f);
+                fail("SOS member before any set in %s", file.c_str());
+            } else if (t.size() >= 3) {
+                found.members.push_back({t[0], t[1], std::strtod(t[2].c_str(), nullptr)});
+            } else if (t.size() == 2) {
+                found.members.push_back({found.sets.back().name, t[0], std::strtod(t[1].c_str(), nullptr)});
+            }
+        } else if (t.size() >= 4 && t[0] == "IF") {
+            found.indicators.push_back({t[1], t[2], std::atoi(t[3].c_str())});
+        } else {
+            std::fclose(f);
+            fail("Unreadable INDICATORS line in %s: %s", file.c_str(), line.c_str());
+        }
+    }
+    std::fclose(f);
+    if (!found.any) return "";
+    const char* dir = std::getenv("TMPDIR");
+    std::string tmpl = std::string(dir && *dir ? dir : "/tmp") + "/trvoreadXXXXXX.mps";
+    std::vector<char> path(tmpl.begin(), tmpl.end());
+    path.push_back('\0');
+    int fd = mkstemps(path.data(), 4);
+    if (fd < 0) fail("Could not create a temporary file to read %s", file.c_str());
+    bool ok = ::write(fd, rest.data(), rest.size()) == static_cast<ssize_t>(rest.size());
+    ok = ::close(fd) == 0 && ok;
+    if (!ok) {
+        std::remove(path.data());
+        fail("Could not write a temporary file to read %s", file.c_str());
+    }
+    return std::string(path.data());
+}
+
+// Resolves the sections' names against the columns and rows read by HiGHS.
+void load_entity_sections(const EntitySections& found, trvo_problem_s& target) {
+    std::unordered_map<std::string, size_t> set_index;
+    for (const auto& h : found.sets) {
+        if (set_index.count(h.name)) fail("Set %s is defined twice", h.name.c_str());
+        set_index[h.name] = target.sets.size();
+        Sos s;
+        s.type = h.type;
+        target.sets.push_back(s);
+        target.setnames.resize(target.sets.size());
+        target.setnames.set(static_cast<int>(target.sets.size()) - 1, h.name);
+    }
+    for (const auto& m : found.members) {
+        auto it = set_index.find(m.set);
+        if (it == set_index.end()) fail("SOS member of an unknown set %s", m.set.c_str());
+        int col = target.colnames.find(m.col);
+        if (col < 0) fail("SOS member %s is not a column", m.col.c_str());
+        target.sets[it->second].cols.push_back(col);
+        target.sets[it->second].weights.push_back(m.weight);
+    }
+    for (const auto& e : found.indicators) {
+        int row = target.rownames.find(e.row), col = target.colnames.find(e.col);
+        if (row < 0) fail("Indicator row %s is not a row", e.row.c_str());
+        if (col < 0) fail("Indicator column %s is not a column", e.col.c_str());
+        if (e.value != 0 && e.value != 1) fail("Indicator value of row %s must be 0 or 1", e.row.c_str());
+        target.indicators[row] = Indicator{col, e.value == 1 ? 1 : -1};
+    }
+}
+
 void write_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_for(filename, flags);
     const bool lp = flags && std::strchr(flags, 'l');
     if (!p->qrows.empty()) fail("Quadratic rows cannot be written to a problem file");
-    if (!p->sets.empty()) fail("Special ordered sets cannot be written to a problem file");
-    if (!p->indicators.empty()) fail("Indicator rows cannot be written to a problem file");
+    if (lp && !p->sets.empty()) fail("Special ordered sets cannot be written to an LP file");
+    if (lp && !p->indicators.empty()) fail("Indicator rows cannot be written to an LP file");
     HighsModel m;
     formulate(p, false, m);
+    // The relaxation frees indicator rows; the file keeps them with their own bounds.
+    for (const auto& kv : p->indicators) {
+        size_t s = static_cast<size_t>(kv.first);
+        row_bounds(p, kv.first, m.row_lower[s], m.row_upper[s]);
+        if (m.row_lower[s] <= -kInf) m.row_lower[s] = -INFINITY;
+        if (m.row_upper[s] >= kInf) m.row_upper[s] = INFINITY;
+    }
     // Column types in HiGHS's own terms: semi-continuous columns keep their threshold as lower
     // bound, as the file formats have it.
     std::vector<HighsInt> integ(static_cast<size_t>(m.ncol), kHighsVarTypeContinuous);
@@ -134,6 +318,8 @@ void write_problem(TRVOprob p, const char* filename, const char* flags) {
     else fail("Could not open problem file %s for writing", name.c_str());
     if (Highs_writeModel(h, name.c_str()) == kHighsStatusError)
         fail("Could not write problem file %s", name.c_str());
+    if (!p->sets.empty() || !p->indicators.empty())
+        insert_before_endata(name, entity_sections(p, cn, rn));
 }
 
 void read_problem(TRVOprob p, const char* filename, const char* flags) {
@@ -153,9 +339,18 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     }
     if (FILE* f = std::fopen(name.c_str(), "r")) std::fclose(f);
     else fail("Could not open problem file %s", name.c_str());
+    EntitySections entities;
+    std::string stripped;
+    if (!(flags && std::strchr(flags, 'l')) && !(has_extension(name) && name.size() > 3 &&
+                                                 name.compare(name.size() - 3, 3, ".lp") == 0))
+        stripped = strip_entity_sections(name, entities);
+    struct RemoveTemp {
+        const std::string& path;
+        ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
+    } remove_temp{stripped};
     Instance inst;
     void* h = inst.h;
-    if (Highs_readModel(h, name.c_str()) == kHighsStatusError)
+    if (Highs_readModel(h, (stripped.empty() ? name : stripped).c_str()) == kHighsStatusError)
         fail("Could not read problem file %s", name.c_str());
     HighsInt ncol = Highs_getNumCol(h), nrow = Highs_getNumRow(h), nnz = Highs_getNumNz(h),
              qnz = Highs_getHessianNumNz(h);
@@ -217,6 +412,7 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
         if (Highs_getColName(h, j, buf) != kHighsStatusError) scratch.colnames.set(j, buf);
     for (HighsInt i = 0; i < nrow; ++i)
         if (Highs_getRowName(h, i, buf) != kHighsStatusError) scratch.rownames.set(i, buf);
+    if (entities.any) load_entity_sections(entities, scratch);
     std::string base = name.substr(name.find_last_of('/') == std::string::npos ? 0 : name.find_last_of('/') + 1);
     if (has_extension(base)) base = base.substr(0, base.find_last_of('.'));
 
@@ -230,6 +426,9 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->qobj.swap(scratch.qobj);
     p->rownames = std::move(scratch.rownames);
     p->colnames = std::move(scratch.colnames);
+    p->sets.swap(scratch.sets);
+    p->setnames = std::move(scratch.setnames);
+    p->indicators.swap(scratch.indicators);
     results_resize(p);
 }
 

@@ -315,6 +315,18 @@ std::string nonconvexity(TRVOprob p, bool mip) {
     return "";
 }
 
+void row_bounds(TRVOprob p, int i, double& lo, double& up) {
+    size_t s = static_cast<size_t>(i);
+    double r = p->rhs[s];
+    switch (p->rowtype[s]) {
+        case 'L': lo = -kInf; up = r; break;
+        case 'G': lo = r; up = kInf; break;
+        case 'E': lo = r; up = r; break;
+        case 'R': lo = r - p->range[s]; up = r; break;
+        default: lo = -kInf; up = kInf; break;
+    }
+}
+
 void formulate(TRVOprob p, bool mip, HighsModel& out) {
     const int n = p->ncols(), m = p->nrows();
     Builder b;
@@ -325,17 +337,7 @@ void formulate(TRVOprob p, bool mip, HighsModel& out) {
     b.rows.assign(p->matrix.begin(), p->matrix.end());
     b.rlo.resize(static_cast<size_t>(m));
     b.rup.resize(static_cast<size_t>(m));
-    for (int i = 0; i < m; ++i) {
-        size_t s = static_cast<size_t>(i);
-        double r = p->rhs[s];
-        switch (p->rowtype[s]) {
-            case 'L': b.rlo[s] = -kInf; b.rup[s] = r; break;
-            case 'G': b.rlo[s] = r; b.rup[s] = kInf; break;
-            case 'E': b.rlo[s] = r; b.rup[s] = r; break;
-            case 'R': b.rlo[s] = r - p->range[s]; b.rup[s] = r; break;
-            default: b.rlo[s] = -kInf; b.rup[s] = kInf; break;
-        }
-    }
+    for (int i = 0; i < m; ++i) row_bounds(p, i, b.rlo[static_cast<size_t>(i)], b.rup[static_cast<size_t>(i)]);
     if (mip) {
         for (int j = 0; j < n; ++j) {
             switch (p->coltype[static_cast<size_t>(j)]) {

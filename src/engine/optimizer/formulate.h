@@ -30,6 +30,8 @@ struct HighsModel {
 std::string nonconvexity(TRVOprob p, bool mip);
 // True when the problem has discrete entities (integer-like columns, sets, indicators).
 bool has_entities(TRVOprob p);
+// Row i's bounds from its type, right-hand side and range (+-kInf where there is none).
+void row_bounds(TRVOprob p, int i, double& lo, double& up);
 // Builds the model: mip false gives the continuous relaxation (entities dropped).
 void formulate(TRVOprob p, bool mip, HighsModel& out);
 
