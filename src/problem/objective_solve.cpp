@@ -117,13 +117,23 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
         Py_END_ALLOW_THREADS
         if (finished) break;
         if (PyErr_CheckSignals() < 0) {
-            if (nonlinear) TSLPinterrupt(slp, 2);
-            else TRVOinterrupt(prob, 2);
             interrupted = true;
             break;
         }
     }
     Py_BEGIN_ALLOW_THREADS
+    if (interrupted) {
+        // The request is repeated until the worker is done: one made before the optimiser
+        // started its run would be cleared by that start.
+        std::unique_lock<std::mutex> lk(m);
+        while (!done) {
+            lk.unlock();
+            if (nonlinear) TSLPinterrupt(slp, 2);
+            else TRVOinterrupt(prob, 2);
+            lk.lock();
+            cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return done; });
+        }
+    }
     worker.join();
     Py_END_ALLOW_THREADS
     return interrupted ? -2 : rc;
