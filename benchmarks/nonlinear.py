@@ -997,7 +997,8 @@ def relative_error(value, optimum):
 
 
 def check_statement(name):
-    """Published optimum of one problem, evaluated with floats: (objective, violation, rel. error)."""
+    """The published optimum of one problem evaluated with floats: (objective, violation,
+    relative error against the published value)."""
     at = PROBLEMS[name](PointKit())
     optimum = PROBLEMS[name](_OptimumOnly())
     return at.objective, at.violation, relative_error(at.objective, optimum)
@@ -1019,6 +1020,13 @@ _GOOD_STATUS = {"nlp_solution", "nlp_globally_optimal", "lp_optimal", "mip_optim
 def _attribute(p, name, default=None):
     try:
         return p.getAttrib(name)
+    except Exception:
+        return default
+
+
+def _control(p, name, default=None):
+    try:
+        return p.getControl(name)
     except Exception:
         return default
 
@@ -1082,7 +1090,14 @@ def run_problem(name, maxtime=MAXTIME):
         notes.append("returned point infeasible by %.2e" % at.violation)
     solved = status in _GOOD_STATUS and error <= SOLVED_RTOL and at.violation <= FEAS_TOL
     if not solved and not notes:
-        if status not in _GOOD_STATUS:
+        if status == "nlp_unfinished":
+            notes.append("stopped at the %s limit" % (
+                "iteration" if iterations >= _control(p, "tslp_iterlimit", 1 << 30) else "time"))
+            if error <= SOLVED_RTOL:
+                notes.append("objective already at the published optimum, not declared converged")
+        elif status in ("nlp_locally_infeasible", "nlp_infeasible"):
+            notes.append("declared infeasible, but the published optimum is feasible")
+        elif status not in _GOOD_STATUS:
             notes.append("status " + status)
         elif at.objective < optimum:
             # Only a point that uses the feasibility tolerance (or a better optimum) gets here.
@@ -1138,9 +1153,13 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     solved = sum(r["solved"] for r in results)
     print("\nsolved %d of %d (%.1f%%) to the published optimum within %.0e relative"
           % (solved, len(results), 100.0 * solved / max(1, len(results)), SOLVED_RTOL))
-    misses = [r["name"] for r in results if not r["solved"]]
-    if misses:
-        print("misses: " + ", ".join(misses))
+    kinds = {}
+    for r in results:
+        if not r["solved"]:
+            kind = r["note"].split(";")[0].split(":")[0] or r["status"]
+            kinds.setdefault(kind, []).append(r["name"])
+    for kind, members in sorted(kinds.items(), key=lambda item: -len(item[1])):
+        print("  %2d %s: %s" % (len(members), kind, ", ".join(members)))
     print("total solve time %.2f s" % sum(r["time"] for r in results if not math.isnan(r["time"])))
     return results
 
