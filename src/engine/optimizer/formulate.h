@@ -28,6 +28,9 @@ struct HighsModel {
 
 // Why a problem cannot be handed to HiGHS as an LP/MIP/convex QP; empty when it can.
 std::string nonconvexity(TRVOprob p, bool mip);
+// Whether sign * Q is positive semidefinite, Q the symmetric matrix given by its upper triangle
+// (one entry per pair i <= j), up to a tolerance relative to the matrix's largest entry.
+bool positive_semidefinite(const QMap& q, double sign);
 // True when the problem has discrete entities (integer-like columns, sets, indicators).
 bool has_entities(TRVOprob p);
 // Row i's bounds from its type, right-hand side and range (+-kInf where there is none).
