@@ -692,6 +692,8 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
     int same_int = 0, err_iters = 0;
+    std::vector<double> merit_hist;   // merit at the accepted points
+    bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
     std::vector<RowInfo> rinfo(m.nrows);
@@ -764,6 +766,13 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 skip_b = false;
             }
         }
+        if (lps == 4 || (lps == 1 && iter > 1)) {
+            // HiGHS lost its way from the previous basis (or calls the always feasible step
+            // problem infeasible): solve it again from scratch.
+            logf(prob, 2, "    step problem failed from the warm start (%s); solving it afresh", last_highs.c_str());
+            Highs_clearSolver(h);
+            lps = solve_lp(xlp, rowdual, coldual, &errsum);
+        }
         if (lps == 3) {
             stop = prob->interrupt.load() ? prob->interrupt.load() : TRVO_STOP_TIMELIMIT;
             break;
@@ -777,7 +786,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
             status = TSLP_NLP_UNBOUNDED;
             break;
         }
-        if (lps == 4) throw Error("HiGHS failed on the step problem (" + last_highs + ")");
+        if (lps == 4) {
+            // The run ends unfinished at the last accepted point rather than failing outright.
+            logf(prob, 1, "The step problem could not be solved (%s); stopping", last_highs.c_str());
+            numerical_failure = true;
+            break;
+        }
         have_lp = true;
         // Determined columns follow their rows' linearisations exactly (the LP meets rows only
         // to its tolerance, which would swamp small predicted reductions).
@@ -997,6 +1011,14 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 continue;
             }
         }
+        // A feasible run whose merit has stopped moving has converged as far as it can: the
+        // last iterations changed it by less than the objective tolerance allows.
+        if (accept) merit_hist.push_back(phi_t);
+        const size_t window = 10;
+        if (!converged && feasible_k && !errors && merit_hist.size() > window &&
+            std::fabs(merit_hist[merit_hist.size() - 1 - window] - merit_hist.back()) <=
+                opttol * (1.0 + std::fabs(merit_hist.back())))
+            converged = true;
         if (converged) {
             status = TSLP_NLP_LOCALLY_OPTIMAL;
             break;
@@ -1070,7 +1092,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     }
     res.errorcosts = errcost;
     res.penaltyerrors = nerr;
-    if (status == TSLP_NLP_UNFINISHED && stop == 0) stop = TRVO_STOP_ITERLIMIT;
+    if (status == TSLP_NLP_UNFINISHED && stop == 0 && !numerical_failure) stop = TRVO_STOP_ITERLIMIT;
     return res;
 }
 
