@@ -1196,7 +1196,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
                           (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))) ||
                           // With curvature in the step problem its predicted reduction measures the
                           // distance to the optimum of the local model, not just the step bounds.
-                          (pwl_on && kkt <= 1e-4 * gscale && pred <= opttol * 1e-2 * (1.0 + std::fabs(phi_k))));
+                          (pwl_on && kkt <= 1e-4 * gscale && pred <= opttol * 0.1 * (1.0 + std::fabs(phi_k))));
         std::vector<double> lintrial = trial;   // the point the linearisation predicted
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
         double viol_t = 0.0;
