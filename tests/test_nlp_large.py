@@ -144,7 +144,7 @@ def test_quadratic_rows_with_linear_objective():
     assert p.getProbStatus() == tv.nlp_locally_optimal
     assert p.getAttrib("tslp_iter") < 100
     assert p.getObjVal() == pytest.approx(COPIES * math.sqrt(2), rel=1e-7)
-    assert p.getSolution(x) == pytest.approx([1 / math.sqrt(2)] * COPIES, abs=1e-4)
+    assert p.getSolution(x) == pytest.approx([1 / math.sqrt(2)] * COPIES, abs=1e-3)
 
 
 def test_formula_rows_with_linear_objective():
@@ -163,4 +163,4 @@ def test_formula_rows_with_linear_objective():
     assert p.getProbStatus() == tv.nlp_locally_optimal
     assert p.getAttrib("tslp_iter") < 100
     assert p.getObjVal() == pytest.approx(COPIES * 2 * math.log(2), rel=1e-7)
-    assert p.getSolution(y) == pytest.approx([math.log(2)] * COPIES, abs=1e-4)
+    assert p.getSolution(y) == pytest.approx([math.log(2)] * COPIES, abs=1e-3)
