@@ -16,7 +16,9 @@
      TSLP_TOK_EOF token. "Parsed" formulas are in postfix (reverse Polish) order; unparsed ones
      in infix order and may use brackets and delimiters.
    - Text formulas (TSLPchgccoef, TSLPgetccoef) use the infix syntax: numbers, column names
-     (or C<index> for a column without a name), + - * / ^ (also **), brackets, and the function
+     (or C<index> for a column without a name; a name that is not a letter or '_' followed by
+     letters, digits, '_' and '.' is written in double quotes, with \" and \\ inside),
+     + - * / ^ (also **), brackets, and the function
      names EXP LN (LOG) LOG10 ABS SQRT SIN COS TAN ARCSIN (ASIN) ARCCOS (ACOS) ARCTAN (ATAN)
      MIN MAX PWL SIGN ERF ERFC and registered user-function names, arguments separated by
      commas. PWL(x, x1, y1, x2, y2, ...) is piecewise linear in x through the points. */
@@ -221,6 +223,14 @@ int TSLPcopycallbacks(TSLPprob dest, TSLPprob src);
 /* msg: 512 bytes. A null prob reads the last error of calls without a problem. */
 int TSLPgetlasterror(TSLPprob prob, int* code, char* msg);
 int TSLPinterrupt(TSLPprob prob, int reason);
+
+/* ---- problem files ("nonlinear MPS": the bound problem's MPS file with the nonlinear data in
+   sections of its own; see src/engine/slp/files.cpp). Writing fails, writing nothing, when a
+   formula calls a user function. A file without the nonlinear sections reads as a problem
+   without nonlinear data. A failed read leaves both problems empty; its message names the
+   line at fault. */
+int TSLPwriteprob(TSLPprob prob, const char* filename, const char* flags);
+int TSLPreadprob(TSLPprob prob, const char* filename, const char* flags);
 
 /* ---- controls and attributes */
 /* The catalogue: parallel arrays owned by the library; entry 0 is a placeholder, the list
