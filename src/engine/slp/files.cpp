@@ -92,19 +92,21 @@ void check_writable(TSLPprob prob) {
         int row = kv.first.first, col = kv.first.second;
         if (row < 0 || row >= nrows || col < -1 || col >= ncols)
             throw Error("A nonlinear coefficient refers to a row or column the problem does not have");
-        std::string where = "the coefficient of row " + host_row_name(prob, row) +
-                            (col < 0 ? std::string(" (equals column)") : ", column " + host_column_name(prob, col));
+        auto where = [&] {
+            return "the coefficient of row " + host_row_name(prob, row) +
+                   (col < 0 ? std::string(" (equals column)") : ", column " + host_column_name(prob, col));
+        };
         if (!std::isfinite(kv.second.factor))
-            throw Error("The factor of " + where + " is not finite and cannot be written to a file");
+            throw Error("The factor of " + where() + " is not finite and cannot be written to a file");
         for (size_t i = 0; i < f.type.size(); ++i) {
             if (f.type[i] == TSLP_TOK_UFUN)
-                throw Error("The formula of " + where + " calls the user function " +
+                throw Error("The formula of " + where() + " calls the user function " +
                             user_function_name(prob, (int)f.value[i]) +
                             ", which cannot be written to a problem file");
             if (f.type[i] == TSLP_TOK_CON && !std::isfinite(f.value[i]))
-                throw Error("The formula of " + where + " holds a number that is not finite and cannot be written");
+                throw Error("The formula of " + where() + " holds a number that is not finite and cannot be written");
             if (f.type[i] == TSLP_TOK_COL && (f.value[i] < 0 || f.value[i] >= (double)ncols))
-                throw Error("The formula of " + where + " refers to a column the problem does not have");
+                throw Error("The formula of " + where() + " refers to a column the problem does not have");
         }
     }
 }
