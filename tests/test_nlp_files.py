@@ -147,6 +147,21 @@ class TestRoundTrips:
         assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-7)
         assert q.getSolution() == pytest.approx(p.getSolution([x, y, z]), abs=1e-6)
 
+    def test_reading_with_flag_l_keeps_the_nonlinear_part(self, tmp_path):
+        # A .mps file is MPS whatever the flags say: its formulas are not dropped.
+        p, _ = nonlinear_rows_problem()
+        f = tmp_path / "model.mps"
+        p.write(str(f))
+        q = tv.problem()
+        q.read(str(f), "l")
+        mine, theirs = [], []
+        p.getcoefs(mine, None)
+        q.getcoefs(theirs, None)
+        assert [str(c) for c in theirs] == [str(c) for c in mine] == ["mix", "powers"]
+        p.solve()
+        q.solve()
+        assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-7)
+
     def test_linear_problem_written_with_flag_g(self, tmp_path):
         x, y = tv.var(name="x", ub=5), tv.var(name="y", lb=-1, ub=5)
         p = tv.problem(x, y, tv.constraint(body=x + 2 * y, ub=6, name="c"), 3 * x + y, sense=tv.maximize)

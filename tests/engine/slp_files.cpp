@@ -55,6 +55,7 @@ CASE(files_round_trip_and_the_optimiser_refuses_them) {
     char msg[512] = "";
     TRVOgetlasterror(plain, msg);
     CHECK(std::strstr(msg, "nonlinear") != nullptr);
+    CHECK(TRVOreadprob(plain, f.c_str(), "l") != 0);   // a .mps file is MPS whatever the flags
     TRVOdestroyprob(plain);
 
     Prob q;

@@ -340,6 +340,17 @@ void write_problem(TRVOprob p, const char* filename, const char* flags, const Ex
     if (!own.empty()) insert_before_endata(name, own);
 }
 
+bool ends_with(const std::string& name, const char* ext) {
+    size_t n = std::strlen(ext);
+    return name.size() > n && name.compare(name.size() - n, n, ext) == 0;
+}
+
+// Whether the file is in LP format rather than MPS: a .lp file, or flag 'l' for a file whose
+// name does not say .mps (HiGHS reads a .mps file as MPS whatever the flags say).
+bool read_as_lp(const std::string& name, const char* flags) {
+    return ends_with(name, ".lp") || (flags && std::strchr(flags, 'l') && !ends_with(name, ".mps"));
+}
+
 std::string file_to_read(const char* filename, const char* flags) {
     if (!filename || !*filename) fail("No file name given");
     std::string name(filename);
@@ -364,9 +375,7 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_to_read(filename, flags);
     EntitySections entities;
     std::string stripped;
-    if (!(flags && std::strchr(flags, 'l')) && !(has_extension(name) && name.size() > 3 &&
-                                                 name.compare(name.size() - 3, 3, ".lp") == 0))
-        stripped = strip_entity_sections(name, entities);
+    if (!read_as_lp(name, flags)) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
@@ -463,6 +472,8 @@ void write_mps_with(TRVOprob prob, const char* filename, const char* flags, cons
 }
 
 std::string problem_file_to_read(const char* filename, const char* flags) { return file_to_read(filename, flags); }
+
+bool problem_file_is_lp(const std::string& name, const char* flags) { return read_as_lp(name, flags); }
 
 void clear_after_failed_read(TRVOprob prob) {
     if (prob && prob->magic == kProblemMagic) store_clear(prob);

@@ -27,6 +27,9 @@ void write_mps_with(TRVOprob prob, const char* filename, const char* flags, cons
 // tried as given, then with the format's extensions). Throws when no such file opens.
 std::string problem_file_to_read(const char* filename, const char* flags);
 
+// Whether TRVOreadprob reads that file (a name problem_file_to_read gave) in LP format.
+bool problem_file_is_lp(const std::string& name, const char* flags);
+
 // Empties the problem, as a failed read leaves it.
 void clear_after_failed_read(TRVOprob prob);
 

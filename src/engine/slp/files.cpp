@@ -547,6 +547,13 @@ struct TempFile {
 
 void read_file(TSLPprob prob, const char* filename, const char* flags) {
     std::string name = trvo::problem_file_to_read(filename, flags);
+    if (trvo::problem_file_is_lp(name, flags)) {
+        // LP files have no nonlinear part.
+        clear_nonlinear_data(prob);
+        if (TRVOreadprob(prob->trvo, filename, flags) != 0) throw Error(last_trvo_error(prob));
+        take_objective_sense(prob);
+        return;
+    }
     std::vector<Line> lines;
     {
         std::FILE* f = std::fopen(name.c_str(), "rb");
