@@ -336,6 +336,13 @@ int TSLPchgtolset(TSLPprob prob, int index, const int* status, const double tols
 int TSLPgettolset(TSLPprob prob, int index, int* status, double tols[]);
 int TSLPdeltolsets(TSLPprob prob, int nset, const int index[]);
 
+/* ---- deletion in the bound optimiser problem. Call right after TRVOdelrows / TRVOdelcols
+   with the same indices (positions before the deletion): the nonlinear data of deleted rows or
+   columns is dropped and that of later ones moves down with them. A deleted column inside a
+   formula becomes the constant 0, as deleting a column does to linear coefficients. */
+int TSLPdelrows(TSLPprob prob, int nrows, const int rowindex[]);
+int TSLPdelcols(TSLPprob prob, int ncols, const int colindex[]);
+
 /* ---- rows and distribution factors */
 int TSLPchgrowwt(TSLPprob prob, int row, const double* weight);   /* null: default 1 */
 int TSLPgetrowwt(TSLPprob prob, int row, double* weight);
