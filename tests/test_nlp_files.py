@@ -1,6 +1,7 @@
 """Nonlinear problem files: write() of a nonlinear problem (or with flag 'g') and read() of the
 file. Round trips solve the problem read back and compare with the original; malformed files
 fail with the line at fault and leave an empty, usable problem."""
+import json
 import math
 import re
 
@@ -304,3 +305,26 @@ def test_reading_a_linear_file_forgets_the_previous_nonlinear_data(tmp_path):
     p.solve()
     assert p.getProbStatusString() == "lp_optimal"
     assert p.getObjVal() == pytest.approx(2.5, abs=1e-9)
+
+
+@pytest.mark.parametrize("flags", ["", "g"])
+def test_reading_drops_multistart_jobs_of_the_previous_content(tmp_path, run_python, flags):
+    # A job setting the initial value of the fourth column must not reach a one-column problem
+    # (it used to write past the end of the point). Run apart: a fault here ends the process.
+    out = run_python("""
+        import tarvo as tv
+        tv.setOutputEnabled(False)
+        a = tv.var(name="a", lb=0.5, ub=3)
+        small = tv.problem(a, tv.constraint(body=2 * a, ub=5, name="r"), a, sense=tv.maximize)
+        small.write(%r, %r)
+        xs = [tv.var(lb=0, ub=2, name="x%%d" %% i) for i in range(4)]
+        p = tv.problem(xs, tv.exp(xs[0]) + xs[3] ** 2 <= 4, tv.Sum(xs))
+        p.msaddjob("far", [xs[0], xs[3]], [1.0, 0.5], {"tslp_iterlimit": 50}, None)
+        p.read(%r)
+        p.setControl("tslp_multistart", 1)
+        p.nlpoptimize()
+        print(p.getObjVal(), p.getSolution())
+    """ % (str(tmp_path / "small.mps"), flags, str(tmp_path / "small.mps")))
+    objective, solution = out.split(" ", 1)
+    assert float(objective) == pytest.approx(2.5, abs=1e-7)
+    assert json.loads(solution) == pytest.approx([2.5], abs=1e-7)

@@ -550,15 +550,20 @@ int load_from_library(ProblemObject* p) {
 }
 
 // After the optimiser read a file (which has no nonlinear part), the nonlinear data of the
-// problem's previous content would refer to rows and columns that now mean something else.
+// problem's previous content (formulas, SLP data, multistart jobs) would refer to rows and
+// columns that now mean something else, and its objective sense may differ from the file's.
 int forget_nonlinear_data(ProblemObject* p) {
     if (!p->slp || !nonlinear_running()) return 0;
     TSLPprob s = p->slp;
     if (TSLPloadcoefs(s, 0, nullptr, nullptr, nullptr, nullptr, 1, nullptr, nullptr) != 0 ||
         TSLPloadvars(s, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) != 0 ||
         TSLPloadtolsets(s, 0, nullptr) != 0 || TSLPloaddfs(s, 0, nullptr, nullptr, nullptr) != 0 ||
-        TSLPreinitialize(s) != 0)
+        TSLPmsclear(s) != 0 || TSLPreinitialize(s) != 0)
         return slp_error(p), -1;
+    // The nonlinear optimiser keeps its own objective sense: the file's.
+    double sense = 1;
+    if (prob_dbl_attrib(p, 2007, &sense) < 0) return -1;
+    if (TSLPsetdblcontrol(s, 12146, sense < 0 ? -1.0 : 1.0) != 0) return slp_error(p), -1;
     int nrows = 0;
     if (prob_int_attrib(p, 1001, &nrows) < 0) return -1;
     const int zero = 0;

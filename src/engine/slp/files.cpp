@@ -515,7 +515,10 @@ std::string last_trvo_error(TSLPprob prob) {
     return msg;
 }
 
+// Everything tied to the rows and columns of the previous content, multistart jobs (which set
+// initial values of columns) included; controls, callbacks and user functions stay.
 void clear_nonlinear_data(TSLPprob prob) {
+    prob->msjobs.clear();
     prob->coefs.clear();
     prob->vars.clear();
     prob->tolsets.clear();
