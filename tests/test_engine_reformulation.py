@@ -56,11 +56,21 @@ def test_semicontinuous_without_upper_bound_beyond_the_highs_limit():
         with pytest.raises(tv.SolverError, match="Semi-continuous column v has no upper bound"):
             p.solve()
         assert p.getProbStatusString() == "mip_no_sol_found"
-        # With a finite bound the engine's own formulation takes it.
-        p, v, w = model(threshold, need, tv.infinity, ub=1e7)
-        p.solve()
-        assert p.getProbStatusString() == "mip_optimal"
-        assert p.getSolution([v, w]) == pytest.approx(expected, abs=TOL)
+        # With a finite bound, given or following from a row, the engine's own formulation
+        # takes it.
+        for cap, ub in ((tv.infinity, 1e7), (5e6, tv.infinity)):
+            p, v, w = model(threshold, need, cap, ub=ub)
+            p.solve()
+            assert p.getProbStatusString() == "mip_optimal"
+            assert p.getSolution([v, w]) == pytest.approx(expected, abs=TOL)
+    # A bound from the rows that the column cannot reach: v is 0 or at least 2e4 but at most
+    # 1e4, so w must cover the need alone.
+    p, v, w = model(2e4, 0.5, 1e4)
+    p.solve()
+    assert p.getSolution([v, w]) == pytest.approx([0, 0.5], abs=TOL)
+    p, v, w = model(2e4, 5, 1e4)
+    p.solve()
+    assert p.getProbStatusString() == "mip_infeas"
     # Within the limit HiGHS's answers stand, infeasible ones included: v is 0 or at least 3
     # but the rows want it in [1, 2.5].
     p, v, w = model(3, 5e4, tv.infinity)

@@ -149,6 +149,29 @@ def test_slp_variables_and_distribution_factors():
     p.delvars([y])
 
 
+def test_deleting_rows_and_columns_moves_the_slp_data_with_them():
+    p, x, y, c, d = small()
+    a, b = tv.var(lb=-5, ub=5, name="a"), tv.var(name="b")
+    r0, r1 = tv.constraint(body=a, ub=3, name="r0"), tv.constraint(body=b, ub=3, name="r1")
+    # a and r0 come first, b and r1 last, so that deleting them moves x, y, c and d both ways.
+    q = tv.problem(a, x, y, b, r0, c, d, r1, x + y)
+    q.chgvar(x, initvalue=1.5, stepbound=0.25)
+    q.chgvar(y, initvalue=-0.5, detrow=d)
+    q.chgrowwt(d, 3.0)
+    q.chgdf(y, d, 0.5)
+    q.msaddjob("corner", [a, x, y, b], [4.0, 4.0, -4.0, 1.0], {"tslp_iterlimit": 200}, None)
+    q.delVariable([a, b])
+    q.delConstraint([r0, r1])
+    assert q.getvar(x)[:6] == (-1, 0.0, 0.25, 0.0, 0.0, 1.5)
+    assert q.getvar(y)[0] == q.getIndex(d) == 1
+    assert q.getvar(y)[5] == -0.5
+    assert (q.getrowwt(d), q.getrowwt(c), q.getdf(y, d), q.getdf(x, d)) == (3.0, 1.0, 0.5, 1.0)
+    q.setControl("tslp_multistart", 1)
+    q.solve()
+    assert q.getObjVal() == pytest.approx(-2, abs=1e-5)
+    assert q.getSolution() == pytest.approx([-1, -1], abs=1e-4)
+
+
 def test_solution_lists_and_row_column_information_agree_with_the_queries():
     p, x, y, c, d = small()
     p.getslpsol()  # nothing asked, nothing filled

@@ -210,3 +210,23 @@ def test_constraints_added_after_a_nonlinear_objective_keep_their_rows():
     p.solve()
     assert p.getObjVal() == pytest.approx(1 + math.exp(-3), abs=TOL)
     assert p.getSolution(y) == pytest.approx(3, abs=1e-5)
+
+
+def test_entities_the_nonlinear_optimiser_cannot_take_are_refused_not_ignored():
+    # Ignoring the set would give s1 = s2 = 5 (objective -10); the set allows only one of them.
+    s1, s2 = tv.var(ub=5, name="s1"), tv.var(ub=5, name="s2")
+    p = tv.problem(s1, s2, tv.exp(s1 / 5) + tv.exp(s2 / 5) <= 10, tv.sos([s1, s2], [1, 2], 1), -s1 - s2)
+    with pytest.raises(tv.SolverError, match="1 special ordered sets, which the nonlinear optimiser does not handle"):
+        p.solve()
+    b = tv.var(vartype=tv.binary)
+    q = tv.problem(s1, s2, b, tv.exp(s1 / 5) <= 10, -s1 - s2)
+    q.addIndicator(b == 1, s1 + s2 <= 1)
+    with pytest.raises(tv.SolverError, match="1 indicator constraints"):
+        q.solve()
+    sc = tv.var(vartype=tv.semicontinuous, threshold=1, ub=4, name="sc")
+    with pytest.raises(tv.SolverError, match="semi-continuous"):
+        tv.problem(sc, tv.exp(sc / 4) <= 10, -sc).solve()
+    # The refused problem stays usable: without the set it solves.
+    p.delSOS(0)
+    p.solve()
+    assert p.getSolution() == pytest.approx([5, 5], abs=1e-6)

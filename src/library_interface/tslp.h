@@ -16,7 +16,9 @@
      TSLP_TOK_EOF token. "Parsed" formulas are in postfix (reverse Polish) order; unparsed ones
      in infix order and may use brackets and delimiters.
    - Text formulas (TSLPchgccoef, TSLPgetccoef) use the infix syntax: numbers, column names
-     (or C<index> for a column without a name), + - * / ^ (also **), brackets, and the function
+     (or C<index> for a column without a name; a name that is not a letter or '_' followed by
+     letters, digits, '_' and '.' is written in double quotes, with \" and \\ inside),
+     + - * / ^ (also **), brackets, and the function
      names EXP LN (LOG) LOG10 ABS SQRT SIN COS TAN ARCSIN (ASIN) ARCCOS (ACOS) ARCTAN (ATAN)
      MIN MAX PWL SIGN ERF ERFC and registered user-function names, arguments separated by
      commas. PWL(x, x1, y1, x2, y2, ...) is piecewise linear in x through the points. */
@@ -222,6 +224,14 @@ int TSLPcopycallbacks(TSLPprob dest, TSLPprob src);
 int TSLPgetlasterror(TSLPprob prob, int* code, char* msg);
 int TSLPinterrupt(TSLPprob prob, int reason);
 
+/* ---- problem files ("nonlinear MPS": the bound problem's MPS file with the nonlinear data in
+   sections of its own; see src/engine/slp/files.cpp). Writing fails, writing nothing, when a
+   formula calls a user function. A file without the nonlinear sections reads as a problem
+   without nonlinear data. A failed read leaves both problems empty; its message names the
+   line at fault. */
+int TSLPwriteprob(TSLPprob prob, const char* filename, const char* flags);
+int TSLPreadprob(TSLPprob prob, const char* filename, const char* flags);
+
 /* ---- controls and attributes */
 /* The catalogue: parallel arrays owned by the library; entry 0 is a placeholder, the list
    ends at the first empty name. Names upper case. Flags as TSLPcontrolcode. */
@@ -325,6 +335,13 @@ int TSLPloadtolsets(TSLPprob prob, int nset, const double tols[]);
 int TSLPchgtolset(TSLPprob prob, int index, const int* status, const double tols[]);
 int TSLPgettolset(TSLPprob prob, int index, int* status, double tols[]);
 int TSLPdeltolsets(TSLPprob prob, int nset, const int index[]);
+
+/* ---- deletion in the bound optimiser problem. Call right after TRVOdelrows / TRVOdelcols
+   with the same indices (positions before the deletion): the nonlinear data of deleted rows or
+   columns is dropped and that of later ones moves down with them. A deleted column inside a
+   formula becomes the constant 0, as deleting a column does to linear coefficients. */
+int TSLPdelrows(TSLPprob prob, int nrows, const int rowindex[]);
+int TSLPdelcols(TSLPprob prob, int ncols, const int colindex[]);
 
 /* ---- rows and distribution factors */
 int TSLPchgrowwt(TSLPprob prob, int row, const double* weight);   /* null: default 1 */

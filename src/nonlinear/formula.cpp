@@ -539,13 +539,10 @@ int nl_objective_remove(ProblemObject* p) {
         if (TSLPgetrowstatus(p->slp, row, &st) != 0) return slp_error(p), -1;
         st &= ~TSLP_ROWSTATUS_TRANSFER;
         if (TSLPchgrowstatus(p->slp, row, &st) != 0) return slp_error(p), -1;
-        int none = -1;
-        if (TSLPchgvar(p->slp, col, &none, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                       nullptr, nullptr) != 0 ||
-            TSLPdelvars(p->slp, 1, &col) != 0)
-            return slp_error(p), -1;
     }
     if (TRVOdelcols(p->prob, 1, &col) != 0 || TRVOdelrows(p->prob, 1, &row) != 0) return problem_error(p), -1;
+    if (p->slp && nonlinear_running() && (TSLPdelcols(p->slp, 1, &col) != 0 || TSLPdelrows(p->slp, 1, &row) != 0))
+        return slp_error(p), -1;
     p->obj_row = p->obj_col = -1;
     p->nl_objective = 0;
     return 0;

@@ -408,6 +408,7 @@ struct DelKind {
     int conv;
     bool (*is_kind)(PyObject*);
     int (*del)(TRVOprob, int, const int*);
+    int (*del_nonlinear)(TSLPprob, int, const int*);   // keeps the nonlinear data in step; may be null
 };
 
 bool is_var_obj(PyObject* o) { return is_var(o); }
@@ -418,9 +419,9 @@ int del_cols(TRVOprob prob, int n, const int* idx) { return TRVOdelcols(prob, n,
 int del_rows(TRVOprob prob, int n, const int* idx) { return TRVOdelrows(prob, n, idx); }
 int del_sets(TRVOprob prob, int n, const int* idx) { return TRVOdelsets(prob, n, idx); }
 
-const DelKind DEL_VARS = {&ProblemObject::vars, &ProblemObject::colmap, CONV_COL, is_var_obj, del_cols};
-const DelKind DEL_CONS = {&ProblemObject::cons, &ProblemObject::rowmap, CONV_ROW, is_con_obj, del_rows};
-const DelKind DEL_SETS = {&ProblemObject::sets, &ProblemObject::setmap, CONV_SET, is_sos_obj, del_sets};
+const DelKind DEL_VARS = {&ProblemObject::vars, &ProblemObject::colmap, CONV_COL, is_var_obj, del_cols, TSLPdelcols};
+const DelKind DEL_CONS = {&ProblemObject::cons, &ProblemObject::rowmap, CONV_ROW, is_con_obj, del_rows, TSLPdelrows};
+const DelKind DEL_SETS = {&ProblemObject::sets, &ProblemObject::setmap, CONV_SET, is_sos_obj, del_sets, nullptr};
 
 PyObject* delete_objects(PyObject* self, PyObject* args, PyObject* kw, const DelKind& kind) {
     static const char* kwlist[] = {"index", "first", "last", nullptr};
@@ -480,6 +481,11 @@ PyObject* delete_objects(PyObject* self, PyObject* args, PyObject* kw, const Del
     if (kind.del(p->prob, static_cast<int>(idx.size()), idx.data()) != 0) return problem_error(p);
     if (remove_positions(list, map, idx) < 0) {
         if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Cannot delete item from problem");
+        return nullptr;
+    }
+    if (kind.del_nonlinear && p->slp && nonlinear_running() &&
+        kind.del_nonlinear(p->slp, static_cast<int>(idx.size()), idx.data()) != 0) {
+        slp_error(p);
         return nullptr;
     }
     Py_RETURN_NONE;

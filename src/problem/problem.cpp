@@ -416,6 +416,24 @@ int load_from_library(ProblemObject* p) {
     if (prob_int_attrib(p, 1214, &ncols) < 0 || prob_int_attrib(p, 1124, &nrows) < 0 ||
         prob_int_attrib(p, 1194, &nsets) < 0 || prob_int_attrib(p, 1028, &namelen) < 0)
         return -1;
+    // A nonlinear objective read from a file comes as its transfer row and column: the last row,
+    // marked as carrying the objective, and the last column, determined by that row. They stand
+    // for the objective, not for a constraint and a variable, as when the objective was set.
+    bool transfer = false;
+    if (p->slp && nonlinear_running() && ncols > 0 && nrows > 0) {
+        int status = 0, detrow = -1;
+        if (TSLPgetrowstatus(p->slp, nrows - 1, &status) != 0 ||
+            TSLPgetvar(p->slp, ncols - 1, &detrow, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                       nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) != 0) {
+            slp_error(p);
+            return -1;
+        }
+        transfer = (status & TSLP_ROWSTATUS_TRANSFER) && detrow == nrows - 1;
+    }
+    p->nl_objective = transfer ? 1 : 0;
+    p->obj_row = transfer ? nrows - 1 : -1;
+    p->obj_col = transfer ? ncols - 1 : -1;
+    if (transfer) --ncols, --nrows;
     const size_t width = 8 * static_cast<size_t>(namelen) + 1;
     // Names of kind `type` for [first, last], fetched in blocks of 256.
     auto fetch_names = [&](int type, int count, std::vector<std::string>& out) -> int {
@@ -531,6 +549,34 @@ int load_from_library(ProblemObject* p) {
     return 0;
 }
 
+// After the optimiser read a file (which has no nonlinear part), the nonlinear data of the
+// problem's previous content (formulas, SLP data, multistart jobs) would refer to rows and
+// columns that now mean something else, and its objective sense may differ from the file's.
+int forget_nonlinear_data(ProblemObject* p) {
+    if (!p->slp || !nonlinear_running()) return 0;
+    TSLPprob s = p->slp;
+    if (TSLPloadcoefs(s, 0, nullptr, nullptr, nullptr, nullptr, 1, nullptr, nullptr) != 0 ||
+        TSLPloadvars(s, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) != 0 ||
+        TSLPloadtolsets(s, 0, nullptr) != 0 || TSLPloaddfs(s, 0, nullptr, nullptr, nullptr) != 0 ||
+        TSLPmsclear(s) != 0 || TSLPreinitialize(s) != 0)
+        return slp_error(p), -1;
+    // The nonlinear optimiser keeps its own objective sense: the file's.
+    double sense = 1;
+    if (prob_dbl_attrib(p, 2007, &sense) < 0) return -1;
+    if (TSLPsetdblcontrol(s, 12146, sense < 0 ? -1.0 : 1.0) != 0) return slp_error(p), -1;
+    int nrows = 0;
+    if (prob_int_attrib(p, 1001, &nrows) < 0) return -1;
+    const int zero = 0;
+    for (int i = 0; i < nrows; ++i) {
+        int status = 0;
+        double weight = 1;
+        if (TSLPgetrowstatus(s, i, &status) != 0 || TSLPgetrowwt(s, i, &weight) != 0) return slp_error(p), -1;
+        if ((status != 0 && TSLPchgrowstatus(s, i, &zero) != 0) || (weight != 1 && TSLPchgrowwt(s, i, nullptr) != 0))
+            return slp_error(p), -1;
+    }
+    return 0;
+}
+
 PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     ProblemObject* p = as_prob(self);
     clear_lists_and_maps(p);
@@ -539,9 +585,17 @@ PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     const char* options = "";
     if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:read", const_cast<char**>(kwlist), &filename, &options))
         return nullptr;
+    // A failed read leaves the libraries' problems empty: so is the objective then.
+    p->nl_rows = 0;
+    p->nl_objective = 0;
+    p->obj_row = p->obj_col = -1;
     if (TRVOreadprob(p->prob, filename, options) != 0) {
-        if (!(p->slp && nonlinear_running() && TSLPreadprob && TSLPreadprob(p->slp, filename, options) == 0))
-            return problem_error(p);
+        // The nonlinear library reads what the optimiser refuses (nonlinear problem files); when
+        // it fails too, its message is the one that explains the file.
+        if (!(p->slp && nonlinear_running() && TSLPreadprob)) return problem_error(p);
+        if (TSLPreadprob(p->slp, filename, options) != 0) return slp_error(p);
+    } else if (forget_nonlinear_data(p) < 0) {
+        return nullptr;
     }
     if (load_from_library(p) < 0) {
         clear_lists_and_maps(p);
@@ -569,7 +623,7 @@ PyObject* problem_write(PyObject* self, PyObject* args, PyObject* kw) {
     else
         rc = TRVOwriteprob(p->prob, filename, flags);
     Py_END_ALLOW_THREADS
-    if (rc != 0) return problem_error(p);
+    if (rc != 0) return nonlinear ? slp_error(p) : problem_error(p);
     Py_RETURN_NONE;
 }
 

@@ -1,4 +1,5 @@
 // Problem files (MPS, free MPS, LP) through HiGHS's reader and writer, names kept.
+#include "engine/optimizer/files.h"
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 
@@ -15,6 +16,9 @@
 #include <unistd.h>
 
 namespace trvo {
+
+const char* const kNonlinearSection = "NONLINEAR";
+
 namespace {
 
 struct Instance {
@@ -166,7 +170,7 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string rest, line;
     enum { kOther, kSos, kIndicators } section = kOther;
-    int c;
+    int c, lineno = 0;
     bool more = true;
     while (more) {
         line.clear();
@@ -175,6 +179,12 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
         if (!more && line.empty()) break;
         std::vector<std::string> t = tokens(line);
         bool header = !line.empty() && !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
+        ++lineno;
+        if (header && t[0] == kNonlinearSection) {
+            std::fclose(f);
+            fail("%s holds the nonlinear problem sections from line %d on; it is read through the "
+                 "nonlinear library", file.c_str(), lineno);
+        }
         if (header) {
             section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators : kOther;
             if (section != kOther) {
@@ -251,10 +261,17 @@ void load_entity_sections(const EntitySections& found, trvo_problem_s& target) {
     }
 }
 
-void write_problem(TRVOprob p, const char* filename, const char* flags) {
+// Writes the problem through HiGHS and appends the engine's own sections. With `extra` (the
+// nonlinear library's writer), quadratic rows are left to it and its text is appended too.
+void write_problem(TRVOprob p, const char* filename, const char* flags, const ExtraSections* extra) {
     std::string name = file_for(filename, flags);
     const bool lp = flags && std::strchr(flags, 'l');
-    if (!p->qrows.empty()) fail("Quadratic rows cannot be written to a problem file");
+    if (!extra && !p->qrows.empty())
+        fail("Quadratic rows cannot be written to a problem file by the optimiser; write the problem "
+             "with flag 'g' to keep them");
+    if (extra && (lp || (name.size() > 3 && name.compare(name.size() - 3, 3, ".lp") == 0)))
+        fail("Nonlinear problem files are written in MPS form only: neither flag 'l' nor a .lp file "
+             "name can be used");
     if (lp && !p->sets.empty()) fail("Special ordered sets cannot be written to an LP file");
     if (lp && !p->indicators.empty()) fail("Indicator rows cannot be written to an LP file");
     HighsModel m;
@@ -318,11 +335,23 @@ void write_problem(TRVOprob p, const char* filename, const char* flags) {
     else fail("Could not open problem file %s for writing", name.c_str());
     if (Highs_writeModel(h, name.c_str()) == kHighsStatusError)
         fail("Could not write problem file %s", name.c_str());
-    if (!p->sets.empty() || !p->indicators.empty())
-        insert_before_endata(name, entity_sections(p, cn, rn));
+    std::string own = entity_sections(p, cn, rn);
+    if (extra) own += (*extra)(cn, rn);
+    if (!own.empty()) insert_before_endata(name, own);
 }
 
-void read_problem(TRVOprob p, const char* filename, const char* flags) {
+bool ends_with(const std::string& name, const char* ext) {
+    size_t n = std::strlen(ext);
+    return name.size() > n && name.compare(name.size() - n, n, ext) == 0;
+}
+
+// Whether the file is in LP format rather than MPS: a .lp file, or flag 'l' for a file whose
+// name does not say .mps (HiGHS reads a .mps file as MPS whatever the flags say).
+bool read_as_lp(const std::string& name, const char* flags) {
+    return ends_with(name, ".lp") || (flags && std::strchr(flags, 'l') && !ends_with(name, ".mps"));
+}
+
+std::string file_to_read(const char* filename, const char* flags) {
     if (!filename || !*filename) fail("No file name given");
     std::string name(filename);
     if (!has_extension(name)) {
@@ -339,11 +368,14 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     }
     if (FILE* f = std::fopen(name.c_str(), "r")) std::fclose(f);
     else fail("Could not open problem file %s", name.c_str());
+    return name;
+}
+
+void read_problem(TRVOprob p, const char* filename, const char* flags) {
+    std::string name = file_to_read(filename, flags);
     EntitySections entities;
     std::string stripped;
-    if (!(flags && std::strchr(flags, 'l')) && !(has_extension(name) && name.size() > 3 &&
-                                                 name.compare(name.size() - 3, 3, ".lp") == 0))
-        stripped = strip_entity_sections(name, entities);
+    if (!read_as_lp(name, flags)) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
@@ -433,6 +465,20 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
 }
 
 }  // namespace
+
+void write_mps_with(TRVOprob prob, const char* filename, const char* flags, const ExtraSections& extra) {
+    if (!prob || prob->magic != kProblemMagic) fail("Invalid problem handle");
+    write_problem(prob, filename, flags, &extra);
+}
+
+std::string problem_file_to_read(const char* filename, const char* flags) { return file_to_read(filename, flags); }
+
+bool problem_file_is_lp(const std::string& name, const char* flags) { return read_as_lp(name, flags); }
+
+void clear_after_failed_read(TRVOprob prob) {
+    if (prob && prob->magic == kProblemMagic) store_clear(prob);
+}
+
 }  // namespace trvo
 
 using namespace trvo;
@@ -453,7 +499,7 @@ int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags) {
 }
 
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags) {
-    return guard(prob, [&] { write_problem(prob, filename, flags); });
+    return guard(prob, [&] { write_problem(prob, filename, flags, nullptr); });
 }
 
 }  // extern "C"

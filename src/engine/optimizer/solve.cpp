@@ -185,9 +185,12 @@ void record_nonconvex(TRVOprob p, bool mip, const std::string& why) {
 // them when ten times the threshold exceeds that. When such a solve ends without a solution,
 // the limit may be the cause: the largest value each such column takes in the continuous
 // relaxation tells. Infeasible relaxation: the problem is infeasible. All of them within the
-// limit: HiGHS's answer stands. Otherwise the answer cannot be trusted and the solve fails with
-// the column named.
-HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flags, int threads) {
+// limit: HiGHS's answer stands. All of them bounded: those largest values are valid upper
+// bounds, and the problem is solved again with the columns reformulated on them (model and the
+// instance h then hold that solve). A column unbounded in the relaxation: the answer cannot be
+// trusted and the solve fails with the column named.
+HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flags, int threads, void* h,
+                                       HighsModel& model) {
     constexpr double kHighsSemiLimit = 1e5;
     if (ms != kHighsModelStatusInfeasible && ms != kHighsModelStatusSolveError &&
         ms != kHighsModelStatusUnbounded && ms != kHighsModelStatusUnboundedOrInfeasible)
@@ -199,43 +202,76 @@ HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flag
             cols.push_back(j);
     }
     if (cols.empty()) return ms;
-    auto refuse = [&](int j) {
+    auto refuse = [&](int j, const char* why) {
         auto& r = p->results;
         r.mipstatus = TRVO_MIP_NO_SOL_FOUND;
         r.lpstatus = TRVO_LP_UNFINISHED;
         r.solvestatus = TRVO_SOLVESTATUS_FAILED;
         r.have_mip = r.have_lp = r.have_duals = false;
-        fail("Semi-continuous column %s has no upper bound, and HiGHS limits such columns to "
-             "%g: no solution was found within that limit. Give the column a finite upper bound",
-             p->colnames.get(j, 'C').c_str(), kHighsSemiLimit);
+        fail("Semi-continuous column %s has no upper bound, and %s. Give the column a finite upper bound",
+             p->colnames.get(j, 'C').c_str(), why);
     };
-    for (int j : cols)
-        if (10 * p->limit[static_cast<size_t>(j)] > kHighsSemiLimit) refuse(j);
     HighsModel relax;
     formulate(p, false, relax);
     std::fill(relax.cost.begin(), relax.cost.end(), 0.0);
     relax.q_start.clear(); relax.q_index.clear(); relax.q_value.clear();
     relax.offset = 0;
-    void* h = highs_new_quiet();
-    if (!h) fail("Could not create a HiGHS instance");
-    struct Release { void* h; ~Release() { highs_release(h); } } release{h};
-    set_options(p, h, flags, false, threads);
-    Highs_setBoolOptionValue(h, "output_flag", 0);
-    pass_model(h, relax);
-    for (int j : cols) {
-        size_t s = static_cast<size_t>(j);
-        relax.cost[s] = -1;  // maximise the column
-        Highs_changeColCost(h, j, -1.0);
-        Highs_zeroAllClocks(h);
-        Highs_run(h);
-        HighsInt rs = Highs_getModelStatus(h);
+    void* rh = highs_new_quiet();
+    if (!rh) fail("Could not create a HiGHS instance");
+    struct Release { void* h; ~Release() { highs_release(h); } } release{rh};
+    set_options(p, rh, flags, false, threads);
+    Highs_setBoolOptionValue(rh, "output_flag", 0);
+    pass_model(rh, relax);
+    bool within = true;
+    std::vector<double> most(cols.size());
+    for (size_t k = 0; k < cols.size(); ++k) {
+        int j = cols[k];
+        Highs_changeColCost(rh, j, -1.0);  // maximise the column
+        Highs_zeroAllClocks(rh);
+        Highs_run(rh);
+        HighsInt rs = Highs_getModelStatus(rh);
         if (rs == kHighsModelStatusInfeasible) return kHighsModelStatusInfeasible;
-        double most = 0;
-        if (rs == kHighsModelStatusOptimal) Highs_getDoubleInfoValue(h, "objective_function_value", &most);
-        if (rs != kHighsModelStatusOptimal || -most > kHighsSemiLimit) refuse(j);
-        Highs_changeColCost(h, j, 0.0);
+        if (rs != kHighsModelStatusOptimal)
+            refuse(j, "no finite bound for it follows from the constraints, so that HiGHS's limit of 1e5 may have "
+                      "cut off the solution");
+        double v = 0;
+        Highs_getDoubleInfoValue(rh, "objective_function_value", &v);
+        most[k] = std::max(-v, p->limit[static_cast<size_t>(cols[k])]);
+        if (most[k] > kHighsSemiLimit || 10 * p->limit[static_cast<size_t>(j)] > kHighsSemiLimit) within = false;
+        Highs_changeColCost(rh, j, 0.0);
     }
-    return ms;
+    if (within) return ms;
+    // Solve again with the bounds found: the columns are then reformulated with binaries.
+    struct Restore {
+        TRVOprob p;
+        const std::vector<int>& cols;
+        std::vector<double> ub;
+        ~Restore() { for (size_t k = 0; k < cols.size(); ++k) p->ub[static_cast<size_t>(cols[k])] = ub[k]; }
+    } restore{p, cols, {}};
+    for (size_t k = 0; k < cols.size(); ++k) {
+        restore.ub.push_back(p->ub[static_cast<size_t>(cols[k])]);
+        p->ub[static_cast<size_t>(cols[k])] = most[k];
+    }
+    formulate(p, true, model);
+    pass_model(h, model);
+    HighsInt rs = run(h);
+    // Large bounds make weak reformulations: a column strictly between 0 and its threshold
+    // means the binary was accepted as integral while it was not.
+    HighsInt primal = 0;
+    Highs_getIntInfoValue(h, "primal_solution_status", &primal);
+    if (primal == kHighsSolutionStatusFeasible) {
+        std::vector<double> cv(static_cast<size_t>(model.ncol)), cd(cv.size());
+        std::vector<double> rv(static_cast<size_t>(model.nrow)), rd(rv.size());
+        Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+        double tol = ctl_dbl(p, TRVO_FEASTOL);
+        for (size_t k = 0; k < cols.size(); ++k) {
+            double v = cv[static_cast<size_t>(cols[k])], L = p->limit[static_cast<size_t>(cols[k])];
+            if (v > tol * std::max(1.0, L) && v < L * (1 - tol))
+                refuse(cols[k], "the bound that follows for it from the constraints is too large for a reliable "
+                                "reformulation");
+        }
+    }
+    return rs;
 }
 
 struct SolveScope {
@@ -329,7 +365,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
 
     HighsInt ms = run(h);
     flush_line(ctx, 1);
-    if (mip) ms = check_uncapped_semicontinuous(p, ms, flags, scope.used);
+    if (mip) {
+        ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
+        p->highs_cols = model.ncol;
+        p->highs_rows = model.nrow;
+    }
 
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);

@@ -63,6 +63,11 @@ Tokens normalise_postfix(const Tokens& t);
 // Postfix token formula -> infix token order (brackets and delimiters).
 Tokens postfix_to_infix(const Tokens& t);
 
+// A column name as the text form writes it: bare when it reads back as one name (a letter or
+// '_' followed by letters, digits, '_' and '.'), otherwise in double quotes, a backslash
+// before each " and backslash inside.
+std::string name_in_formula(const std::string& name);
+
 // Text form. resolve_col maps a name to a column (or -1), resolve_ufun a name to a
 // user-function index (or 0); col_name and ufun_name the other way.
 Tokens parse_text(const std::string& text, const std::function<int(const std::string&)>& resolve_col,

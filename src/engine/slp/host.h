@@ -32,6 +32,9 @@ int host_rows(TSLPprob prob);
 int host_cols(TSLPprob prob);
 int host_nlp_rows(TSLPprob prob);   // rows with nonlinear coefficients or a quadratic part
 Model read_model(TSLPprob prob);
+// Throws when the optimiser problem holds entities the nonlinear optimiser cannot solve with
+// (special ordered sets, indicator and general constraints), so that they are never ignored.
+void check_supported_entities(TSLPprob prob);
 
 // Names for the text form of formulas.
 int host_column_index(TSLPprob prob, const std::string& name);   // -1 if unknown

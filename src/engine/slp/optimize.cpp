@@ -44,6 +44,7 @@ void optimize(TSLPprob prob, bool global) {
     auto t0 = std::chrono::steady_clock::now();
     prob->interrupt.store(0);
     prob->mswinner = 0;
+    check_supported_entities(prob);
     Model m = read_model(prob);
     apply_dfs(prob, m);
     prob->state |= TSLP_STATE_CONSTRUCTED;

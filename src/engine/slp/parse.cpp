@@ -406,6 +406,21 @@ Tokens parse_text(const std::string& text, const std::function<int(const std::st
             push(infix, TSLP_TOK_COL, col);
             continue;
         }
+        if (c == '"') {
+            // A quoted column name: any characters, with \" and \\ standing for " and \.
+            std::string name;
+            size_t j = i + 1;
+            for (; j < n && text[j] != '"'; ++j) {
+                if (text[j] == '\\' && j + 1 < n) ++j;
+                name.push_back(text[j]);
+            }
+            if (j >= n) throw Error("Unterminated quoted name in formula");
+            int col = resolve_col(name);
+            if (col < 0) throw Error("Unknown column " + name + " in formula");
+            push(infix, TSLP_TOK_COL, col);
+            i = j + 1;
+            continue;
+        }
         switch (c) {
         case '+': push(infix, TSLP_TOK_OP, TSLP_OP_PLUS); break;
         case '-': push(infix, TSLP_TOK_OP, TSLP_OP_MINUS); break;
@@ -430,6 +445,20 @@ Tokens parse_text(const std::string& text, const std::function<int(const std::st
     return infix_to_postfix(infix);
 }
 
+std::string name_in_formula(const std::string& name) {
+    bool plain = !name.empty() && (std::isalpha((unsigned char)name[0]) || name[0] == '_');
+    for (size_t i = 1; plain && i < name.size(); ++i)
+        plain = std::isalnum((unsigned char)name[i]) || name[i] == '_' || name[i] == '.';
+    if (plain) return name;
+    std::string q = "\"";
+    for (char ch : name) {
+        if (ch == '"' || ch == '\\') q.push_back('\\');
+        q.push_back(ch);
+    }
+    q.push_back('"');
+    return q;
+}
+
 std::string print_text(const Tokens& postfix, const std::function<std::string(int)>& col_name,
                        const std::function<std::string(int)>& ufun_name) {
     Tokens in = postfix_to_infix(postfix);
@@ -438,7 +467,7 @@ std::string print_text(const Tokens& postfix, const std::function<std::string(in
         double v = in.value[i];
         switch (in.type[i]) {
         case TSLP_TOK_CON: s += number_text(v); break;
-        case TSLP_TOK_COL: s += col_name((int)v); break;
+        case TSLP_TOK_COL: s += name_in_formula(col_name((int)v)); break;
         case TSLP_TOK_IFUN: s += fun_name((int)v); break;
         case TSLP_TOK_UFUN: s += ufun_name((int)v); break;
         case TSLP_TOK_LB: s += "("; break;
