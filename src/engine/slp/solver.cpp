@@ -268,6 +268,7 @@ private:
     std::vector<double> lam_h;             // multipliers of the last step problem
     void objective_curvature();
     void diag_curvature();
+    void reset_segment_basis();
     std::vector<double> gl_old, s_old, lambda;   // pending BFGS update
     bool pending = false;
     std::string last_highs;
@@ -466,6 +467,32 @@ void Run::build() {
     if (anyint) set_mip(true);
 }
 
+// The segments have been re-cut around the new point, where steps are expected to be shorter
+// than the last: the previous basis is moved to that guess before the step problem is solved.
+// Segments of one direction are identical columns (and the other direction's their
+// negatives), so exchanging the basic segment of a column for its first one in the same
+// direction keeps the basis matrix; every other segment starts empty.
+void Run::reset_segment_basis() {
+    std::vector<HighsInt> cs(ncolLP), rs(nrowLP);
+    if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return;
+    bool valid = false;
+    for (int c = 0; c < ncolLP && !valid; ++c) valid = cs[c] == kHighsBasisStatusBasic;
+    if (!valid) return;
+    for (int j = 0; j < n; ++j) {
+        if (segcol[j] < 0) continue;
+        int c = segcol[j], basic = -1, nbasic = 0;
+        for (int t = 0; t < 2 * nseg; ++t)
+            if (cs[c + t] == kHighsBasisStatusBasic) {
+                basic = t;
+                ++nbasic;
+            }
+        if (nbasic > 1) continue;
+        for (int t = 0; t < 2 * nseg; ++t) cs[c + t] = kHighsBasisStatusLower;
+        if (nbasic == 1) cs[c + (basic < nseg ? 0 : nseg)] = kHighsBasisStatusBasic;
+    }
+    Highs_setBasis(h, cs.data(), rs.data());
+}
+
 // Writes the linearisation at x into the step problem.
 void Run::update_lp() {
     std::vector<double> cost(ncolLP, 0.0);
@@ -500,6 +527,7 @@ void Run::update_lp() {
             cost[j] = 0.0;
         }
         if (ncolLP > seg0) Highs_changeColsBoundsByRange(h, seg0, ncolLP - 1, slo.data(), sup.data());
+        if (pwl_on) reset_segment_basis();
         if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
     }
     bool curvature = use_b && have_b && !mip_phase && !skip_b;
@@ -612,6 +640,10 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
     rowdual = rd;
     coldual.assign(cd.begin(), cd.end());
+    if (pwl_on)
+        for (int j = 0; j < n; ++j)
+            if (segw[j] > 0.0)   // as the curved step problem sees the column: s g + h d - a'y
+                coldual[j] = cd[j] + rd[linkrow[j]] + sense * gf[j] + hd[j] * (xlp[j] - x[j]);
     double es = 0.0;
     for (int r = 0; r < m.nrows; ++r)
         if (errcol[r] >= 0) es += w[r] * (cv[errcol[r]] + cv[errcol[r] + 1]);
@@ -1193,10 +1225,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
                           max_violation(E, m, x.data()) <= feastol * 10;
         bool converged = feasible_k && !errors &&
                          ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
-                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))) ||
-                          // With curvature in the step problem its predicted reduction measures the
-                          // distance to the optimum of the local model, not just the step bounds.
-                          (pwl_on && kkt <= 1e-4 * gscale && pred <= opttol * 0.1 * (1.0 + std::fabs(phi_k))));
+                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
+        // With curvature in the step problem its predicted reduction measures the distance to
+        // the optimum of the local model, not just the step bounds; it counts once the step
+        // shows that the model is right.
+        bool model_converged = pwl_on && feasible_k && !errors && kkt <= 1e-4 * gscale &&
+                               pred <= opttol * (1.0 + std::fabs(phi_k));
         std::vector<double> lintrial = trial;   // the point the linearisation predicted
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
         double viol_t = 0.0;
@@ -1216,6 +1250,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
         last_kkt = kkt;
+        if (model_converged && accept && rho > 0.5) converged = true;
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
                 logf(prob, 4, "    col %d  x %.12g  lp %.12g  trial %.12g  sb %.3g  g %.6g", j, x[j], xlp[j], trial[j],
