@@ -383,6 +383,10 @@ void Run::build() {
     Highs_startCallback(h, kHighsCallbackIpmInterrupt);
     Highs_startCallback(h, kHighsCallbackMipInterrupt);
     Highs_setStringOptionValue(h, "presolve", "off");
+    // The curved step problems of large models take many cheap pivots on bases whose
+    // solves are dense (a chain of dynamics rows reaches every later row): plain pricing,
+    // without edge weights to update at each pivot, is the fastest there.
+    if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
     Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
     Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
