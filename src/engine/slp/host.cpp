@@ -42,19 +42,12 @@ int host_cols(TSLPprob prob) {
 }
 
 void check_supported_entities(TSLPprob prob) {
-    static const struct { int attrib; const char* what; } kinds[] = {
-        {TRVO_SETS, "special ordered sets"},
-        {TRVO_INDICATORS, "indicator constraints"},
-        {TRVO_GENCONS, "general constraints"},
-    };
-    for (const auto& k : kinds) {
-        int n = 0;
-        check(prob, TRVOgetintattrib(prob->trvo, k.attrib, &n), k.what);
-        if (n > 0)
-            throw Error("The problem has " + std::to_string(n) + " " + k.what +
-                        ", which the nonlinear optimiser does not handle; model them with binary variables and "
-                        "linear constraints instead");
-    }
+    int n = 0;
+    check(prob, TRVOgetintattrib(prob->trvo, TRVO_GENCONS, &n), "general constraints");
+    if (n > 0)
+        throw Error("The problem has " + std::to_string(n) +
+                    " general constraints, which the nonlinear optimiser does not handle; write them as nonlinear "
+                    "expressions (max, min, abs) instead");
 }
 
 int host_nlp_rows(TSLPprob prob) {
