@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <map>
 
 namespace slp {
 
@@ -64,6 +65,72 @@ void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, High
     }
     if (in && prob->interrupt.load() != 0) in->user_interrupt = 1;
 }
+
+
+// Replaces the symmetric p x p matrix A (row-major) by its positive semidefinite part: the
+// cyclic Jacobi method diagonalises it and the negative eigenvalues are dropped.
+void psd_part(std::vector<double>& A, int p) {
+    if (p == 1) {
+        A[0] = std::max(A[0], 0.0);
+        return;
+    }
+    std::vector<double> V(p * p, 0.0);
+    for (int i = 0; i < p; ++i) V[i * p + i] = 1.0;
+    for (int sweep = 0; sweep < 50; ++sweep) {
+        double off = 0.0, diag = 0.0;
+        for (int i = 0; i < p; ++i) {
+            diag += A[i * p + i] * A[i * p + i];
+            for (int j = i + 1; j < p; ++j) off += A[i * p + j] * A[i * p + j];
+        }
+        if (off <= 1e-30 * (diag + 1e-300)) break;
+        for (int i = 0; i < p; ++i)
+            for (int j = i + 1; j < p; ++j) {
+                double aij = A[i * p + j];
+                if (std::fabs(aij) < 1e-300) continue;
+                double theta = (A[j * p + j] - A[i * p + i]) / (2.0 * aij);
+                double t = (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+                double c = 1.0 / std::sqrt(t * t + 1.0), sn = t * c;
+                for (int k = 0; k < p; ++k) {   // A <- A J on columns i, j
+                    double aki = A[k * p + i], akj = A[k * p + j];
+                    A[k * p + i] = c * aki - sn * akj;
+                    A[k * p + j] = sn * aki + c * akj;
+                }
+                for (int k = 0; k < p; ++k) {   // A <- J' A on rows i, j
+                    double aik = A[i * p + k], ajk = A[j * p + k];
+                    A[i * p + k] = c * aik - sn * ajk;
+                    A[j * p + k] = sn * aik + c * ajk;
+                }
+                for (int k = 0; k < p; ++k) {
+                    double vki = V[k * p + i], vkj = V[k * p + j];
+                    V[k * p + i] = c * vki - sn * vkj;
+                    V[k * p + j] = sn * vki + c * vkj;
+                }
+            }
+    }
+    std::vector<double> e(p);
+    for (int i = 0; i < p; ++i) e[i] = std::max(A[i * p + i], 0.0);
+    for (int a = 0; a < p; ++a)
+        for (int b = 0; b < p; ++b) {
+            double v = 0.0;
+            for (int k = 0; k < p; ++k) v += V[a * p + k] * e[k] * V[b * p + k];
+            A[a * p + b] = v;
+        }
+}
+
+// Largest block that psd_part works on; bigger blocks are made diagonally dominant instead.
+constexpr int kDenseBlock = 40;
+
+// Makes the symmetric p x p matrix A positive semidefinite without an eigendecomposition:
+// every diagonal entry is raised to the sum of the magnitudes off the diagonal in its row.
+void dominant_part(std::vector<double>& A, int p) {
+    for (int i = 0; i < p; ++i) {
+        double s = 0.0;
+        for (int j = 0; j < p; ++j)
+            if (j != i) s += std::fabs(A[i * p + j]);
+        A[i * p + i] = std::max(A[i * p + i], s);
+    }
+}
+
 
 }  // namespace
 
@@ -185,6 +252,22 @@ private:
     std::vector<int> qcols;          // LP columns carrying curvature, ascending
     std::vector<double> B;           // dense |qcols| x |qcols|
     bool use_b = false, have_b = false, hessian_passed = false, skip_b = false;
+    // Separable curvature on large problems, where a dense model does not fit. The diagonal of
+    // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
+    // exact gradients for the rest, each row's share cut to its positive semidefinite part)
+    // enters the step problem as a piecewise-linear cost: the step of a curved column is the
+    // sum of nseg segment columns each way, bounded by a linking row, whose costs grow with the
+    // curvature. The step problem stays an LP and is exact at the segment breakpoints.
+    bool use_h = false, pwl_on = false;
+    int nseg = 4, nrowLP = 0, seg0 = 0, nlinked = 0;
+    std::vector<int> segcol, linkrow;      // per column: first segment column, linking row; -1 without
+    std::vector<double> hd, segw;          // per column: curvature and segment width in the current LP
+    std::vector<std::vector<int>> hcols;   // per nonlinear row: the columns it is curved in
+    std::vector<double> objdiag;           // diagonal of the objective's convexified Hessian
+    std::vector<char> hcurved;             // column is curved in some nonlinear row
+    std::vector<double> lam_h;             // multipliers of the last step problem
+    void objective_curvature();
+    void diag_curvature();
     std::vector<double> gl_old, s_old, lambda;   // pending BFGS update
     bool pending = false;
     std::string last_highs;
@@ -340,15 +423,41 @@ void Run::build() {
         lo[r] = rowlo[r];
         up[r] = rowup[r];
     }
+    // Segment columns (all fixed at zero until a step problem uses them) and linking rows
+    // d_j - sum s+ + sum s- = 0.
+    seg0 = ncolLP;
+    nrowLP = m.nrows;
+    segcol.assign(n, -1);
+    linkrow.assign(n, -1);
+    if (use_h)
+        for (int j = 0; j < n; ++j) {
+            if (!(objdiag[j] > 0.0) && !hcurved[j]) continue;
+            segcol[j] = ncolLP;
+            linkrow[j] = nrowLP++;
+            ncolLP += 2 * nseg;
+            index.push_back(j);
+            value.push_back(1.0);
+            for (int t = 0; t < nseg; ++t) {
+                index.push_back(segcol[j] + t);
+                value.push_back(-1.0);
+                index.push_back(segcol[j] + nseg + t);
+                value.push_back(1.0);
+            }
+            start.push_back((HighsInt)index.size());
+            lo.push_back(-INFINITY);
+            up.push_back(INFINITY);
+        }
+    nlinked = nrowLP - m.nrows;
     std::vector<double> cost(ncolLP, 0.0), cl(ncolLP, 0.0), cu(ncolLP, INFINITY);
     for (int j = 0; j < n; ++j) {
         cl[j] = bound_inf(m.lb[j]);
         cu[j] = bound_inf(m.ub[j]);
     }
+    for (int c = seg0; c < ncolLP; ++c) cu[c] = 0.0;
     bool anyint = false;
     for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
     std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
-    HighsInt rc = Highs_passModel(h, ncolLP, m.nrows, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
+    HighsInt rc = Highs_passModel(h, ncolLP, nrowLP, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
                                   1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
                                   start.data(), index.empty() ? nullptr : index.data(),
                                   value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
@@ -363,6 +472,36 @@ void Run::update_lp() {
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
+    pwl_on = use_h && !mip_phase && !skip_b;
+    if (use_h) {
+        // Piecewise-linear curvature: segment t of width w each way costs s g_j + h_j (t + 1/2) w,
+        // so that the cost of a step of k whole segments is s g_j d + h_j d^2 / 2.
+        if (pwl_on) diag_curvature();
+        std::vector<double> slo(ncolLP - seg0, 0.0), sup(ncolLP - seg0, 0.0), llo(nlinked), lup(nlinked);
+        for (int j = 0; j < n; ++j) {
+            if (segcol[j] < 0) continue;
+            int l = linkrow[j] - m.nrows, c0 = segcol[j] - seg0;
+            double hj = pwl_on ? hd[j] : 0.0;
+            segw[j] = 0.0;
+            if (!(hj > 0.0) || !(delta[j] > 0.0) || !std::isfinite(delta[j])) {
+                llo[l] = -INFINITY;   // the column steps linearly, its segments stay at zero
+                lup[l] = INFINITY;
+                continue;
+            }
+            double wj = delta[j] / nseg;
+            segw[j] = wj;
+            llo[l] = lup[l] = 0.0;
+            for (int t = 0; t < nseg; ++t) {
+                double curv = hj * (t + 0.5) * wj;
+                cost[segcol[j] + t] = cost[j] + curv;
+                cost[segcol[j] + nseg + t] = -cost[j] + curv;
+                sup[c0 + t] = sup[c0 + nseg + t] = wj;
+            }
+            cost[j] = 0.0;
+        }
+        if (ncolLP > seg0) Highs_changeColsBoundsByRange(h, seg0, ncolLP - 1, slo.data(), sup.data());
+        if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
+    }
     bool curvature = use_b && have_b && !mip_phase && !skip_b;
     if (curvature) {
         // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
@@ -467,7 +606,7 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
         return 4;
     }
-    std::vector<double> cv(ncolLP), cd(ncolLP), rv(m.nrows), rd(m.nrows);
+    std::vector<double> cv(ncolLP), cd(ncolLP), rv(nrowLP), rd(nrowLP);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
     xlp.resize(n);
     for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
@@ -536,7 +675,128 @@ void Run::bfgs_update(const std::vector<double>& gl_new) {
         for (size_t b = 0; b < K; ++b) B[a * K + b] += y[a] * y[b] / sy - Bs[a] * Bs[b] / sBs;
 }
 
+
+// The objective's Hessian s Q is constant: the diagonal of its positive semidefinite part is
+// taken once, per connected block of columns (exactly for small blocks, by diagonal dominance
+// for big ones).
+void Run::objective_curvature() {
+    objdiag.assign(n, 0.0);
+    size_t P = E.qobj.v.size();
+    std::vector<int> parent(n);
+    for (int j = 0; j < n; ++j) parent[j] = j;
+    auto find = [&](int j) {
+        while (parent[j] != j) j = parent[j] = parent[parent[j]];
+        return j;
+    };
+    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j] && !isint[j]; };
+    for (size_t q = 0; q < P; ++q) {
+        int i = E.qobj.i[q], j = E.qobj.j[q];
+        if (usable(i) && usable(j)) parent[find(i)] = find(j);
+    }
+    std::map<int, std::vector<size_t>> blocks;   // root -> entries
+    for (size_t q = 0; q < P; ++q) {
+        int i = E.qobj.i[q], j = E.qobj.j[q];
+        if (usable(i) && usable(j)) blocks[find(i)].push_back(q);
+    }
+    for (auto& kv : blocks) {
+        std::vector<int> cols;
+        for (size_t q : kv.second) {
+            cols.push_back(E.qobj.i[q]);
+            cols.push_back(E.qobj.j[q]);
+        }
+        std::sort(cols.begin(), cols.end());
+        cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
+        int p = (int)cols.size();
+        auto pos = [&](int j) { return (int)(std::lower_bound(cols.begin(), cols.end(), j) - cols.begin()); };
+        if (p <= kDenseBlock) {
+            std::vector<double> A(p * p, 0.0);
+            for (size_t q : kv.second) {
+                int a = pos(E.qobj.i[q]), b = pos(E.qobj.j[q]);
+                double v = sense * E.qobj.v[q];
+                if (a == b) A[a * p + a] += 2.0 * v;
+                else {
+                    A[a * p + b] += v;
+                    A[b * p + a] += v;
+                }
+            }
+            psd_part(A, p);
+            for (int a = 0; a < p; ++a) objdiag[cols[a]] = A[a * p + a];
+        } else {
+            std::vector<double> diag(p, 0.0), off(p, 0.0);
+            for (size_t q : kv.second) {
+                int a = pos(E.qobj.i[q]), b = pos(E.qobj.j[q]);
+                double v = sense * E.qobj.v[q];
+                if (a == b) diag[a] += 2.0 * v;
+                else {
+                    off[a] += std::fabs(v);
+                    off[b] += std::fabs(v);
+                }
+            }
+            for (int a = 0; a < p; ++a) objdiag[cols[a]] = std::max(diag[a], off[a]);
+        }
+    }
+}
+
+
+// The curvature of every curved column at x: the objective's share and, for every nonlinear
+// row with a non-zero multiplier, the diagonal of the positive semidefinite part of
+// -lambda_r times the row's Hessian (forward differences of its exact gradient over the
+// columns it is curved in).
+void Run::diag_curvature() {
+    hd = objdiag;
+    std::vector<double> xs = x, g0, A;
+    for (size_t k = 0; k < E.nlrows.size(); ++k) {
+        int r = E.nlrows[k];
+        double l = lam_h.empty() ? 0.0 : lam_h[r];
+        const auto& C = hcols[k];
+        int p = (int)C.size();
+        if (p == 0 || !(std::fabs(l) > 1e-14)) continue;
+        const auto& pat = E.pattern[k];
+        g0.resize(p);
+        for (int a = 0; a < p; ++a)
+            g0[a] = nlgrad[k][std::lower_bound(pat.begin(), pat.end(), C[a]) - pat.begin()];
+        A.assign((size_t)p * p, 0.0);
+        bool ok = true;
+        for (int b = 0; b < p && ok; ++b) {
+            int j = C[b];
+            double step = 1e-6 * std::max(1.0, std::fabs(x[j]));
+            if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
+            xs[j] = x[j] + step;
+            step = xs[j] - x[j];
+            double v;
+            ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
+            xs[j] = x[j];
+            if (ok)
+                for (int a = 0; a < p; ++a) A[(size_t)a * p + b] = (gscratch[C[a]] - g0[a]) / step;
+        }
+        if (!ok) continue;   // a row that cannot be evaluated nearby adds no curvature
+        for (int a = 0; a < p; ++a)
+            for (int b = a; b < p; ++b) {
+                double v = -l * 0.5 * (A[(size_t)a * p + b] + A[(size_t)b * p + a]);
+                A[(size_t)a * p + b] = A[(size_t)b * p + a] = v;
+            }
+        if (p <= kDenseBlock) psd_part(A, p);
+        else dominant_part(A, p);
+        for (int a = 0; a < p; ++a) {
+            double v = A[(size_t)a * p + a];
+            if (std::isfinite(v) && v > 0.0) hd[C[a]] += v;
+        }
+    }
+}
+
 double Run::quad_model(const std::vector<double>& xt) const {
+    if (pwl_on) {
+        // The step problem's own piecewise-linear curvature cost of the step.
+        double v = 0.0;
+        for (int j = 0; j < n; ++j) {
+            double wj = segw[j];
+            if (!(wj > 0.0)) continue;
+            double d = std::fabs(xt[j] - x[j]);
+            double t = std::min(std::floor(d / wj), (double)nseg);
+            v += hd[j] * (0.5 * wj * wj * t * t + (t + 0.5) * wj * std::max(0.0, d - t * wj));
+        }
+        return v;
+    }
     if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
     size_t K = qcols.size();
     double v = 0.0;
@@ -647,7 +907,32 @@ RunResult Run::solve(const std::vector<double>& x0) {
 
     for (int j = 0; j < n; ++j)
         if (nonlin[j] && !isint[j]) qcols.push_back(j);
-    use_b = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty() && qcols.size() <= 400;
+    // Small problems learn their curvature by BFGS on a dense matrix; large ones take the
+    // separable part of it from the Hessians of their rows and objective.
+    bool curved = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty();
+    use_b = curved && qcols.size() <= 100;
+    use_h = curved && !use_b;
+    hcurved.assign(n, 0);
+    segw.assign(n, 0.0);
+    if (use_h) {
+        hcols.resize(E.nlrows.size());
+        for (size_t k = 0; k < E.nlrows.size(); ++k) {
+            std::vector<int>& C = hcols[k];
+            for (int j : E.tapes[k].cols)
+                if (j >= 0 && j < n && !isint[j]) C.push_back(j);
+            auto q = m.qrows.find(E.nlrows[k]);
+            if (q != m.qrows.end()) {
+                for (int j : q->second.i)
+                    if (!isint[j]) C.push_back(j);
+                for (int j : q->second.j)
+                    if (!isint[j]) C.push_back(j);
+            }
+            std::sort(C.begin(), C.end());
+            C.erase(std::unique(C.begin(), C.end()), C.end());
+            for (int j : C) hcurved[j] = 1;
+        }
+        objective_curvature();
+    }
 
     rowlo.resize(m.nrows);
     rowup.resize(m.nrows);
@@ -793,6 +1078,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
             break;
         }
         have_lp = true;
+        if (use_h) lam_h = rowdual;
         // Determined columns follow their rows' linearisations exactly (the LP meets rows only
         // to its tolerance, which would swamp small predicted reductions).
         std::fill(corr.begin(), corr.end(), 0.0);
@@ -907,7 +1193,10 @@ RunResult Run::solve(const std::vector<double>& x0) {
                           max_violation(E, m, x.data()) <= feastol * 10;
         bool converged = feasible_k && !errors &&
                          ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
-                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
+                          (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))) ||
+                          // With curvature in the step problem its predicted reduction measures the
+                          // distance to the optimum of the local model, not just the step bounds.
+                          (pwl_on && kkt <= 1e-4 * gscale && pred <= opttol * 0.1 * (1.0 + std::fabs(phi_k))));
         std::vector<double> lintrial = trial;   // the point the linearisation predicted
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
         double viol_t = 0.0;
@@ -936,12 +1225,20 @@ RunResult Run::solve(const std::vector<double>& x0) {
         for (int j = 0; j < n; ++j) {
             if (!nonlin[j] || fixed_int[j]) continue;
             double d = std::fabs(trial[j] - x[j]);
+            bool curved_j = segw[j] > 0.0;
             if (!accept) {
                 if (d > 1e-12) delta[j] = std::max(std::min(delta[j], d) * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
+            } else if (curved_j && d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
+                // A curved column that swings from one step bound to the other.
+                delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
             } else if (rho > 0.75 && d >= 0.9 * delta[j]) {
                 delta[j] *= 2.0;
             } else if (rho < 0.25 && !stationary) {
                 delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
+            } else if (curved_j && d < 0.5 * delta[j]) {
+                // The segments resolve the step to a fraction of the step bound: keep the bound
+                // near the steps actually taken, so that the resolution follows them down.
+                delta[j] = std::max(std::max(2.0 * d, 0.25 * delta[j]), dbl_control(prob, TSLP_MINSTEPBOUND));
             }
         }
         if (accept && use_b && !mip_phase) {
