@@ -54,3 +54,36 @@ def test_ctrl_c_interrupts_a_long_mip_and_the_problem_solves_again():
         assert p.getObjVal() == pytest.approx(0, abs=1e-9)
     finally:
         tv.setOutputEnabled(True)
+
+
+@pytest.mark.parametrize("kind", ["mip", "user function"])
+def test_interpreter_exit_during_a_solve_in_a_daemon_thread_is_clean(run_python, kind):
+    # At shutdown the interpreter ends daemon threads that wait for its lock by unwinding their
+    # stacks; a solve waiting there must let its worker go instead of aborting the process.
+    out = run_python("""
+        import random, threading, time
+        import tarvo as tv
+        tv.setOutputEnabled(False)
+        if "%s" == "mip":
+            rng = random.Random(7)
+            x = [tv.var(vartype=tv.binary) for _ in range(50)]
+            s = [tv.var() for _ in range(6)]
+            t = [tv.var() for _ in range(6)]
+            rows = []
+            for i in range(6):
+                a = [rng.randint(0, 99) for _ in range(50)]
+                rows.append(tv.Sum(c * v for c, v in zip(a, x)) + s[i] - t[i] == sum(a) // 2)
+            p = tv.problem(x, s, t, rows, tv.Sum(s) + tv.Sum(t))
+            p.controls.presolve = 0
+        else:
+            # A user function that runs long enough to be inside Python at shutdown.
+            def f(a, b):
+                time.sleep(0.05)
+                return (a - 1) ** 2 + (b - 2) ** 2 + a * b
+            x, y = tv.var(lb=-5, ub=5), tv.var(lb=-5, ub=5)
+            p = tv.problem(x, y, tv.user(f, x, y))
+        threading.Thread(target=p.solve, daemon=True).start()
+        time.sleep(0.5)
+        print("leaving")
+    """ % kind)
+    assert out.strip() == "leaving"
