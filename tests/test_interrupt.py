@@ -87,3 +87,35 @@ def test_interpreter_exit_during_a_solve_in_a_daemon_thread_is_clean(run_python,
         print("leaving")
     """ % kind)
     assert out.strip() == "leaving"
+
+
+def test_ctrl_c_during_a_qp_returns_although_highs_does_not_stop(run_python):
+    # HiGHS's QP solver does not look at interrupt requests: a run that ignores one is abandoned
+    # (it finishes on its own in the background) and the problem is usable at once.
+    out = run_python("""
+        import _thread, threading, time
+        import tarvo as tv
+        tv.setOutputEnabled(False)
+        T = 5000
+        x = [tv.var(lb=-10, ub=10) for _ in range(T + 1)]
+        u = [tv.var(lb=-1, ub=1) for _ in range(T)]
+        p = tv.problem(x, u, [x[k + 1] == 1.005 * x[k] + 0.01 * u[k] for k in range(T)], x[0] == 1,
+                       tv.Sum(x[k] ** 2 + 0.1 * u[k] ** 2 for k in range(T)))
+        threading.Timer(0.5, _thread.interrupt_main).start()
+        start = time.perf_counter()
+        try:
+            p.solve()
+            print("finished")
+        except KeyboardInterrupt:
+            print("interrupted after %.0f s" % (time.perf_counter() - start))
+        print(p.getProbStatusString())
+        p.setObjective(tv.Sum(u))
+        p.solve()
+        print(p.getProbStatusString(), round(p.getObjVal(), 6))
+    """)
+    lines = out.splitlines()
+    assert lines[0].startswith("interrupted after"), out
+    # A full solve takes minutes; the abandoned run leaves the caller within the grace period.
+    assert int(lines[0].split()[2]) < 30, out
+    assert lines[1] == "lp_unfinished"
+    assert lines[2].startswith("lp_optimal")
