@@ -27,16 +27,6 @@ bool row_is_nonlinear(TSLPprob prob, const Model& m, int row) {
     return it != prob->coefs.end() && it->first.first == row;
 }
 
-std::string row_name(TSLPprob prob, int row) {
-    int need = 0;
-    if (TRVOgetnamelist(prob->trvo, 1, nullptr, 0, &need, row, row) == 0 && need > 0) {
-        std::vector<char> buf(need + 1, '\0');
-        if (TRVOgetnamelist(prob->trvo, 1, buf.data(), need + 1, &need, row, row) == 0 && buf[0])
-            return std::string(buf.data());
-    }
-    return "R" + std::to_string(row + 1);
-}
-
 }  // namespace
 
 void reformulate_entities(TSLPprob prob, Model& m) {
@@ -50,7 +40,7 @@ void reformulate_entities(TSLPprob prob, Model& m) {
             throw Error("Could not read the indicator constraints");
         for (int r = 0; r < m.nrows; ++r)
             if (comp[r] != 0 && row_is_nonlinear(prob, m, r))
-                throw Error("Indicator row " + row_name(prob, r) +
+                throw Error("Indicator row " + host_row_name(prob, r) +
                             " has nonlinear terms, which the nonlinear optimiser cannot switch off; only linear rows "
                             "can be indicator rows");
     }

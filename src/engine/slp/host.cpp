@@ -145,14 +145,22 @@ int host_row_index(TSLPprob prob, const std::string& name) {
     return idx;
 }
 
-std::string host_column_name(TSLPprob prob, int col) {
+namespace {
+
+// Name of row (type 1) or column (type 2) i, or the default name with the given prefix.
+std::string host_name(TSLPprob prob, int type, int i, const char* prefix) {
     int need = 0;
-    if (TRVOgetnamelist(prob->trvo, 2, nullptr, 0, &need, col, col) == 0 && need > 0) {
+    if (TRVOgetnamelist(prob->trvo, type, nullptr, 0, &need, i, i) == 0 && need > 0) {
         std::vector<char> buf(need + 1, '\0');
-        if (TRVOgetnamelist(prob->trvo, 2, buf.data(), need + 1, &need, col, col) == 0 && buf[0])
+        if (TRVOgetnamelist(prob->trvo, type, buf.data(), need + 1, &need, i, i) == 0 && buf[0])
             return std::string(buf.data());
     }
-    return "C" + std::to_string(col + 1);
+    return prefix + std::to_string(i + 1);
 }
+
+}  // namespace
+
+std::string host_column_name(TSLPprob prob, int col) { return host_name(prob, 2, col, "C"); }
+std::string host_row_name(TSLPprob prob, int row) { return host_name(prob, 1, row, "R"); }
 
 }  // namespace slp

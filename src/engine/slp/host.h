@@ -43,6 +43,7 @@ void reformulate_entities(TSLPprob prob, Model& m);
 // Names for the text form of formulas.
 int host_column_index(TSLPprob prob, const std::string& name);   // -1 if unknown
 std::string host_column_name(TSLPprob prob, int col);
+std::string host_row_name(TSLPprob prob, int row);
 int host_row_index(TSLPprob prob, const std::string& name);
 
 }  // namespace slp
