@@ -54,3 +54,68 @@ def test_ctrl_c_interrupts_a_long_mip_and_the_problem_solves_again():
         assert p.getObjVal() == pytest.approx(0, abs=1e-9)
     finally:
         tv.setOutputEnabled(True)
+
+
+@pytest.mark.parametrize("kind", ["mip", "user function"])
+def test_interpreter_exit_during_a_solve_in_a_daemon_thread_is_clean(run_python, kind):
+    # At shutdown the interpreter ends daemon threads that wait for its lock by unwinding their
+    # stacks; a solve waiting there must let its worker go instead of aborting the process.
+    out = run_python("""
+        import random, threading, time
+        import tarvo as tv
+        tv.setOutputEnabled(False)
+        if "%s" == "mip":
+            rng = random.Random(7)
+            x = [tv.var(vartype=tv.binary) for _ in range(50)]
+            s = [tv.var() for _ in range(6)]
+            t = [tv.var() for _ in range(6)]
+            rows = []
+            for i in range(6):
+                a = [rng.randint(0, 99) for _ in range(50)]
+                rows.append(tv.Sum(c * v for c, v in zip(a, x)) + s[i] - t[i] == sum(a) // 2)
+            p = tv.problem(x, s, t, rows, tv.Sum(s) + tv.Sum(t))
+            p.controls.presolve = 0
+        else:
+            # A user function that runs long enough to be inside Python at shutdown.
+            def f(a, b):
+                time.sleep(0.05)
+                return (a - 1) ** 2 + (b - 2) ** 2 + a * b
+            x, y = tv.var(lb=-5, ub=5), tv.var(lb=-5, ub=5)
+            p = tv.problem(x, y, tv.user(f, x, y))
+        threading.Thread(target=p.solve, daemon=True).start()
+        time.sleep(0.5)
+        print("leaving")
+    """ % kind)
+    assert out.strip() == "leaving"
+
+
+def test_ctrl_c_during_a_qp_returns_although_highs_does_not_stop(run_python):
+    # HiGHS's QP solver does not look at interrupt requests: a run that ignores one is abandoned
+    # (it finishes on its own in the background) and the problem is usable at once.
+    out = run_python("""
+        import _thread, threading, time
+        import tarvo as tv
+        tv.setOutputEnabled(False)
+        T = 5000
+        x = [tv.var(lb=-10, ub=10) for _ in range(T + 1)]
+        u = [tv.var(lb=-1, ub=1) for _ in range(T)]
+        p = tv.problem(x, u, [x[k + 1] == 1.005 * x[k] + 0.01 * u[k] for k in range(T)], x[0] == 1,
+                       tv.Sum(x[k] ** 2 + 0.1 * u[k] ** 2 for k in range(T)))
+        threading.Timer(0.5, _thread.interrupt_main).start()
+        start = time.perf_counter()
+        try:
+            p.solve()
+            print("finished")
+        except KeyboardInterrupt:
+            print("interrupted after %.0f s" % (time.perf_counter() - start))
+        print(p.getProbStatusString())
+        p.setObjective(tv.Sum(u))
+        p.solve()
+        print(p.getProbStatusString(), round(p.getObjVal(), 6))
+    """)
+    lines = out.splitlines()
+    assert lines[0].startswith("interrupted after"), out
+    # A full solve takes minutes; the abandoned run leaves the caller within the grace period.
+    assert int(lines[0].split()[2]) < 30, out
+    assert lines[1] == "lp_unfinished"
+    assert lines[2].startswith("lp_optimal")

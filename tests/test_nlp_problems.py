@@ -212,21 +212,48 @@ def test_constraints_added_after_a_nonlinear_objective_keep_their_rows():
     assert p.getSolution(y) == pytest.approx(3, abs=1e-5)
 
 
-def test_entities_the_nonlinear_optimiser_cannot_take_are_refused_not_ignored():
-    # Ignoring the set would give s1 = s2 = 5 (objective -10); the set allows only one of them.
+def test_discrete_entities_in_nonlinear_problems_are_enforced():
+    # Without the set s1 = s2 = 5 (objective -10); the set allows only one of them non-zero.
     s1, s2 = tv.var(ub=5, name="s1"), tv.var(ub=5, name="s2")
-    p = tv.problem(s1, s2, tv.exp(s1 / 5) + tv.exp(s2 / 5) <= 10, tv.sos([s1, s2], [1, 2], 1), -s1 - s2)
-    with pytest.raises(tv.SolverError, match="1 special ordered sets, which the nonlinear optimiser does not handle"):
-        p.solve()
-    b = tv.var(vartype=tv.binary)
-    q = tv.problem(s1, s2, b, tv.exp(s1 / 5) <= 10, -s1 - s2)
-    q.addIndicator(b == 1, s1 + s2 <= 1)
-    with pytest.raises(tv.SolverError, match="1 indicator constraints"):
-        q.solve()
-    sc = tv.var(vartype=tv.semicontinuous, threshold=1, ub=4, name="sc")
-    with pytest.raises(tv.SolverError, match="semi-continuous"):
-        tv.problem(sc, tv.exp(sc / 4) <= 10, -sc).solve()
-    # The refused problem stays usable: without the set it solves.
-    p.delSOS(0)
+    p = tv.problem(s1, s2, tv.exp(s1 / 5) + tv.exp(s2 / 5) <= 10, tv.sos([s1, s2], [1, 2], 1), -s1 - 1.1 * s2)
     p.solve()
-    assert p.getSolution() == pytest.approx([5, 5], abs=1e-6)
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getSolution() == pytest.approx([0, 5], abs=1e-6)
+    # Only the problem's own columns and rows come back.
+    assert len(p.getSlack()) == 1 and len(p.getDual()) == 1
+    # SOS2 over an interpolation of the concave sqrt on [0, 2]: min interpolant(u) + (u - 1.3)^2.
+    # Without the set, weights on non-neighbouring points would undercut the interpolant.
+    pts = [0.0, 0.5, 1.0, 1.5, 2.0]
+    lam = [tv.var(ub=1, name="l%d" % i) for i in range(len(pts))]
+    u = tv.var(ub=2, name="u")
+    q = tv.problem(lam, u, tv.Sum(lam) == 1, u == tv.Sum(w * l for w, l in zip(pts, lam)),
+                   tv.sos(lam, pts, 2), tv.Sum(math.sqrt(w) * l for w, l in zip(pts, lam)) + (u - 1.3) ** 2)
+    q.nlpoptimize()  # a mixed-integer QP: the optimiser refuses it as nonconvex
+    # The best point of each segment [a, b] in closed form; the set allows one segment at a time.
+    def best_on(a, b):
+        fa, fb = math.sqrt(a), math.sqrt(b)
+        slope = (fb - fa) / (b - a)
+        t = min(max(1.3 - slope / 2, a), b)
+        return fa + slope * (t - a) + (t - 1.3) ** 2
+    expected = min(best_on(a, b) for a, b in zip(pts, pts[1:]))
+    assert q.getObjVal() == pytest.approx(expected, abs=1e-5)
+    assert sum(v > 1e-9 for v in q.getSolution(lam)) <= 2
+    # Indicator: b = 1 forces s1 + s2 <= 1, and b is rewarded just enough to prefer it.
+    b = tv.var(vartype=tv.binary, name="b")
+    r = tv.problem(s1, s2, b, tv.exp(s1 / 5) <= 10, -s1 - s2 - 9.5 * b)
+    r.addIndicator(b == 1, s1 + s2 <= 1)
+    r.solve()
+    assert r.getObjVal() == pytest.approx(-10.5, abs=1e-6)
+    assert r.getSolution(b) == pytest.approx(1)
+    # Semi-continuous: 0 or in [2, 4]; the nonlinear row wants sc near 1, so 0 or 2 compete.
+    sc = tv.var(vartype=tv.semicontinuous, threshold=2, ub=4, name="sc")
+    t = tv.problem(sc, (sc - 1.2) ** 4 + tv.exp(sc) / 10)
+    t.solve()
+    assert t.getSolution(sc) == pytest.approx(0, abs=1e-6)
+    assert t.getObjVal() == pytest.approx(1.2 ** 4 + 0.1, abs=1e-6)
+
+
+def test_semicontinuous_without_upper_bound_is_refused_by_the_nonlinear_optimiser():
+    sc = tv.var(vartype=tv.semicontinuous, threshold=1, name="sc")
+    with pytest.raises(tv.SolverError, match="Semi-continuous column sc has no upper bound"):
+        tv.problem(sc, tv.exp(sc / 4) <= 10, -sc).solve()

@@ -22,6 +22,17 @@
 
 namespace tarvo {
 
+// True once the interpreter has begun shutting down. Code that the libraries call from their
+// own threads checks it before taking the interpreter lock: during shutdown, taking the lock
+// ends the calling thread on the spot.
+inline bool interpreter_finalizing() {
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing();
+#else
+    return _Py_IsFinalizing();
+#endif
+}
+
 // Owned reference: releases what it holds when it goes out of scope.
 class PyRef {
 public:
@@ -36,6 +47,25 @@ public:
     PyObject* get() const { return p_; }
     PyObject* release() { PyObject* r = p_; p_ = nullptr; return r; }
     void reset(PyObject* owned = nullptr) { Py_XDECREF(p_); p_ = owned; }
+    explicit operator bool() const { return p_ != nullptr; }
+private:
+    PyObject* p_;
+};
+
+// Owned reference for code that the libraries call from their own threads. During shutdown the
+// interpreter ends such a thread when it waits for the interpreter lock (inside a Python call)
+// by unwinding its stack; this destructor then runs without the lock and leaves the object.
+class CallbackRef {
+public:
+    explicit CallbackRef(PyObject* owned) : p_(owned) {}
+    static CallbackRef borrow(PyObject* b) { Py_XINCREF(b); return CallbackRef(b); }
+    CallbackRef(const CallbackRef&) = delete;
+    CallbackRef& operator=(const CallbackRef&) = delete;
+    CallbackRef(CallbackRef&& o) noexcept : p_(o.p_) { o.p_ = nullptr; }
+    ~CallbackRef() {
+        if (p_ && PyGILState_Check()) Py_DECREF(p_);
+    }
+    PyObject* get() const { return p_; }
     explicit operator bool() const { return p_ != nullptr; }
 private:
     PyObject* p_;

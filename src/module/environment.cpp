@@ -45,6 +45,7 @@ int global_message_printer(void* object, void*, void*, const char* msg, int, int
 // The library-side function registered for every user handler; the entry [handler, data]
 // is the registration's context.
 int msghandler_trampoline(void* object, void* context, void* thread, const char* msg, int type, int number) {
+    if (interpreter_finalizing()) return 0;
     PyGILState_STATE gil = PyGILState_Ensure();
     int rc = 0;
     if (!PyErr_Occurred()) {
@@ -55,12 +56,13 @@ int msghandler_trampoline(void* object, void* context, void* thread, const char*
             PyErr_SetString(InterfaceError, "Incorrect general environment message handler detected");
             rc = -1;
         } else {
-            PyRef hold_entry = PyRef::borrow(entry), hold_handler = PyRef::borrow(handler), hold_data = PyRef::borrow(data);
-            PyRef obj(trvoobject_wrap(object));
-            PyRef thr(generic_wrap(thread));
+            CallbackRef hold_entry = CallbackRef::borrow(entry), hold_handler = CallbackRef::borrow(handler),
+                        hold_data = CallbackRef::borrow(data);
+            CallbackRef obj(trvoobject_wrap(object));
+            CallbackRef thr(generic_wrap(thread));
             if (obj && thr) {
-                PyRef args(Py_BuildValue("(OOOsii)", obj.get(), data, thr.get(), msg ? msg : "", type, number));
-                if (args) PyRef(PyObject_Call(handler, args.get(), nullptr));
+                CallbackRef args(Py_BuildValue("(OOOsii)", obj.get(), data, thr.get(), msg ? msg : "", type, number));
+                if (args) CallbackRef(PyObject_Call(handler, args.get(), nullptr));
             }
         }
     }
@@ -238,7 +240,7 @@ void remove_problem_printers(ProblemObject* p) {
 bool nonlinear_running() { return nonlinear_flag() == 1; }
 
 void write_library_message(const char* msg) {
-    if (!msg || !output_on()) return;
+    if (!msg || !output_on() || interpreter_finalizing()) return;
     PyGILState_STATE gil = PyGILState_Ensure();
     PySys_FormatStdout("%s\n", msg);
     PyGILState_Release(gil);

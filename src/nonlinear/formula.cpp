@@ -142,6 +142,7 @@ int register_user_function(ProblemObject* p, PyObject* args, bool deriv, int* in
 }
 
 double user_function_call(const double* input, const double* delta, double* results, TSLPfuncobject fobj, bool) {
+    if (interpreter_finalizing()) return -1.0;  // the function cannot run any more: a failed evaluation
     PyGILState_STATE gil = PyGILState_Ensure();
     double ret = -1.0;
     void* slp = nullptr;
@@ -152,7 +153,7 @@ double user_function_call(const double* input, const double* delta, double* resu
         TSLPgetuserfuncobject(static_cast<TSLPprob>(slp), index, &stored) == 0 && stored &&
         PyTuple_Check(static_cast<PyObject*>(stored))) {
         PyObject* fn = PyTuple_GET_ITEM(static_cast<PyObject*>(stored), 0);
-        PyRef inputs(PyTuple_New(ninput));
+        CallbackRef inputs(PyTuple_New(ninput));
         bool ok = static_cast<bool>(inputs);
         for (int i = 0; ok && i < ninput; ++i) {
             PyObject* f = PyFloat_FromDouble(input[i]);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -81,10 +82,22 @@ int read_status(ProblemObject* p, int* kind, int* status) {
 // signals with the interpreter lock held; on KeyboardInterrupt the solve is interrupted,
 // the worker joined and -2 returned with the exception set.
 int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear = false) {
-    std::mutex m;
-    std::condition_variable cv;
-    bool done = false;
-    int rc = 0;
+    // What the worker shares with the caller lives on the heap: when the interpreter shuts down
+    // while a daemon thread waits here, taking the interpreter lock back ends that thread by
+    // unwinding its stack, and the worker (then detached) must not be left with dangling state.
+    struct Shared {
+        std::mutex m;
+        std::condition_variable cv;
+        bool done = false;
+        int rc = 0;
+    };
+    std::shared_ptr<Shared> sh;
+    try {
+        sh = std::make_shared<Shared>();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        return -2;
+    }
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
     note_solver_run(p, nonlinear);
@@ -92,27 +105,33 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     bool have_flags = flags != nullptr;
     std::thread worker;
     try {
-        worker = std::thread([&] {
+        worker = std::thread([sh, prob, slp, fl, have_flags, mip, nonlinear] {
             int r = nonlinear ? TSLPnlpoptimize(slp, fl.c_str())
                     : mip     ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
                               : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
-            std::lock_guard<std::mutex> g(m);
-            rc = r;
-            done = true;
-            cv.notify_all();
+            std::lock_guard<std::mutex> g(sh->m);
+            sh->rc = r;
+            sh->done = true;
+            sh->cv.notify_all();
         });
     } catch (...) {
         PyErr_SetString(SolverError, "Could not start the optimiser thread");
         return -2;
     }
+    struct DetachOnUnwind {
+        std::thread& t;
+        ~DetachOnUnwind() {
+            if (t.joinable()) t.detach();
+        }
+    } detach_on_unwind{worker};
     bool interrupted = false;
     for (;;) {
         bool finished;
         Py_BEGIN_ALLOW_THREADS
         {
-            std::unique_lock<std::mutex> lk(m);
-            cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return done; });
-            finished = done;
+            std::unique_lock<std::mutex> lk(sh->m);
+            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
+            finished = sh->done;
         }
         Py_END_ALLOW_THREADS
         if (finished) break;
@@ -125,18 +144,18 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     if (interrupted) {
         // The request is repeated until the worker is done: one made before the optimiser
         // started its run would be cleared by that start.
-        std::unique_lock<std::mutex> lk(m);
-        while (!done) {
+        std::unique_lock<std::mutex> lk(sh->m);
+        while (!sh->done) {
             lk.unlock();
             if (nonlinear) TSLPinterrupt(slp, 2);
             else TRVOinterrupt(prob, 2);
             lk.lock();
-            cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return done; });
+            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
         }
     }
     worker.join();
     Py_END_ALLOW_THREADS
-    return interrupted ? -2 : rc;
+    return interrupted ? -2 : sh->rc;
 }
 
 }  // namespace

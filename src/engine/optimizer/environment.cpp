@@ -5,6 +5,7 @@
 
 #include "interfaces/highs_c_api.h"
 
+#include <cxxabi.h>
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -57,6 +58,8 @@ int guard_global(const std::function<void()>& body) {
     try {
         body();
         return 0;
+    } catch (abi::__forced_unwind&) {
+        throw;  // a thread being ended (pthread_exit) must unwind to its end
     } catch (const std::bad_alloc&) {
         set_global_error(1, "Out of memory");
     } catch (const std::exception& e) {

@@ -4,6 +4,7 @@
 #include "engine/optimizer/environment.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <cxxabi.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -67,6 +68,8 @@ int guard(TRVOprob prob, const std::function<void()>& body) {
     try {
         body();
         return 0;
+    } catch (abi::__forced_unwind&) {
+        throw;  // a thread being ended (pthread_exit) must unwind to its end
     } catch (const std::bad_alloc&) {
         prob->last_error = "Out of memory";
     } catch (const std::exception& e) {

@@ -4,10 +4,16 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <cxxabi.h>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstring>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 namespace trvo {
 namespace {
@@ -16,6 +22,10 @@ struct SolveContext {
     TRVOprob prob;
     std::string pending;  // log text not yet ended by a newline
     int64_t improving = 0;  // improving MIP solutions found
+    // Held by the callback while it uses prob. A run that ignored a stop request for too long
+    // is abandoned: it goes on without the problem (orphaned) and its callback stops at once.
+    std::mutex mutex;
+    bool orphaned = false;
 };
 
 void flush_line(SolveContext& ctx, int type) {
@@ -27,6 +37,11 @@ void flush_line(SolveContext& ctx, int type) {
 void highs_callback(int type, const char* message, const HighsCallbackDataOut* out,
                     HighsCallbackDataIn* in, void* user) {
     auto* ctx = static_cast<SolveContext*>(user);
+    std::lock_guard<std::mutex> hold(ctx->mutex);
+    if (ctx->orphaned) {
+        if (in) in->user_interrupt = 1;
+        return;
+    }
     if (type == kHighsCallbackLogging) {
         if (!message) return;
         // HiGHS log types: 1 info, 2 detailed, 3 verbose, 4 warning, 5 error.
@@ -166,6 +181,81 @@ HighsInt run(void* h) {
         }
     }
     return ms;
+}
+
+// How long a run may ignore a stop request (HiGHS's presolve and QP solver do not look at the
+// interrupt callbacks) before it is abandoned.
+constexpr auto kStopGrace = std::chrono::milliseconds(1000);
+
+// Runs HiGHS (as run) on a thread of its own while this thread watches the problem's stop
+// flag. When a stop request goes unanswered for kStopGrace, the run is abandoned: the instance,
+// the context and a share of the running-solve count go with the thread, which releases them
+// when HiGHS returns; the problem no longer owns the instance. Returns false then.
+bool run_watched(TRVOprob p, void* h, const std::shared_ptr<SolveContext>& ctx, int threads, HighsInt* ms) {
+    struct Outcome {
+        std::mutex m;
+        std::condition_variable cv;
+        bool done = false;
+        HighsInt ms = kHighsModelStatusNotset;
+        std::exception_ptr error;
+        bool orphaned = false;
+    };
+    auto out = std::make_shared<Outcome>();
+    std::thread runner([out, ctx, h] {
+        HighsInt s = kHighsModelStatusNotset;
+        std::exception_ptr e;
+        try {
+            s = run(h);
+        } catch (abi::__forced_unwind&) {
+            throw;
+        } catch (...) {
+            e = std::current_exception();
+        }
+        bool orphaned;
+        {
+            std::lock_guard<std::mutex> g(out->m);
+            out->ms = s;
+            out->error = e;
+            out->done = true;
+            orphaned = out->orphaned;
+            out->cv.notify_all();
+        }
+        if (orphaned) {
+            Highs_setCallback(h, nullptr, nullptr);
+            highs_solve_end();
+            highs_release(h);
+        }
+    });
+    std::unique_lock<std::mutex> lk(out->m);
+    std::chrono::steady_clock::time_point stop_seen{};
+    bool stopping = false;
+    while (!out->done) {
+        out->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return out->done; });
+        if (out->done || p->stop_request.load() == 0) continue;
+        auto now = std::chrono::steady_clock::now();
+        if (!stopping) {
+            stopping = true;
+            stop_seen = now;
+        } else if (now - stop_seen >= kStopGrace) {
+            {
+                std::lock_guard<std::mutex> hold(ctx->mutex);
+                ctx->orphaned = true;
+            }
+            out->orphaned = true;
+            highs_solve_begin(threads);  // the abandoned run still counts as running
+            lk.unlock();
+            runner.detach();
+            p->highs = nullptr;
+            p->highs_cols = p->highs_rows = -1;
+            p->highs_has_lp = false;
+            return false;
+        }
+    }
+    lk.unlock();
+    runner.join();
+    if (out->error) std::rethrow_exception(out->error);
+    *ms = out->ms;
+    return true;
 }
 
 void record_nonconvex(TRVOprob p, bool mip, const std::string& why) {
@@ -317,7 +407,9 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             keep = Highs_getBasis(h, cbasis.data(), rbasis.data()) != kHighsStatusError;
         }
     }
-    SolveContext ctx{p, {}};
+    auto ctx_owner = std::make_shared<SolveContext>();
+    SolveContext& ctx = *ctx_owner;
+    ctx.prob = p;
     set_options(p, h, flags, mip, scope.used);
     check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
     Highs_startCallback(h, kHighsCallbackLogging);
@@ -328,6 +420,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     struct CallbackOff {
         void* h;
         ~CallbackOff() {
+            if (!h) return;  // the run was abandoned with its instance
             Highs_stopCallback(h, kHighsCallbackLogging);
             Highs_stopCallback(h, kHighsCallbackSimplexInterrupt);
             Highs_stopCallback(h, kHighsCallbackIpmInterrupt);
@@ -363,7 +456,19 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         p->mip_start.clear();
     }
 
-    HighsInt ms = run(h);
+    HighsInt ms = kHighsModelStatusNotset;
+    if (!run_watched(p, h, ctx_owner, scope.used, &ms)) {
+        off.h = nullptr;
+        r.stopstatus = p->stop_request.load() ? p->stop_request.load() : TRVO_STOP_USER;
+        r.solvestatus = TRVO_SOLVESTATUS_STOPPED;
+        r.have_lp = r.have_mip = r.have_duals = false;
+        if (mip) r.mipstatus = TRVO_MIP_NO_SOL_FOUND;
+        r.lpstatus = TRVO_LP_UNFINISHED;
+        r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+        emit_message(p, "The optimiser did not stop when asked: its run was abandoned", 3);
+        p->stop_request.store(0);
+        return;
+    }
     flush_line(ctx, 1);
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);

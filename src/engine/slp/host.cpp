@@ -42,19 +42,12 @@ int host_cols(TSLPprob prob) {
 }
 
 void check_supported_entities(TSLPprob prob) {
-    static const struct { int attrib; const char* what; } kinds[] = {
-        {TRVO_SETS, "special ordered sets"},
-        {TRVO_INDICATORS, "indicator constraints"},
-        {TRVO_GENCONS, "general constraints"},
-    };
-    for (const auto& k : kinds) {
-        int n = 0;
-        check(prob, TRVOgetintattrib(prob->trvo, k.attrib, &n), k.what);
-        if (n > 0)
-            throw Error("The problem has " + std::to_string(n) + " " + k.what +
-                        ", which the nonlinear optimiser does not handle; model them with binary variables and "
-                        "linear constraints instead");
-    }
+    int n = 0;
+    check(prob, TRVOgetintattrib(prob->trvo, TRVO_GENCONS, &n), "general constraints");
+    if (n > 0)
+        throw Error("The problem has " + std::to_string(n) +
+                    " general constraints, which the nonlinear optimiser does not handle; write them as nonlinear "
+                    "expressions (max, min, abs) instead");
 }
 
 int host_nlp_rows(TSLPprob prob) {
@@ -152,14 +145,22 @@ int host_row_index(TSLPprob prob, const std::string& name) {
     return idx;
 }
 
-std::string host_column_name(TSLPprob prob, int col) {
+namespace {
+
+// Name of row (type 1) or column (type 2) i, or the default name with the given prefix.
+std::string host_name(TSLPprob prob, int type, int i, const char* prefix) {
     int need = 0;
-    if (TRVOgetnamelist(prob->trvo, 2, nullptr, 0, &need, col, col) == 0 && need > 0) {
+    if (TRVOgetnamelist(prob->trvo, type, nullptr, 0, &need, i, i) == 0 && need > 0) {
         std::vector<char> buf(need + 1, '\0');
-        if (TRVOgetnamelist(prob->trvo, 2, buf.data(), need + 1, &need, col, col) == 0 && buf[0])
+        if (TRVOgetnamelist(prob->trvo, type, buf.data(), need + 1, &need, i, i) == 0 && buf[0])
             return std::string(buf.data());
     }
-    return "C" + std::to_string(col + 1);
+    return prefix + std::to_string(i + 1);
 }
+
+}  // namespace
+
+std::string host_column_name(TSLPprob prob, int col) { return host_name(prob, 2, col, "C"); }
+std::string host_row_name(TSLPprob prob, int row) { return host_name(prob, 1, row, "R"); }
 
 }  // namespace slp

@@ -33,12 +33,17 @@ int host_cols(TSLPprob prob);
 int host_nlp_rows(TSLPprob prob);   // rows with nonlinear coefficients or a quadratic part
 Model read_model(TSLPprob prob);
 // Throws when the optimiser problem holds entities the nonlinear optimiser cannot solve with
-// (special ordered sets, indicator and general constraints), so that they are never ignored.
+// (general constraints), so that they are never ignored.
 void check_supported_entities(TSLPprob prob);
+// Turns semi-continuous, semi-integer and partial-integer columns, special ordered sets and
+// indicator rows of the model into binary columns and linear rows appended after the
+// problem's own (which keep their positions). Throws for what cannot be reformulated.
+void reformulate_entities(TSLPprob prob, Model& m);
 
 // Names for the text form of formulas.
 int host_column_index(TSLPprob prob, const std::string& name);   // -1 if unknown
 std::string host_column_name(TSLPprob prob, int col);
+std::string host_row_name(TSLPprob prob, int row);
 int host_row_index(TSLPprob prob, const std::string& name);
 
 }  // namespace slp

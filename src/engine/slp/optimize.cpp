@@ -46,6 +46,8 @@ void optimize(TSLPprob prob, bool global) {
     prob->mswinner = 0;
     check_supported_entities(prob);
     Model m = read_model(prob);
+    const int ncols = m.ncols, nrows = m.nrows;
+    reformulate_entities(prob, m);
     apply_dfs(prob, m);
     prob->state |= TSLP_STATE_CONSTRUCTED;
     if (prob->cb.slpstart.f) prob->cb.slpstart.f(prob, prob->cb.slpstart.context);
@@ -59,6 +61,10 @@ void optimize(TSLPprob prob, bool global) {
     bool jobs = !prob->msjobs.empty() && int_control(prob, TSLP_MULTISTART);
     if (global || jobs) r = run_multistart(prob, m, global);
     else r = run_slp(prob, m, initial_point(prob, m));
+    // Columns and rows the reformulation of entities added are not the problem's own.
+    Solution& s = r.sol;
+    if ((int)s.x.size() > ncols) s.x.resize(ncols), s.dj.resize(ncols), s.cols.resize(ncols);
+    if ((int)s.slack.size() > nrows) s.slack.resize(nrows), s.dual.resize(nrows), s.rows.resize(nrows);
     store_result(prob, std::move(r));
     prob->time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     if (!int_control(prob, TSLP_POSTSOLVE)) prob->state |= TSLP_STATE_PRESOLVED;

@@ -3,6 +3,7 @@
 
 #include "library_interface/tslp.h"
 
+#include <cxxabi.h>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -180,6 +181,8 @@ int guard(TSLPprob prob, F&& body) {
     try {
         body();
         return 0;
+    } catch (abi::__forced_unwind&) {
+        throw;  // a thread being ended (pthread_exit) must unwind to its end
     } catch (const Error& e) {
         set_error(prob, e.what(), e.code);
     } catch (const std::bad_alloc&) {
