@@ -164,3 +164,24 @@ def test_formula_rows_with_linear_objective():
     assert p.getAttrib("tslp_iter") < 100
     assert p.getObjVal() == pytest.approx(COPIES * 2 * math.log(2), rel=1e-7)
     assert p.getSolution(y) == pytest.approx([math.log(2)] * COPIES, abs=1e-3)
+
+
+def test_row_curved_in_many_columns():
+    # max sum x subject to (sum x)^2 / N + sum x^2 <= 2 N: one row curved in all N columns,
+    # with a dense Hessian (too big to split exactly, it is bounded by its diagonal); by
+    # symmetry the optimum is x = 1, objective N.
+    n = 150
+    x = [tv.var(lb=-3, ub=3) for _ in range(n)]
+    p = tv.problem()
+    p.addVariable(x)
+    p.addConstraint(tv.Sum(x) ** 2 / n + tv.Sum(xi ** 2 for xi in x) <= 2 * n)
+    p.setObjective(tv.Sum(x), sense=tv.maximize)
+    for i, xi in enumerate(x):
+        p.chgvar(xi, initvalue=0.1 * (i % 5))
+    p.nlpoptimize()
+    assert p.getProbStatus() == tv.nlp_locally_optimal
+    assert p.getAttrib("tslp_iter") < 100
+    assert p.getObjVal() == pytest.approx(n, rel=1e-7)
+    # The objective is flat to first order along the row at the optimum: points converge to
+    # about the square root of its tolerance.
+    assert p.getSolution(x) == pytest.approx([1.0] * n, abs=5e-3)

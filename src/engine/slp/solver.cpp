@@ -117,19 +117,13 @@ void psd_part(std::vector<double>& A, int p) {
         }
 }
 
-// Largest block that psd_part works on; bigger blocks are made diagonally dominant instead.
+// Largest block that psd_part works on; bigger blocks are made diagonally dominant instead
+// (every diagonal entry raised to the sum of the magnitudes off the diagonal in its row),
+// which needs no dense matrix.
 constexpr int kDenseBlock = 40;
-
-// Makes the symmetric p x p matrix A positive semidefinite without an eigendecomposition:
-// every diagonal entry is raised to the sum of the magnitudes off the diagonal in its row.
-void dominant_part(std::vector<double>& A, int p) {
-    for (int i = 0; i < p; ++i) {
-        double s = 0.0;
-        for (int j = 0; j < p; ++j)
-            if (j != i) s += std::fabs(A[i * p + j]);
-        A[i * p + i] = std::max(A[i * p + i], s);
-    }
-}
+// Rows curved in more columns than this add no curvature: differencing their gradients
+// costs a gradient per column.
+constexpr int kMaxCurvedRow = 2000;
 
 
 }  // namespace
@@ -780,20 +774,24 @@ void Run::objective_curvature() {
 // columns it is curved in).
 void Run::diag_curvature() {
     hd = objdiag;
-    std::vector<double> xs = x, g0, A;
+    std::vector<double> xs = x, g0, A, diag, off;
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
         int r = E.nlrows[k];
         double l = lam_h.empty() ? 0.0 : lam_h[r];
         const auto& C = hcols[k];
         int p = (int)C.size();
-        if (p == 0 || !(std::fabs(l) > 1e-14)) continue;
+        if (p == 0 || p > kMaxCurvedRow || !(std::fabs(l) > 1e-14)) continue;
         const auto& pat = E.pattern[k];
         g0.resize(p);
         for (int a = 0; a < p; ++a)
             g0[a] = nlgrad[k][std::lower_bound(pat.begin(), pat.end(), C[a]) - pat.begin()];
-        A.assign((size_t)p * p, 0.0);
+        bool dense = p <= kDenseBlock;
+        A.assign(dense ? (size_t)p * p : 0, 0.0);
+        diag.assign(p, 0.0);
+        off.assign(p, 0.0);
         bool ok = true;
         for (int b = 0; b < p && ok; ++b) {
+            // Column b of -lambda times the row's Hessian.
             int j = C[b];
             double step = 1e-6 * std::max(1.0, std::fabs(x[j]));
             if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
@@ -802,21 +800,26 @@ void Run::diag_curvature() {
             double v;
             ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
             xs[j] = x[j];
-            if (ok)
-                for (int a = 0; a < p; ++a) A[(size_t)a * p + b] = (gscratch[C[a]] - g0[a]) / step;
+            if (!ok) break;
+            for (int a = 0; a < p; ++a) {
+                double hab = -l * (gscratch[C[a]] - g0[a]) / step;
+                if (dense) A[(size_t)a * p + b] = hab;
+                else if (a == b) diag[b] = hab;
+                else off[b] += std::fabs(hab);
+            }
         }
         if (!ok) continue;   // a row that cannot be evaluated nearby adds no curvature
-        for (int a = 0; a < p; ++a)
-            for (int b = a; b < p; ++b) {
-                double v = -l * 0.5 * (A[(size_t)a * p + b] + A[(size_t)b * p + a]);
-                A[(size_t)a * p + b] = A[(size_t)b * p + a] = v;
-            }
-        if (p <= kDenseBlock) psd_part(A, p);
-        else dominant_part(A, p);
-        for (int a = 0; a < p; ++a) {
-            double v = A[(size_t)a * p + a];
-            if (std::isfinite(v) && v > 0.0) hd[C[a]] += v;
+        if (dense) {
+            for (int a = 0; a < p; ++a)
+                for (int b = a; b < p; ++b)
+                    A[(size_t)a * p + b] = A[(size_t)b * p + a] = 0.5 * (A[(size_t)a * p + b] + A[(size_t)b * p + a]);
+            psd_part(A, p);
+            for (int a = 0; a < p; ++a) diag[a] = A[(size_t)a * p + a];
+        } else {
+            for (int a = 0; a < p; ++a) diag[a] = std::max(diag[a], off[a]);
         }
+        for (int a = 0; a < p; ++a)
+            if (std::isfinite(diag[a]) && diag[a] > 0.0) hd[C[a]] += diag[a];
     }
 }
 
