@@ -508,12 +508,14 @@ void Run::update_lp() {
             int l = linkrow[j] - m.nrows, c0 = segcol[j] - seg0;
             double hj = pwl_on ? hd[j] : 0.0;
             segw[j] = 0.0;
-            if (!(hj > 0.0) || !(delta[j] > 0.0) || !std::isfinite(delta[j])) {
+            double wj = delta[j] / nseg;
+            // Segments narrower than the LP's tolerances would only make it degenerate: such a
+            // column steps linearly within its (tiny) step bound.
+            if (!(hj > 0.0) || !(wj > 1e-9 * (1.0 + std::fabs(x[j]))) || !std::isfinite(wj)) {
                 llo[l] = -INFINITY;   // the column steps linearly, its segments stay at zero
                 lup[l] = INFINITY;
                 continue;
             }
-            double wj = delta[j] / nseg;
             segw[j] = wj;
             llo[l] = lup[l] = 0.0;
             for (int t = 0; t < nseg; ++t) {
