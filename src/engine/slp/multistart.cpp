@@ -166,7 +166,10 @@ RunResult run_multistart(TSLPprob prob, const Model& m, bool global) {
                 }
             }
         }
-        for (size_t i = 0; i < job.ivcols.size(); ++i) x[job.ivcols[i]] = job.ivvalues[i];
+        // Start columns are checked when a job is added and follow deletions; the check here
+        // keeps a job that still refers to a column the model no longer has from writing past x.
+        for (size_t i = 0; i < job.ivcols.size() && i < job.ivvalues.size(); ++i)
+            if (job.ivcols[i] >= 0 && job.ivcols[i] < (int)x.size()) x[job.ivcols[i]] = job.ivvalues[i];
         Controls saved = prob->controls;
         for (auto& c : job.controls) {
             if (prob->controls.ints.count(c.first)) prob->controls.ints[c.first] = (int)c.second;
