@@ -91,7 +91,8 @@ def test_interpreter_exit_during_a_solve_in_a_daemon_thread_is_clean(run_python,
 
 def test_ctrl_c_during_a_qp_returns_although_highs_does_not_stop(run_python):
     # HiGHS's QP solver does not look at interrupt requests: a run that ignores one is abandoned
-    # (it finishes on its own in the background) and the problem is usable at once.
+    # (it finishes on its own in the background) and the problem is usable at once. The time
+    # limit ends the abandoned run, which the process waits for when it exits.
     out = run_python("""
         import _thread, threading, time
         import tarvo as tv
@@ -101,6 +102,7 @@ def test_ctrl_c_during_a_qp_returns_although_highs_does_not_stop(run_python):
         u = [tv.var(lb=-1, ub=1) for _ in range(T)]
         p = tv.problem(x, u, [x[k + 1] == 1.005 * x[k] + 0.01 * u[k] for k in range(T)], x[0] == 1,
                        tv.Sum(x[k] ** 2 + 0.1 * u[k] ** 2 for k in range(T)))
+        p.controls.maxtime = 10
         threading.Timer(0.5, _thread.interrupt_main).start()
         start = time.perf_counter()
         try:
@@ -115,7 +117,8 @@ def test_ctrl_c_during_a_qp_returns_although_highs_does_not_stop(run_python):
     """)
     lines = out.splitlines()
     assert lines[0].startswith("interrupted after"), out
-    # A full solve takes minutes; the abandoned run leaves the caller within the grace period.
-    assert int(lines[0].split()[2]) < 30, out
+    # HiGHS would stop only at the 10 s time limit; the abandoned run leaves the caller about a
+    # second after the request.
+    assert int(lines[0].split()[2]) < 8, out
     assert lines[1] == "lp_unfinished"
     assert lines[2].startswith("lp_optimal")

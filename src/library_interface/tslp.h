@@ -176,9 +176,10 @@ enum {
 #define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
 #define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
-#define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a quasi-Newton
-                                      (BFGS) model of the Lagrangian's curvature (a QP);
-                                      0: pure linear steps */
+#define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a model of the
+                                      Lagrangian's curvature: a quasi-Newton (BFGS) QP for up
+                                      to 100 curved columns, separable piecewise-linear costs
+                                      above that; 0: pure linear steps */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

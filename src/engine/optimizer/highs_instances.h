@@ -4,13 +4,18 @@
 // runs HiGHS goes through these functions.
 #pragma once
 
+#include <atomic>
+
 namespace trvo {
 
 // Marks a solve as running and returns the thread count to give HiGHS's "threads" option
 // (the requested count when the scheduler can still change, otherwise the current one).
-int highs_solve_begin(int requested_threads);
+// stop_flag, when given, is the solve's stop request: at process exit every running solve is
+// asked to stop through it (reason 9) and the exit waits until no solve runs any more, since
+// HiGHS cannot run while the process tears down its static objects.
+int highs_solve_begin(int requested_threads, std::atomic<int>* stop_flag = nullptr);
 // Marks the solve as finished; destroys instances whose release was deferred.
-void highs_solve_end();
+void highs_solve_end(std::atomic<int>* stop_flag = nullptr);
 // Destroys an instance now, or when no solve is running any more.
 void highs_release(void* highs);
 // Creates an instance whose log goes nowhere until a callback is installed.

@@ -365,8 +365,9 @@ HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flag
 }
 
 struct SolveScope {
-    explicit SolveScope(int threads) : used(highs_solve_begin(threads)) {}
-    ~SolveScope() { highs_solve_end(); }
+    SolveScope(int threads, std::atomic<int>* stop) : stop(stop), used(highs_solve_begin(threads, stop)) {}
+    ~SolveScope() { highs_solve_end(stop); }
+    std::atomic<int>* stop;
     int used;
 };
 
@@ -386,7 +387,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     HighsModel model;
     formulate(p, mip, model);
 
-    SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)));
+    SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
     if (!p->highs) {
         p->highs = highs_new_quiet();
         if (!p->highs) fail("Could not create a HiGHS instance");

@@ -219,7 +219,7 @@ public:
     Run(TSLPprob p, const Model& model) : prob(p), m(model), E(p, model) {}
     ~Run() {
         if (h) {
-            trvo::highs_solve_end();
+            trvo::highs_solve_end(&prob->interrupt);
             trvo::highs_release(h);
         }
     }
@@ -366,7 +366,7 @@ void Run::build() {
     if (!h) throw Error("Could not create a HiGHS instance");
     int threads = 1;
     TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
-    int th = trvo::highs_solve_begin(threads);
+    int th = trvo::highs_solve_begin(threads, &prob->interrupt);
     Highs_setIntOptionValue(h, "threads", th);
     bool log = int_control(prob, TSLP_LOG) >= 3;
     Highs_setBoolOptionValue(h, "output_flag", log);
