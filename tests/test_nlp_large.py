@@ -77,12 +77,16 @@ def reference_control(steps):
     return r.fun, r.x
 
 
-class TestOptimalControl:
-    STEPS = 250   # 500 rows, 752 columns
+CONTROL_STEPS = 250   # 500 rows, 752 columns
 
-    @pytest.fixture(scope="class")
-    def reference(self):
-        return reference_control(self.STEPS)
+
+@pytest.fixture(scope="module")
+def reference():
+    return reference_control(CONTROL_STEPS)
+
+
+class TestOptimalControl:
+    STEPS = CONTROL_STEPS
 
     def check(self, p, x1, x2, u, reference, sign=1.0):
         fref, uref = reference
