@@ -42,6 +42,9 @@ void stop_solves_at_exit() {
         }
         pool_idle.wait_for(g, std::chrono::milliseconds(20));
     }
+    // The lock stays taken: a thread that is still finishing (destroying its instance, say)
+    // waits here instead of reaching HiGHS while the process tears it down.
+    g.release();
 }
 // A child made by fork() has none of the parent's solving threads: it starts with no solve
 // running (so that its exit does not wait for them) and a fresh lock.

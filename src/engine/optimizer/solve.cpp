@@ -221,9 +221,11 @@ bool run_watched(TRVOprob p, void* h, const std::shared_ptr<SolveContext>& ctx, 
             out->cv.notify_all();
         }
         if (orphaned) {
+            // Released while still counted as running, so that the instance is destroyed
+            // under the pool's lock when the count drops.
             Highs_setCallback(h, nullptr, nullptr);
-            highs_solve_end();
             highs_release(h);
+            highs_solve_end();
         }
     });
     std::unique_lock<std::mutex> lk(out->m);

@@ -219,8 +219,8 @@ public:
     Run(TSLPprob p, const Model& model) : prob(p), m(model), E(p, model) {}
     ~Run() {
         if (h) {
+            trvo::highs_release(h);   // deferred while this solve counts as running
             trvo::highs_solve_end(&prob->interrupt);
-            trvo::highs_release(h);
         }
     }
     RunResult solve(const std::vector<double>& x0);
