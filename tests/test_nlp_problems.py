@@ -245,15 +245,47 @@ def test_discrete_entities_in_nonlinear_problems_are_enforced():
     r.solve()
     assert r.getObjVal() == pytest.approx(-10.5, abs=1e-6)
     assert r.getSolution(b) == pytest.approx(1)
-    # Semi-continuous: 0 or in [2, 4]; the nonlinear row wants sc near 1, so 0 or 2 compete.
+    # Semi-continuous: 0 or in [2, 4]; the objective wants sc near 1, so 0 (value 2.17) and
+    # the threshold 2 (value 1.15) compete.
     sc = tv.var(vartype=tv.semicontinuous, threshold=2, ub=4, name="sc")
     t = tv.problem(sc, (sc - 1.2) ** 4 + tv.exp(sc) / 10)
     t.solve()
-    assert t.getSolution(sc) == pytest.approx(0, abs=1e-6)
-    assert t.getObjVal() == pytest.approx(1.2 ** 4 + 0.1, abs=1e-6)
+    assert t.getSolution(sc) == pytest.approx(2, abs=1e-6)
+    assert t.getObjVal() == pytest.approx(0.8 ** 4 + math.exp(2) / 10, abs=1e-6)
 
 
 def test_semicontinuous_without_upper_bound_is_refused_by_the_nonlinear_optimiser():
     sc = tv.var(vartype=tv.semicontinuous, threshold=1, name="sc")
     with pytest.raises(tv.SolverError, match="Semi-continuous column sc has no upper bound"):
         tv.problem(sc, tv.exp(sc / 4) <= 10, -sc).solve()
+
+
+@pytest.mark.parametrize("seed", [4, 7, 9, 11])
+def test_convex_plant_choice_reaches_the_best_assignment(seed):
+    # Four plants with convex running costs exp(a o) - 1 and fixed costs when open meet one
+    # demand. The first assignment mixed-integer SLP settles on is not the best for these
+    # instances; the result must match enumerating the sixteen assignments.
+    import itertools
+    import random
+    rng = random.Random(seed)
+    k, demand = 4, rng.uniform(5, 15)
+    fixed = [rng.uniform(1, 8) for _ in range(k)]
+    a = [rng.uniform(0.05, 0.5) for _ in range(k)]
+
+    def build(z=None):
+        o = [tv.var(ub=20) for _ in range(k)]
+        b = [tv.var(vartype=tv.binary) for _ in range(k)]
+        on = b if z is None else list(z)
+        return tv.problem(o, b, tv.Sum(o) >= demand, [o[i] <= 20 * on[i] for i in range(k)],
+                          tv.Sum(tv.exp(a[i] * o[i]) - 1 + fixed[i] * on[i] for i in range(k)))
+
+    p = build()
+    p.solve()
+    best = math.inf
+    for z in itertools.product([0, 1], repeat=k):
+        if any(z):
+            q = build(z)
+            q.solve()
+            best = min(best, q.getObjVal())
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getObjVal() == pytest.approx(best, rel=1e-6)
