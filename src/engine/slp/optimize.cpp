@@ -61,7 +61,7 @@ void optimize(TSLPprob prob, bool global) {
     bool jobs = !prob->msjobs.empty() && int_control(prob, TSLP_MULTISTART);
     if (global || jobs) r = run_multistart(prob, m, global);
     else r = run_slp(prob, m, initial_point(prob, m));
-    if (!prob->interrupt.load()) r = improve_integer_assignment(prob, m, std::move(r));
+    if (!prob->interrupt.load()) r = improve_integer_assignment(prob, m, std::move(r), t0);
     // Columns and rows the reformulation of entities added are not the problem's own.
     Solution& s = r.sol;
     if ((int)s.x.size() > ncols) s.x.resize(ncols), s.dj.resize(ncols), s.cols.resize(ncols);

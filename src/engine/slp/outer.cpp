@@ -12,6 +12,7 @@
 
 #include "interfaces/highs_c_api.h"
 
+#include <cxxabi.h>
 #include <chrono>
 #include <cmath>
 #include <set>
@@ -81,7 +82,17 @@ public:
                 fixed.coltype[j] = 'C';
             }
             for (int j = 0; j < m.ncols; ++j) xm[j] = std::min(std::max(xm[j], fixed.lb[j]), fixed.ub[j]);
-            RunResult r = run_slp(prob, fixed, xm);
+            RunResult r;
+            try {
+                r = run_slp(prob, fixed, xm);
+            } catch (abi::__forced_unwind&) {
+                throw;
+            } catch (const std::exception& e) {
+                // A failure here (a user function that cannot be evaluated, say) ends the
+                // search; the solution already found stands.
+                logf(prob, 1, "The search for better integer assignments stopped: %s", e.what());
+                break;
+            }
             extra_iter += r.iter;
             add_point(r);
             if (usable(r) && (!usable(best) || min_form(r.objval) < min_form(best.objval) - 1e-9 * (1.0 + std::fabs(best.objval)))) {
@@ -246,12 +257,13 @@ private:
 
 }  // namespace
 
-RunResult improve_integer_assignment(TSLPprob prob, const Model& m, RunResult best) {
+RunResult improve_integer_assignment(TSLPprob prob, const Model& m, RunResult best,
+                                     std::chrono::steady_clock::time_point start) {
     bool integers = false;
     for (char t : m.coltype) integers = integers || t == 'I' || t == 'B';
     if (!integers) return best;
     double maxtime = dbl_control(prob, TSLP_MAXTIME);
-    auto deadline = std::chrono::steady_clock::now() +
+    auto deadline = start +
                     std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                         std::chrono::duration<double>(maxtime > 0 ? maxtime : 1e9));
     OuterApproximation oa(prob, m);

@@ -3,6 +3,8 @@
 
 #include "engine/slp/evaluate.h"
 
+#include <chrono>
+
 namespace slp {
 
 // Outcome of one SLP run from a given start.
@@ -24,7 +26,9 @@ RunResult run_slp(TSLPprob prob, const Model& m, const std::vector<double>& x0);
 
 // Mixed-integer problems: looks for better integer assignments than the one best has, by outer
 // approximation over the points solved so far, and returns the best solution found.
-RunResult improve_integer_assignment(TSLPprob prob, const Model& m, RunResult best);
+// The search ends by the nonlinear time limit counted from start.
+RunResult improve_integer_assignment(TSLPprob prob, const Model& m, RunResult best,
+                                     std::chrono::steady_clock::time_point start);
 
 // Largest violation of any row at x (nonlinear parts included); rows that cannot be
 // evaluated count as infinitely violated.
