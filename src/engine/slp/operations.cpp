@@ -3,8 +3,8 @@
 #include "engine/slp/solver.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <functional>
 #include <set>
@@ -13,15 +13,7 @@ namespace slp {
 namespace {
 
 // Reports of the operations the user asked for go out whatever the log level.
-void say(TSLPprob prob, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void say(TSLPprob prob, const char* fmt, ...) {
-    char buf[1024];
-    va_list ap;
-    va_start(ap, fmt);
-    std::vsnprintf(buf, sizeof buf, fmt, ap);
-    va_end(ap);
-    message(prob, 1, buf);
-}
+constexpr int kAlways = INT_MIN;
 
 Model model_of(TSLPprob prob) {
     Model m = read_model(prob);
@@ -216,7 +208,7 @@ int TSLPcascade(TSLPprob prob) {
         std::vector<double> x = slp::current_point(prob, m);
         int failed = slp::cascade(prob, E, m, x);
         slp::store_point(prob, E, m, x);
-        if (failed) slp::say(prob, "Cascading: %d determined columns could not be recomputed", failed);
+        if (failed) slp::logf(prob, slp::kAlways, "Cascading: %d determined columns could not be recomputed", failed);
     });
 }
 
@@ -261,9 +253,9 @@ int TSLPvalidate(TSLPprob prob) {
         prob->validation_a = worst_a;
         prob->validation_r = worst_r;
         if (worst_row >= 0)
-            slp::say(prob, "Validation: largest violation %g (relative %g) in row %d", worst_a, worst_r, worst_row);
+            slp::logf(prob, slp::kAlways, "Validation: largest violation %g (relative %g) in row %d", worst_a, worst_r, worst_row);
         else
-            slp::say(prob, "Validation: every row holds at the current point");
+            slp::logf(prob, slp::kAlways, "Validation: every row holds at the current point");
     });
 }
 
@@ -294,7 +286,7 @@ int TSLPvalidaterow(TSLPprob prob, int row) {
         double lo, up;
         slp::row_bounds(m, row, &lo, &up);
         double a = slp::row_violation(m, row, v, &rel);
-        slp::say(prob, "Row %d: activity %.12g, bounds [%g, %g], violation %g (relative %g)", row, v, lo, up, a, rel);
+        slp::logf(prob, slp::kAlways, "Row %d: activity %.12g, bounds [%g, %g], violation %g (relative %g)", row, v, lo, up, a, rel);
     });
 }
 
@@ -337,7 +329,7 @@ int TSLPvalidatekkt(TSLPprob prob, int calculationmode, int respectbasisstatus, 
             if (!respectbasisstatus) res = std::max(res, std::fabs(s.dual[row] * s.slack[row]));
         res /= scale;
         prob->kktresidual = res;
-        slp::say(prob, "KKT residual %g%s", res,
+        slp::logf(prob, slp::kAlways, "KKT residual %g%s", res,
                   kktviolationtarget > 0 ? (res <= kktviolationtarget ? " (within the target)" : " (above the target)") : "");
     });
 }
@@ -351,11 +343,11 @@ int TSLPprintevalinfo(TSLPprob prob) {
         for (auto& kv : prob->coefs) tokens += kv.second.formula.type.size();
         size_t nodes = 0;
         for (auto& t : E.tapes) nodes += t.nodes.size();
-        slp::say(prob, "Nonlinear coefficients %zu (%zu tokens) in %zu rows; %zu tape nodes; %zu user functions",
+        slp::logf(prob, slp::kAlways, "Nonlinear coefficients %zu (%zu tokens) in %zu rows; %zu tape nodes; %zu user functions",
                   prob->coefs.size(), tokens, E.nlrows.size(), nodes, prob->userfuncs.size());
         for (size_t i = 0; i < prob->userfuncs.size(); ++i) {
             const slp::UserFunc& u = prob->userfuncs[i];
-            slp::say(prob, "  user function %zu %s: %s, %s", i + 1, u.name.c_str(),
+            slp::logf(prob, slp::kAlways, "  user function %zu %s: %s, %s", i + 1, u.name.c_str(),
                       u.address ? "callable" : "no address", u.derivatives ? "returns derivatives" : "numerical derivatives");
         }
     });
@@ -371,7 +363,7 @@ int TSLPprintmemory(TSLPprob prob) {
         size_t sol = (prob->sol.x.size() + prob->sol.dj.size()) * sizeof(double) +
                      (prob->sol.slack.size() + prob->sol.dual.size()) * sizeof(double) +
                      prob->sol.rows.size() * sizeof(slp::RowInfo) + prob->sol.cols.size() * sizeof(slp::ColInfo);
-        slp::say(prob, "Memory: coefficients %zu bytes, variables %zu bytes, tolerance sets %zu bytes, solution %zu bytes",
+        slp::logf(prob, slp::kAlways, "Memory: coefficients %zu bytes, variables %zu bytes, tolerance sets %zu bytes, solution %zu bytes",
                   coef, vars, prob->tolsets.size() * sizeof(slp::TolSet), sol);
     });
 }
