@@ -3,6 +3,7 @@
 #include "module/common.h"
 #include "module/hooks.h"
 #include "module/types.h"
+#include "problem/problem.h"
 
 #include <cmath>
 #include <vector>
@@ -190,8 +191,9 @@ using namespace tarvo;
 extern "C" __attribute__((visibility("default"))) PyObject* PyInit_tarvolib(void) {
     state.locks = new Locks();
 
+    problem_type_init();
     for (PyTypeObject* t : all_types)
-        if (t != &ProblemType) t->tp_new = PyType_GenericNew;
+        if (!t->tp_new) t->tp_new = PyType_GenericNew;
     for (PyTypeObject* t : all_types)
         if (PyType_Ready(t) < 0) {
             delete_locks();

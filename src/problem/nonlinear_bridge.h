@@ -1,6 +1,4 @@
-// Operations of the nonlinear library that the problem layer calls only for problems with
-// nonlinear parts. They are referenced weakly: a build whose nonlinear library lacks one of
-// them still loads, and the caller reports the operation as unavailable (null address).
+// Helpers of the problem layer for problems with nonlinear parts.
 #pragma once
 #include "library_interface/tslp.h"
 
@@ -14,10 +12,3 @@ bool nonlinear_results(ProblemObject* p);
 void note_solver_run(ProblemObject* p, bool nonlinear);
 }
 
-extern "C" {
-int TSLPreadprob(TSLPprob prob, const char* filename, const char* flags) __attribute__((weak));
-int TSLPwriteprob(TSLPprob prob, const char* filename, const char* flags) __attribute__((weak));
-int TSLPgetuserfuncobject(TSLPprob prob, int index, void** object) __attribute__((weak));
-int TSLPnlpoptimize(TSLPprob prob, const char* flags) __attribute__((weak));
-int TSLPgetslpsol(TSLPprob prob, double* x, double* slack, double* dual, double* dj) __attribute__((weak));
-}

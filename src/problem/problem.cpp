@@ -11,23 +11,7 @@
 #include <string>
 #include <vector>
 
-#define TARVO_WEAK __attribute__((weak))
-
 namespace tarvo {
-
-// Methods contributed by later subsystems (low-level library methods, callbacks).
-TARVO_WEAK PyMethodDef problem_lowlevel_methods[] = {{nullptr, nullptr, 0, nullptr}};
-TARVO_WEAK PyMethodDef problem_callback_methods[] = {{nullptr, nullptr, 0, nullptr}};
-TARVO_WEAK PyMethodDef problem_nonlinear_methods[] = {{nullptr, nullptr, 0, nullptr}};
-// Callback lists: copied by copy(); the callback registry replaces this default.
-TARVO_WEAK int callbacks_copy(ProblemObject* dst, ProblemObject* src) {
-    for (int k = 0; k < CALLBACK_KINDS; ++k) {
-        if (!src->callbacks[k]) continue;
-        dst->callbacks[k] = PyList_GetSlice(src->callbacks[k], 0, PyList_GET_SIZE(src->callbacks[k]));
-        if (!dst->callbacks[k]) return -1;
-    }
-    return 0;
-}
 
 // ------------------------------------------------------------------ shared helpers
 
@@ -157,7 +141,7 @@ void destroy_library_problems(ProblemObject* p) {
 void release_userfuncs(ProblemObject* p) {
     if (!p->userfuncs) return;
     Py_ssize_t n = PyDict_Size(p->userfuncs);
-    for (Py_ssize_t i = 1; i <= n && p->slp && TSLPgetuserfuncobject; ++i) {
+    for (Py_ssize_t i = 1; i <= n && p->slp; ++i) {
         void* obj = nullptr;
         if (TSLPgetuserfuncobject(p->slp, static_cast<int>(i), &obj) == 0 && obj)
             Py_DECREF(static_cast<PyObject*>(obj));
@@ -592,7 +576,7 @@ PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     if (TRVOreadprob(p->prob, filename, options) != 0) {
         // The nonlinear library reads what the optimiser refuses (nonlinear problem files); when
         // it fails too, its message is the one that explains the file.
-        if (!(p->slp && nonlinear_running() && TSLPreadprob)) return problem_error(p);
+        if (!(p->slp && nonlinear_running())) return problem_error(p);
         if (TSLPreadprob(p->slp, filename, options) != 0) return slp_error(p);
     } else if (forget_nonlinear_data(p) < 0) {
         return nullptr;
@@ -612,10 +596,6 @@ PyObject* problem_write(PyObject* self, PyObject* args, PyObject* kw) {
     if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:write", const_cast<char**>(kwlist), &filename, &flags))
         return nullptr;
     bool nonlinear = p->slp && (problem_is_nonlinear(p) || std::strchr(flags, 'g'));
-    if (nonlinear && !TSLPwriteprob) {
-        PyErr_SetString(SolverError, "Writing through the nonlinear library is not available in this build");
-        return nullptr;
-    }
     int rc;
     Py_BEGIN_ALLOW_THREADS
     if (nonlinear)
@@ -679,17 +659,20 @@ PyGetSetDef getset[] = {
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-std::vector<PyMethodDef>& method_table() {
-    static std::vector<PyMethodDef> table;
-    return table;
-}
+// The problem's method table: its own methods followed by those of the subsystems that add
+// problem methods (low-level library methods, callbacks, nonlinear methods).
+std::vector<PyMethodDef> method_table;
 
-PyTypeObject make_problem_type() {
-    std::vector<PyMethodDef>& table = method_table();
+}  // namespace
+
+PyTypeObject ProblemType = {PyVarObject_HEAD_INIT(nullptr, 0)};
+
+void problem_type_init() {
+    method_table.clear();
     for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})
-        for (PyMethodDef* d = t; d->ml_name; ++d) table.push_back(*d);
-    table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
-    PyTypeObject t = {PyVarObject_HEAD_INIT(nullptr, 0)};
+        for (PyMethodDef* d = t; d->ml_name; ++d) method_table.push_back(*d);
+    method_table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
+    PyTypeObject& t = ProblemType;
     t.tp_name = "tarvo.problem";
     t.tp_basicsize = sizeof(ProblemObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT;
@@ -697,13 +680,8 @@ PyTypeObject make_problem_type() {
     t.tp_new = problem_new;
     t.tp_dealloc = problem_dealloc;
     t.tp_str = problem_str;
-    t.tp_methods = table.data();
+    t.tp_methods = method_table.data();
     t.tp_getset = getset;
-    return t;
 }
-
-}  // namespace
-
-PyTypeObject ProblemType = make_problem_type();
 
 }  // namespace tarvo

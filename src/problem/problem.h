@@ -40,6 +40,16 @@ struct ProblemObject {
     int obj_col;          // objective transfer column, -1 when none
 };
 
+// Problem methods contributed by the subsystems (sentinel-terminated tables), assembled into
+// the problem type's method table by problem_type_init() at import.
+extern PyMethodDef problem_lowlevel_methods[];   // problem/lowlevel.cpp
+extern PyMethodDef problem_callback_methods[];   // callbacks/registry.cpp
+extern PyMethodDef problem_nonlinear_methods[];  // nonlinear/nlp_methods.cpp
+// Fills the problem type object; called once at import before the type is readied.
+void problem_type_init();
+// Copies the callback registry of src into dst (problem copy); 0, or -1 with an exception set.
+int callbacks_copy(ProblemObject* dst, ProblemObject* src);
+
 inline bool is_problem(PyObject* o) { return PyObject_TypeCheck(o, &ProblemType); }
 inline ProblemObject* as_prob(PyObject* o) { return reinterpret_cast<ProblemObject*>(o); }
 inline bool problem_is_nonlinear(const ProblemObject* p) { return p->nl_rows > 0 || p->nl_objective; }

@@ -63,10 +63,6 @@ int fetch_vector(ProblemObject* p, Vec which, std::vector<double>& out) {
     if (n == 0) return 0;
     int rc;
     if (kind == 2) {
-        if (!TSLPgetslpsol) {
-            PyErr_SetString(SolverError, "Nonlinear solutions are not available in this build");
-            return -1;
-        }
         rc = TSLPgetslpsol(p->slp, x, slack, dual, dj);
     } else if (kind == 1) {
         if (which == VEC_DUAL) {
