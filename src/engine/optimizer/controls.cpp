@@ -150,9 +150,12 @@ int64_t int_attrib(TRVOprob p, int id) {
             return static_cast<int64_t>((m + 7) / 8);
         }
         case TRVO_MIPENTS: {
-            int64_t n = 0;
-            for (char t : p->coltype) n += t != 'C';
-            return n;
+            if (p->mipents < 0) {
+                int64_t n = 0;
+                for (char t : p->coltype) n += t != 'C';
+                p->mipents = n;
+            }
+            return p->mipents;
         }
         case TRVO_PROBNAMELENGTH: return static_cast<int64_t>(p->name.size());
         case TRVO_INDICATORS: return static_cast<int64_t>(p->indicators.size());
