@@ -153,13 +153,10 @@ int single_value(ProblemObject* p, PyObject* a, Vec which, double* out) {
     } else {
         return 0;
     }
-    int kind = solution_kind(p);
-    if (kind != 0 && kind != 1) {
-        PyErr_Clear();
-        return 0;
-    }
-    if (TRVOgetsolentry(p->prob, kind, static_cast<int>(which), it->second, out) != 0) return 0;
-    return 1;
+    // A nonlinear solution is read whole by the general path; otherwise the library picks
+    // the integer or the LP solution exactly as solution_kind does.
+    if (nonlinear_results(p)) return 0;
+    return TRVOgetsolentry(p->prob, -1, static_cast<int>(which), it->second, out) == 0 ? 1 : 0;
 }
 
 // The shape rules shared by getDual, getSlack, getRCost and flat getSolution.

@@ -209,6 +209,15 @@ void results_resize(TRVOprob p) {
     }
 }
 
+int64_t mip_entities(TRVOprob p) {
+    if (p->mipents < 0) {
+        int64_t n = 0;
+        for (char t : p->coltype) n += t != 'C';
+        p->mipents = n;
+    }
+    return p->mipents;
+}
+
 void results_invalidate(TRVOprob p) {
     auto& r = p->results;
     size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());

@@ -179,6 +179,9 @@ int64_t ctl_int(TRVOprob p, int id);
 double ctl_dbl(TRVOprob p, int id);
 void controls_set_defaults(TRVOprob p);
 
+// Number of columns whose type is not 'C' (counted again only after a change of types).
+int64_t mip_entities(TRVOprob p);
+
 // Sends a message through the problem's callbacks (when OUTPUTLOG allows it).
 void emit_message(TRVOprob p, const char* msg, int msgtype);
 
