@@ -225,10 +225,18 @@ def child(argv):
     print(json.dumps(out))
 
 
+def tarvo_location():
+    """The directory holding the tarvo package this interpreter would import."""
+    import importlib.util
+    spec = importlib.util.find_spec("tarvo")
+    if spec is None or not spec.submodule_search_locations:
+        raise SystemExit("tarvo is not importable: run with PYTHONPATH set to the source tree")
+    return os.path.dirname(list(spec.submodule_search_locations)[0])
+
+
 def run_child(*args):
     env = dict(os.environ)
-    root = os.path.dirname(HERE)
-    env["PYTHONPATH"] = os.pathsep.join(filter(None, [root, env.get("PYTHONPATH")]))
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [tarvo_location(), env.get("PYTHONPATH")]))
     out = subprocess.run([sys.executable, os.path.abspath(__file__), "--child"] + list(args),
                          capture_output=True, text=True, env=env)
     if out.returncode != 0:
