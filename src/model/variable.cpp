@@ -394,7 +394,7 @@ PyObject* var_str(PyObject* self) {
 Py_hash_t var_hash(PyObject* self) { return static_cast<Py_hash_t>(as_var(self)->word & 0xffffffffu); }
 
 bool is_array_protocol_name(const char* s) {
-    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__",
+    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__", "__array_ufunc__",
                                   "__array_struct__", "__array_prepare__", "__array_wrap__"};
     for (const char* n : names)
         if (std::strcmp(s, n) == 0) return true;
@@ -474,6 +474,7 @@ PyMethodDef var_methods[] = {
      "Returns the variables and coefficients of the linear part of the variable: ([self], [1.0])."},
     {"extractQuadratic", var_extract_quadratic, METH_NOARGS,
      "Returns the variables and coefficients of the quadratic part of the variable (empty lists)."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 PyNumberMethods var_as_number = [] {
