@@ -122,11 +122,24 @@ def test_evaluate_at_problem_columns(solved):
 INTEGER_SCALARS = [int, np.int64, np.int32, np.intc, np.int16, np.uint8, np.uint64, np.longlong]
 
 
+@pytest.fixture
+def distinct():
+    """A solved problem whose values and duals differ from every index (x = 3.5, 7.25, 0.5)."""
+    tv.setOutputEnabled(False)
+    x, y, z = tv.var(ub=3.5), tv.var(ub=10), tv.var()
+    cons = [y <= 7.25, z <= 0.5, x + y + z <= 11.25, y - z >= -3]
+    p = tv.problem(x, y, z, cons, 2 * x + 3 * y + 5 * z, sense=tv.maximize)
+    p.solve()
+    assert p.getSolution() == pytest.approx([3.5, 7.25, 0.5], abs=TOL)
+    yield p, (x, y, z), cons
+    tv.setOutputEnabled(True)
+
+
 @pytest.mark.parametrize("kind", INTEGER_SCALARS, ids=lambda k: k.__name__)
-def test_numpy_integers_are_indices_everywhere(solved, kind):
+def test_numpy_integers_are_indices_everywhere(distinct, kind):
     # A NumPy integer names a column or row exactly as a Python int does; evaluated as a
     # constant it would silently give the index back as the value.
-    p, (x, y, z), cons = solved
+    p, (x, y, z), cons = distinct
     sol, slack, dual, dj = p.getSolution(), p.getSlack(), p.getDual(), p.getRCost()
     i1, i2 = kind(1), kind(2)
     assert p.getSolution(i1) == pytest.approx(sol[1], abs=TOL)
@@ -139,11 +152,12 @@ def test_numpy_integers_are_indices_everywhere(solved, kind):
     assert p.getConstraint(index=[i1, i2]) == [cons[1], cons[2]]
     with pytest.raises(tv.ModelError, match="Index out of range"):
         p.getDual(kind(5))
+    assert p.getSolution(i1) != 1.0 and p.getSolution([i2, i1]) != [2.0, 1.0]
 
 
 @pytest.mark.parametrize("dtype", [np.int64, np.int32, np.uint16])
-def test_integer_arrays_are_index_arrays(solved, dtype):
-    p, (x, y, z), cons = solved
+def test_integer_arrays_are_index_arrays(distinct, dtype):
+    p, (x, y, z), cons = distinct
     sol, dual = p.getSolution(), p.getDual()
     idx = np.array([[2, 0], [1, 1]], dtype=dtype)
     got = p.getSolution(idx)
