@@ -303,6 +303,11 @@ PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     ProblemObject* p = as_prob(self);
     double v = 0;
     if (nonlinear_results(p)) {
+        // Never solved: the same "no solution" error as getSolution() (fetching raises it).
+        int status = 0;
+        if (TSLPgetintattrib(p->slp, 12044, &status) != 0) return problem_error(p);
+        std::vector<double> x;
+        if (status == 0 && current_solution(p, x) < 0) return report_error(self, nullptr);
         if (TSLPgetdblattrib(p->slp, 12179, &v) != 0) return problem_error(p);
         return PyFloat_FromDouble(v);
     }
