@@ -71,7 +71,9 @@ void SolveCallbacks::on_event(int type, const HighsCallbackDataOut* out, HighsCa
             }
             break;
         case kHighsCallbackIpmInterrupt:
-            if ((barlog_ || bariteration_) && out && out->ipm_iteration_count != last_ipm_iter_) {
+            // HiGHS calls this several times per iteration (some with a count of -1): the
+            // callbacks follow the count.
+            if ((barlog_ || bariteration_) && out && out->ipm_iteration_count > last_ipm_iter_) {
                 last_ipm_iter_ = out->ipm_iteration_count;
                 if (bariteration_ && fire_bariteration(p_)) request_stop(in, TRVO_STOP_USER);
                 if (barlog_ && fire_barlog(p_)) request_stop(in, TRVO_STOP_USER);
