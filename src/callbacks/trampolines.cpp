@@ -91,6 +91,24 @@ PyObject* temporary_problem(ProblemObject* owner, TRVOprob prob, TSLPprob slp) {
     return self;
 }
 
+// A temporary problem the callback kept outlives the call as an empty problem without a
+// library problem: its methods then fail cleanly.
+void make_empty(ProblemObject* t) {
+    PyObject* self = reinterpret_cast<PyObject*>(t);
+    PyObject *type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    t->vars = PyList_New(0);
+    t->cons = PyList_New(0);
+    t->sets = PyList_New(0);
+    t->colmap = new IndexMap();
+    t->rowmap = new IndexMap();
+    t->setmap = new IndexMap();
+    t->controls = new_problem_controls(self);
+    t->attributes = new_problem_attributes(self);
+    PyErr_Clear();
+    PyErr_Restore(type, value, tb);
+}
+
 // Releases a temporary problem. Its handles and shared maps are cleared first, so that its
 // deallocation destroys nothing of the owning problem. A temporary problem the callback kept
 // stays a valid, empty problem without a library problem.
@@ -109,15 +127,7 @@ void release_temporary(PyObject* self) {
     Py_CLEAR(t->cons);
     Py_CLEAR(t->sets);
     t->colmap = t->rowmap = t->setmap = nullptr;
-    if (Py_REFCNT(self) > 1) {
-        t->vars = PyList_New(0);
-        t->cons = PyList_New(0);
-        t->sets = PyList_New(0);
-        t->colmap = new IndexMap();
-        t->rowmap = new IndexMap();
-        t->setmap = new IndexMap();
-        if (!t->vars || !t->cons || !t->sets) PyErr_Clear();
-    }
+    if (Py_REFCNT(self) > 1) make_empty(t);
     Py_DECREF(self);
 }
 
@@ -328,14 +338,7 @@ void t_mipthread(TRVOprob p, void* ctx, TRVOprob thread) {
     t->controls = t->attributes = nullptr;
     t->colmap = t->rowmap = t->setmap = nullptr;
     for (auto& cb : t->callbacks) cb = nullptr;
-    if (Py_REFCNT(tp) > 1) {
-        t->vars = PyList_New(0);
-        t->cons = PyList_New(0);
-        t->sets = PyList_New(0);
-        t->colmap = new IndexMap();
-        t->rowmap = new IndexMap();
-        t->setmap = new IndexMap();
-    }
+    if (Py_REFCNT(tp) > 1) make_empty(t);
     Py_DECREF(tp);
 }
 
