@@ -238,7 +238,7 @@ PyMethodDef problem_callback_methods[] = {
     ADDREMOVE(preintsol, "(problem, data, soltype, cutoff)", "before an integer solution is accepted; it returns (reject, new cutoff), None keeping either"),
     ADDREMOVE(prenode, "(problem, data)", "before a node's relaxation is solved; a non-zero result marks the node infeasible"),
     ADDREMOVE(usersolnotify, "(problem, data, solname, status)", "for each solution added with addmipsol when the next MIP solve has judged it (status 0 feasible, 1 infeasible, 2 not usable)"),
-    ADDREMOVE(checktime, "(problem, data)", "regularly while the optimiser runs; a non-zero result stops the solve"),
+    ADDREMOVE(checktime, "(problem, data)", "while the optimiser runs: at its first interrupt check and then at most every 5 ms (also once per nonlinear iteration); a non-zero result stops the solve"),
     SET(cascadeend, "(problem, data)", "after each cascading pass"),
     SET(cascadestart, "(problem, data)", "before each cascading pass"),
     SET(cascadevar, "(problem, data, col)", "after a determined column is cascaded"),

@@ -9,6 +9,7 @@ namespace {
 
 // lplog is called at the first simplex iteration and then every this many iterations.
 constexpr int64_t kLpLogFrequency = 100;
+constexpr auto kCheckTimeInterval = std::chrono::milliseconds(5);
 
 }  // namespace
 
@@ -100,9 +101,16 @@ void SolveCallbacks::on_event(int type, const HighsCallbackDataOut* out, HighsCa
     }
     if (checktime_ && p_->stop_request.load() == 0 &&
         (type == kHighsCallbackSimplexInterrupt || type == kHighsCallbackIpmInterrupt ||
-         type == kHighsCallbackMipInterrupt) &&
-        fire_checktime(p_))
-        request_stop(in, TRVO_STOP_USER);
+         type == kHighsCallbackMipInterrupt)) {
+        // HiGHS checks for interrupts at every iteration and node; checktime is a clock check,
+        // called at the first of them and then at most every kCheckTimeInterval.
+        auto now = std::chrono::steady_clock::now();
+        if (!checktime_called_ || now - last_checktime_ >= kCheckTimeInterval) {
+            checktime_called_ = true;
+            last_checktime_ = now;
+            if (fire_checktime(p_)) request_stop(in, TRVO_STOP_USER);
+        }
+    }
 }
 
 // The incumbent becomes the problem's MIP solution while the callbacks run, so that solution

@@ -6,6 +6,7 @@
 #include "engine/optimizer/callbacks.h"
 #include "engine/optimizer/formulate.h"
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,8 @@ private:
     bool lplog_, barlog_, bariteration_, checktime_, globallog_, cutlog_, intsol_, gapnotify_,
         usersol_;
     int64_t last_lplog_iter_ = -1, last_ipm_iter_ = -1;
+    bool checktime_called_ = false;
+    std::chrono::steady_clock::time_point last_checktime_;
     double targets_[4];
     double last_primal_, last_dual_;
     std::vector<UserSolution> usersols_;
