@@ -193,9 +193,16 @@ public:
     }
 
     // A failure: the message on standard error, the exception kept pending, the solve stopped.
+    // A callback the library called from a thread already holding the interpreter lock was
+    // called by a library operation outside a solve (a problem being destroyed, a nonlinear
+    // report): no solve returns to raise it from, so it is reported as unraisable instead of
+    // being left to surface at an unrelated point.
     void raised(const char* failure) {
         write_failure(failure);
-        if (!own_thread_ && PyErr_Occurred()) callback_exception_keep(prob_);
+        if (PyErr_Occurred()) {
+            if (own_thread_) PyErr_WriteUnraisable(callback_);
+            else callback_exception_keep(prob_);
+        }
         interrupt();
     }
     // A wrong result: the message, and the solve stopped (no Python exception).
