@@ -465,3 +465,13 @@ def test_raising_global_handler_surfaces_from_the_solve(no_handlers):
     tv.removecbmsghandler(bad, None)
     p.solve()
     assert p.getObjVal() == pytest.approx(1.0)
+
+
+def test_copied_problem_keeps_the_nonlinear_message_callback():
+    p = rosenbrock()
+    p.controls.tslp_log = 2
+    lines = []
+    p.setcbmessage(lambda prob, data, msg, mtype: lines.append(msg))
+    q = p.copy()
+    q.nlpoptimize()
+    assert lines
