@@ -533,3 +533,17 @@ def test_msjobstart_non_zero_skips_jobs_and_drcol_sets_values():
     assert q.getObjVal() == pytest.approx(-2, abs=1e-4)
     assert seen  # cascading ran: the determined column is y
     assert {c for c, _, _ in seen} == {q.getIndex(y)} and seen[0][1:] == (-5.0, 5.0)
+
+
+def test_callbacks_cannot_resolve_or_reshape_the_problem_being_solved():
+    p, x, _ = knapsack(20)
+    p.addcbintsol(lambda prob, data: prob.solve())
+    with pytest.raises(tv.SolverError, match="cannot be solved again from one of its callbacks"):
+        p.solve()
+    p.removecbintsol()
+    p.addcbintsol(lambda prob, data: prob.addVariable(tv.var()))
+    with pytest.raises(tv.SolverError, match="The problem was changed during its solve"):
+        p.solve()
+    p.removecbintsol()
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +101,18 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     }
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
+    // A callback of a running solve sees the problem (through its temporary problem) but
+    // cannot start another solve of it: the optimiser's state belongs to the running one.
+    static std::set<TRVOprob> solving;  // guarded by the interpreter lock
+    if (solving.count(prob)) {
+        PyErr_SetString(SolverError, "The problem is being solved: it cannot be solved again from one of its callbacks");
+        return -2;
+    }
+    solving.insert(prob);
+    struct Done {
+        TRVOprob prob;
+        ~Done() { solving.erase(prob); }
+    } done{prob};
     note_solver_run(p, nonlinear);
     callback_exception_discard(prob);  // one left by an earlier call that did not collect it
     std::string fl = flags ? flags : "";
