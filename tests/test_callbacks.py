@@ -544,3 +544,17 @@ def test_callbacks_cannot_resolve_or_reshape_the_problem_being_solved():
     p.removecbintsol()
     p.solve()
     assert p.getProbStatusString() == "mip_optimal"
+
+
+def test_raising_checktime_stops_an_slp_run():
+    p = rosenbrock()
+    calls = []
+
+    def bad(prob, data):
+        calls.append(1)
+        raise OverflowError("checktime in slp")
+
+    p.addcbchecktime(bad)
+    with pytest.raises(OverflowError, match="checktime in slp"):
+        p.nlpoptimize()
+    assert calls == [1] and p.getProbStatusString() == "nlp_unfinished"
