@@ -667,6 +667,19 @@ std::vector<PyMethodDef> method_table;
 
 PyTypeObject ProblemType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 
+// loadproblem replaced the library problem's content: the lists, maps and nonlinear data follow.
+int problem_reload_from_library(ProblemObject* p) {
+    clear_lists_and_maps(p);
+    p->nl_rows = 0;
+    p->nl_objective = 0;
+    p->obj_row = p->obj_col = -1;
+    if (forget_nonlinear_data(p) < 0 || load_from_library(p) < 0) {
+        clear_lists_and_maps(p);
+        return -1;
+    }
+    return 0;
+}
+
 void problem_type_init() {
     method_table.clear();
     for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})
