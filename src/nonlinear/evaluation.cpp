@@ -288,9 +288,35 @@ PyObject* eval_walk(PyObject* o, const EvalContext& ctx, int depth) {
     return r;
 }
 
+// A column key of getSolution(): an integer (Python or NumPy) or a name.
+static bool is_column_key(PyObject* o) {
+    return PyLong_Check(o) || PyArray_IsScalar(o, Integer) || PyUnicode_Check(o);
+}
+
+// getSolution() of a NumPy integer array: the values of those columns, in the array's shape.
+static PyObject* column_values(PyArrayObject* a, const EvalContext& ctx) {
+    PyRef idx(PyArray_FROMANY(reinterpret_cast<PyObject*>(a), NPY_INT64, 0, 0, NPY_ARRAY_C_CONTIGUOUS | NPY_ARRAY_ALIGNED | NPY_ARRAY_FORCECAST));
+    if (!idx) return nullptr;
+    PyArrayObject* ia = reinterpret_cast<PyArrayObject*>(idx.get());
+    PyRef res(PyArray_SimpleNew(PyArray_NDIM(ia), PyArray_DIMS(ia), NPY_DOUBLE));
+    if (!res) return nullptr;
+    const int64_t* in = static_cast<const int64_t*>(PyArray_DATA(ia));
+    double* out = static_cast<double*>(PyArray_DATA(reinterpret_cast<PyArrayObject*>(res.get())));
+    for (npy_intp i = 0, n = PyArray_SIZE(ia); i < n; ++i) {
+        if (in[i] < 0 || in[i] >= ctx.count) {
+            PyErr_SetString(InterfaceError, "Call to tarvo.problem.getSolution() contains an out-of-range index");
+            return nullptr;
+        }
+        out[i] = ctx.values[in[i]];
+    }
+    return res.release();
+}
+
 PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
     if (is_ndarray(o)) {
         PyArrayObject* a = reinterpret_cast<PyArrayObject*>(o);
+        char kind = PyArray_DESCR(a)->kind;
+        if (ctx.query_mode && ctx.column_by_key && (kind == 'i' || kind == 'u')) return column_values(a, ctx);
         if (!array_holds_objects(a) || PyArray_TYPE(a) == npconstraint_typenum) {
             PyErr_SetString(InterfaceError,
                             "tarvo.evaluate() requires one or more Python objects;\n"
@@ -325,7 +351,7 @@ PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
         }
         return res.release();
     }
-    if (ctx.query_mode && (PyLong_Check(o) || PyUnicode_Check(o)) && ctx.column_by_key) {
+    if (ctx.query_mode && is_column_key(o) && ctx.column_by_key) {
         Py_ssize_t col = ctx.column_by_key(ctx.problem, o);
         if (col < 0 && PyErr_Occurred()) return nullptr;
         if (col < 0 || col >= ctx.count) {
