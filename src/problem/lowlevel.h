@@ -76,6 +76,8 @@ int cols(ProblemObject* p, int* n);
 // lists and maps are left as before.
 int check_new_columns(int n, PyObject* names, PyObject* types, std::vector<char>& typechars);
 int check_new_rows(int n, PyObject* names);
+// Sets a variable's type bits from a column type character ('C', 'B', 'I', 'S', 'R', 'P').
+void set_var_type(PyObject* var, char type);
 int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::vector<char>& types,
                   const double* lb, const double* ub);
 int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrtype, const double* rhs,

@@ -4,11 +4,16 @@
 #include "problem/lowlevel.h"
 #include "model/model.h"
 
+#include <cmath>
+#include <cstring>
+
 namespace tarvo {
 
 // Empties the problem's lists and maps, forgets nonlinear data that referred to the previous
 // content and rebuilds the lists from the library (problem/problem.cpp).
 int problem_reload_from_library(ProblemObject* p);
+// Only empties the lists and maps and forgets the nonlinear data.
+int problem_forget_content(ProblemObject* p);
 
 namespace ll {
 namespace {
@@ -88,6 +93,70 @@ PyObject* m_addrows(PyObject* self, PyObject* args, PyObject* kw) {
         return problem_error(a.p);
     if (adopt_rows(a.p, r0, n, a[6], qrtype, rhs, rng) < 0) return nullptr;
     Py_RETURN_NONE;
+}
+
+// Names given to loadproblem for the objects made from the library's content.
+int name_objects(ProblemObject* p, PyObject* colnames, PyObject* rownames, int ncol, int nrow) {
+    for (int kind : {2, 1}) {
+        PyObject* names = kind == 2 ? colnames : rownames;
+        int n = kind == 2 ? ncol : nrow;
+        if (names == Py_None || n == 0) continue;
+        std::string buf;
+        for (int i = 0; i < n; ++i) {
+            PyRef tmp;
+            const char* s = str_arg(PySequence_Fast_GET_ITEM(names, i), "names", tmp);
+            if (!s) return -1;
+            buf.append(s);
+            buf.push_back('\0');
+            PyObject* o = PyList_GET_ITEM(kind == 2 ? p->vars : p->cons, i);
+            PyRef name(PyUnicode_FromString(s));
+            if (!name) return -1;
+            if (kind == 2) var_set_name(&reinterpret_cast<VarObject*>(o)->word, name.get());
+            else con_set_name(&reinterpret_cast<ConstraintObject*>(o)->word, name.get());
+        }
+        if (TRVOaddnames(p->prob, kind, buf.data(), 0, n - 1) != 0) return problem_error(p), -1;
+    }
+    return 0;
+}
+
+// A column-wise matrix turned row-wise (entries of a row in column order).
+struct RowWise {
+    std::vector<int64_t> start;
+    std::vector<int> col;
+    std::vector<double> val;
+};
+
+int transpose(const std::vector<int64_t>& cstart, const int* mnel, const int* mrwind, const double* dmatval, int ncol,
+              int nrow, RowWise& rw) {
+    auto end_of = [&](int j) { return mnel ? cstart[static_cast<size_t>(j)] + mnel[j] : cstart[static_cast<size_t>(j) + 1]; };
+    rw.start.assign(static_cast<size_t>(nrow) + 1, 0);
+    int64_t total = 0;
+    for (int j = 0; j < ncol; ++j)
+        for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
+            int r = mrwind[k];
+            if (r < 0 || r >= nrow) {
+                PyErr_Format(SolverError, "Row index %d out of range (0 to %d)", r, nrow - 1);
+                return -1;
+            }
+            if (!std::isfinite(dmatval[k])) {
+                PyErr_Format(SolverError, "Matrix coefficient %lld is not finite", static_cast<long long>(k));
+                return -1;
+            }
+            ++rw.start[static_cast<size_t>(r) + 1];
+            ++total;
+        }
+    for (int i = 0; i < nrow; ++i) rw.start[static_cast<size_t>(i) + 1] += rw.start[static_cast<size_t>(i)];
+    rw.col.resize(static_cast<size_t>(total));
+    rw.val.resize(static_cast<size_t>(total));
+    std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
+    for (int j = 0; j < ncol; ++j)
+        for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
+            int64_t& at = next[static_cast<size_t>(mrwind[k])];
+            rw.col[static_cast<size_t>(at)] = j;
+            rw.val[static_cast<size_t>(at)] = dmatval[k];
+            ++at;
+        }
+    return 0;
 }
 
 // A group of optional arguments of loadproblem: all given or none.
@@ -191,30 +260,48 @@ PyObject* m_loadproblem(PyObject* self, PyObject* args, PyObject* kw) {
     if (hass && starts_arg(p, a[23], st.count(), se.count(), sstarts) < 0) return nullptr;
     std::vector<char> unused;
     if (check_new_columns(ncol, a[26], Py_None, unused) < 0 || check_new_rows(nrow, a[27]) < 0) return nullptr;
-    const int64_t* mstart = starts.empty() ? nullptr : starts.data();
     const int64_t* msstart = sstarts.empty() ? nullptr : sstarts.data();
     int64_t nqtr = q.count();
+    // Without quadratic rows (which name rows) the columns are loaded first and the rows then
+    // appended row-wise: the library stores the matrix by rows, and handing it over row-wise
+    // costs one counting sort here instead of scattered appends to every row.
+    RowWise rw;
+    bool by_rows = !hasqc && nrow > 0 && !starts.empty();
+    if (by_rows) {
+        // What the library would refuse about the rows is refused before anything is loaded.
+        for (int i = 0; i < nrow; ++i) {
+            char t = qrtype ? qrtype[i] : 0;
+            if (!t || !std::strchr("LGERN", t) || (rhs && std::isnan(rhs[i])) || (t == 'R' && rng && !(rng[i] >= 0))) {
+                PyErr_Format(SolverError, "Invalid type, right-hand side or range of row %d", i);
+                return nullptr;
+            }
+        }
+        if (transpose(starts, mnel, mrwind, dmatval, ncol, nrow, rw) < 0) return nullptr;
+    }
+    const int64_t* mstart = starts.empty() || by_rows ? nullptr : starts.data();
+    int nrow_load = by_rows ? 0 : nrow;
+    if (by_rows) mnel = nullptr;
     int rc;
     if (hasqc && (hasg || hass))
-        rc = TRVOloadqcqpglobal64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval,
+        rc = TRVOloadqcqpglobal64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval,
                                   dlb, dub, nqtr, mqcol1, mqcol2, dqe, qcr.count(), qcrows, qcnquads, qcmqcol1,
                                   qcmqcol2, qcdqval, ge.count(), st.count(), qgtype, mgcols, dlim, qstype, msstart,
                                   mscols, dref);
     else if (hasqc)
-        rc = TRVOloadqcqp64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
+        rc = TRVOloadqcqp64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
                             dub, nqtr, mqcol1, mqcol2, dqe, qcr.count(), qcrows, qcnquads, qcmqcol1, qcmqcol2, qcdqval);
     else if (hasq && (hasg || hass))
-        rc = TRVOloadqglobal64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
+        rc = TRVOloadqglobal64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
                                dub, nqtr, mqcol1, mqcol2, dqe, ge.count(), st.count(), qgtype, mgcols, dlim, qstype,
                                msstart, mscols, dref);
     else if (hasq)
-        rc = TRVOloadqp64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb, dub,
+        rc = TRVOloadqp64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb, dub,
                           nqtr, mqcol1, mqcol2, dqe);
     else if (hasg || hass)
-        rc = TRVOloadglobal64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
+        rc = TRVOloadglobal64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb,
                               dub, ge.count(), st.count(), qgtype, mgcols, dlim, qstype, msstart, mscols, dref);
     else
-        rc = TRVOloadlp64(p->prob, probname, ncol, nrow, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb, dub);
+        rc = TRVOloadlp64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval, dlb, dub);
     if (rc != 0) {
         // A load that failed part-way may have emptied the library problem: the lists follow it.
         int c = 0, r = 0;
@@ -226,31 +313,35 @@ PyObject* m_loadproblem(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_Restore(t, v, tb);
         return problem_error(p);
     }
-    if (problem_reload_from_library(p) < 0) return nullptr;
-    // Names and thresholds go to the library and to the new objects.
-    for (int kind : {2, 1}) {
-        PyObject* names = a[kind == 2 ? 26 : 27];
-        int n = kind == 2 ? ncol : nrow;
-        if (names == Py_None || n == 0) continue;
-        std::string buf;
-        for (int i = 0; i < n; ++i) {
-            PyRef tmp;
-            const char* s = str_arg(PySequence_Fast_GET_ITEM(names, i), "names", tmp);
-            if (!s) return nullptr;
-            buf.append(s);
-            buf.push_back('\0');
-            PyObject* o = PyList_GET_ITEM(kind == 2 ? p->vars : p->cons, i);
-            PyRef name(PyUnicode_FromString(s));
-            if (!name) return nullptr;
-            if (kind == 2) var_set_name(&reinterpret_cast<VarObject*>(o)->word, name.get());
-            else con_set_name(&reinterpret_cast<ConstraintObject*>(o)->word, name.get());
-        }
-        if (TRVOaddnames(p->prob, kind, buf.data(), 0, n - 1) != 0) return problem_error(p);
+    if (by_rows && TRVOaddrows64(p->prob, nrow, static_cast<int64_t>(rw.col.size()), qrtype, rhs, rng, rw.start.data(),
+                                 rw.col.data(), rw.val.data()) != 0) {
+        // The entries were checked: this is not expected, but the problem must not stay half loaded.
+        PyObject *t, *v, *tb;
+        PyErr_Fetch(&t, &v, &tb);
+        TRVOloadlp64(p->prob, "", 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                     nullptr);
+        problem_forget_content(p);
+        PyErr_Restore(t, v, tb);
+        return problem_error(p);
     }
-    for (int k = 0; dlim && k < ge.count(); ++k) {
+    if (hass) {
+        // Sets get their objects from the library, as when a problem is read.
+        if (problem_reload_from_library(p) < 0) return nullptr;
+        if (name_objects(p, a[26], a[27], ncol, nrow) < 0) return nullptr;
+    } else {
+        std::vector<char> none;
+        if (problem_forget_content(p) < 0 || adopt_columns(p, 0, ncol, a[26], none, dlb, dub) < 0 ||
+            adopt_rows(p, 0, nrow, a[27], qrtype, rhs, rng) < 0)
+            return nullptr;
+    }
+    // Global entities: the variables' types and thresholds.
+    for (int k = 0; k < ge.count(); ++k) {
+        if (mgcols[k] < 0 || mgcols[k] >= ncol) continue;
+        PyObject* v = PyList_GET_ITEM(p->vars, mgcols[k]);
+        set_var_type(v, qgtype[k]);
         char t = qgtype[k];
-        if ((t == 'S' || t == 'R' || t == 'P') && dlim[k] >= -INF && mgcols[k] >= 0 && mgcols[k] < ncol)
-            var_set_threshold(&reinterpret_cast<VarObject*>(PyList_GET_ITEM(p->vars, mgcols[k]))->word, dlim[k]);
+        if (dlim && (t == 'S' || t == 'R' || t == 'P') && dlim[k] >= -INF)
+            var_set_threshold(&reinterpret_cast<VarObject*>(v)->word, dlim[k]);
     }
     Py_RETURN_NONE;
 }

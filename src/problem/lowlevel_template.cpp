@@ -290,6 +290,13 @@ int type_code(char t) {
 
 }  // namespace
 
+void set_var_type(PyObject* var, char type) {
+    int code = type_code(type);
+    if (code < 0) return;
+    uint64_t* word = &reinterpret_cast<VarObject*>(var)->word;
+    *word = (*word & ~(uint64_t(7) << 60)) | (static_cast<uint64_t>(code) << 60);
+}
+
 int check_new_columns(int n, PyObject* names, PyObject* types, std::vector<char>& typechars) {
     if (check_names(n, names) < 0) return -1;
     typechars.clear();
@@ -353,10 +360,7 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
         }
         var_set_lb(word, lb ? lb[i] : 0.0);
         var_set_ub(word, ub ? ub[i] : INF);
-        if (!types.empty()) {
-            uint64_t code = static_cast<uint64_t>(type_code(types[static_cast<size_t>(i)]));
-            *word = (*word & ~(uint64_t(7) << 60)) | (code << 60);
-        }
+        if (!types.empty()) set_var_type(v.get(), types[static_cast<size_t>(i)]);
         if (PyList_Append(p->vars, v.get()) < 0) return undo();
         try {
             (*p->colmap)[var_serial(v.get())] = c0 + i;

@@ -667,13 +667,19 @@ std::vector<PyMethodDef> method_table;
 
 PyTypeObject ProblemType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 
-// loadproblem replaced the library problem's content: the lists, maps and nonlinear data follow.
-int problem_reload_from_library(ProblemObject* p) {
+// loadproblem replaced the library problem's content: the lists and maps are emptied and the
+// nonlinear data of the previous content forgotten.
+int problem_forget_content(ProblemObject* p) {
     clear_lists_and_maps(p);
     p->nl_rows = 0;
     p->nl_objective = 0;
     p->obj_row = p->obj_col = -1;
-    if (forget_nonlinear_data(p) < 0 || load_from_library(p) < 0) {
+    return forget_nonlinear_data(p);
+}
+
+// The same, then the lists and maps are rebuilt from the library.
+int problem_reload_from_library(ProblemObject* p) {
+    if (problem_forget_content(p) < 0 || load_from_library(p) < 0) {
         clear_lists_and_maps(p);
         return -1;
     }
