@@ -199,3 +199,32 @@ def test_optimizers_release_the_interpreter(run_python):
         print(p.getProbStatusString(), len(ticks) > 0)
     """)
     assert out.split() == ["lp_optimal", "True"]
+
+
+def test_slx_solution_files_carry_linear_and_nonlinear_solutions(tmp_path):
+    p = lp()
+    p.chgcoltype([0, 1], ["I", "I"])
+    p.mipoptimize()
+    path = str(tmp_path / "m.slx")
+    p.writeslxsol(path)
+    vals = {f[1]: float(f[2]) for f in (l.split() for l in open(path)) if f[0] == "C"}
+    assert vals == pytest.approx({"x": 3.0, "y": 1.0})
+    q = lp()
+    q.readslxsol(path)
+    (tmp_path / "bad.slx").write_text("NAME x\nC nosuch 1\n")
+    with pytest.raises(tv.SolverError, match="nosuch"):
+        q.readslxsol(str(tmp_path / "bad.slx"))
+    # a nonlinear problem writes its nonlinear solution, and reading it gives initial values
+    x = tv.var(lb=-3, ub=3, name="x")
+    y = tv.var(lb=-3, ub=3, name="y")
+    f = tv.exp(x) + (y - 1) ** 2 + x ** 4 - 2 * x
+    n1 = tv.problem(x, y, f, name="nl")
+    n1.nlpoptimize()
+    sol = n1.getSolution([x, y])
+    nlpath = str(tmp_path / "n.slx")
+    n1.writeslxsol(nlpath)
+    vals = {l.split()[1]: float(l.split()[2]) for l in open(nlpath) if l.startswith("C ")}
+    assert [vals["x"], vals["y"]] == pytest.approx(sol)
+    n2 = tv.problem(x, y, f, name="nl2")
+    n2.readslxsol(nlpath)
+    assert n2.getvar(x)[5] == pytest.approx(sol[0]) and n2.getvar(y)[5] == pytest.approx(sol[1])
