@@ -145,17 +145,21 @@ struct Range {
 
 // first and last as rows or columns; absent (None) ones default to the whole range when
 // `optional`, else they are required by the parser.
-int range_arg(Args& a, int fi, int li, bool by_row, Range& r) {
+int range_arg(Args& a, int fi, int li, bool by_row, Range& r, bool check = true) {
     int type = by_row ? CONV_ROW : CONV_COL;
-    if (a.given(fi)) {
-        if (index_arg(a.p, a[fi], type, &r.first) < 0) return -1;
-    } else {
-        r.first = 0;
-    }
-    if (a.given(li)) return index_arg(a.p, a[li], type, &r.last);
     int n = 0;
     if ((by_row ? rows(a.p, &n) : cols(a.p, &n)) < 0) return -1;
+    r.first = 0;
     r.last = n - 1;
+    if ((a.given(fi) && index_arg(a.p, a[fi], type, &r.first) < 0) || (a.given(li) && index_arg(a.p, a[li], type, &r.last) < 0))
+        return -1;
+    // An empty range is the caller's to report; a non-empty one must lie within the problem
+    // (its size decides the memory taken).
+    if (check && r.first <= r.last && (r.first < 0 || r.last >= n)) {
+        PyErr_Format(InterfaceError, "Range %d..%d lies outside the %d %s of the problem", r.first, r.last, n,
+                     by_row ? "rows" : "columns");
+        return -1;
+    }
     return 0;
 }
 
@@ -366,7 +370,7 @@ PyObject* m_delindicators(PyObject* self, PyObject* args, PyObject* kw) {
         return nullptr;
     }
     Range r;
-    if (range_arg(a, 0, 1, true, r) < 0) return nullptr;
+    if (range_arg(a, 0, 1, true, r, false) < 0) return nullptr;
     if (r.first < 0 || r.last >= n || r.first > r.last) {
         PyErr_SetString(InterfaceError,
                         "Arguments start and end must be such that start <= end and must be within the range of rows");

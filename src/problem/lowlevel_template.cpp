@@ -122,7 +122,11 @@ int numpy_fast(PyObject* src, int type, int64_t* n, void** out) {
 }  // namespace
 
 void* Arrays::get(PyObject* src, int type) {
-    if (!ok) return nullptr;
+    // After a failed conversion (in this group or another) nothing more is converted.
+    if (!ok || PyErr_Occurred()) {
+        ok = false;
+        return nullptr;
+    }
     void* a = nullptr;
     int fast = src && src != Py_None ? numpy_fast(src, type, &n, &a) : 0;
     if (fast < 0) {
