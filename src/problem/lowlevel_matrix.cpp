@@ -248,9 +248,11 @@ PyObject* sparse_get(Args& a, int out0, int size_i, const Range& r, int idx_conv
     Py_RETURN_NONE;
 }
 
+using SparseLibraryCall = int (*)(TRVOprob, int64_t*, int*, double*, int64_t, int64_t*, int, int);
+
 PyObject* sparse_method(PyObject* self, PyObject* args, PyObject* kw, const char* method,
                         std::initializer_list<const char*> names, bool by_row, int idx_conv, const char* missing,
-                        const SparseCall& call) {
+                        SparseLibraryCall library) {
     Args a(self, args, kw, method, names);
     Range r;
     if (!a.ok || range_arg(a, 4, 5, by_row, r) < 0) return nullptr;
@@ -262,32 +264,25 @@ PyObject* sparse_method(PyObject* self, PyObject* args, PyObject* kw, const char
         PyErr_SetString(InterfaceError, missing);
         return nullptr;
     }
-    return sparse_get(a, 0, 3, r, idx_conv, call);
+    TRVOprob pr = a.p->prob;
+    return sparse_get(a, 0, 3, r, idx_conv, [pr, library](int64_t* s, int* i, double* v, int64_t size, int64_t* n, int f, int l) {
+        return library(pr, s, i, v, size, n, f, l);
+    });
 }
 
 PyObject* m_getrows(PyObject* self, PyObject* args, PyObject* kw) {
-    ProblemObject* p = as_prob(self);
     return sparse_method(self, args, kw, "getrows", {"?mstart", "?mclind", "?dmatval", "size", "first", "last"}, true,
-                         CONV_COL, nullptr, [p](int64_t* s, int* i, double* v, int64_t size, int64_t* n, int f, int l) {
-                             return TRVOgetrows64(p->prob, s, i, v, size, n, f, l);
-                         });
+                         CONV_COL, nullptr, TRVOgetrows64);
 }
 
 PyObject* m_getcols(PyObject* self, PyObject* args, PyObject* kw) {
-    ProblemObject* p = as_prob(self);
     return sparse_method(self, args, kw, "getcols", {"?mstart", "?mrwind", "?dmatval", "size", "first", "last"}, false,
-                         CONV_ROW, "Must provide at least one of arguments mstart, mrwind, dmatval",
-                         [p](int64_t* s, int* i, double* v, int64_t size, int64_t* n, int f, int l) {
-                             return TRVOgetcols64(p->prob, s, i, v, size, n, f, l);
-                         });
+                         CONV_ROW, "Must provide at least one of arguments mstart, mrwind, dmatval", TRVOgetcols64);
 }
 
 PyObject* m_getmqobj(PyObject* self, PyObject* args, PyObject* kw) {
-    ProblemObject* p = as_prob(self);
     return sparse_method(self, args, kw, "getmqobj", {"?mstart", "?mclind", "?dobjval", "size", "first", "last"}, false,
-                         CONV_COL, nullptr, [p](int64_t* s, int* i, double* v, int64_t size, int64_t* n, int f, int l) {
-                             return TRVOgetmqobj64(p->prob, s, i, v, size, n, f, l);
-                         });
+                         CONV_COL, nullptr, TRVOgetmqobj64);
 }
 
 PyObject* m_getqrowqmatrix(PyObject* self, PyObject* args, PyObject* kw) {

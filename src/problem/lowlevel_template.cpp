@@ -280,6 +280,21 @@ void drop_tail(PyObject* list, IndexMap* map, Py_ssize_t from, bool vars) {
     PyList_SetSlice(list, from, end, nullptr);
 }
 
+// Undoes an addition that failed after the library took it: the objects appended from list
+// position `from` on, and the n library columns (rows) from `first` on. Returns -1 with the
+// pending exception kept.
+int take_back(ProblemObject* p, bool columns, int first, int n, Py_ssize_t from) {
+    PyObject *t, *v, *tb;
+    PyErr_Fetch(&t, &v, &tb);
+    drop_tail(columns ? p->vars : p->cons, columns ? p->colmap : p->rowmap, from, columns);
+    std::vector<int> idx(static_cast<size_t>(n));
+    for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = first + i;
+    if (columns) TRVOdelcols(p->prob, n, idx.data());
+    else TRVOdelrows(p->prob, n, idx.data());
+    PyErr_Restore(t, v, tb);
+    return -1;
+}
+
 int type_code(char t) {
     switch (t) {
         case 'C': return 0;
@@ -333,16 +348,7 @@ int check_new_rows(int n, PyObject* names) { return check_names(n, names); }
 int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::vector<char>& types,
                   const double* lb, const double* ub) {
     Py_ssize_t from = PyList_GET_SIZE(p->vars);
-    auto undo = [&] {
-        PyObject *t, *v, *tb;
-        PyErr_Fetch(&t, &v, &tb);
-        drop_tail(p->vars, p->colmap, from, true);
-        std::vector<int> idx(static_cast<size_t>(n));
-        for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = c0 + i;
-        TRVOdelcols(p->prob, n, idx.data());
-        PyErr_Restore(t, v, tb);
-        return -1;
-    };
+    auto undo = [&] { return take_back(p, true, c0, n, from); };
     if (names != Py_None) {
         std::string buf;
         if (name_buffer(names, buf) < 0) return undo();
@@ -379,16 +385,7 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
 int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrtype, const double* rhs,
                const double* rng) {
     Py_ssize_t from = PyList_GET_SIZE(p->cons);
-    auto undo = [&] {
-        PyObject *t, *v, *tb;
-        PyErr_Fetch(&t, &v, &tb);
-        drop_tail(p->cons, p->rowmap, from, false);
-        std::vector<int> idx(static_cast<size_t>(n));
-        for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = r0 + i;
-        TRVOdelrows(p->prob, n, idx.data());
-        PyErr_Restore(t, v, tb);
-        return -1;
-    };
+    auto undo = [&] { return take_back(p, false, r0, n, from); };
     if (names != Py_None) {
         std::string buf;
         if (name_buffer(names, buf) < 0) return undo();
