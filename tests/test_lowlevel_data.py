@@ -347,3 +347,14 @@ def test_keywords_follow_the_library_names():
         p.getobj([])
     import inspect
     assert list(inspect.signature(p.addrows).parameters) == ["qrtype", "rhs", "mstart", "mclind", "dmatval", "range", "names"]
+
+
+def test_loadproblem_over_a_nonlinear_problem_forgets_its_nonlinear_parts():
+    x = tv.var(lb=-2, ub=2)
+    p = tv.problem(x, tv.sin(x) + x ** 4, sense=tv.maximize)
+    p.loadproblem("lin", ["L"], [3.0], None, [1.0, 2.0], [0, 1, 2], None, [0, 0], [1.0, 1.0], [0.0, 0.0], [2.0, 2.0])
+    p.chgobjsense(tv.maximize)
+    p.solve()
+    assert p.getProbStatusString() == "lp_optimal"
+    assert p.getObjVal() == pytest.approx(1 * 1 + 2 * 2)
+    assert len(p.getVariable()) == 2

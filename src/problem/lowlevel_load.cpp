@@ -9,11 +9,11 @@
 
 namespace tarvo {
 
-// Empties the problem's lists and maps, forgets nonlinear data that referred to the previous
-// content and rebuilds the lists from the library (problem/problem.cpp).
+// (problem/problem.cpp) Forgets the nonlinear data of the problem's present content; empties
+// the lists and maps; empties and rebuilds them from the library.
+int problem_forget_nonlinear(ProblemObject* p);
+void problem_clear_lists(ProblemObject* p);
 int problem_reload_from_library(ProblemObject* p);
-// Only empties the lists and maps and forgets the nonlinear data.
-int problem_forget_content(ProblemObject* p);
 
 namespace ll {
 namespace {
@@ -148,14 +148,28 @@ int transpose(const std::vector<int64_t>& cstart, const int* mnel, const int* mr
     for (int i = 0; i < nrow; ++i) rw.start[static_cast<size_t>(i) + 1] += rw.start[static_cast<size_t>(i)];
     rw.col.resize(static_cast<size_t>(total));
     rw.val.resize(static_cast<size_t>(total));
-    std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
+    // Scattering straight into row order touches memory at random; going through blocks of
+    // rows first keeps both passes within few streams (a two-pass bucket sort).
+    const int block = 2048;
+    const int nblocks = (nrow + block - 1) / block;
+    struct Entry {
+        int row, col;
+        double val;
+    };
+    std::vector<Entry> staged(static_cast<size_t>(total));
+    std::vector<int64_t> bnext(static_cast<size_t>(nblocks));
+    for (int b = 0; b < nblocks; ++b) bnext[static_cast<size_t>(b)] = rw.start[static_cast<size_t>(b) * block];
     for (int j = 0; j < ncol; ++j)
         for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
-            int64_t& at = next[static_cast<size_t>(mrwind[k])];
-            rw.col[static_cast<size_t>(at)] = j;
-            rw.val[static_cast<size_t>(at)] = dmatval[k];
-            ++at;
+            int r = mrwind[k];
+            staged[static_cast<size_t>(bnext[static_cast<size_t>(r / block)]++)] = Entry{r, j, dmatval[k]};
         }
+    std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
+    for (const Entry& e : staged) {
+        int64_t at = next[static_cast<size_t>(e.row)]++;
+        rw.col[static_cast<size_t>(at)] = e.col;
+        rw.val[static_cast<size_t>(at)] = e.val;
+    }
     return 0;
 }
 
@@ -281,6 +295,9 @@ PyObject* m_loadproblem(PyObject* self, PyObject* args, PyObject* kw) {
     const int64_t* mstart = starts.empty() || by_rows ? nullptr : starts.data();
     int nrow_load = by_rows ? 0 : nrow;
     if (by_rows) mnel = nullptr;
+    // Everything is checked: the nonlinear data of the present content goes (it would refer to
+    // rows and columns that are about to mean something else).
+    if (problem_forget_nonlinear(p) < 0) return nullptr;
     int rc;
     if (hasqc && (hasg || hass))
         rc = TRVOloadqcqpglobal64(p->prob, probname, ncol, nrow_load, qrtype, rhs, rng, obj, mstart, mnel, mrwind, dmatval,
@@ -320,7 +337,7 @@ PyObject* m_loadproblem(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_Fetch(&t, &v, &tb);
         TRVOloadlp64(p->prob, "", 0, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                      nullptr);
-        problem_forget_content(p);
+        problem_clear_lists(p);
         PyErr_Restore(t, v, tb);
         return problem_error(p);
     }
@@ -330,10 +347,16 @@ PyObject* m_loadproblem(PyObject* self, PyObject* args, PyObject* kw) {
         if (name_objects(p, a[26], a[27], ncol, nrow) < 0) return nullptr;
     } else {
         std::vector<char> none;
-        if (problem_forget_content(p) < 0 || adopt_columns(p, 0, ncol, a[26], none, dlb, dub) < 0 ||
+        problem_clear_lists(p);
+        if (adopt_columns(p, 0, ncol, a[26], none, dlb, dub) < 0 ||
             adopt_rows(p, 0, nrow, a[27], qrtype, rhs, rng) < 0)
             return nullptr;
     }
+    // The nonlinear optimiser keeps its own objective sense: the loaded problem's.
+    double sense = 1;
+    if (prob_dbl_attrib(p, TRVO_OBJSENSE, &sense) < 0) return nullptr;
+    if (p->slp && nonlinear_running() && TSLPsetdblcontrol(p->slp, 12146, sense < 0 ? -1.0 : 1.0) != 0)
+        return problem_error(p);
     // Global entities: the variables' types and thresholds.
     for (int k = 0; k < ge.count(); ++k) {
         if (mgcols[k] < 0 || mgcols[k] >= ncol) continue;

@@ -667,19 +667,21 @@ std::vector<PyMethodDef> method_table;
 
 PyTypeObject ProblemType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 
-// loadproblem replaced the library problem's content: the lists and maps are emptied and the
-// nonlinear data of the previous content forgotten.
-int problem_forget_content(ProblemObject* p) {
-    clear_lists_and_maps(p);
+// loadproblem is about to replace the library problem's content: the nonlinear data of the
+// present content (formulas, SLP data, row data, multistart jobs) goes first.
+int problem_forget_nonlinear(ProblemObject* p) {
     p->nl_rows = 0;
     p->nl_objective = 0;
     p->obj_row = p->obj_col = -1;
     return forget_nonlinear_data(p);
 }
 
-// The same, then the lists and maps are rebuilt from the library.
+void problem_clear_lists(ProblemObject* p) { clear_lists_and_maps(p); }
+
+// loadproblem replaced the content: the lists and maps are rebuilt from the library.
 int problem_reload_from_library(ProblemObject* p) {
-    if (problem_forget_content(p) < 0 || load_from_library(p) < 0) {
+    clear_lists_and_maps(p);
+    if (load_from_library(p) < 0) {
         clear_lists_and_maps(p);
         return -1;
     }
