@@ -358,3 +358,16 @@ def test_loadproblem_over_a_nonlinear_problem_forgets_its_nonlinear_parts():
     assert p.getProbStatusString() == "lp_optimal"
     assert p.getObjVal() == pytest.approx(1 * 1 + 2 * 2)
     assert len(p.getVariable()) == 2
+
+
+def test_getsolution_reads_columns_for_numpy_integers():
+    p = build_objects()
+    p.solve()
+    sol = p.getSolution()
+    assert p.getSolution(np.int64(1)) == sol[1]
+    assert p.getSolution(np.int32(2)) == sol[2]
+    assert p.getSolution(list(np.arange(3))) == sol
+    got = p.getSolution(np.array([[2], [0]]))
+    assert got.shape == (2, 1) and list(got.ravel()) == [sol[2], sol[0]]
+    with pytest.raises(tv.InterfaceError, match="out-of-range"):
+        p.getSolution(np.array([0, 7]))
