@@ -371,3 +371,62 @@ def test_getsolution_reads_columns_for_numpy_integers():
     assert got.shape == (2, 1) and list(got.ravel()) == [sol[2], sol[0]]
     with pytest.raises(tv.InterfaceError, match="out-of-range"):
         p.getSolution(np.array([0, 7]))
+
+
+def two_columns(obj, rows, types, rhs, lb=(0.0, 0.0), ub=(10.0, 10.0)):
+    p = tv.problem()
+    p.addcols(list(obj), [0, 0], [], [], list(lb), list(ub), names=["x", "y"])
+    starts, cols, vals = [], [], []
+    for r in rows:
+        starts.append(len(cols))
+        cols += [0, 1]
+        vals += list(r)
+    p.addrows(types, rhs, starts, cols, vals)
+    return p
+
+
+def test_type_and_quadratic_changes_move_the_optimum():
+    # QP: min x^2 + y^2 - 2x - 4y s.t. x + y <= 2: the projection of (1, 2) onto the row
+    p = two_columns([-2.0, -4.0], [(1.0, 1.0)], ["L"], [2.0])
+    p.chgmqobj([0, 1], [0, 1], [2.0, 2.0])
+    p.solve()
+    assert p.getSolution() == pytest.approx([0.5, 1.5], abs=1e-5)
+    assert p.getObjVal() == pytest.approx(-4.5, abs=1e-6)
+    # a cross term x*y (Q_xy = 1): optimum of the KKT system with the row active
+    p.chgqobj(0, 1, 1.0)
+    p.solve()
+    K = np.array([[2.0, 1.0, 1.0], [1.0, 2.0, 1.0], [1.0, 1.0, 0.0]])
+    x, y, _ = np.linalg.solve(K, [2.0, 4.0, 2.0])
+    assert p.getSolution() == pytest.approx([x, y], abs=1e-5)
+    # row type: x + y >= 2 instead; the unconstrained minimum of the new objective is feasible
+    p.chgrowtype([0], ["G"])
+    p.solve()
+    ux, uy = np.linalg.solve(K[:2, :2], [2.0, 4.0])
+    assert ux + uy >= 2 and p.getSolution() == pytest.approx([ux, uy], abs=1e-5)
+
+    # integrality: max x + y s.t. 2x + 2y <= 5 is 2.5, with integers 2
+    q = two_columns([1.0, 1.0], [(2.0, 2.0)], ["L"], [5.0])
+    q.chgobjsense(tv.maximize)
+    q.solve()
+    assert q.getObjVal() == pytest.approx(2.5)
+    q.chgcoltype([0, 1], ["I", "I"])
+    q.solve()
+    assert q.getObjVal() == pytest.approx(2.0)
+    # a range row: 1 <= x - y <= 1 + range
+    r = two_columns([1.0, 0.0], [(1.0, -1.0)], ["R"], [4.0], ub=(10.0, 3.0))
+    r.chgobjsense(tv.maximize)
+    r.chgrhsrange([0], [2.0])
+    r.solve()
+    assert r.getObjVal() == pytest.approx(7.0)   # x - y <= 4 with y <= 3
+    r.chgobjsense(tv.minimize)
+    r.solve()
+    assert r.getObjVal() == pytest.approx(2.0)   # x - y >= 2 with y >= 0
+    # semi-continuous limit: min x s.t. x + y >= 1, y <= 0.5: x is 0 or in [3, 10]
+    s = two_columns([1.0, 0.0], [(1.0, 1.0)], ["G"], [1.0], ub=(10.0, 0.5))
+    s.chgcoltype([0], ["S"])
+    s.chgglblimit([0], [3.0])
+    s.solve()
+    assert s.getSolution()[0] == pytest.approx(3.0)
+    s.chgglblimit([0], [0.75])
+    s.solve()
+    assert s.getSolution()[0] == pytest.approx(0.75)
