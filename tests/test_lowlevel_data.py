@@ -264,6 +264,14 @@ def test_indicators_and_set_names():
     inds, comps = [], []
     p.getindicators(inds, comps, 0, 1)
     assert inds == [b, -1] and comps == [1, 0]
+    # max x + 9b with x <= 2 when b = 1 (x <= 10 otherwise): 2 + 9 beats 10
+    p.chgobj([x, b, z], [1.0, 9.0, 0.0])
+    p.chgobjsense(tv.maximize)
+    p.solve()
+    assert p.getSolution([x, b]) == pytest.approx([2.0, 1.0]) and p.getObjVal() == pytest.approx(11.0)
+    p.chgobj([b], [7.0])
+    p.solve()
+    assert p.getSolution([x, b]) == pytest.approx([10.0, 0.0])
     p.delindicators()
     p.getindicators(inds, comps, 0, 1)
     assert inds == [-1, -1]
