@@ -148,28 +148,13 @@ int transpose(const std::vector<int64_t>& cstart, const int* mnel, const int* mr
     for (int i = 0; i < nrow; ++i) rw.start[static_cast<size_t>(i) + 1] += rw.start[static_cast<size_t>(i)];
     rw.col.resize(static_cast<size_t>(total));
     rw.val.resize(static_cast<size_t>(total));
-    // Scattering straight into row order touches memory at random; going through blocks of
-    // rows first keeps both passes within few streams (a two-pass bucket sort).
-    const int block = 2048;
-    const int nblocks = (nrow + block - 1) / block;
-    struct Entry {
-        int row, col;
-        double val;
-    };
-    std::vector<Entry> staged(static_cast<size_t>(total));
-    std::vector<int64_t> bnext(static_cast<size_t>(nblocks));
-    for (int b = 0; b < nblocks; ++b) bnext[static_cast<size_t>(b)] = rw.start[static_cast<size_t>(b) * block];
+    std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
     for (int j = 0; j < ncol; ++j)
         for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
-            int r = mrwind[k];
-            staged[static_cast<size_t>(bnext[static_cast<size_t>(r / block)]++)] = Entry{r, j, dmatval[k]};
+            int64_t at = next[static_cast<size_t>(mrwind[k])]++;
+            rw.col[static_cast<size_t>(at)] = j;
+            rw.val[static_cast<size_t>(at)] = dmatval[k];
         }
-    std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
-    for (const Entry& e : staged) {
-        int64_t at = next[static_cast<size_t>(e.row)]++;
-        rw.col[static_cast<size_t>(at)] = e.col;
-        rw.val[static_cast<size_t>(at)] = e.val;
-    }
     return 0;
 }
 
