@@ -3,6 +3,7 @@
 // callbacks, and the results are mapped back to the user's rows and columns.
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/tree_search.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -383,8 +384,14 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     // A MIP solve of a problem without entities is an LP solve reported as both.
     const bool mip_call = mip;
     if (mip) mip = has_entities(p);
-    std::string why = nonconvexity(p, mip);
+    bool needs_search = false;
+    std::string why = quadratic_obstacle(p, mip, &needs_search);
     if (!why.empty()) record_nonconvex(p, mip, why);
+    const search::Hooks hooks = node_hooks(p);
+    if (use_tree_search(p, mip, needs_search, hooks)) {
+        optimize_by_search(p, mip_call, mip, hooks, t0);
+        return;
+    }
 
     HighsModel model;
     formulate(p, mip, model);
