@@ -601,8 +601,10 @@ Outcome Search::run() {
     } else if (out_.have_solution) {
         out_.status = out_.exact ? Status::Optimal : Status::Stopped;
         out_.bound = std::min(gap_bound_, out_.objective);
-        const double eps = 1e-9 * std::max(1.0, std::fabs(out_.objective));
-        if (out_.exact && out_.bound < out_.objective - eps) out_.stop_reason = TRVO_STOP_MIPGAP;
+        // A gap within the relaxations' own accuracy is no gap: the search ended on its tree.
+        const double eps = std::max(1e-9, set_.optimalitytol) * std::max(1.0, std::fabs(out_.objective));
+        if (out_.bound >= out_.objective - eps) out_.bound = out_.objective;
+        else if (out_.exact) out_.stop_reason = TRVO_STOP_MIPGAP;
     } else {
         out_.status = out_.exact ? Status::Infeasible : Status::Stopped;
         out_.bound = gap_bound_;
