@@ -42,6 +42,8 @@ struct Model {
 struct NodeView {
     int64_t node = 0, parent = 0;
     int depth = 0;
+    const double* lower = nullptr;  // the node's column bounds, once set
+    const double* upper = nullptr;
     const double* x = nullptr;  // the node's relaxation solution (model columns), when solved
     double objective = 0;       // its relaxation objective
     double cutoff = INFINITY;   // the current cutoff

@@ -386,12 +386,14 @@ Outcome Search::run() {
         }
         ++nodes_;
         node_bound_ = node->bound;
+        node_bounds(*node, lo, up);
+        view.lower = lo.data();
+        view.upper = up.data();
         if (hooks_.prenode && hooks_.prenode(view)) {
             if (hooks_.infnode) hooks_.infnode(view);
             node_bound_ = INFINITY;
             continue;
         }
-        node_bounds(*node, lo, up);
         rel_.set_bounds(lo, up);
         if (node->basis) rel_.set_basis(*node->basis);
         const bool is_root = node->parent == 0;
