@@ -386,3 +386,70 @@ assert p.attributes.stopstatus == tv.stop_ctrlc, p.attributes.stopstatus
 assert p.getProbStatusString() in ("mip_solution", "mip_no_sol_found")
 print("ok")
 """)
+
+
+# ---- the same attributes from HiGHS's MIP runs ----------------------------------------------
+
+def knapsack_rows(seed=5, n=60):
+    rng = np.random.default_rng(seed)
+    w = rng.integers(20, 60, n)
+    v = w + rng.integers(-5, 6, n)
+    x = [tv.var(vartype=tv.binary) for _ in range(n)]
+    A = rng.integers(0, 30, (5, n))
+    p = tv.problem(x, [tv.Sum(int(A[i, j]) * x[j] for j in range(n)) <= int(A[i].sum() // 2) for i in range(5)],
+                   tv.Sum(int(a) * b for a, b in zip(v, x)), sense=tv.maximize)
+    p.controls.presolve = 0
+    return p
+
+
+@pytest.mark.parametrize("treesearch", [0, 1])
+def test_maxmipsol_stops_after_exactly_k_solutions(treesearch):
+    full = knapsack_rows()
+    full.controls.treesearch = treesearch
+    exact(full).solve()
+    opt = full.getObjVal()
+    assert full.attributes.mipsols > 3
+    seen = []
+    for k in (1, 2, 3):
+        p = knapsack_rows()
+        p.controls.treesearch = treesearch
+        p.controls.maxmipsol = k
+        p.solve()
+        assert p.attributes.mipsols == k
+        assert p.attributes.stopstatus == tv.stop_sollimit
+        assert p.getProbStatusString() == "mip_solution"
+        # The solution returned is feasible and no better than the optimum; later ones improve.
+        assert all(s >= -1e-6 for s in p.getSlack())
+        assert p.getObjVal() <= opt + 1e-9
+        assert p.attributes.bestbound >= opt - 1e-6
+        seen.append(p.getObjVal())
+    assert seen == sorted(seen) and len(set(seen)) == 3
+
+
+@pytest.mark.parametrize("treesearch", [0, 1])
+def test_gap_stop_reports_the_real_bound(treesearch):
+    full = knapsack_rows()
+    exact(full).solve()
+    opt = full.getObjVal()
+    p = knapsack_rows()
+    p.controls.treesearch = treesearch
+    p.controls.miprelstop = 0.05
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"
+    obj, bb = p.getObjVal(), p.attributes.bestbound
+    assert obj <= opt + 1e-9 <= bb + 2e-9  # maximising: the bound is above the optimum
+    assert bb - obj <= 0.05 * abs(bb) + 1e-6
+    if bb - obj > 1e-6 * abs(obj):
+        assert p.attributes.stopstatus == tv.stop_mipgap
+    else:
+        assert p.attributes.stopstatus == 0
+
+
+@pytest.mark.parametrize("treesearch", [0, 1])
+def test_unbounded_mip_has_no_optimal_lp_status(treesearch):
+    x, y = tv.var(vartype=tv.integer), tv.var()
+    p = tv.problem(x, y, x - y <= 3, x + y, sense=tv.maximize)
+    p.controls.treesearch = treesearch
+    p.solve()
+    assert p.getProbStatusString() == "mip_unbounded"
+    assert p.attributes.lpstatus == tv.lp_unbounded
