@@ -101,6 +101,7 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
     note_solver_run(p, nonlinear);
+    callback_exception_discard(prob);  // one left by an earlier call that did not collect it
     std::string fl = flags ? flags : "";
     bool have_flags = flags != nullptr;
     std::thread worker;
@@ -155,7 +156,14 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     }
     worker.join();
     Py_END_ALLOW_THREADS
-    return interrupted ? -2 : sh->rc;
+    // The first exception a callback raised on the optimiser's threads surfaces here, unchanged
+    // (a KeyboardInterrupt already pending takes precedence).
+    if (interrupted) {
+        callback_exception_discard(prob);
+        return -2;
+    }
+    if (callback_exception_restore(prob)) return -2;
+    return sh->rc;
 }
 
 }  // namespace

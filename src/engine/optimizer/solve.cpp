@@ -3,6 +3,7 @@
 // callbacks, and the results are mapped back to the user's rows and columns.
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/solve_callbacks.h"
 #include "engine/optimizer/tree_search.h"
 
 #include <cxxabi.h>
@@ -32,6 +33,7 @@ struct SolveContext {
     // is abandoned: it goes on without the problem (orphaned) and its callback stops at once.
     std::mutex mutex;
     bool orphaned = false;
+    std::unique_ptr<SolveCallbacks> callbacks;  // the solve callbacks HiGHS's events serve
 };
 
 void flush_line(SolveContext& ctx, int type) {
@@ -61,26 +63,27 @@ void highs_callback(int type, const char* message, const HighsCallbackDataOut* o
     }
     if (type == kHighsCallbackMipImprovingSolution) {
         ++ctx->improving;
-        if (ctx->sol_limit) return;
+        if (ctx->sol_limit) return;  // found after the solution limit: not reported
         if (ctx->maxsol > 0 && ctx->improving >= ctx->maxsol && out && out->mip_solution) {
             ctx->sol_limit = true;
             ctx->limit_x.assign(out->mip_solution, out->mip_solution + out->mip_solution_size);
         }
-        return;
     }
     if ((type == kHighsCallbackSimplexInterrupt || type == kHighsCallbackIpmInterrupt ||
          type == kHighsCallbackMipInterrupt) && in) {
         if (ctx->prob->stop_request.load() != 0) in->user_interrupt = 1;
         if (type == kHighsCallbackMipInterrupt && ctx->sol_limit) in->user_interrupt = 1;
     }
+    if (ctx->callbacks) ctx->callbacks->on_event(type, out, in);
 }
 
 void check(HighsInt status, const char* what) {
     if (status == kHighsStatusError) fail("HiGHS failed to %s", what);
 }
 
-void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads) {
-    bool log = ctl_int(p, TRVO_OUTPUTLOG) != 0;
+void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, bool need_output = false) {
+    // The log-line callbacks need HiGHS's output on; emit_message still honours OUTPUTLOG.
+    bool log = ctl_int(p, TRVO_OUTPUTLOG) != 0 || need_output;
     check(Highs_setBoolOptionValue(h, "output_flag", log), "set its options");
     check(Highs_setBoolOptionValue(h, "log_to_console", 0), "set its options");
     Highs_setIntOptionValue(h, "threads", threads);
@@ -399,9 +402,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     if (!why.empty()) record_nonconvex(p, mip, why);
     const search::Hooks hooks = node_hooks(p);
     if (use_tree_search(p, mip, needs_search, hooks)) {
+        require_served(p, SolvePath::TreeSearch);
         optimize_by_search(p, mip_call, mip, hooks, t0);
         return;
     }
+    require_served(p, SolvePath::Highs);
 
     HighsModel model;
     formulate(p, mip, model);
@@ -431,13 +436,15 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     SolveContext& ctx = *ctx_owner;
     ctx.prob = p;
     if (mip) ctx.maxsol = ctl_int(p, TRVO_MAXMIPSOL);
-    set_options(p, h, flags, mip, scope.used);
+    ctx.callbacks.reset(new SolveCallbacks(p, mip, model));
+    set_options(p, h, flags, mip, scope.used, ctx.callbacks->needs_output());
     check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
     Highs_startCallback(h, kHighsCallbackLogging);
     Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
     Highs_startCallback(h, kHighsCallbackIpmInterrupt);
     Highs_startCallback(h, kHighsCallbackMipInterrupt);
     if (mip) Highs_startCallback(h, kHighsCallbackMipImprovingSolution);
+    ctx.callbacks->start(h);
     struct CallbackOff {
         void* h;
         ~CallbackOff() {
@@ -447,6 +454,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             Highs_stopCallback(h, kHighsCallbackIpmInterrupt);
             Highs_stopCallback(h, kHighsCallbackMipInterrupt);
             Highs_stopCallback(h, kHighsCallbackMipImprovingSolution);
+            Highs_stopCallback(h, kHighsCallbackMipLogging);
+            Highs_stopCallback(h, kHighsCallbackCallbackMipUserSolution);
             Highs_setCallback(h, nullptr, nullptr);
         }
     } off{h};
@@ -491,6 +500,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         return;
     }
     flush_line(ctx, 1);
+    ctx.callbacks->finish();
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
         p->highs_cols = model.ncol;

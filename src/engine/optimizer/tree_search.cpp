@@ -2,6 +2,7 @@
 // integers), mixed-integer convex quadratic objectives, and MIPs whose user asked for it.
 #include "engine/optimizer/tree_search.h"
 
+#include "engine/optimizer/callbacks.h"
 #include "engine/optimizer/highs_instances.h"
 
 #include <cmath>
@@ -49,11 +50,81 @@ std::string quadratic_obstacle(TRVOprob p, bool mip, bool* needs_search) {
     return "";
 }
 
-search::Hooks node_hooks(TRVOprob) {
-    // The optimiser's node-level callbacks (prenode, optnode, infnode, nodecutoff, newnode,
-    // preintsol, intsol, chgbranchobject, mipthread, destroymt) are connected here once the
-    // engine keeps them; until then no hook is set.
-    return search::Hooks();
+search::Hooks node_hooks(TRVOprob p) {
+    // The problem's node-level callbacks, fired from the search's hooks. While a callback runs,
+    // the node's relaxation solution (or the candidate offered to preintsol) is the problem's
+    // LP solution and the incumbent its MIP solution, so that solution queries return them.
+    search::Hooks h;
+    const double sign = p->objsense > 0 ? 1.0 : -1.0;
+    auto show_lp = [p](const double* x) {
+        Results& r = p->results;
+        const size_t n = static_cast<size_t>(p->ncols());
+        r.x.assign(x, x + n);
+        r.slack.assign(static_cast<size_t>(p->nrows()), 0.0);
+        slacks_at(p, r.x.data(), r.slack.data());
+        r.lpobjval = objective_at(p, r.x.data());
+        r.have_lp = true;
+        r.have_duals = false;
+    };
+    if (has_callbacks(p, CB_PRENODE)) h.prenode = [p](const search::NodeView&) { return fire_prenode(p); };
+    if (has_callbacks(p, CB_OPTNODE))
+        h.optnode = [p, show_lp](const search::NodeView& v) {
+            show_lp(v.x);
+            return fire_optnode(p);
+        };
+    if (has_callbacks(p, CB_INFNODE)) h.infnode = [p](const search::NodeView&) { fire_infnode(p); };
+    if (has_callbacks(p, CB_NODECUTOFF))
+        h.nodecutoff = [p](const search::NodeView&, int64_t node) { fire_nodecutoff(p, static_cast<int>(node)); };
+    if (has_callbacks(p, CB_NEWNODE))
+        h.newnode = [p](const search::NodeView&, int64_t parent, int64_t child, int64_t branch) {
+            fire_newnode(p, static_cast<int>(parent), static_cast<int>(child), static_cast<int>(branch));
+        };
+    if (has_callbacks(p, CB_PREINTSOL))
+        h.preintsol = [p, sign, show_lp](const search::NodeView&, int soltype, const double* x, double,
+                                         bool* reject, double* cutoff) {
+            // The candidate is the MIP solution while the callback looks at it (and the LP
+            // solution too); a rejected one gives the place back to the incumbent.
+            Results& r = p->results;
+            const std::vector<double> keep_x = r.mipx, keep_slack = r.mipslack;
+            const double keep_obj = r.mipobjval;
+            const bool keep_have = r.have_mip;
+            show_lp(x);
+            r.mipx = r.x;
+            r.mipslack = r.slack;
+            r.mipobjval = r.lpobjval;
+            r.have_mip = true;
+            double c = sign * *cutoff;  // the user's sense
+            *reject = fire_preintsol(p, soltype, &c);
+            if (c == c) *cutoff = sign * c;
+            if (*reject) {
+                r.mipx = keep_x;
+                r.mipslack = keep_slack;
+                r.mipobjval = keep_obj;
+                r.have_mip = keep_have;
+            }
+        };
+    if (has_callbacks(p, CB_INTSOL))
+        h.intsol = [p](const search::NodeView&, const double* x, double) {
+            Results& r = p->results;
+            r.mipx.assign(x, x + p->ncols());
+            r.mipslack.assign(static_cast<size_t>(p->nrows()), 0.0);
+            slacks_at(p, r.mipx.data(), r.mipslack.data());
+            r.mipobjval = r.mipbestobjval = objective_at(p, r.mipx.data());
+            r.have_mip = true;
+            ++r.mipsols;
+            fire_intsol(p);
+        };
+    if (has_callbacks(p, CB_CHGBRANCHOBJECT))
+        h.chgbranchobject = [p](const search::NodeView&, search::Branch& b) {
+            // The branching-object type only wraps the search's own decision so far: a callback
+            // can keep it, and anything else cannot be carried out.
+            if (fire_chgbranchobject(p, &b) != &b)
+                fail("A chgbranchobject callback returned a branching object other than the one proposed; "
+                     "the tree search can only keep its own branching decision");
+        };
+    if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p] { fire_mipthread(p, p); };
+    if (has_callbacks(p, CB_DESTROYMT)) h.destroymt = [p] { fire_destroymt(p); };
+    return h;
 }
 
 bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hooks& hooks) {
@@ -67,9 +138,9 @@ bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hook
                  "or a quadratic objective with integer entities): set TREESEARCH to 0 or 1");
         return false;
     }
-    if (needs_search) return true;
-    if (!mip) return false;  // an LP or QP: HiGHS solves it
-    return mode == 1 || hooks.any_node_hook();
+    // Node callbacks need the search even on an LP or QP (whose root is then its only node).
+    if (needs_search || hooks.any_node_hook()) return true;
+    return mip && mode == 1;
 }
 
 void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks& hooks,

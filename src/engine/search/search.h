@@ -85,8 +85,10 @@ struct Hooks {
     // The single worker starting and ending.
     std::function<void()> mipthread, destroymt;
 
+    // Whether a hook that only this search can serve is set (intsol is not one: HiGHS's MIP
+    // reports its solutions too).
     bool any_node_hook() const {
-        return prenode || optnode || infnode || nodecutoff || newnode || preintsol || intsol ||
+        return prenode || optnode || infnode || nodecutoff || newnode || preintsol ||
                chgbranchobject || mipthread || destroymt;
     }
 };

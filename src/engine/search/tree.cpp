@@ -76,7 +76,8 @@ private:
     }
     // Nodes whose bound reaches this are not explored.
     double prune_level() const {
-        double level = cutoff_;
+        // A node whose bound equals the cutoff may still hold a solution at the cutoff.
+        double level = cutoff_ + 1e-9 * std::max(1.0, std::fabs(cutoff_));
         if (out_.have_solution) level = std::min(level, out_.objective - gap_tolerance());
         return level;
     }
@@ -397,7 +398,10 @@ Outcome Search::run() {
         rel_.set_bounds(lo, up);
         if (node->basis) rel_.set_basis(*node->basis);
         const bool is_root = node->parent == 0;
-        Relaxation::Result r = rel_.solve(prune_level(), is_root ? 1000 : 10);
+        // With an optnode hook every feasible relaxation is solved to its optimum (no early
+        // stop at the cutoff), so that the hook sees every node that is not infeasible.
+        const double solve_cutoff = hooks_.optnode ? INFINITY : prune_level();
+        Relaxation::Result r = rel_.solve(solve_cutoff, is_root ? 1000 : 10);
         if (is_root && r == Relaxation::Unbounded && !model_.qrows.empty()) {
             // Quadratic rows may bound what the LP without cuts leaves open: solve within a box
             // that grows while the solution touches it, then see whether the cuts alone close
@@ -420,7 +424,7 @@ Outcome Search::run() {
             }
         }
         if (r == Relaxation::Optimal && rel_.converged() == false && !fractional(rel_.x().data()))
-            r = rel_.solve(prune_level(), 200);  // integral: the quadratic rows must be met
+            r = rel_.solve(solve_cutoff, 200);  // integral: the quadratic rows must be met
         if (r == Relaxation::Limit) {
             --nodes_;
             open_.push(std::move(node));
