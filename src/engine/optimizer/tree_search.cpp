@@ -131,8 +131,9 @@ bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hook
     const int64_t mode = ctl_int(p, TRVO_TREESEARCH);
     if (mode == 2) {
         if (hooks.any_node_hook())
-            fail("TREESEARCH is 2 (never), but node callbacks are registered, which only the tree "
-                 "search can call: set TREESEARCH to 0 or 1, or remove the callbacks");
+            fail("TREESEARCH is 2 (never), but node callbacks are registered (a %s callback), which only "
+                 "the tree search can call: set TREESEARCH to 0 or 1, or remove the callbacks",
+                 callback_kind_name(unserved_callback(p, SolvePath::Highs)));
         if (needs_search)
             fail("TREESEARCH is 2 (never), but this problem needs the tree search (quadratic rows, "
                  "or a quadratic objective with integer entities): set TREESEARCH to 0 or 1");
