@@ -351,6 +351,12 @@ def test_node_solution_and_gap_limits():
     assert obj - bb <= 0.5 * abs(obj) + 1e-6
     if obj - bb > 1e-6 * abs(obj):
         assert q.attributes.stopstatus == tv.stop_mipgap
+    # Iteration limit: counted over the whole search.
+    q, _ = hard_miqp()
+    q.controls.lpiterlimit = 50
+    q.solve()
+    assert q.attributes.stopstatus == tv.stop_iterlimit
+    assert 50 <= q.attributes.simplexiter < nodes * 1000
     # A cutoff below the optimum: no solution can be accepted.
     q, _ = hard_miqp()
     q.controls.mipabscutoff = opt - 1

@@ -184,6 +184,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     s.maxnode = ctl_int(p, TRVO_MAXNODE);
     s.maxmipsol = ctl_int(p, TRVO_MAXMIPSOL);
     s.maxtime = ctl_dbl(p, TRVO_MAXTIME);
+    s.lpiterlimit = ctl_int(p, TRVO_LPITERLIMIT);
     s.threads = scope.used;
     s.stop = &p->stop_request;
     if (ctl_int(p, TRVO_OUTPUTLOG) != 0) s.log = [p](const std::string& line) { emit_message(p, line.c_str(), 1); };

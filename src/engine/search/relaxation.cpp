@@ -280,6 +280,7 @@ int Relaxation::add_cuts(const double* x) {
               "add a cut");
         cut_row_.push_back(static_cast<int>(k));
         cut_scale_.push_back(1.0 / scale);
+        cuts_.push_back({std::move(idx), std::move(val), lo, up});
         ++added;
     }
     return added;

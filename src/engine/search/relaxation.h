@@ -53,6 +53,13 @@ public:
 
     int64_t iterations() const { return iterations_; }
     int ncuts() const { return static_cast<int>(cut_row_.size()); }
+    // The cut pool: every cut added so far, as rows lo <= a'x <= up.
+    struct Cut {
+        std::vector<HighsInt> index;
+        std::vector<double> value;
+        double lo, up;
+    };
+    const std::vector<Cut>& cuts() const { return cuts_; }
 
 private:
     Result run_once(double cutoff);
@@ -70,6 +77,7 @@ private:
     double box_ = 0;  // artificial bound on infinite column bounds while > 0
     std::vector<int> cut_row_;               // quadratic row index of each cut
     std::vector<double> cut_scale_;          // 1 / the factor each cut was divided by
+    std::vector<Cut> cuts_;
     std::vector<double> x_;
     double obj_ = INFINITY;
     bool converged_ = true;

@@ -100,7 +100,7 @@ struct Settings {
     int64_t maxnode = INT64_MAX, maxmipsol = 0;  // maxmipsol 0: no limit
     double maxtime = 0;                          // seconds, <= 0: none
     int threads = 1;                             // HiGHS's threads option (shared value)
-    int64_t lpiterlimit = INT64_MAX;
+    int64_t lpiterlimit = INT64_MAX;             // simplex/QP iterations of the whole search
     std::atomic<int>* stop = nullptr;            // non-zero: stop with that reason
     std::function<void(const std::string&)> log;  // progress lines (null: silent)
     std::vector<std::pair<int, double>> start;   // a starting solution to try (model columns)

@@ -4,6 +4,7 @@
 // tolerances, and the node hooks.
 #include "engine/search/relaxation.h"
 
+#include "engine/optimizer/highs_instances.h"
 #include "library_interface/trvo.h"
 
 #include <algorithm>
@@ -68,6 +69,7 @@ private:
         if (set_.maxtime > 0 && Clock::now() >= deadline_) return TRVO_STOP_TIMELIMIT;
         if (nodes_ >= set_.maxnode) return TRVO_STOP_NODELIMIT;
         if (set_.maxmipsol > 0 && out_.solutions >= set_.maxmipsol) return TRVO_STOP_SOLLIMIT;
+        if (rel_.iterations() >= set_.lpiterlimit) return TRVO_STOP_ITERLIMIT;
         return 0;
     }
     double gap_tolerance() const {
@@ -95,6 +97,7 @@ private:
     Offer try_solution(const NodeView& v, int soltype, std::vector<double> x);
     void rounding(const NodeView& v);
     void fix_and_solve(const NodeView& v, const std::vector<double>& point);
+    void outer_approximation_mip(const NodeView& v);
     void node_bounds(const Node& n, std::vector<double>& lo, std::vector<double>& up) const;
     int select_branch(const Node& n, double obj, int* dir);
     void log_progress(bool force);
@@ -209,6 +212,64 @@ void Search::fix_and_solve(const NodeView& v, const std::vector<double>& point) 
     if (r == Relaxation::Optimal && rel_.converged()) try_solution(v, 1, rel_.x());
     rel_.set_bounds(lo, up);
     if (b) rel_.set_basis(*b);
+}
+
+// For models with a quadratic objective or quadratic rows: HiGHS's MIP over the root's outer
+// approximation (the linear rows, the cut pool, and the objective linearised at the root's
+// solution) proposes an integer assignment, which fix_and_solve then completes and checks.
+void Search::outer_approximation_mip(const NodeView& v) {
+    double left = 5.0;
+    if (set_.maxtime > 0)
+        left = std::min(left, 0.2 * std::chrono::duration<double>(deadline_ - Clock::now()).count());
+    if (left <= 0.05) return;
+    void* h = highs_new_quiet();
+    if (!h) return;
+    struct Release {
+        void* h;
+        ~Release() { highs_release(h); }
+    } release{h};
+    Highs_setBoolOptionValue(h, "output_flag", 0);
+    Highs_setIntOptionValue(h, "threads", set_.threads);
+    Highs_setDoubleOptionValue(h, "time_limit", left);
+    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-3);
+    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", set_.miptol);
+    // The objective's gradient at the root solution stands for its quadratic part.
+    const std::vector<double>& x0 = rel_.x();
+    std::vector<double> cost = lp_.cost;
+    if (!lp_.q_index.empty())
+        for (int c = 0; c < lp_.ncol; ++c) {
+            const HighsInt end = c + 1 < lp_.ncol ? lp_.q_start[static_cast<size_t>(c) + 1]
+                                                  : static_cast<HighsInt>(lp_.q_index.size());
+            for (HighsInt k = lp_.q_start[static_cast<size_t>(c)]; k < end; ++k) {
+                const int r = lp_.q_index[static_cast<size_t>(k)];
+                const double q = lp_.q_value[static_cast<size_t>(k)];
+                cost[static_cast<size_t>(c)] += q * x0[static_cast<size_t>(r)];
+                if (r != c) cost[static_cast<size_t>(r)] += q * x0[static_cast<size_t>(c)];
+            }
+        }
+    std::vector<double> rlo = lp_.row_lower, rup = lp_.row_upper;
+    for (const auto& q : model_.qrows) {
+        rlo[static_cast<size_t>(q.row)] = -INFINITY;
+        rup[static_cast<size_t>(q.row)] = INFINITY;
+    }
+    if (Highs_passMip(h, lp_.ncol, lp_.nrow, static_cast<HighsInt>(lp_.a_index.size()), kHighsMatrixFormatRowwise,
+                      kHighsObjSenseMinimize, 0.0, cost.data(), rel_.lower().data(), rel_.upper().data(),
+                      rlo.data(), rup.data(), lp_.nrow ? lp_.a_start.data() : nullptr,
+                      lp_.a_index.empty() ? nullptr : lp_.a_index.data(),
+                      lp_.a_value.empty() ? nullptr : lp_.a_value.data(), lp_.integrality.data()) == kHighsStatusError)
+        return;
+    for (const auto& c : rel_.cuts())
+        Highs_addRow(h, c.lo, c.up, static_cast<HighsInt>(c.index.size()), c.index.data(), c.value.data());
+    Highs_zeroAllClocks(h);
+    Highs_run(h);
+    HighsInt primal = 0;
+    Highs_getIntInfoValue(h, "primal_solution_status", &primal);
+    if (primal != kHighsSolutionStatusFeasible) return;
+    const HighsInt nr = Highs_getNumRow(h);
+    std::vector<double> x(static_cast<size_t>(lp_.ncol)), d(x.size()), rv(static_cast<size_t>(nr)), rd(rv.size());
+    Highs_getSolution(h, x.data(), d.data(), rv.data(), rd.data());
+    if (has_continuous_) fix_and_solve(v, x);
+    else try_solution(v, 1, x);
 }
 
 void Search::node_bounds(const Node& n, std::vector<double>& lo, std::vector<double>& up) const {
@@ -513,6 +574,9 @@ Outcome Search::run() {
             dir = -1;
         } else {
             if (nodes_ == 1 || nodes_ % 20 == 0) rounding(view);
+            // (With continuous columns this changes the instance's solution; the node is solved
+            // again below.)
+            if (is_root && (rel_.quadratic_objective() || !model_.qrows.empty())) outer_approximation_mip(view);
             if (has_continuous_ && (nodes_ == 1 || nodes_ % 100 == 0)) {
                 fix_and_solve(view, xnode);
                 // The node's own solution is restored for branching.
