@@ -98,6 +98,7 @@ private:
     void rounding(const NodeView& v);
     void fix_and_solve(const NodeView& v, const std::vector<double>& point);
     void outer_approximation_mip(const NodeView& v);
+    void diving(const NodeView& v);
     void node_bounds(const Node& n, std::vector<double>& lo, std::vector<double>& up) const;
     int select_branch(const Node& n, double obj, int* dir);
     void log_progress(bool force);
@@ -270,6 +271,42 @@ void Search::outer_approximation_mip(const NodeView& v) {
     Highs_getSolution(h, x.data(), d.data(), rv.data(), rd.data());
     if (has_continuous_) fix_and_solve(v, x);
     else try_solution(v, 1, x);
+}
+
+// Fractional diving: fixes the integer column closest to integrality at its rounded value and
+// solves again, until the relaxation is integral (a candidate), infeasible or no better than
+// the incumbent; the node's bounds and basis are restored afterwards.
+void Search::diving(const NodeView& v) {
+    const std::vector<double> lo = rel_.lower(), up = rel_.upper();
+    std::shared_ptr<Basis> b = rel_.basis();
+    std::vector<double> dlo = lo, dup = up;
+    const int max_dives = std::min<int>(50, 2 * static_cast<int>(ints_.size()) + 1);
+    for (int step = 0; step < max_dives; ++step) {
+        const std::vector<double>& x = rel_.x();
+        int pick = -1;
+        double best = 2;
+        for (int j : ints_) {
+            const double f = x[static_cast<size_t>(j)] - std::floor(x[static_cast<size_t>(j)]);
+            const double d = std::min(f, 1 - f);
+            if (d <= set_.miptol) continue;
+            if (d < best) {
+                best = d;
+                pick = j;
+            }
+        }
+        if (pick < 0) {
+            if (rel_.converged()) try_solution(v, 1, x);
+            break;
+        }
+        const size_t s = static_cast<size_t>(pick);
+        const double r = std::min(std::max(std::round(x[s]), dlo[s]), dup[s]);
+        dlo[s] = dup[s] = r;
+        rel_.set_col_bounds(pick, r, r);
+        if (rel_.solve(prune_level(), 10) != Relaxation::Optimal) break;
+        if (limit_reached()) break;
+    }
+    rel_.set_bounds(lo, up);
+    if (b) rel_.set_basis(*b);
 }
 
 void Search::node_bounds(const Node& n, std::vector<double>& lo, std::vector<double>& up) const {
@@ -574,11 +611,21 @@ Outcome Search::run() {
             dir = -1;
         } else {
             if (nodes_ == 1 || nodes_ % 20 == 0) rounding(view);
-            // (With continuous columns this changes the instance's solution; the node is solved
-            // again below.)
-            if (is_root && (rel_.quadratic_objective() || !model_.qrows.empty())) outer_approximation_mip(view);
+            // The heuristics below change the instance's solution: the node is solved again.
+            bool moved = false;
+            if (is_root && (rel_.quadratic_objective() || !model_.qrows.empty())) {
+                outer_approximation_mip(view);
+                moved = has_continuous_;
+            }
+            if (nodes_ == 1 || (nodes_ % 50 == 0 && !out_.have_solution) || nodes_ % 500 == 0) {
+                diving(view);
+                moved = true;
+            }
             if (has_continuous_ && (nodes_ == 1 || nodes_ % 100 == 0)) {
                 fix_and_solve(view, xnode);
+                moved = true;
+            }
+            if (moved) {
                 // The node's own solution is restored for branching.
                 rel_.set_bounds(lo, up);
                 Relaxation::Result again = rel_.solve(prune_level(), 10);
