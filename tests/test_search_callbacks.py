@@ -178,3 +178,27 @@ def test_node_callbacks_on_a_convex_miqp():
     p.solve()
     assert p.getProbStatusString() == "mip_optimal"
     assert len(seen) == p.attributes.nodes
+
+
+def test_a_raising_node_callback_stops_the_search(capfd):
+    p, x = knapsack(5, n=20)
+
+    class Stop(Exception):
+        pass
+
+    calls, later = [], []
+
+    def bad(prob, data):
+        calls.append(1)
+        raise Stop("from optnode")
+
+    p.addcboptnode(bad)
+    p.addcbnewnode(lambda prob, data, parent, node, branch: later.append(1))
+    p.addcbprenode(lambda prob, data: (later.append(1) if calls else None, 0)[1])
+    with pytest.raises(Stop, match="from optnode"):
+        p.solve()
+    assert calls == [1] and later == []  # no callback entered after the raise
+    assert p.attributes.stopstatus == 9
+    p.removecboptnode()
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"

@@ -56,6 +56,9 @@ search::Hooks node_hooks(TRVOprob p) {
     // LP solution and the incumbent its MIP solution, so that solution queries return them.
     search::Hooks h;
     const double sign = p->objsense > 0 ? 1.0 : -1.0;
+    // Once the solve is asked to stop (a callback raised, Ctrl-C, TRVOinterrupt), no further
+    // callback is entered; the search ends at its next check.
+    auto stopping = [p] { return p->stop_request.load() != 0; };
     auto show_lp = [p](const double* x) {
         Results& r = p->results;
         const size_t n = static_cast<size_t>(p->ncols());
@@ -66,22 +69,28 @@ search::Hooks node_hooks(TRVOprob p) {
         r.have_lp = true;
         r.have_duals = false;
     };
-    if (has_callbacks(p, CB_PRENODE)) h.prenode = [p](const search::NodeView&) { return fire_prenode(p); };
+    if (has_callbacks(p, CB_PRENODE)) h.prenode = [p, stopping](const search::NodeView&) { return !stopping() && fire_prenode(p); };
     if (has_callbacks(p, CB_OPTNODE))
-        h.optnode = [p, show_lp](const search::NodeView& v) {
+        h.optnode = [p, show_lp, stopping](const search::NodeView& v) {
+            if (stopping()) return false;
             show_lp(v.x);
             return fire_optnode(p);
         };
-    if (has_callbacks(p, CB_INFNODE)) h.infnode = [p](const search::NodeView&) { fire_infnode(p); };
+    if (has_callbacks(p, CB_INFNODE)) h.infnode = [p, stopping](const search::NodeView&) {
+            if (!stopping()) fire_infnode(p);
+        };
     if (has_callbacks(p, CB_NODECUTOFF))
-        h.nodecutoff = [p](const search::NodeView&, int64_t node) { fire_nodecutoff(p, static_cast<int>(node)); };
+        h.nodecutoff = [p, stopping](const search::NodeView&, int64_t node) {
+            if (!stopping()) fire_nodecutoff(p, static_cast<int>(node));
+        };
     if (has_callbacks(p, CB_NEWNODE))
-        h.newnode = [p](const search::NodeView&, int64_t parent, int64_t child, int64_t branch) {
-            fire_newnode(p, static_cast<int>(parent), static_cast<int>(child), static_cast<int>(branch));
+        h.newnode = [p, stopping](const search::NodeView&, int64_t parent, int64_t child, int64_t branch) {
+            if (!stopping()) fire_newnode(p, static_cast<int>(parent), static_cast<int>(child), static_cast<int>(branch));
         };
     if (has_callbacks(p, CB_PREINTSOL))
-        h.preintsol = [p, sign, show_lp](const search::NodeView&, int soltype, const double* x, double,
-                                         bool* reject, double* cutoff) {
+        h.preintsol = [p, sign, show_lp, stopping](const search::NodeView&, int soltype, const double* x,
+                                                   double, bool* reject, double* cutoff) {
+            if (stopping()) return;
             // The candidate is the MIP solution while the callback looks at it (and the LP
             // solution too); a rejected one gives the place back to the incumbent.
             Results& r = p->results;
@@ -104,7 +113,7 @@ search::Hooks node_hooks(TRVOprob p) {
             }
         };
     if (has_callbacks(p, CB_INTSOL))
-        h.intsol = [p](const search::NodeView&, const double* x, double) {
+        h.intsol = [p, stopping](const search::NodeView&, const double* x, double) {
             Results& r = p->results;
             r.mipx.assign(x, x + p->ncols());
             r.mipslack.assign(static_cast<size_t>(p->nrows()), 0.0);
@@ -112,18 +121,24 @@ search::Hooks node_hooks(TRVOprob p) {
             r.mipobjval = r.mipbestobjval = objective_at(p, r.mipx.data());
             r.have_mip = true;
             ++r.mipsols;
-            fire_intsol(p);
+            if (!stopping()) fire_intsol(p);
         };
     if (has_callbacks(p, CB_CHGBRANCHOBJECT))
-        h.chgbranchobject = [p](const search::NodeView&, search::Branch& b) {
+        h.chgbranchobject = [p, stopping](const search::NodeView&, search::Branch& b) {
+            if (stopping()) return;
             // The branching-object type only wraps the search's own decision so far: a callback
             // can keep it, and anything else cannot be carried out.
             if (fire_chgbranchobject(p, &b) != &b)
                 fail("A chgbranchobject callback returned a branching object other than the one proposed; "
                      "the tree search can only keep its own branching decision");
         };
-    if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p] { fire_mipthread(p, p); };
-    if (has_callbacks(p, CB_DESTROYMT)) h.destroymt = [p] { fire_destroymt(p); };
+    if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p, stopping] {
+        if (!stopping()) fire_mipthread(p, p);
+    };
+    // destroymt ends what mipthread began, unless a callback has raised.
+    if (has_callbacks(p, CB_DESTROYMT)) h.destroymt = [p] {
+        if (p->stop_request.load() != TRVO_STOP_USER) fire_destroymt(p);
+    };
     return h;
 }
 
@@ -194,6 +209,8 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
         p->mip_start.clear();
     }
 
+    // The problem's own HiGHS instance no longer holds the last solve's LP.
+    p->highs_has_lp = false;
     search::Outcome o = search::run(model, s, hooks);
 
     const size_t nn = static_cast<size_t>(n), mm = static_cast<size_t>(m);
