@@ -102,10 +102,9 @@ def test_priority_order_and_copies():
     p.solve()
     assert order[:3] == ["high", "mid", "low"]
 
-    for q in (p.copy(), tv.problem()):
-        if q.attributes.cols == 0:  # the empty problem gets its callbacks by copycallbacks
-            q = knapsack(10)[0]
-            q.copycallbacks(p)
+    copied = knapsack(10)[0]
+    copied.copycallbacks(p)
+    for q in (p.copy(), copied):
         order.clear()
         q.solve()
         assert order[:3] == ["high", "mid", "low"]
@@ -123,8 +122,6 @@ def test_records_do_not_keep_the_problem_and_are_released_with_it():
     p, _, _ = knapsack(4)
     before = sys.getrefcount(p)
     data = Marker()
-    cb = Marker()
-    cb.__call__ = None
 
     class Callback:
         def __call__(self, prob, data):
@@ -466,3 +463,99 @@ def test_raising_global_handler_surfaces_from_the_solve(no_handlers):
     tv.removecbmsghandler(bad, None)
     p.solve()
     assert p.getObjVal() == pytest.approx(1.0)
+
+
+def test_copied_problem_keeps_the_nonlinear_message_callback():
+    p = rosenbrock()
+    p.controls.tslp_log = 2
+    lines = []
+    p.setcbmessage(lambda prob, data, msg, mtype: lines.append(msg))
+    q = p.copy()
+    q.nlpoptimize()
+    assert lines
+
+
+def disc():
+    """min x + y on the disc exp(x^2 + y^2) <= e^2, d: x - y <= 1; optimum (-1, -1)."""
+    import math
+    x, y = tv.var(lb=-5, ub=5), tv.var(lb=-5, ub=5)
+    c = tv.constraint(body=tv.exp(x ** 2 + y ** 2), ub=math.exp(2))
+    d = tv.constraint(body=x - y, ub=1)
+    return tv.problem(x, y, c, d, x + y), x, y, d
+
+
+def test_multistart_job_callbacks():
+    p, x, y, _ = disc()
+    job = Marker()
+    events = []
+    p.msaddjob("first", [x, y], [1.0, 0.5], {"tslp_iterlimit": 100}, job)
+    p.msaddjob("second", [x, y], [-0.5, 1.0], {"tslp_iterlimit": 100}, None)
+    p.setcbmsjobstart(lambda prob, data, obj, desc: events.append(("start", obj, desc)))
+    p.setcbmsjobend(lambda prob, data, obj, desc: events.append(("end", obj, desc)))
+    p.setcbmswinner(lambda prob, data, obj, desc: events.append(("winner", obj, desc)))
+    p.setControl("tslp_multistart", 1)
+    p.solve()
+    assert p.getObjVal() == pytest.approx(-2, abs=1e-5)
+    starts = [e for e in events if e[0] == "start"]
+    assert [(e[1], e[2]) for e in starts][:2] == [(job, "first"), (None, "second")]
+    assert len([e for e in events if e[0] == "end"]) == len(starts)
+    winners = [e for e in events if e[0] == "winner"]
+    # mswinner names the job whose result was kept, when a job (not the base run) won
+    assert len(winners) <= 1 and all((e[1], e[2]) in [(job, "first"), (None, "second")] for e in winners)
+
+
+def test_msjobstart_non_zero_skips_jobs_and_drcol_sets_values():
+    p, x, y, d = disc()
+    p.msaddjob("skipped", [x, y], [1.0, 0.5], {"tslp_iterlimit": 100}, None)
+    ends = []
+    p.setcbmsjobstart(lambda prob, data, obj, desc: 1)
+    p.setcbmsjobend(lambda prob, data, obj, desc: ends.append(desc))
+    p.setControl("tslp_multistart", 1)
+    p.solve()
+    assert "skipped" not in ends
+
+    import math
+    x, y = tv.var(lb=-5, ub=5), tv.var(lb=-5, ub=5)
+    e = tv.constraint(body=y - x, lb=0, ub=0)  # y is determined by x
+    q = tv.problem(x, y, tv.constraint(body=tv.exp(x ** 2 + y ** 2), ub=math.exp(2)), e, x + y)
+    q.chgvar(y, detrow=e)
+    q.setControl("tslp_cascade", 1)
+    seen = []
+
+    def drcol(prob, data, col, value, lb, ub):
+        seen.append((col, lb, ub))
+        return value
+
+    q.setcbdrcol(drcol)
+    q.solve()
+    assert q.getObjVal() == pytest.approx(-2, abs=1e-4)
+    assert seen  # cascading ran: the determined column is y
+    assert {c for c, _, _ in seen} == {q.getIndex(y)} and seen[0][1:] == (-5.0, 5.0)
+
+
+def test_callbacks_cannot_resolve_or_reshape_the_problem_being_solved():
+    p, x, _ = knapsack(20)
+    p.addcbintsol(lambda prob, data: prob.solve())
+    with pytest.raises(tv.SolverError, match="cannot be solved again from one of its callbacks"):
+        p.solve()
+    p.removecbintsol()
+    p.addcbintsol(lambda prob, data: prob.addVariable(tv.var()))
+    with pytest.raises(tv.SolverError, match="The problem was changed during its solve"):
+        p.solve()
+    p.removecbintsol()
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"
+
+
+def test_raising_checktime_stops_an_slp_run():
+    p = rosenbrock()
+    calls = []
+
+    def bad(prob, data):
+        calls.append(1)
+        raise OverflowError("checktime in slp")
+
+    p.addcbchecktime(bad)
+    with pytest.raises(OverflowError, match="checktime in slp"):
+        p.nlpoptimize()
+    assert calls == [1] and p.getProbStatusString() == "nlp_unfinished"

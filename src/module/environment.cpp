@@ -235,7 +235,9 @@ int install_problem_printers(ProblemObject* p) {
         problem_error(p);
         return -1;
     }
-    if (p->slp && TSLPsetcbmessage(p->slp, slp_message_printer, nullptr) != 0) {
+    // A nonlinear message callback the user set (kind 36, copied onto a new copy of a problem)
+    // takes the printer's place and keeps it.
+    if (p->slp && !p->callbacks[36] && TSLPsetcbmessage(p->slp, slp_message_printer, nullptr) != 0) {
         problem_error(p);
         return -1;
     }

@@ -17,9 +17,13 @@
 //   relaxation is infeasible, fire_nodecutoff(p, node) when the node is cut off by the bound,
 //   fire_chgbranchobject before branching, fire_newnode(p, parent, child, branch) for every
 //   child created; fire_preintsol before an integer solution is accepted (it may be rejected,
-//   and the cutoff may be tightened), then fire_intsol after it became the incumbent.
-// and it declares itself able to do so in served_by(): that is the one line to change when
-// the search is connected.
+//   and the cutoff may be tightened), then fire_intsol after it became the incumbent (with
+//   p->results.mipx/mipslack/mipobjval and have_mip holding it, so that solution queries made
+//   inside the callback return it; see SolveCallbacks::new_incumbent).
+// It declares itself able to do so in served_by(): that is the one line to change when the
+// search is connected. optimize() (solve.cpp) calls require_served(p, SolvePath::Highs); the
+// search takes over there: when unserved_callback(p, SolvePath::Highs) >= 0 the solve goes to
+// the search instead of HiGHS.
 #pragma once
 
 #include "engine/optimizer/problem.h"

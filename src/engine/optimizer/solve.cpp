@@ -410,6 +410,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
 
     HighsModel model;
     formulate(p, mip, model);
+    const int ncols_before = p->ncols(), nrows_before = p->nrows();
 
     SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
     if (!p->highs) {
@@ -501,6 +502,10 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     }
     flush_line(ctx, 1);
     ctx.callbacks->finish();
+    if (p->ncols() != ncols_before ||
+        p->nrows() != nrows_before)
+        fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
+             "its results are not available");
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
         p->highs_cols = model.ncol;

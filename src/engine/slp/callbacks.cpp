@@ -17,8 +17,10 @@ void require_served_callbacks(TSLPprob prob) {
 }
 
 bool checktime(TSLPprob prob) {
-    return prob->trvo && trvo::has_callbacks(prob->trvo, trvo::CB_CHECKTIME) &&
-           trvo::fire_checktime(prob->trvo);
+    if (!prob->trvo || !trvo::has_callbacks(prob->trvo, trvo::CB_CHECKTIME)) return false;
+    bool stop = trvo::fire_checktime(prob->trvo);
+    // A callback that failed interrupted the optimisation problem: that stops this run too.
+    return prob->trvo->stop_request.exchange(0) != 0 || stop;
 }
 
 }  // namespace slp
