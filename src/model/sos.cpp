@@ -102,8 +102,8 @@ PyTypeObject SosType = [] {
     t.tp_flags = Py_TPFLAGS_DEFAULT;
     t.tp_doc =
         "SOS(indices, weights, type=1, name=...)\n--\n\nA special ordered set of type 1 or 2 over the variables in the "
-        "list indices, ordered by the list weights; without a name it is called sos<n>. Raises ModelError for "
-        "lists of different lengths or another type.";
+        "list indices, ordered by the list weights; without a name it is called sos<n>. Raises ModelError for a "
+        "type other than 1 or 2 (the lists are checked when the set is added to a problem).";
     t.tp_init = sos_init;
     t.tp_dealloc = sos_dealloc;
     t.tp_str = sos_str;

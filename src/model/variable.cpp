@@ -509,8 +509,8 @@ PyTypeObject VarType = [] {
     t.tp_doc =
         "var(name=..., lb=0.0, ub=1e+20, threshold=-1e+20, vartype=0)\n--\n\nA decision variable with bounds, a type "
         "(tarvo.continuous, binary, integer, semicontinuous, semiinteger or partiallyinteger) and a threshold for the "
-        "semi-continuous types; without a name it is called C<n> (1e+20 is tarvo.infinity). Raises ModelError for an "
-        "invalid type or bounds.";
+        "semi-continuous types; without a name it is called C<n> (1e+20 is tarvo.infinity). Raises ModelError when lb "
+        "exceeds ub (the type is checked when the variable is added to a problem).";
     t.tp_init = var_init;
     t.tp_vectorcall = var_vectorcall;
     t.tp_dealloc = var_dealloc;
