@@ -174,6 +174,26 @@ def test_stub_classes_and_runtime_types_have_the_same_members(stub):
         assert not lacking, (name, lacking)
 
 
+def test_declared_controls_and_attributes_are_in_the_catalogue_with_their_types():
+    with open(STUB) as f:
+        classes = {n.name: n for n in ast.parse(f.read()).body if isinstance(n, ast.ClassDef)}
+    declared = {}
+    for item in classes["control"].body:
+        if isinstance(item, ast.AnnAssign):
+            declared[("control", item.target.id)] = ast.unparse(item.annotation)
+    for item in classes["attribute"].body:
+        if isinstance(item, ast.FunctionDef) and item.name != "__getattr__":
+            declared[("attribute", item.name)] = ast.unparse(item.returns)
+    p = tarvo.problem()
+    catalogue = {"control": p.getControl(), "attribute": p.getAttrib()}
+    assert len(declared) > 100
+    wrong = sorted("%s.%s: declared %s, catalogue %s" % (kind, name, t, type(catalogue[kind][name]).__name__
+                                                          if name in catalogue[kind] else "nothing")
+                   for (kind, name), t in declared.items()
+                   if name not in catalogue[kind] or type(catalogue[kind][name]).__name__ != t)
+    assert not wrong, "\n".join(wrong)
+
+
 # ---------------------------------------------------------------- signatures and docstrings
 
 def _instantiable(cls):
@@ -323,6 +343,9 @@ def test_stubs_type_user_code(tmp_path, monkeypatch):
         "reveal_type(p.getSolution(a))\n"
         "reveal_type(p.getDual(c))\n"
         "reveal_type(p.getControl())\n"
+        "reveal_type(p.attributes.rows + 1)\n"
+        "reveal_type(p.controls.feastol)\n"
+        "tv.controls.presolve = 0\n"
         "p.nlpoptimize()\n"
         "p.chgvar(colindex=x, initvalue=0.5)\n"
         "n = a[0, 1] + 1\n"
@@ -342,6 +365,7 @@ def test_stubs_type_user_code(tmp_path, monkeypatch):
     assert revealed[9].startswith("numpy.ndarray") and "float64" in revealed[9], stdout
     assert revealed[10] == "float", stdout
     assert revealed[11].startswith("dict[str,"), stdout
+    assert revealed[12:14] == ["int", "float"], stdout
     errors = [l for l in stdout.splitlines() if ": error:" in l]
     assert len(errors) == 2 and "bogus" in errors[0] and "initvalue" in errors[1], stdout
     assert status == 1
