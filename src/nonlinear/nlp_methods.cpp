@@ -967,8 +967,8 @@ PyMethodDef problem_nonlinear_methods[] = {
                        "Returns None." ERRS),
     KWARGS(loadtolsets, "loadtolsets($self, /, tol)\n--\n\nReplace the tolerance sets by those in tol (nine values "
                         "each). Returns None." ERRS),
-    KWARGS(adddfs, "adddfs($self, /, colindex, rowindex, value)\n--\n\nAdd distribution factors (the column's "
-                   "coefficient in the row during the step problem). Returns None." ERRS),
+    KWARGS(adddfs, "adddfs($self, /, colindex, rowindex, value)\n--\n\nAdd distribution factors (each scales the "
+                   "linear coefficient of a column in a row; default 1). Returns None." ERRS),
     KWARGS(loaddfs, "loaddfs($self, /, colindex, rowindex, value)\n--\n\nReplace all distribution factors by those "
                     "given. Returns None." ERRS),
     KWARGS(addcoefs, "addcoefs($self, /, rowindex, colindex, factor, fstart, parsed, type, value)\n--\n\nAdd nonlinear "
@@ -990,10 +990,10 @@ PyMethodDef problem_nonlinear_methods[] = {
     KWARGS(chgrowstatus, "chgrowstatus($self, /, rowindex, status)\n--\n\nSet a row's status bits. Returns None."
                          ERRS),
     KWARGS(chgdf, "chgdf($self, /, colindex, rowindex, value)\n--\n\nSet one distribution factor. Returns None." ERRS),
-    KWARGS(chgdeltatype, "chgdeltatype($self, /, vars, deltatypes, values)\n--\n\nSet how the step of each column is "
-                         "limited (delta types and values, arrays). Returns None." ERRS),
-    KWARGS(chgcascadenlimit, "chgcascadenlimit($self, /, icol, cascadenlimit)\n--\n\nSet how many times a determined "
-                             "column is cascaded per iteration. Returns None." ERRS),
+    KWARGS(chgdeltatype, "chgdeltatype($self, /, vars, deltatypes, values)\n--\n\nSet how each column steps: delta type "
+                         "0 continuous, 1 no steps below the value, 2 whole multiples of the value. Returns None." ERRS),
+    KWARGS(chgcascadenlimit, "chgcascadenlimit($self, /, icol, cascadenlimit)\n--\n\nSet the number of Newton steps "
+                             "used to cascade a determined column. Returns None." ERRS),
     KWARGS(delvars, "delvars($self, /, index)\n--\n\nRemove the nonlinear-solver data of the columns given. Returns "
                     "None." ERRS),
     KWARGS(deltolsets, "deltolsets($self, /, index)\n--\n\nDelete the tolerance sets given. Returns None." ERRS),
