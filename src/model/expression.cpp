@@ -424,6 +424,7 @@ PyMethodDef expression_methods[] = {
     {"extractQuadratic", expression_extract_quadratic, METH_NOARGS,
      "extractQuadratic($self, /)\n--\n\nReturns the first variables, second variables and coefficients of the "
      "quadratic part of the expression, as a tuple of three lists."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 int expression_no_init(PyObject* self, PyObject*, PyObject*) {

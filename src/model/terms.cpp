@@ -341,11 +341,13 @@ PyMethodDef linterm_methods[] = {
     {"extractLinear", linterm_extract_linear, METH_NOARGS, "extractLinear($self, /)\n--\n\nReturns ([var], [coef]) of the linear term."},
     {"extractQuadratic", linterm_extract_quadratic, METH_NOARGS,
      "extractQuadratic($self, /)\n--\n\nReturns three empty lists: a linear term has no quadratic part."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 PyMethodDef quadterm_methods[] = {
     {"extractLinear", quadterm_extract_linear, METH_NOARGS,
      "extractLinear($self, /)\n--\n\nReturns two empty lists: a quadratic term has no linear part."},
     {"extractQuadratic", quadterm_extract_quadratic, METH_NOARGS, "extractQuadratic($self, /)\n--\n\nReturns ([var1], [var2], [coef]) of the quadratic term."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 PyObject* linterm_add_slot(PyObject* a, PyObject* b) { return linterm_sum(a, b, 1.0); }

@@ -388,13 +388,15 @@ PyObject* var_str(PyObject* self) {
     if (PyUnicode_Check(name.get())) return name.release();
     if (PyBytes_Check(name.get()))
         return PyUnicode_DecodeUTF8(PyBytes_AS_STRING(name.get()), PyBytes_GET_SIZE(name.get()), "replace");
-    return PyObject_Str(name.get());
+    // Names are set only as str or bytes; anything else is refused rather than converted.
+    PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
+    return nullptr;
 }
 
 Py_hash_t var_hash(PyObject* self) { return static_cast<Py_hash_t>(as_var(self)->word & 0xffffffffu); }
 
 bool is_array_protocol_name(const char* s) {
-    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__",
+    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__", "__array_ufunc__",
                                   "__array_struct__", "__array_prepare__", "__array_wrap__"};
     for (const char* n : names)
         if (std::strcmp(s, n) == 0) return true;
@@ -437,6 +439,10 @@ static int var_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
         return -1;
     }
     if (s[0] == 'n') {
+        if (!PyUnicode_Check(value) && !PyBytes_Check(value)) {
+            PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
+            return -1;
+        }
         var_set_name(word, value);
         return 0;
     }
@@ -476,6 +482,7 @@ PyMethodDef var_methods[] = {
     {"extractQuadratic", var_extract_quadratic, METH_NOARGS,
      "extractQuadratic($self, /)\n--\n\nReturns the variables and coefficients of the quadratic part of the "
      "variable: three empty lists."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 PyNumberMethods var_as_number = [] {

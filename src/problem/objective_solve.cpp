@@ -308,6 +308,11 @@ PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     }
     int mip = prob_is_mip(p);
     if (mip < 0) return nullptr;
+    // Without a solution (never solved, infeasible, stopped before the first integer
+    // solution) the objective attribute holds no value of a point: raise the library's
+    // "no solution" error, as getSolution() does, instead of returning a number.
+    if ((mip ? TRVOgetmipsol(p->prob, nullptr, nullptr) : TRVOgetlpsol(p->prob, nullptr, nullptr, nullptr, nullptr)) != 0)
+        return problem_error(p);
     if (prob_dbl_attrib(p, mip ? 2003 : 2001, &v) < 0) return nullptr;
     return PyFloat_FromDouble(v);
 }
