@@ -200,6 +200,9 @@ def test_objective_value_needs_a_solution():
         assert mip.getProbStatusString() == "mip_infeas"
         with pytest.raises(tv.SolverError, match="No integer solution available"):
             mip.getObjVal()
+        nl = tv.problem(y, tv.exp(y) <= 3, y)
+        with pytest.raises(tv.SolverError, match="No nonlinear solution is available"):
+            nl.getObjVal()                  # nonlinear, never solved
         # Once the model is feasible again the value is there.
         lp.delConstraint(lp.getConstraint(0))
         lp.solve()

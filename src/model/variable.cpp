@@ -106,10 +106,12 @@ bool var_name_text(PyObject* v, std::string* out) {
         out->assign(PyBytes_AS_STRING(name.get()), PyBytes_GET_SIZE(name.get()));
         return true;
     }
-    PyRef text(PyObject_Str(name.get()));
-    if (!text) return false;
+    if (!PyUnicode_Check(name.get())) {
+        PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
+        return false;
+    }
     Py_ssize_t n = 0;
-    const char* s = PyUnicode_AsUTF8AndSize(text.get(), &n);
+    const char* s = PyUnicode_AsUTF8AndSize(name.get(), &n);
     if (!s) return false;
     out->assign(s, n);
     return true;
@@ -439,11 +441,7 @@ static int var_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
         return -1;
     }
     if (s[0] == 'n') {
-        if (!PyUnicode_Check(value) && !PyBytes_Check(value)) {
-            PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
-            return -1;
-        }
-        var_set_name(word, value);
+        var_set_name(word, value);  // unchecked, as all attributes; printing refuses a non-string
         return 0;
     }
     if (s[0] == 'v') {

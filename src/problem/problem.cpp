@@ -312,10 +312,11 @@ void problem_dealloc(PyObject* self) {
     ProblemObject* p = as_prob(self);
     if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
     release_userfuncs(p);
+    if (p->prob) callback_exception_discard(p->prob);
     destroy_library_problems(p);
     nlp_release_job_objects(p);
     note_solver_run(p, false);
-    for (auto& c : p->callbacks) Py_CLEAR(c);
+    callbacks_release(p);
     detach_controls(p->controls);
     detach_controls(p->attributes);
     Py_CLEAR(p->controls);

@@ -178,14 +178,6 @@ struct EntitySections {
     bool any = false;
 };
 
-// A number of a section line; a file whose number does not read as one is refused.
-double section_number(const std::string& text, const std::string& file) {
-    char* end = nullptr;
-    double v = std::strtod(text.c_str(), &end);
-    if (text.empty() || !end || *end) fail("Unreadable number %.40s in %s", text.c_str(), file.c_str());
-    return v;
-}
-
 std::vector<std::string> tokens(const std::string& line) {
     std::vector<std::string> out;
     size_t i = 0;
