@@ -115,6 +115,7 @@ enum {
 #define TRVO_RANDOMSEED 8019
 #define TRVO_SCALING 8020          /* 0 off, otherwise on */
 #define TRVO_KEEPBASIS 8035        /* keep the last basis when the problem is reloaded */
+#define TRVO_TREESEARCH 8460       /* 0 automatic, 1 always the engine's own tree search, 2 never */
 
 /* ---- callbacks */
 /* Per-problem message callback: msg is null on a flush request; msgtype 1 information,
