@@ -16,7 +16,7 @@ SOURCES = [os.path.join(ROOT, "tests", "engine", "optimizer_store.cpp")]
 @pytest.fixture(scope="module")
 def driver():
     pytest.importorskip("highsbox")
-    exe = compile_driver(SOURCES, ["engine/optimizer"], "store")
+    exe = compile_driver(SOURCES, ["engine/optimizer", "engine/search"], "store")
     if exe is None:
         pytest.skip("no C++ compiler")
     return exe
