@@ -158,6 +158,9 @@ enum {
 #define TSLP_DELTA_X 12120         /* relative perturbation of numerical derivatives */
 #define TSLP_MSMAXBOUNDRANGE 12121 /* range of random initial values of unbounded columns */
 #define TSLP_MIPTOL 12122          /* integrality tolerance of the MIP steps */
+#define TSLP_KKTTOL 12123          /* largest KKT residual (exact gradients, row multipliers,
+                                      relative to max(1, largest objective gradient entry))
+                                      of a point reported locally optimal */
 #define TSLP_OBJSENSE 12146        /* 1 minimise, -1 maximise */
 /* ---- integer controls */
 #define TSLP_ITERLIMIT 12401

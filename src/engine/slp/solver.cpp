@@ -10,6 +10,8 @@
 #include "engine/slp/solver.h"
 
 #include "engine/optimizer/highs_instances.h"
+#include "engine/slp/kkt.h"
+#include "engine/slp/start.h"
 #include "interfaces/highs_c_api.h"
 
 #include <algorithm>
@@ -996,6 +998,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
         delta[j] = std::max(d, minsb);
     }
 
+    {
+        std::vector<char> cont(n, 0);
+        for (int j = 0; j < n; ++j) cont[j] = nonlin[j] && !isint[j];
+        interior_start(prob, E, m, cont, x);
+    }
     if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
     nlgrad.resize(E.nlrows.size());
     corr.assign(E.nlrows.size(), 0.0);
@@ -1018,17 +1025,53 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
     int same_int = 0, err_iters = 0;
-    std::vector<double> merit_hist;   // merit at the accepted points
     bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
     std::vector<RowInfo> rinfo(m.nrows);
-    double errsum = 0.0, pred = 0.0, last_kkt = 0.0;
+    double errsum = 0.0, pred = 0.0, last_kkt = INFINITY;
+    bool certified = false;
     bool have_lp = false;
     int status = TSLP_NLP_UNFINISHED;
     int stop = 0;
     int iter = 0;
     bool fixed_phase = false;
+
+    // First-order certificate of the current point: feasible within the feasibility tolerance
+    // and a KKT point within the optimality tolerance, with the exact gradients and row
+    // multipliers only (those of the step problem, or else the best ones for the rows active
+    // at x). cert_dual keeps the multipliers (in the user's sense) the residual was measured with.
+    const double kkttol = dbl_control(prob, TSLP_KKTTOL);
+    std::vector<double> cert_dual;
+    int kkt_misses = 0;
+    auto certify = [&](const std::vector<double>& lpdual, double* resid) {
+        std::vector<double> d(m.nrows, 0.0);
+        for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
+        KktCheck c;
+        bool ok = kkt_residual(E, m, sense, x.data(), d.data(), feastol, &c, nullptr, isint.data());
+        if (ok && c.residual > kkttol) {
+            std::vector<double> e;
+            KktCheck c2;
+            if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e, isint.data()) &&
+                kkt_residual(E, m, sense, x.data(), e.data(), feastol, &c2, nullptr, isint.data()) &&
+                c2.residual < c.residual) {
+                c = c2;
+                d = e;
+            }
+        }
+        cert_dual = d;
+        *resid = ok ? c.residual : INFINITY;
+        return ok && c.residual <= kkttol && max_violation(E, m, x.data()) <= feastol;
+    };
+    // After a false alarm of the step tests the curvature model and the stall history start
+    // afresh: the model that predicted no more progress was wrong.
+    std::vector<double> merit_hist;   // merit at the accepted points
+    auto restart_model = [&]() {
+        merit_hist.clear();
+        if (use_b) have_b = false;
+        for (int j = 0; j < n; ++j)
+            if (nonlin[j] && !fixed_int[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
+    };
 
     auto fix_integers = [&]() {
         for (int j = 0; j < n; ++j)
@@ -1258,7 +1301,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
         }
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
-        last_kkt = kkt;
         if (model_converged && accept && rho > 0.5) converged = true;
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
@@ -1312,6 +1354,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 bfgs_update(gl_t);
             }
         }
+        if (accept && ared > 1e-14 * scale) kkt_misses = 0;   // progress since the last miss
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
@@ -1361,8 +1404,22 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 opttol * (1.0 + std::fabs(merit_hist.back())))
             converged = true;
         if (converged) {
-            status = TSLP_NLP_LOCALLY_OPTIMAL;
-            break;
+            // Every test above reads the step problem; the status needs the point itself to be
+            // stationary with the exact gradients and feasible.
+            if (certify(rowdual, &last_kkt)) {
+                status = TSLP_NLP_LOCALLY_OPTIMAL;
+                certified = true;
+                break;
+            }
+            logf(prob, 2, "    not yet a KKT point (residual %.3g); continuing", last_kkt);
+            if (++kkt_misses >= 5) {
+                // The steps keep finding nothing better at a point that is not stationary:
+                // the run ends there, unfinished.
+                logf(prob, 1, "No further progress at a point that is not a KKT point (residual %.3g)", last_kkt);
+                numerical_failure = true;
+                break;
+            }
+            if (last_kkt > 100 * kkttol) restart_model();
         }
         if (!feasible && (stationary || stepmax <= 1.0)) {
             if (mu >= maxmu) {
@@ -1387,6 +1444,16 @@ RunResult Run::solve(const std::vector<double>& x0) {
     double vs;
     res.maxviolation = max_violation(E, m, x.data(), &vs);
     res.penalty = mu;
+    // The residual at the point returned, on every run: the certificate of a converged run,
+    // else measured now (with the last step problem's multipliers or the best ones).
+    if (!certified) certify(have_lp ? rowdual : std::vector<double>(), &last_kkt);
+    std::vector<double> true_dj(n, 0.0);
+    {
+        KktCheck c;
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data(),
+                                               isint.data()))
+            last_kkt = c.residual;
+    }
     res.kkt = last_kkt;
     Solution& sol = res.sol;
     sol.x = x;
@@ -1401,7 +1468,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         double v = 0.0;
         E.row_value(r, x.data(), &v);
         sol.slack[r] = m.rhs[r] - v;
-        if (have_lp) sol.dual[r] = sense * rowdual[r];
+        if (!cert_dual.empty()) sol.dual[r] = cert_dual[r];
         RowInfo& ri = sol.rows[r];
         ri.penaltyfactor = mu * w[r];
         if (errcol[r] >= 0) {
@@ -1423,12 +1490,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
         c.slpvar = nonlin[j];
         c.delta = lastdelta[j];
         c.stepbound = nonlin[j] ? delta[j] : 0.0;
+        sol.dj[j] = true_dj[j];
+        c.rdj = sol.dj[j];
         if (have_lp) {
-            sol.dj[j] = sense * coldual[j];
-            c.rdj = sol.dj[j];
             // The step bound is active when the column sits at it strictly inside its bounds.
             bool at_sb = nonlin[j] && std::fabs(std::fabs(lastdelta[j]) - delta[j]) <= 1e-9 * (1 + delta[j]);
-            c.sbdual = at_sb ? sol.dj[j] : 0.0;
+            c.sbdual = at_sb ? sense * coldual[j] : 0.0;   // the step problem's multiplier of the step bound
         }
     }
     res.errorcosts = errcost;
