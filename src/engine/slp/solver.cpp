@@ -751,7 +751,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 numerical_failure = true;
                 break;
             }
-            if (last_kkt > 100 * kkttol) restart_model();
+            if (last_kkt > 100 * kkttol || pred <= 1e-12 * (1.0 + std::fabs(phi_k)) || kkt_misses >= 2) restart_model();
         }
         if (!feasible && (stationary || stepmax <= 1.0)) {
             if (mu >= maxmu) {
