@@ -56,6 +56,7 @@ FEAS_TOL = 1e-5
 CHECK_RTOL = 1e-6
 CHECK_FEAS_TOL = 1e-3
 MAXTIME = 20.0  # seconds per problem for the nonlinear optimiser
+WITH_IPOPT = True  # also solve every problem with Ipopt through casadi, when it is importable
 
 
 # --------------------------------------------------------------------------------------------
@@ -999,6 +1000,20 @@ def hs118(k):
     return k.done(664.8204500)
 
 
+def _chained_rosenbrock(n):
+    def statement(k):
+        x = k.vars([-1.0] * n, opt=[1.0] * n)
+        k.minimize(sum(100 * (x[i + 1] - x[i] ** 2) ** 2 + (1 - x[i]) ** 2 for i in range(n - 1)))
+        return k.done(0.0)
+    statement.__name__ = "rosen%d" % n
+    statement.__doc__ = "Chained Rosenbrock function in %d variables from x = -1 (a curved valley)." % n
+    return statement
+
+
+for _n in (5, 20, 40):
+    hs(_chained_rosenbrock(_n))
+
+
 # --------------------------------------------------------------------------------------------
 # Checking the statements and running the solver
 
@@ -1039,6 +1054,142 @@ def _control(p, name, default=None):
         return p.getControl(name)
     except Exception:
         return default
+
+
+class RecordKit(PointKit):
+    """Evaluates a statement at a point and keeps the bounds, the value of every constraint
+    (g >= 0 or h = 0) and the objective, for the KKT check."""
+
+    def __init__(self, point):
+        super().__init__(point)
+        self.rows = []  # (value, is_equality, scale)
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        self.lb = _per_variable(lb, n, -INF)
+        self.ub = _per_variable(ub, n, INF)
+        return super().vars(start, lb, ub, opt)
+
+    def ge(self, body, scale=1.0):
+        super().ge(body, scale)
+        self.rows.append((float(body), False, scale))
+
+    def eq(self, body, scale=1.0):
+        super().eq(body, scale)
+        self.rows.append((float(body), True, scale))
+
+
+KKT_TOL = 1e-4       # relative KKT residual of the independent check
+KKT_ACTIVE = 1e-5    # a row or bound within this (relative) distance counts as active
+
+
+def kkt_check(name, point):
+    """KKT residual at point, computed here from the statement alone: gradients by central
+    differences of the objective and the rows, then the multipliers of the active rows and
+    bounds (of the right signs) that make the stationarity residual smallest in the least-squares
+    sense. Returns max |grad f - sum y grad g - z| over max(1, max |grad f|), or None without
+    scipy."""
+    try:
+        import numpy as np
+        from scipy.optimize import lsq_linear
+    except ImportError:
+        return None
+    build = PROBLEMS[name]
+    at = build(RecordKit(point))
+    x = np.array(point, dtype=float)
+    n = len(x)
+    grads_f = np.zeros(n)
+    grads_g = np.zeros((len(at.rows), n))
+    for j in range(n):
+        h = 1e-6 * max(1.0, abs(x[j]))
+        up, down = x.copy(), x.copy()
+        up[j] += h
+        down[j] -= h
+        a, b = build(RecordKit(list(up))), build(RecordKit(list(down)))
+        grads_f[j] = (a.objective - b.objective) / (2 * h)
+        for i in range(len(at.rows)):
+            grads_g[i, j] = (a.rows[i][0] - b.rows[i][0]) / (2 * h)
+    columns, lower, upper = [], [], []
+    for i, (value, equality, scale) in enumerate(at.rows):
+        if equality:
+            columns.append(grads_g[i]); lower.append(-np.inf); upper.append(np.inf)
+        elif value <= KKT_ACTIVE * scale * max(1.0, np.abs(grads_g[i]).max()):
+            columns.append(grads_g[i]); lower.append(0.0); upper.append(np.inf)
+    for j in range(n):
+        e = np.zeros(n)
+        e[j] = 1.0
+        if at.lb[j] > -INF and x[j] - at.lb[j] <= KKT_ACTIVE * max(1.0, abs(at.lb[j])):
+            columns.append(e); lower.append(0.0); upper.append(np.inf)
+        if at.ub[j] < INF and at.ub[j] - x[j] <= KKT_ACTIVE * max(1.0, abs(at.ub[j])):
+            columns.append(e); lower.append(-np.inf); upper.append(0.0)
+    scale = max(1.0, float(np.abs(grads_f).max()))
+    if not columns:
+        return float(np.abs(grads_f).max()) / scale
+    A = np.array(columns).T
+    fit = lsq_linear(A, grads_f, bounds=(lower, upper), method="bvls", lsq_solver="exact")
+    return float(np.abs(grads_f - A @ fit.x).max()) / scale
+
+
+class CasadiKit:
+    """Builds the statement for Ipopt through casadi."""
+
+    def __init__(self, casadi):
+        self.ca = casadi
+        self.sin, self.cos, self.exp, self.log, self.sqrt = (casadi.sin, casadi.cos, casadi.exp,
+                                                              casadi.log, casadi.sqrt)
+        self.g, self.lbg, self.ubg = [], [], []
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        self.x = self.ca.SX.sym("x", n)
+        inf = float("inf")
+        self.lbx = [(-inf if v <= -INF else v) for v in _per_variable(lb, n, -INF)]
+        self.ubx = [(inf if v >= INF else v) for v in _per_variable(ub, n, INF)]
+        self.x0 = [float(v) for v in start]
+        return [self.x[i] for i in range(n)]
+
+    def ge(self, body, scale=1.0):
+        self.g.append(body); self.lbg.append(0.0); self.ubg.append(float("inf"))
+
+    def eq(self, body, scale=1.0):
+        self.g.append(body); self.lbg.append(0.0); self.ubg.append(0.0)
+
+    def minimize(self, objective):
+        self.f = objective
+
+    def done(self, optimum):
+        return self
+
+
+def run_ipopt(name, maxtime=MAXTIME):
+    """The same statement from the same start solved by Ipopt (through casadi, when it can be
+    imported): a dict with its status, objective, time and whether it reached the published
+    optimum; None without casadi."""
+    try:
+        import casadi
+    except ImportError:
+        return None
+    k = PROBLEMS[name](CasadiKit(casadi))
+    nlp = {"x": k.x, "f": k.f}
+    if k.g:
+        nlp["g"] = casadi.vertcat(*k.g)
+    opts = {"print_time": False, "ipopt.print_level": 0, "ipopt.sb": "yes"}
+    if maxtime:
+        opts["ipopt.max_cpu_time"] = float(maxtime)
+    solver = casadi.nlpsol("ipopt_" + name, "ipopt", nlp, opts)
+    args = {"x0": k.x0, "lbx": k.lbx, "ubx": k.ubx}
+    if k.g:
+        args.update(lbg=k.lbg, ubg=k.ubg)
+    start = time.perf_counter()
+    sol = solver(**args)
+    elapsed = time.perf_counter() - start
+    stats = solver.stats()
+    point = [float(v) for v in sol["x"].full().ravel()]
+    at = PROBLEMS[name](PointKit(point))
+    error = relative_error(at.objective, PROBLEMS[name](_OptimumOnly()))
+    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed,
+            "success": bool(stats.get("success")),
+            "solved": bool(stats.get("success")) and error <= SOLVED_RTOL and at.violation <= FEAS_TOL}
 
 
 def run_problem(name, maxtime=MAXTIME):
@@ -1114,9 +1265,20 @@ def run_problem(name, maxtime=MAXTIME):
             notes.append("below the published optimum at a point feasible to %.0e" % FEAS_TOL)
         else:
             notes.append("different local optimum")
+    kkt = kkt_check(name, point)
+    # An optimal status must come with a KKT point: the check above knows nothing of the solver.
+    false_optimum = status in _GOOD_STATUS and kkt is not None and kkt > KKT_TOL and at.violation <= FEAS_TOL
+    if false_optimum:
+        notes.insert(0, "optimal status but not a KKT point (residual %.1e)" % kkt)
     result.update(status=status, objective=at.objective, reported=objective, error=error,
-                  violation=at.violation, iterations=iterations, solved=solved,
-                  note="; ".join(n for n in notes if n), path=path)
+                  violation=at.violation, iterations=iterations, solved=solved, kkt=kkt,
+                  false_optimum=false_optimum, note="; ".join(n for n in notes if n), path=path)
+    if WITH_IPOPT:
+        try:
+            result["ipopt"] = run_ipopt(name, maxtime)
+        except Exception as e:  # an Ipopt failure costs the comparison of this problem only
+            result["ipopt"] = {"status": "error: %s" % e, "time": float("nan"), "success": False,
+                               "solved": False, "objective": float("nan")}
     return result
 
 
@@ -1124,13 +1286,15 @@ def _failure(name, status, note):
     return {"name": name, "optimum": PROBLEMS[name](_OptimumOnly()), "status": status,
             "objective": float("nan"), "reported": float("nan"), "error": float("inf"),
             "violation": float("inf"), "iterations": 0, "time": float("nan"), "solved": False,
-            "path": "", "note": note}
+            "path": "", "note": note, "kkt": None, "false_optimum": False}
 
 
 def run_isolated(name, maxtime=MAXTIME):
     """run_problem in a child interpreter, so that a crash or a hang of the solver costs one row
     of the table instead of the whole run."""
     cmd = [sys.executable, os.path.abspath(__file__), "--child", name, "--maxtime", str(maxtime)]
+    if not WITH_IPOPT:
+        cmd.append("--no-ipopt")
     limit = (maxtime or 600) + 60
     try:
         out = subprocess.run(cmd, capture_output=True, text=True, timeout=limit)
@@ -1145,16 +1309,53 @@ def run_isolated(name, maxtime=MAXTIME):
     return json.loads(lines[-1])
 
 
+def _ipopt_time(r):
+    ip = r.get("ipopt")
+    if not ip:
+        return "%9s" % "-"
+    return "%9.3f%s" % (ip["time"], "" if ip["solved"] else "*")
+
+
 def print_row(r):
-    print("%-6s %-22s %16.9g %10.2e %6d %9.3f  %s" % (
-        r["name"], r["status"], r["objective"], r["error"], r["iterations"], r["time"],
-        ("" if r["solved"] else "MISS ") + r["note"]))
+    kkt = r.get("kkt")
+    print("%-7s %-22s %16.9g %10.2e %8s %6d %9.3f %10s  %s" % (
+        r["name"], r["status"], r["objective"], r["error"], "-" if kkt is None else "%.1e" % kkt,
+        r["iterations"], r["time"], _ipopt_time(r), ("" if r["solved"] else "MISS ") + r["note"]))
     sys.stdout.flush()
 
 
+def print_comparison(results):
+    """The independent KKT verdicts and the time ratio against Ipopt."""
+    checked = [r for r in results if r.get("kkt") is not None]
+    if checked:
+        false = [r["name"] for r in results if r.get("false_optimum")]
+        print("optimal status but not a KKT point: %d%s (of %d problems checked, residual above %.0e)"
+              % (len(false), (" (" + ", ".join(false) + ")") if false else "", len(checked), KKT_TOL))
+    else:
+        print("KKT check skipped (needs numpy and scipy)")
+    compared = [r for r in results if r.get("ipopt")]
+    if not compared:
+        print("Ipopt comparison skipped (casadi is not importable)" if WITH_IPOPT else "")
+        return
+    both = [r for r in compared if r["solved"] and r["ipopt"]["solved"]
+            and r["time"] > 0 and r["ipopt"]["time"] > 0]
+    print("Ipopt (casadi) reached the published optimum on %d of %d problems; tarvo on %d"
+          % (sum(r["ipopt"]["solved"] for r in compared), len(compared),
+             sum(r["solved"] for r in compared)))
+    if both:
+        ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in both) / len(both))
+        print("time tarvo / Ipopt, geometric mean over the %d problems both solved: %.2fx"
+              % (len(both), ratio))
+        small = [r for r in both if r["name"].startswith("HS")]
+        if small and len(small) != len(both):
+            ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in small) / len(small))
+            print("  on the Hock-Schittkowski problems alone: %.2fx" % ratio)
+
+
 def run_all(names, maxtime=MAXTIME, isolate=True):
-    print("%-6s %-22s %16s %10s %6s %9s  %s" % ("name", "status", "objective", "rel.err",
-                                                "iter", "time[s]", "notes"))
+    print("%-7s %-22s %16s %10s %8s %6s %9s %10s  %s" % ("name", "status", "objective", "rel.err",
+                                                         "kkt", "iter", "time[s]", "ipopt[s]",
+                                                         "notes"))
     results = []
     for name in names:
         r = run_isolated(name, maxtime) if isolate else run_problem(name, maxtime)
@@ -1171,6 +1372,7 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     for kind, members in sorted(kinds.items(), key=lambda item: -len(item[1])):
         print("  %2d %s: %s" % (len(members), kind, ", ".join(members)))
     print("total solve time %.2f s" % sum(r["time"] for r in results if not math.isnan(r["time"])))
+    print_comparison(results)
     return results
 
 
@@ -1425,7 +1627,7 @@ def _exponent(a, b, key, size_key="size"):
 def run_scale(beams, vdp_rows, maxtime):
     try:
         import casadi  # noqa: F401
-        have_ipopt = True
+        have_ipopt = WITH_IPOPT
     except ImportError:
         have_ipopt = False
     for model, sizes, label in (("beam", beams, "N"), ("vdp", vdp_rows, "rows")):
@@ -1484,9 +1686,13 @@ def main(argv=None):
     ap.add_argument("--beam", type=int, action="append", metavar="N",
                     help="beam sizes for --scale (default 1000 2000 5000 10000)")
     ap.add_argument("--scale-child", help=argparse.SUPPRESS)
+    ap.add_argument("--no-ipopt", action="store_true",
+                    help="leave out the comparison with Ipopt (through casadi)")
     ap.add_argument("--maxtime", type=float, default=MAXTIME,
                     help="time limit of the nonlinear optimiser per small problem (0: none)")
     args = ap.parse_args(argv)
+    global WITH_IPOPT
+    WITH_IPOPT = not args.no_ipopt
     names = list(PROBLEMS)
     if args.only:
         wanted = [n.upper() for n in args.only]

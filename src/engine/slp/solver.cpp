@@ -10,6 +10,9 @@
 #include "engine/slp/run.h"
 
 #include "engine/optimizer/highs_instances.h"
+#include "engine/slp/kkt.h"
+#include "engine/slp/start.h"
+#include "engine/slp/tolerances.h"
 #include "interfaces/highs_c_api.h"
 
 #include <algorithm>
@@ -120,14 +123,9 @@ int cascade(TSLPprob prob, Evaluator& E, const Model& m, std::vector<double>& x)
 }
 
 void Run::tolerances(int j, double* a, double* r) const {
-    *a = dbl_control(prob, TSLP_ATOL_A);
-    *r = dbl_control(prob, TSLP_ATOL_R);
-    auto it = prob->vars.find(j);
-    if (it != prob->vars.end() && it->second.tolset > 0 && it->second.tolset <= (int)prob->tolsets.size()) {
-        const TolSet& t = prob->tolsets[it->second.tolset - 1];
-        if (t.status & (1 << 1)) *a = t.tol[1];
-        if (t.status & (1 << 2)) *r = t.tol[2];
-    }
+    ColumnTolerances c = column_tolerances(prob, j);
+    *a = c.t[TOL_DELTA_A];
+    *r = c.t[TOL_DELTA_R];
 }
 
 bool Run::out_of_time() const {
@@ -256,6 +254,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     isint.assign(n, 0);
     nonlin.assign(n, 0);
     fixed_int.assign(n, 0);
+    std::vector<int> clamped;   // columns whose start lay outside their bounds
     for (int j = 0; j < n; ++j) {
         char t = m.coltype[j];
         if (t == 'I' || t == 'B') isint[j] = 1;
@@ -266,6 +265,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
             logf(prob, 1, "Column %d has a lower bound above its upper bound", j);
             return res;
         }
+        if (x[j] < m.lb[j] || x[j] > m.ub[j]) clamped.push_back(j);
         x[j] = std::min(std::max(x[j], m.lb[j]), m.ub[j]);
         if (isint[j]) x[j] = std::round(x[j]);
     }
@@ -327,7 +327,24 @@ RunResult Run::solve(const std::vector<double>& x0) {
             d = std::min(d, m.ub[j] - m.lb[j]);
         delta[j] = std::max(d, minsb);
     }
+    // Convergence tests per column (see the step tests in the loop): its tolerances, its
+    // initial step bound (the closure test's unit) and the nonlinear rows it appears in.
+    const std::vector<double> delta0 = delta;
+    std::vector<ColumnTolerances> coltol(n);
+    for (int j = 0; j < n; ++j) coltol[j] = column_tolerances(prob, j);
+    std::vector<std::vector<std::pair<int, int>>> colrows(n);   // (nonlinear row, position in its pattern)
+    for (size_t k = 0; k < E.nlrows.size(); ++k)
+        for (size_t q = 0; q < E.pattern[k].size(); ++q) colrows[E.pattern[k][q]].push_back({(int)k, (int)q});
+    std::vector<char> colconv(n, 0);
+    std::vector<int> colhist(n, 0);
 
+    {
+        std::vector<char> cont(n, 0);
+        for (int j = 0; j < n; ++j) cont[j] = nonlin[j] && !isint[j];
+        // A start the user placed beyond a bound moves onto it, and stays there.
+        for (int j : clamped) cont[j] = 0;
+        interior_start(prob, E, m, cont, x);
+    }
     if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
     nlgrad.resize(E.nlrows.size());
     corr.assign(E.nlrows.size(), 0.0);
@@ -350,17 +367,51 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
     int same_int = 0, err_iters = 0;
-    std::vector<double> merit_hist;   // merit at the accepted points
     bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
     std::vector<RowInfo> rinfo(m.nrows);
-    double errsum = 0.0, pred = 0.0, last_kkt = 0.0;
+    double errsum = 0.0, pred = 0.0, last_kkt = INFINITY;
+    bool certified = false;
     bool have_lp = false;
     int status = TSLP_NLP_UNFINISHED;
     int stop = 0;
     int iter = 0;
     bool fixed_phase = false;
+
+    // First-order certificate of the current point: feasible within the feasibility tolerance
+    // and a KKT point within the optimality tolerance, with the exact gradients and row
+    // multipliers only (those of the step problem, or else the best ones for the rows active
+    // at x). cert_dual keeps the multipliers (in the user's sense) the residual was measured with.
+    const double kkttol = dbl_control(prob, TSLP_KKTTOL);
+    std::vector<double> cert_dual;
+    int kkt_misses = 0;
+    auto certify = [&](const std::vector<double>& lpdual, double* resid) {
+        std::vector<double> d(m.nrows, 0.0);
+        for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
+        KktCheck c;
+        bool ok = kkt_residual(E, m, sense, x.data(), d.data(), feastol, &c, nullptr, isint.data());
+        if (ok && c.residual > kkttol) {
+            std::vector<double> e;
+            KktCheck c2;
+            if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e, isint.data()) &&
+                kkt_residual(E, m, sense, x.data(), e.data(), feastol, &c2, nullptr, isint.data()) &&
+                c2.residual < c.residual) {
+                c = c2;
+                d = e;
+            }
+        }
+        cert_dual = d;
+        *resid = ok ? c.residual : INFINITY;
+        return ok && c.residual <= kkttol && max_violation(E, m, x.data()) <= feastol;
+    };
+    // After a false alarm of the step tests the quasi-Newton model and the stall history start
+    // afresh: the model that predicted no more progress was wrong.
+    std::vector<double> merit_hist;   // merit at the accepted points
+    auto restart_model = [&]() {
+        merit_hist.clear();
+        if (use_b) have_b = false;
+    };
 
     auto fix_integers = [&]() {
         for (int j = 0; j < n; ++j)
@@ -542,16 +593,21 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 }
             }
         // Trial point: damping and delta types on the LP step, then cascading.
-        double stepmax = 0.0, kkt = 0.0;
+        double kkt = 0.0;
         bool int_changed = false;
+        std::vector<int> open_cols;   // columns whose step meets neither the closure nor the delta test
         step_to(xlp, trial);
         for (int j = 0; j < n; ++j) {
             double d = trial[j] - x[j];
             if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
+            colconv[j] = 1;
             if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
-            double a, rt;
-            tolerances(j, &a, &rt);
-            stepmax = std::max(stepmax, std::fabs(d) / (a + rt * std::fabs(x[j]) + 1e-300));
+            const double* t = coltol[j].t;
+            double step = std::fabs(d);
+            if (!(step <= t[TOL_CLOSURE] * delta0[j] || step <= t[TOL_DELTA_A] + t[TOL_DELTA_R] * std::fabs(x[j]))) {
+                colconv[j] = 0;
+                open_cols.push_back(j);
+            }
             // A reduced cost at a step bound that lies inside the column's bounds means the
             // linearisation still sees descent in that direction.
             double ad = std::fabs(xlp[j] - x[j]);
@@ -564,8 +620,58 @@ RunResult Run::solve(const std::vector<double>& x0) {
         for (int j = 0; j < n; ++j) gscale = std::max(gscale, std::fabs(gf[j]));
         bool feasible_k = viol_k <= feastol * std::max(1.0, (double)m.nrows) &&
                           max_violation(E, m, x.data()) <= feastol * 10;
+        // A column whose step is not small may still have converged in its effect: every
+        // coefficient of it (row gradients and the objective's) changes along the step by at
+        // most the coefficient tolerance, or changes the linearisation by at most the impact
+        // tolerance (coefficient change times the step), and every row it appears in is
+        // linearised within the slack tolerance at the trial point.
+        bool extended = false;
+        for (int j : open_cols)
+            extended = extended || coltol[j].t[TOL_COEF_A] + coltol[j].t[TOL_COEF_R] + coltol[j].t[TOL_IMPACT_A] +
+                                           coltol[j].t[TOL_IMPACT_R] > 0;
+        if (extended && feasible_k && !errors) {
+            size_t K = E.nlrows.size();
+            std::vector<std::vector<double>> gt(K);
+            std::vector<double> linerr(K, 0.0), vt(K, 0.0), gft(n, 0.0);
+            bool evaluated = true;
+            for (size_t k = 0; k < K && evaluated; ++k) {
+                const auto& pat = E.pattern[k];
+                evaluated = E.nlrow_grad((int)k, trial.data(), &vt[k], gscratch.data());
+                double lin = nlval[k];
+                gt[k].resize(pat.size());
+                for (size_t q = 0; q < pat.size(); ++q) {
+                    gt[k][q] = gscratch[pat[q]];
+                    lin += nlgrad[k][q] * (trial[pat[q]] - x[pat[q]]);
+                }
+                linerr[k] = std::fabs(vt[k] - lin);
+            }
+            evaluated = evaluated && std::isfinite(E.objective(trial.data(), gft.data()));
+            for (int j : open_cols) {
+                if (!evaluated) break;
+                const double* t = coltol[j].t;
+                // Zero coefficient and impact tolerances switch these tests off for the column,
+                // zero slack tolerances the slack test.
+                if (!(t[TOL_COEF_A] + t[TOL_COEF_R] + t[TOL_IMPACT_A] + t[TOL_IMPACT_R] > 0)) continue;
+                bool slack_on = t[TOL_SLACK_A] + t[TOL_SLACK_R] > 0;
+                double d = trial[j] - x[j];
+                auto settled = [&](double a_old, double a_new) {
+                    double da = std::fabs(a_new - a_old);
+                    return da <= t[TOL_COEF_A] + t[TOL_COEF_R] * std::fabs(a_new) ||
+                           da * std::fabs(d) <= t[TOL_IMPACT_A] + t[TOL_IMPACT_R] * std::fabs(a_new * x[j]);
+                };
+                bool ok = settled(gf[j], gft[j]);
+                for (auto& kq : colrows[j]) {
+                    int k = kq.first, q = kq.second;
+                    ok = ok && settled(nlgrad[k][q], gt[k][q]) &&
+                         (!slack_on || linerr[k] <= t[TOL_SLACK_A] + t[TOL_SLACK_R] * std::fabs(vt[k]));
+                }
+                colconv[j] = ok;
+            }
+        }
+        bool steps_converged = true;
+        for (int j : open_cols) steps_converged = steps_converged && colconv[j];
         bool converged = feasible_k && !errors &&
-                         ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
+                         ((steps_converged && kkt <= 1e-4 * gscale) ||
                           (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
         // With curvature in the step problem its predicted reduction measures the distance to
         // the optimum of the local model, not just the step bounds; it counts once the step
@@ -590,7 +696,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
         }
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
-        last_kkt = kkt;
         if (model_converged && accept && rho > 0.5) converged = true;
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
@@ -644,6 +749,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 bfgs_update(gl_t);
             }
         }
+        if (accept && ared > 1e-14 * scale) kkt_misses = 0;   // progress since the last miss
+        if (accept)
+            for (int j = 0; j < n; ++j) colhist[j] = colconv[j] && nonlin[j] ? colhist[j] + 1 : 0;
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
@@ -693,10 +801,24 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 opttol * (1.0 + std::fabs(merit_hist.back())))
             converged = true;
         if (converged) {
-            status = TSLP_NLP_LOCALLY_OPTIMAL;
-            break;
+            // Every test above reads the step problem; the status needs the point itself to be
+            // stationary with the exact gradients and feasible.
+            if (certify(rowdual, &last_kkt)) {
+                status = TSLP_NLP_LOCALLY_OPTIMAL;
+                certified = true;
+                break;
+            }
+            logf(prob, 2, "    not yet a KKT point (residual %.3g); continuing", last_kkt);
+            if (++kkt_misses >= 5) {
+                // The steps keep finding nothing better at a point that is not stationary:
+                // the run ends there, unfinished.
+                logf(prob, 1, "No further progress at a point that is not a KKT point (residual %.3g)", last_kkt);
+                numerical_failure = true;
+                break;
+            }
+            if (last_kkt > 100 * kkttol || pred <= 1e-12 * (1.0 + std::fabs(phi_k)) || kkt_misses >= 2) restart_model();
         }
-        if (!feasible && (stationary || stepmax <= 1.0)) {
+        if (!feasible && (stationary || steps_converged)) {
             if (mu >= maxmu) {
                 status = TSLP_NLP_LOCALLY_INFEASIBLE;
                 break;
@@ -719,6 +841,16 @@ RunResult Run::solve(const std::vector<double>& x0) {
     double vs;
     res.maxviolation = max_violation(E, m, x.data(), &vs);
     res.penalty = mu;
+    // The residual at the point returned, on every run: the certificate of a converged run,
+    // else measured now (with the last step problem's multipliers or the best ones).
+    if (!certified) certify(have_lp ? rowdual : std::vector<double>(), &last_kkt);
+    std::vector<double> true_dj(n, 0.0);
+    {
+        KktCheck c;
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data(),
+                                               isint.data()))
+            last_kkt = c.residual;
+    }
     res.kkt = last_kkt;
     Solution& sol = res.sol;
     sol.x = x;
@@ -733,7 +865,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         double v = 0.0;
         E.row_value(r, x.data(), &v);
         sol.slack[r] = m.rhs[r] - v;
-        if (have_lp) sol.dual[r] = sense * rowdual[r];
+        if (!cert_dual.empty()) sol.dual[r] = cert_dual[r];
         RowInfo& ri = sol.rows[r];
         ri.penaltyfactor = mu * w[r];
         if (errcol[r] >= 0) {
@@ -755,13 +887,21 @@ RunResult Run::solve(const std::vector<double>& x0) {
         c.slpvar = nonlin[j];
         c.delta = lastdelta[j];
         c.stepbound = nonlin[j] ? delta[j] : 0.0;
+        sol.dj[j] = true_dj[j];
+        c.rdj = sol.dj[j];
         if (have_lp) {
-            sol.dj[j] = sense * coldual[j];
-            c.rdj = sol.dj[j];
             // The step bound is active when the column sits at it strictly inside its bounds.
             bool at_sb = nonlin[j] && std::fabs(std::fabs(lastdelta[j]) - delta[j]) <= 1e-9 * (1 + delta[j]);
-            c.sbdual = at_sb ? sol.dj[j] : 0.0;
+            c.sbdual = at_sb ? sense * coldual[j] : 0.0;   // the step problem's multiplier of the step bound
         }
+    }
+    // Each SLP variable keeps whether its last step met its tolerances and for how many
+    // accepted steps in a row it has.
+    for (int j = 0; j < n; ++j) {
+        auto it = prob->vars.find(j);
+        if (it == prob->vars.end()) continue;
+        it->second.converged = nonlin[j] && colconv[j];
+        it->second.history = colhist[j];
     }
     res.errorcosts = errcost;
     res.penaltyerrors = nerr;
