@@ -8,6 +8,7 @@
 // actual to the predicted reduction of phi. With integer columns the step problems are MIPs
 // until the integer part settles; the run then finishes with the integers fixed.
 #include "engine/slp/run.h"
+#include "engine/slp/callbacks.h"
 
 #include "engine/optimizer/highs_instances.h"
 #include "engine/slp/kkt.h"
@@ -436,7 +437,8 @@ RunResult Run::solve(const std::vector<double>& x0) {
             stop = TRVO_STOP_TIMELIMIT;
             break;
         }
-        if (prob->cb.iterstart.f && prob->cb.iterstart.f(prob, prob->cb.iterstart.context)) {
+        if ((prob->cb.iterstart.f && prob->cb.iterstart.f(prob, prob->cb.iterstart.context)) ||
+            checktime(prob)) {
             stop = TRVO_STOP_USER;
             break;
         }
