@@ -411,6 +411,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
     auto restart_model = [&]() {
         merit_hist.clear();
         if (use_b) have_b = false;
+        // The first miss after progress also reopens step bounds that have shrunk to nothing
+        // (further misses at the same point keep them, so that they can shrink again).
+        if (kkt_misses == 1)
+            for (int j = 0; j < n; ++j)
+                if (nonlin[j] && !fixed_int[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
     };
 
     auto fix_integers = [&]() {
