@@ -184,7 +184,8 @@ enum {
 #define TSLP_MULTISTART 12409      /* 0: multistart jobs are not run by TSLPnlpoptimize */
 #define TSLP_MSSEED 12410          /* seed of the random initial values */
 #define TSLP_MSMAXJOBS 12411       /* 0: no limit */
-#define TSLP_MSTHREADS 12412       /* reserved for parallel jobs: jobs run one after another */
+#define TSLP_MSTHREADS 12412       /* threads for multistart jobs: jobs run one after another,
+                                      so only 0 or 1 is accepted (larger values are refused) */
 #define TSLP_PRESOLVE 12413        /* 1: presolve the model of each solve (TSLPpresolve): fix
                                       columns that equality rows determine, drop rows whose
                                       columns are all fixed, make rows linear whose curved

@@ -714,8 +714,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
             bool curved_j = segw[j] > 0.0;
             if (!accept) {
                 if (d > 1e-12) delta[j] = std::max(std::min(delta[j], d) * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
-            } else if (curved_j && d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
-                // A curved column that swings from one step bound to the other.
+            } else if (d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
+                // A column that swings from one step bound to the other: the linearisations
+                // oscillate around a curved optimum, so the step bound closes in on it.
                 delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
             } else if (rho > 0.75 && d >= 0.9 * delta[j]) {
                 delta[j] *= 2.0;
