@@ -14,6 +14,15 @@ problem runs in a child interpreter with a time limit, so that a crash or a hang
     PYTHONPATH=. python3 benchmarks/nonlinear.py --check      # statements only, no solver
     PYTHONPATH=. python3 benchmarks/nonlinear.py --skip-large
     PYTHONPATH=. python3 benchmarks/nonlinear.py --large-only --rows 2000 --rows 10000
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --scale                      # scaling table
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --scale --beam 1000 --beam 2000 --rows 2000
+
+`--scale` builds and solves the beam control model (clnlbeam: 3(N+1) columns, 2N rows, sin and
+cos terms) for N = 1000, 2000, 5000, 10000 and the Van der Pol model with 2,000 and 10,000 rows,
+each in a child interpreter so that its peak memory (ru_maxrss) is its own. It prints build time,
+solve time, iterations, time per iteration, peak memory and objective, the growth exponent of
+time per iteration and of memory between successive sizes, and Ipopt's time on the same model
+(through casadi, also in a child) when casadi is importable.
 
 Every problem is written once, as a function of a "kit" that supplies the variables, the
 elementary functions and the constraint and objective calls. The tarvo kit builds a problem from
@@ -1494,6 +1503,173 @@ def print_scaling(results):
             rows, build, solve, solve / max(base[2], 1e-9), rows / base[0]))
 
 
+# --------------------------------------------------------------------------------------------
+# Scaling
+
+def build_clnlbeam(n):
+    """The beam control model: min sum 1/2 h (u_{i+1}^2 + u_i^2) + 1/2 alpha h (cos t_{i+1} + cos t_i)
+    s.t. x_{i+1} - x_i = 1/2 h (sin t_{i+1} + sin t_i), t_{i+1} - t_i = 1/2 h (u_{i+1} + u_i),
+    -1 <= t <= 1, -0.05 <= x <= 0.05, with h = 1/N and alpha = 350."""
+    h, alpha = 1.0 / n, 350.0
+    t = [tarvo.var(lb=-1.0, ub=1.0) for _ in range(n + 1)]
+    x = [tarvo.var(lb=-0.05, ub=0.05) for _ in range(n + 1)]
+    u = [tarvo.var(lb=-INF, ub=INF) for _ in range(n + 1)]
+    p = tarvo.problem()
+    p.addVariable(t, x, u)
+    p.addConstraint([x[i + 1] - x[i] - 0.5 * h * (tarvo.sin(t[i + 1]) + tarvo.sin(t[i])) == 0
+                     for i in range(n)])
+    p.addConstraint([t[i + 1] - t[i] - 0.5 * h * u[i + 1] - 0.5 * h * u[i] == 0 for i in range(n)])
+    # Interior points appear in two terms of the sum, the end points in one.
+    wgt = [0.5 * h if i in (0, n) else h for i in range(n + 1)]
+    p.setObjective(tarvo.Sum(wgt[i] * u[i] ** 2 for i in range(n + 1)) +
+                   alpha * tarvo.Sum(wgt[i] * tarvo.cos(t[i]) for i in range(n + 1)))
+    for i in range(n + 1):
+        c = 0.05 * math.cos(i * h)
+        p.chgvar(colindex=t[i], initvalue=c)
+        p.chgvar(colindex=x[i], initvalue=c)
+        p.chgvar(colindex=u[i], initvalue=0.0)
+    return p
+
+
+def ipopt_clnlbeam(n):
+    """The same beam model for casadi's Ipopt (same start)."""
+    import casadi as ca
+    import numpy as np
+    h, alpha = 1.0 / n, 350.0
+    t, x, u = ca.SX.sym("t", n + 1), ca.SX.sym("x", n + 1), ca.SX.sym("u", n + 1)
+    f = (0.5 * h * ca.sum1(u[1:] ** 2 + u[:-1] ** 2) +
+         0.5 * alpha * h * ca.sum1(ca.cos(t[1:]) + ca.cos(t[:-1])))
+    g = ca.vertcat(x[1:] - x[:-1] - 0.5 * h * (ca.sin(t[1:]) + ca.sin(t[:-1])),
+                   t[1:] - t[:-1] - 0.5 * h * (u[1:] + u[:-1]))
+    c = 0.05 * np.cos(np.arange(n + 1) * h)
+    x0 = np.concatenate([c, c, np.zeros(n + 1)])
+    lbx = np.concatenate([-np.ones(n + 1), -0.05 * np.ones(n + 1), -np.inf * np.ones(n + 1)])
+    ubx = -lbx
+    return dict(x=ca.vertcat(t, x, u), f=f, g=g), dict(x0=x0, lbx=lbx, ubx=ubx, lbg=0, ubg=0)
+
+
+def ipopt_van_der_pol(rows):
+    """The Van der Pol model of build_van_der_pol for casadi's Ipopt (same start)."""
+    import casadi as ca
+    import numpy as np
+    n = max(1, rows // 2)
+    h = 5.0 / n
+    x1, x2, u = ca.SX.sym("x1", n + 1), ca.SX.sym("x2", n + 1), ca.SX.sym("u", n)
+    f = 0.5 * h * ca.sum1(x1[:n] ** 2 + x2[:n] ** 2 + u ** 2)
+    g = ca.vertcat(x1[1:] - x1[:n] - h * x2[:n],
+                   x2[1:] - x2[:n] - h * (-x1[:n] + (1 - x1[:n] ** 2) * x2[:n] + u))
+    a, b = np.empty(n + 1), np.empty(n + 1)
+    a[0], b[0] = 0.0, 1.0
+    for k in range(n):
+        a[k + 1], b[k + 1] = a[k] + h * b[k], b[k] + h * (-a[k] + (1 - a[k] * a[k]) * b[k])
+    x0 = np.concatenate([a, b, np.zeros(n)])
+    lbx = np.concatenate([np.full(n + 1, -0.4), np.full(n + 1, -np.inf), np.full(n, -0.3)])
+    ubx = np.concatenate([np.full(n + 1, np.inf), np.full(n + 1, np.inf), np.full(n, 1.0)])
+    lbx[0] = ubx[0] = 0.0
+    lbx[n + 1] = ubx[n + 1] = 1.0
+    return dict(x=ca.vertcat(x1, x2, u), f=f, g=g), dict(x0=x0, lbx=lbx, ubx=ubx, lbg=0, ubg=0)
+
+
+def _peak_mb():
+    import resource
+    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024.0
+
+
+def scale_child(model, size, solver, maxtime):
+    """One measurement in this (child) interpreter; returns a dict."""
+    out = dict(model=model, size=size, solver=solver)
+    if solver == "ipopt":
+        import casadi as ca
+        nlp, args = (ipopt_clnlbeam if model == "beam" else ipopt_van_der_pol)(size)
+        start = time.perf_counter()
+        s = ca.nlpsol("s", "ipopt", nlp, {"ipopt.print_level": 0, "print_time": 0, "ipopt.sb": "yes",
+                                            "ipopt.max_cpu_time": maxtime})
+        out["build"] = time.perf_counter() - start
+        start = time.perf_counter()
+        r = s(**args)
+        out["solve"] = time.perf_counter() - start
+        out["objective"] = float(r["f"])
+        out["iterations"] = int(s.stats().get("iter_count", -1))
+        out["status"] = s.stats().get("return_status", "?")
+    else:
+        tarvo.setOutputEnabled(False)
+        start = time.perf_counter()
+        p = build_clnlbeam(size) if model == "beam" else build_van_der_pol(size)[0]
+        out["build"] = time.perf_counter() - start
+        if maxtime:
+            p.setControl("tslp_maxtime", float(maxtime))
+        start = time.perf_counter()
+        p.solve()
+        out["solve"] = time.perf_counter() - start
+        out["objective"] = p.getObjVal()
+        out["iterations"] = int(_attribute(p, "tslp_iter", -1))
+        out["status"] = p.getProbStatusString()
+    out["peak_mb"] = _peak_mb()
+    return out
+
+
+def _run_scale_child(model, size, solver, maxtime):
+    cmd = [sys.executable, os.path.abspath(__file__), "--scale-child", "%s:%d:%s" % (model, size, solver),
+           "--large-maxtime", str(maxtime)]
+    try:
+        r = subprocess.run(cmd, capture_output=True, text=True, timeout=maxtime * 2 + 600)
+    except subprocess.TimeoutExpired:
+        return dict(model=model, size=size, solver=solver, error="killed")
+    lines = [l for l in r.stdout.splitlines() if l.startswith("{")]
+    if r.returncode != 0 or not lines:
+        tail = (r.stderr.strip().splitlines() or ["exit %d" % r.returncode])[-1]
+        return dict(model=model, size=size, solver=solver, error=tail)
+    return json.loads(lines[-1])
+
+
+def _exponent(a, b, key, size_key="size"):
+    if a.get(key, 0) <= 0 or b.get(key, 0) <= 0:
+        return float("nan")
+    return math.log(b[key] / a[key]) / math.log(b[size_key] / a[size_key])
+
+
+def run_scale(beams, vdp_rows, maxtime):
+    try:
+        import casadi  # noqa: F401
+        have_ipopt = WITH_IPOPT
+    except ImportError:
+        have_ipopt = False
+    for model, sizes, label in (("beam", beams, "N"), ("vdp", vdp_rows, "rows")):
+        if not sizes:
+            continue
+        title = "clnlbeam (3(N+1) columns, 2N rows)" if model == "beam" else "Van der Pol control"
+        print("\n%s" % title)
+        print("  %6s %8s %8s %5s %9s %8s %16s %9s %9s  %s" % (
+            label, "build s", "solve s", "iter", "ms/iter", "peak MB", "objective", "ipopt s", "ipopt MB",
+            "status"))
+        rows = []
+        for size in sizes:
+            r = _run_scale_child(model, size, "tarvo", maxtime)
+            ip = _run_scale_child(model, size, "ipopt", maxtime) if have_ipopt else {}
+            if "error" in r:
+                print("  %6d  failed: %s" % (size, r["error"]))
+                continue
+            r["per_iter"] = r["solve"] / max(1, r["iterations"])
+            rows.append(r)
+            ipt = ("%9.2f" % ip["solve"]) if "solve" in ip else "%9s" % ("-" if not ip else "failed")
+            ipm = ("%9.0f" % ip["peak_mb"]) if "peak_mb" in ip else "%9s" % "-"
+            rel = ""
+            if "objective" in ip:
+                rel = ", objective vs ipopt %.1e" % (abs(r["objective"] - ip["objective"]) /
+                                                      max(1.0, abs(ip["objective"])))
+            print("  %6d %8.2f %8.2f %5d %9.1f %8.0f %16.10g %s %s  %s%s" % (
+                size, r["build"], r["solve"], r["iterations"], 1000 * r["per_iter"], r["peak_mb"],
+                r["objective"], ipt, ipm, r["status"], rel))
+        for a, b in zip(rows, rows[1:]):
+            print("  growth %d -> %d: time/iter exponent %.2f, solve time %.2f, build %.2f, memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "solve"),
+                _exponent(a, b, "build"), _exponent(a, b, "peak_mb")))
+        if len(rows) > 2:
+            a, b = rows[0], rows[-1]
+            print("  growth %d -> %d: time/iter exponent %.2f, memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "peak_mb")))
+
+
 def main(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--only", action="append", metavar="NAME",
@@ -1509,6 +1685,11 @@ def main(argv=None):
     ap.add_argument("--in-process", action="store_true",
                     help="solve in this interpreter instead of one child per problem")
     ap.add_argument("--child", metavar="NAME", help=argparse.SUPPRESS)
+    ap.add_argument("--scale", action="store_true",
+                    help="scaling table of the beam and Van der Pol models (with Ipopt's times)")
+    ap.add_argument("--beam", type=int, action="append", metavar="N",
+                    help="beam sizes for --scale (default 1000 2000 5000 10000)")
+    ap.add_argument("--scale-child", help=argparse.SUPPRESS)
     ap.add_argument("--no-ipopt", action="store_true",
                     help="leave out the comparison with Ipopt (through casadi)")
     ap.add_argument("--maxtime", type=float, default=MAXTIME,
@@ -1525,6 +1706,13 @@ def main(argv=None):
         names = wanted
     if args.check:
         return 1 if run_check(names) else 0
+    if args.scale_child:
+        model, size, solver = args.scale_child.split(":")
+        print(json.dumps(scale_child(model, int(size), solver, args.large_maxtime)))
+        return 0
+    if args.scale:
+        run_scale(args.beam or [1000, 2000, 5000, 10000], args.rows or [2000, 10000], args.large_maxtime)
+        return 0
     tarvo.setOutputEnabled(False)
     if args.child:
         print(json.dumps(run_problem(args.child.upper(), args.maxtime)))

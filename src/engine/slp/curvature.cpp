@@ -63,8 +63,8 @@ void psd_part(std::vector<double>& A, int p) {
 // (every diagonal entry raised to the sum of the magnitudes off the diagonal in its row),
 // which needs no dense matrix.
 constexpr int kDenseBlock = 40;
-// Rows curved in more columns than this add no curvature: differencing their gradients
-// costs a gradient per column.
+// Rows whose Hessian needs more colours than this add no curvature: differencing their
+// gradients costs a gradient per colour.
 constexpr int kMaxCurvedRow = 2000;
 
 
@@ -186,44 +186,121 @@ void Run::objective_curvature() {
 }
 
 
+namespace {
+
+// Pattern and colouring of the Hessian of nonlinear row k on the sorted columns C (pairs with
+// a column outside C drop out). False when the pattern is too large or needs too many colours.
+bool row_hessian(const Evaluator& E, const Model& m, size_t k, const std::vector<int>& C, SparsePattern& pat,
+                 std::vector<int>& order, std::vector<int>& cstart) {
+    std::vector<std::pair<int, int>> pairs;
+    if (!hessian_pattern(E.tapes[k], E.roots[k], 4000000, pairs)) return false;
+    auto q = m.qrows.find(E.nlrows[k]);
+    if (q != m.qrows.end())
+        for (size_t e = 0; e < q->second.v.size(); ++e) pairs.emplace_back(q->second.i[e], q->second.j[e]);
+    auto pos = [&](int j) {
+        auto it = std::lower_bound(C.begin(), C.end(), j);
+        return it != C.end() && *it == j ? (int)(it - C.begin()) : -1;
+    };
+    size_t w = 0;
+    for (auto& e : pairs) {
+        int a = pos(e.first), b = pos(e.second);
+        if (a >= 0 && b >= 0) pairs[w++] = {a, b};
+    }
+    pairs.resize(w);
+    int p = (int)C.size();
+    pat = make_pattern(p, pairs);
+    std::vector<int> colour;
+    int nc = colour_columns(pat, colour);
+    if (nc > kMaxCurvedRow) return false;
+    cstart.assign(nc + 1, 0);
+    for (int a = 0; a < p; ++a) ++cstart[colour[a] + 1];
+    for (int c = 0; c < nc; ++c) cstart[c + 1] += cstart[c];
+    order.assign(p, 0);
+    std::vector<int> fill(cstart.begin(), cstart.end() - 1);
+    for (int a = 0; a < p; ++a) order[fill[colour[a]]++] = a;
+    return true;
+}
+
+}  // namespace
+
+// Sparsity and colouring of the Hessians of the rows curved in more than kDenseBlock
+// columns, once per run. A row whose pattern has too many entries, or needs more colours than
+// kMaxCurvedRow, adds no curvature.
+void Run::prepare_row_hessians() {
+    rowhess_ready = true;
+    size_t K = E.nlrows.size();
+    rowhess.assign(K, RowHessian());
+    for (size_t k = 0; k < K; ++k) {
+        if ((int)hcols[k].size() <= kDenseBlock) continue;
+        RowHessian& R = rowhess[k];
+        R.usable = row_hessian(E, m, k, hcols[k], R.pat, R.order, R.cstart);
+        if (!R.usable) R = RowHessian();
+    }
+}
+
 // The curvature of every curved column at x: the objective's share and, for every nonlinear
 // row with a non-zero multiplier, the diagonal of the positive semidefinite part of
 // -lambda_r times the row's Hessian (forward differences of its exact gradient over the
-// columns it is curved in).
+// columns it is curved in). Small rows difference one column at a time and take the exact
+// positive semidefinite part; larger ones difference one colour of their sparse Hessian at a
+// time (a gradient per colour) and raise each diagonal entry to the sum of the magnitudes off
+// the diagonal in its column.
 void Run::diag_curvature() {
+    if (!rowhess_ready) prepare_row_hessians();
     hd = objdiag;
-    std::vector<double> xs = x, g0, A, diag, off;
+    std::vector<double> xs = x, g0, A, diag, off, steps;
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
         int r = E.nlrows[k];
         double l = lam_h.empty() ? 0.0 : lam_h[r];
         const auto& C = hcols[k];
         int p = (int)C.size();
-        if (p == 0 || p > kMaxCurvedRow || !(std::fabs(l) > 1e-14)) continue;
+        bool dense = p <= kDenseBlock;
+        if (p == 0 || (!dense && !rowhess[k].usable) || !(std::fabs(l) > 1e-14)) continue;
         const auto& pat = E.pattern[k];
         g0.resize(p);
         for (int a = 0; a < p; ++a)
             g0[a] = nlgrad[k][std::lower_bound(pat.begin(), pat.end(), C[a]) - pat.begin()];
-        bool dense = p <= kDenseBlock;
         A.assign(dense ? (size_t)p * p : 0, 0.0);
         diag.assign(p, 0.0);
         off.assign(p, 0.0);
-        bool ok = true;
-        for (int b = 0; b < p && ok; ++b) {
-            // Column b of -lambda times the row's Hessian.
-            int j = C[b];
+        auto step_of = [&](int j) {
             double step = 1e-6 * std::max(1.0, std::fabs(x[j]));
             if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
             xs[j] = x[j] + step;
-            step = xs[j] - x[j];
-            double v;
-            ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
-            xs[j] = x[j];
-            if (!ok) break;
-            for (int a = 0; a < p; ++a) {
-                double hab = -l * (gscratch[C[a]] - g0[a]) / step;
-                if (dense) A[(size_t)a * p + b] = hab;
-                else if (a == b) diag[b] = hab;
-                else off[b] += std::fabs(hab);
+            return xs[j] - x[j];
+        };
+        bool ok = true;
+        if (dense) {
+            for (int b = 0; b < p && ok; ++b) {
+                // Column b of -lambda times the row's Hessian.
+                int j = C[b];
+                double step = step_of(j);
+                double v;
+                ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
+                xs[j] = x[j];
+                if (!ok) break;
+                for (int a = 0; a < p; ++a) A[(size_t)a * p + b] = -l * (gscratch[C[a]] - g0[a]) / step;
+            }
+        } else {
+            const RowHessian& R = rowhess[k];
+            steps.resize(p);
+            int nc = (int)R.cstart.size() - 1;
+            for (int c = 0; c < nc && ok; ++c) {
+                // One colour at a time: row a of H e_S holds H(a, b) for its one neighbour b in S.
+                for (int q = R.cstart[c]; q < R.cstart[c + 1]; ++q) steps[R.order[q]] = step_of(C[R.order[q]]);
+                double v;
+                ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
+                for (int q = R.cstart[c]; q < R.cstart[c + 1]; ++q) xs[C[R.order[q]]] = x[C[R.order[q]]];
+                if (!ok) break;
+                for (int q = R.cstart[c]; q < R.cstart[c + 1]; ++q) {
+                    int b = R.order[q];
+                    for (int e = R.pat.start[b]; e < R.pat.start[b + 1]; ++e) {
+                        int a = R.pat.idx[e];
+                        double hab = -l * (gscratch[C[a]] - g0[a]) / steps[b];
+                        if (a == b) diag[b] = hab;
+                        else off[b] += std::fabs(hab);
+                    }
+                }
             }
         }
         if (!ok) continue;   // a row that cannot be evaluated nearby adds no curvature

@@ -2,6 +2,7 @@
 // HiGHS instance (step_problem.cpp) and the curvature models (curvature.cpp).
 #pragma once
 
+#include "engine/slp/hessian.h"
 #include "engine/slp/solver.h"
 
 #include <chrono>
@@ -67,6 +68,16 @@ private:
     std::vector<double> objdiag;           // diagonal of the objective's convexified Hessian
     std::vector<char> hcurved;             // column is curved in some nonlinear row
     std::vector<double> lam_h;             // multipliers of the last step problem
+    // Rows curved in more than a few columns: the sparsity of their Hessian on hcols[k]
+    // (positions into it) and its colouring, the positions listed by colour.
+    struct RowHessian {
+        bool usable = false;
+        SparsePattern pat;
+        std::vector<int> order, cstart;   // positions by colour; colour c is order[cstart[c] .. cstart[c+1])
+    };
+    std::vector<RowHessian> rowhess;
+    bool rowhess_ready = false;
+    void prepare_row_hessians();
     void objective_curvature();
     void diag_curvature();
     void reset_segment_basis();
