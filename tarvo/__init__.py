@@ -5,25 +5,10 @@ written with ordinary operators over :class:`tarvo.var` objects, gathered in a
 :class:`tarvo.problem`, solved, and read back as floats, lists, dicts or NumPy arrays.
 """
 
-
-def _load_highs():
-    # The extension finds libhighs.so through its RPATH when installed next to highsbox;
-    # preloading it covers in-place builds used during development.
-    import ctypes
-    import os
-
-    try:
-        import highsbox
-    except ImportError:
-        return
-    path = os.path.join(highsbox.highs_lib_dir(), "libhighs.so")
-    if os.path.exists(path):
-        ctypes.CDLL(path, mode=ctypes.RTLD_GLOBAL)
-
-
-_load_highs()
-del _load_highs
-
+# libhighs.so is found through the extension's RPATH (the highsbox package next to tarvo, or
+# the build tree for in-place builds). It is never preloaded into the global symbol scope:
+# that would put this HiGHS in front of every extension imported later, and another
+# HiGHS-based package (highspy ships its own) would then bind to the wrong library.
 import numpy as _numpy  # noqa: E402,F401  (the extension imports NumPy's C API at load)
 
 try:

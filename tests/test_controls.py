@@ -115,4 +115,87 @@ def test_module_defaults_apply_to_new_problems(run_python):
             except tv.InterfaceError as e:
                 print(e)
             """)
-    assert out.split("\n")[:6] == ["1", "0 0", "0 True True", "True True", "ModelError", "Incorrect control name"]
+    assert out.split("\n")[:5] == ["1", "0 0", "0 True True", "True True", "ModelError"]
+    assert out.split("\n")[5].startswith("Incorrect control name: 'nosuch'")
+
+
+def test_unknown_names_are_named_and_the_closest_is_suggested():
+    p = tv.problem()
+    with pytest.raises(tv.InterfaceError) as e:
+        p.controls.feastl
+    assert str(e.value) == "Incorrect control name: 'feastl' (did you mean 'feastol'?)"
+    with pytest.raises(tv.InterfaceError, match=r"^Incorrect control name: 'MAXTIME' \(did you mean 'maxtime'\?\)$"):
+        p.setControl("MAXTIME", 5)
+    with pytest.raises(tv.InterfaceError, match=r"^Incorrect control name: 'presolv' \(did you mean 'presolve'\?\)$"):
+        tv.controls.presolv = 0
+    with pytest.raises(tv.InterfaceError, match=r"^Incorrect attribute name: 'rowz' \(did you mean 'rows'\?\)$"):
+        p.attributes.rowz
+    # Nothing close: the name alone.
+    with pytest.raises(tv.InterfaceError, match=r"^Incorrect control name: 'qqqqqqqqqqqqqqqqqqqq'$"):
+        p.setControl({"qqqqqqqqqqqqqqqqqqqq": 1})
+    with pytest.raises(tv.InterfaceError, match="^Requested value of an unknown control: 'FEASTOL'"):
+        p.getControl("FEASTOL")
+
+
+def test_reading_controls_from_inside_a_query_never_deadlocks(run_python):
+    # The names come from Python code that reads controls itself, in one thread and then in
+    # several at once; a lock held across user code hangs the interpreter.
+    out = run_python("""
+        import threading
+        import tarvo as tv
+        p = tv.problem()
+        def names():
+            for n in ("feastol", "presolve", "maxtime"):
+                p.controls.presolve                 # re-enters the catalogue
+                p.getControl("feastol")
+                yield n
+        print(sorted(p.getControl(names())))
+        print(sorted(p.getAttrib(iter(["rows", "cols"]))))
+        class Name(str):
+            def __hash__(self):
+                p.getControl("presolve")
+                return str.__hash__(self)
+            __eq__ = str.__eq__
+        print(p.getControl(Name("presolve")) == p.controls.presolve)
+        errors = []
+        def work():
+            try:
+                for _ in range(200):
+                    p.getControl(names())
+                    p.getControl()
+            except BaseException as e:
+                errors.append(e)
+        threads = [threading.Thread(target=work) for _ in range(4)]
+        for t in threads: t.start()
+        for t in threads: t.join()
+        print(errors)
+    """, timeout=120)
+    assert out.split("\n")[:4] == ["['feastol', 'maxtime', 'presolve']", "['cols', 'rows']", "True", "[]"]
+
+
+def test_module_defaults_are_applied_without_holding_locks(run_python):
+    # A default whose value runs Python code when the collector frees it, and new problems
+    # made from threads while defaults change.
+    out = run_python("""
+        import threading
+        import tarvo as tv
+        class Seconds(float):
+            def __del__(self):
+                tv.controls.maxtime                 # reads the defaults while they are cleared
+        tv.controls.maxtime = Seconds(5.0)
+        q = tv.problem()
+        print(q.controls.maxtime)
+        tv.setdefaults()
+        tv.controls.maxtime = Seconds(7.0)
+        tv.setdefaultcontrol("maxtime")
+        def work():
+            for k in range(100):
+                tv.controls.presolve = k % 2
+                q = tv.problem()
+                assert q.controls.presolve in (0, 1)
+        threads = [threading.Thread(target=work) for _ in range(3)]
+        for t in threads: t.start()
+        for t in threads: t.join()
+        print("done")
+    """, timeout=120)
+    assert out.split("\n")[:2] == ["5.0", "done"]

@@ -257,21 +257,19 @@ def test_files_that_cannot_be_read_or_written(tmp_path):
     for flags in ("", "l"):
         with pytest.raises(tv.SolverError, match="Could not open problem file .*for writing"):
             p.write(str(tmp_path / "missing" / "model"), flags)
-    # A file that is not a model: the problem ends up empty, lists and library alike, and
-    # takes a new model afterwards.
-    (tmp_path / "junk.mps").write_text("this is not\n a model file\n")
+    # A file that is not a model: the problem stays as it was, lists and library alike.
+    (tmp_path / "junk.mps").write_text("this is not\n a model file\nENDATA\n")
     (tmp_path / "junk.lp").write_text("maximize\n obj: 3 x +\nsubject to\n c1: x <=\nend\n")
-    for name, flags in (("junk.mps", ""), ("junk.lp", "l")):
+    for name, flags, message in (("junk.mps", "", "line 1 opens an unknown MPS section this"),
+                                 ("junk.lp", "l", "Could not read problem file")):
         q = p.copy()
-        with pytest.raises(tv.SolverError, match="Could not read problem file"):
+        with pytest.raises(tv.SolverError, match=message):
             q.read(str(tmp_path / name), flags)
-        assert q.getVariable() == [] and q.getConstraint() == []
-        assert q.attributes.cols == 0 and q.attributes.rows == 0
+        assert q.getVariable() == [x, y] and len(q.getConstraint()) == 1
+        assert q.attributes.cols == 2 and q.attributes.rows == 1
         indices_agree(q)
-        q.addVariable(x)
-        q.setObjective(x, sense=tv.maximize)
         q.solve()
-        assert q.getObjVal() == pytest.approx(5, abs=1e-9)
+        assert q.getObjVal() == pytest.approx(8, abs=1e-9)
     # The source of the copies is untouched.
     p.solve()
     assert p.getObjVal() == pytest.approx(8, abs=1e-9)

@@ -117,3 +117,95 @@ def test_evaluate_at_problem_columns(solved):
         tv.evaluate(x, problem=p, solution=[1, 2])
     with pytest.raises(tv.ModelError, match="Object does not belong to problem"):
         tv.evaluate(tv.var(), problem=p, solution=[1, 2, 3])
+
+
+INTEGER_SCALARS = [int, np.int64, np.int32, np.intc, np.int16, np.uint8, np.uint64, np.longlong]
+
+
+@pytest.fixture
+def distinct():
+    """A solved problem whose values and duals differ from every index (x = 3.5, 7.25, 0.5)."""
+    tv.setOutputEnabled(False)
+    x, y, z = tv.var(ub=3.5), tv.var(ub=10), tv.var()
+    cons = [y <= 7.25, z <= 0.5, x + y + z <= 11.25, y - z >= -3]
+    p = tv.problem(x, y, z, cons, 2 * x + 3 * y + 5 * z, sense=tv.maximize)
+    p.solve()
+    assert p.getSolution() == pytest.approx([3.5, 7.25, 0.5], abs=TOL)
+    yield p, (x, y, z), cons
+    tv.setOutputEnabled(True)
+
+
+@pytest.mark.parametrize("kind", INTEGER_SCALARS, ids=lambda k: k.__name__)
+def test_numpy_integers_are_indices_everywhere(distinct, kind):
+    # A NumPy integer names a column or row exactly as a Python int does; evaluated as a
+    # constant it would silently give the index back as the value.
+    p, (x, y, z), cons = distinct
+    sol, slack, dual, dj = p.getSolution(), p.getSlack(), p.getDual(), p.getRCost()
+    i1, i2 = kind(1), kind(2)
+    assert p.getSolution(i1) == pytest.approx(sol[1], abs=TOL)
+    assert p.getSolution([i2, i1]) == pytest.approx([sol[2], sol[1]], abs=TOL)
+    assert p.getSolution((i2, [i1]), flatten=True) == pytest.approx([sol[2], sol[1]], abs=TOL)
+    assert p.getSlack(i1) == pytest.approx(slack[1], abs=TOL)
+    assert p.getDual([i2, i1]) == pytest.approx([dual[2], dual[1]], abs=TOL)
+    assert p.getRCost(i2) == pytest.approx(dj[2], abs=TOL)
+    assert p.getVariable(index=i2) is z
+    assert p.getConstraint(index=[i1, i2]) == [cons[1], cons[2]]
+    with pytest.raises(tv.ModelError, match="Index out of range"):
+        p.getDual(kind(5))
+    assert p.getSolution(i1) != 1.0 and p.getSolution([i2, i1]) != [2.0, 1.0]
+
+
+@pytest.mark.parametrize("dtype", [np.int64, np.int32, np.uint16])
+def test_integer_arrays_are_index_arrays(distinct, dtype):
+    p, (x, y, z), cons = distinct
+    sol, dual = p.getSolution(), p.getDual()
+    idx = np.array([[2, 0], [1, 1]], dtype=dtype)
+    got = p.getSolution(idx)
+    assert isinstance(got, np.ndarray) and got.shape == (2, 2)
+    assert got.ravel().tolist() == pytest.approx([sol[2], sol[0], sol[1], sol[1]], abs=TOL)
+    assert p.getSolution(list(np.arange(3, dtype=dtype))) == pytest.approx(sol, abs=TOL)
+    assert p.getDual(np.arange(2, dtype=dtype)) == pytest.approx(dual[:2], abs=TOL)
+    assert p.getRCost(np.array([2], dtype=dtype)) == pytest.approx([p.getRCost(2)], abs=TOL)
+    assert p.getVariable(index=np.arange(3, dtype=dtype)) == [x, y, z]
+    with pytest.raises(tv.InterfaceError, match="out-of-range index"):
+        p.getSolution(np.array([0, 3], dtype=dtype))
+
+
+def test_indices_beyond_32_bits_do_not_wrap(solved):
+    p, (x, y, z), cons = solved
+    for big in (2**32 + 1, np.int64(2**32 + 1)):
+        with pytest.raises(tv.ModelError, match="Index out of range"):
+            p.getSlack(big)
+        with pytest.raises(tv.ModelError, match="Index out of range"):
+            p.validaterow(big)              # would wrap round to row 1
+    with pytest.raises(OverflowError):
+        p.getDual(np.uint64(2**64 - 1))
+
+
+def test_objective_value_needs_a_solution():
+    # An objective value of 0.0 after an infeasible solve would read as a real optimum.
+    tv.setOutputEnabled(False)
+    try:
+        x = tv.var(ub=1)
+        lp = tv.problem(x, x >= 2, x)
+        with pytest.raises(tv.SolverError, match="No LP solution available"):
+            lp.getObjVal()                  # never solved
+        lp.solve()
+        assert lp.getProbStatusString() == "lp_infeas"
+        with pytest.raises(tv.SolverError, match="No LP solution available"):
+            lp.getObjVal()
+        y = tv.var(vartype=tv.integer, ub=1)
+        mip = tv.problem(y, y >= 2, y)
+        mip.solve()
+        assert mip.getProbStatusString() == "mip_infeas"
+        with pytest.raises(tv.SolverError, match="No integer solution available"):
+            mip.getObjVal()
+        nl = tv.problem(y, tv.exp(y) <= 3, y)
+        with pytest.raises(tv.SolverError, match="No nonlinear solution is available"):
+            nl.getObjVal()                  # nonlinear, never solved
+        # Once the model is feasible again the value is there.
+        lp.delConstraint(lp.getConstraint(0))
+        lp.solve()
+        assert lp.getObjVal() == 0.0 and lp.getSolution(x) == 0.0
+    finally:
+        tv.setOutputEnabled(True)

@@ -88,7 +88,9 @@ def test_bound_codes_and_side_table_values():
     v.vartype = 9  # only the low three bits are kept
     assert v.vartype == 1
     v.name = 42
-    assert v.name == 42 and str(v) == "42"
+    assert v.name == 42
+    with pytest.raises(tarvo.ModelError, match="Invalid variable name"):
+        str(v)  # printed names are strings: 42 is refused, not converted
 
 
 def test_attribute_access_rules():

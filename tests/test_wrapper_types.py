@@ -28,9 +28,9 @@ def test_global_message_handlers_survive_many_solves(run_python):
     out = run_python("""
         import tarvo as tv
         kept = []
-        def keep(obj, data, msg, mtype):
-            kept.append((obj, data, msg, mtype))
-        def other(obj, data, msg, mtype):
+        def keep(obj, data, thread, msg, mtype, number):
+            kept.append((obj, data, thread, msg, mtype))
+        def other(obj, data, thread, msg, mtype, number):
             pass
         tv.addcbmsghandler(keep, None, 1)
         tv.addcbmsghandler(other, None, 2)

@@ -53,4 +53,24 @@ PyTypeObject BranchObjType = [] {
     return t;
 }();
 
+PyObject* branchobj_wrap(void* handle, PyObject* problem, int isoriginal) {
+    PyObject* o = BranchObjType.tp_alloc(&BranchObjType, 0);
+    if (!o) return nullptr;
+    BranchObject* b = reinterpret_cast<BranchObject*>(o);
+    b->handle = handle;
+    Py_XINCREF(problem);
+    b->problem = problem;
+    b->isoriginal = isoriginal;
+    return o;
+}
+
+int branchobj_take(PyObject* o, void** handle) {
+    if (!PyObject_TypeCheck(o, &BranchObjType)) return 0;
+    BranchObject* b = reinterpret_cast<BranchObject*>(o);
+    *handle = b->handle;
+    b->handle = nullptr;
+    Py_CLEAR(b->problem);
+    return 1;
+}
+
 }  // namespace tarvo

@@ -126,6 +126,33 @@ typedef void (*TRVOcbmessage)(TRVOprob prob, void* context, const char* msg, int
 typedef int (*TRVOmsghandler)(void* object, void* context, void* thread, const char* msg,
                               int msgtype, int msgnumber);
 
+/* Solve callbacks (kinds 0 to 18 of the module's registry). Several may be registered per
+   kind with a priority; they are called highest priority first, equal priorities in the order
+   of registration. A non-zero return of lplog, barlog, globallog, cutlog or checktime stops the
+   solve (stop reason TRVO_STOP_USER). */
+typedef int (*TRVOcbsimple)(TRVOprob prob, void* context);     /* lplog barlog globallog cutlog checktime */
+typedef void (*TRVOcbnotify)(TRVOprob prob, void* context);    /* intsol infnode destroymt */
+/* bariteration: *action non-zero stops the interior-point run. */
+typedef void (*TRVOcbbariteration)(TRVOprob prob, void* context, int* action);
+/* optnode, prenode: *infeasible set non-zero marks the node infeasible. */
+typedef void (*TRVOcbnodeinfeas)(TRVOprob prob, void* context, int* infeasible);
+typedef void (*TRVOcbnodecutoff)(TRVOprob prob, void* context, int node);
+typedef void (*TRVOcbnewnode)(TRVOprob prob, void* context, int parentnode, int node, int branch);
+/* mipthread: threadprob is the problem a search worker solves its nodes on. */
+typedef void (*TRVOcbmipthread)(TRVOprob prob, void* context, TRVOprob threadprob);
+/* preintsol: soltype 0 from a node relaxation, 1 from a heuristic, 2 from a user solution;
+   *reject set non-zero rejects the solution, *cutoff may be lowered. */
+typedef void (*TRVOcbpreintsol)(TRVOprob prob, void* context, int soltype, int* reject,
+                                double* cutoff);
+/* gapnotify: the four targets are in/out; a target reached ends the search. */
+typedef void (*TRVOcbgapnotify)(TRVOprob prob, void* context, double* relgaptarget,
+                                double* absgaptarget, double* absobjtarget, double* absboundtarget);
+/* usersolnotify: status 0 the solution was accepted as feasible, 1 it is infeasible, 2 it
+   could not be completed, 3 it was not better than the incumbent. */
+typedef void (*TRVOcbusersolnotify)(TRVOprob prob, void* context, const char* solname, int status);
+/* chgbranchobject: bo is the branching object the search proposes; *newbo may receive another. */
+typedef void (*TRVOcbchgbranchobject)(TRVOprob prob, void* context, void* bo, void** newbo);
+
 /* ---- environment */
 int TRVOinit(const char* path);
 int TRVOfree(void);
@@ -151,6 +178,44 @@ int TRVOgetlasterror(TRVOprob prob, char* msg);        /* buffer of 512 bytes */
 int TRVOinterrupt(TRVOprob prob, int reason);
 int TRVOaddcbmessage(TRVOprob prob, TRVOcbmessage f, void* context, int priority);
 int TRVOremovecbmessage(TRVOprob prob, TRVOcbmessage f, void* context);  /* null f: all */
+/* Solve callbacks: add (several per kind, by priority) and remove (null f: every one of the
+   kind; null context: any context). */
+int TRVOaddcbbariteration(TRVOprob prob, TRVOcbbariteration f, void* context, int priority);
+int TRVOremovecbbariteration(TRVOprob prob, TRVOcbbariteration f, void* context);
+int TRVOaddcbbarlog(TRVOprob prob, TRVOcbsimple f, void* context, int priority);
+int TRVOremovecbbarlog(TRVOprob prob, TRVOcbsimple f, void* context);
+int TRVOaddcbchgbranchobject(TRVOprob prob, TRVOcbchgbranchobject f, void* context, int priority);
+int TRVOremovecbchgbranchobject(TRVOprob prob, TRVOcbchgbranchobject f, void* context);
+int TRVOaddcbcutlog(TRVOprob prob, TRVOcbsimple f, void* context, int priority);
+int TRVOremovecbcutlog(TRVOprob prob, TRVOcbsimple f, void* context);
+int TRVOaddcbdestroymt(TRVOprob prob, TRVOcbnotify f, void* context, int priority);
+int TRVOremovecbdestroymt(TRVOprob prob, TRVOcbnotify f, void* context);
+int TRVOaddcbgapnotify(TRVOprob prob, TRVOcbgapnotify f, void* context, int priority);
+int TRVOremovecbgapnotify(TRVOprob prob, TRVOcbgapnotify f, void* context);
+int TRVOaddcbgloballog(TRVOprob prob, TRVOcbsimple f, void* context, int priority);
+int TRVOremovecbgloballog(TRVOprob prob, TRVOcbsimple f, void* context);
+int TRVOaddcbinfnode(TRVOprob prob, TRVOcbnotify f, void* context, int priority);
+int TRVOremovecbinfnode(TRVOprob prob, TRVOcbnotify f, void* context);
+int TRVOaddcbintsol(TRVOprob prob, TRVOcbnotify f, void* context, int priority);
+int TRVOremovecbintsol(TRVOprob prob, TRVOcbnotify f, void* context);
+int TRVOaddcblplog(TRVOprob prob, TRVOcbsimple f, void* context, int priority);
+int TRVOremovecblplog(TRVOprob prob, TRVOcbsimple f, void* context);
+int TRVOaddcbmipthread(TRVOprob prob, TRVOcbmipthread f, void* context, int priority);
+int TRVOremovecbmipthread(TRVOprob prob, TRVOcbmipthread f, void* context);
+int TRVOaddcbnewnode(TRVOprob prob, TRVOcbnewnode f, void* context, int priority);
+int TRVOremovecbnewnode(TRVOprob prob, TRVOcbnewnode f, void* context);
+int TRVOaddcbnodecutoff(TRVOprob prob, TRVOcbnodecutoff f, void* context, int priority);
+int TRVOremovecbnodecutoff(TRVOprob prob, TRVOcbnodecutoff f, void* context);
+int TRVOaddcboptnode(TRVOprob prob, TRVOcbnodeinfeas f, void* context, int priority);
+int TRVOremovecboptnode(TRVOprob prob, TRVOcbnodeinfeas f, void* context);
+int TRVOaddcbpreintsol(TRVOprob prob, TRVOcbpreintsol f, void* context, int priority);
+int TRVOremovecbpreintsol(TRVOprob prob, TRVOcbpreintsol f, void* context);
+int TRVOaddcbprenode(TRVOprob prob, TRVOcbnodeinfeas f, void* context, int priority);
+int TRVOremovecbprenode(TRVOprob prob, TRVOcbnodeinfeas f, void* context);
+int TRVOaddcbusersolnotify(TRVOprob prob, TRVOcbusersolnotify f, void* context, int priority);
+int TRVOremovecbusersolnotify(TRVOprob prob, TRVOcbusersolnotify f, void* context);
+int TRVOaddcbchecktime(TRVOprob prob, TRVOcbsimple f, void* context, int priority);
+int TRVOremovecbchecktime(TRVOprob prob, TRVOcbsimple f, void* context);
 
 /* ---- controls and attributes */
 /* The catalogue: parallel arrays owned by the library, ended by identifier 0. Flags: 0x1

@@ -102,26 +102,17 @@ int reflected(int op) {
     }
 }
 
-// Elementwise comparison of the array b with a (op already reflected). NumPy collapses rich
-// comparisons of objects to booleans; asking for an object result keeps the constraints. Arrays
-// of the module's own dtypes have comparison loops of their own and are tried first.
+// Elementwise comparison of the array b with a (op already reflected): NumPy's ufunc for the
+// comparison, which hands the call to the modelling types' __array_ufunc__, so that `x >= A`
+// and `A <= x` take the same path and give the same constraint array.
 PyObject* array_compare(PyObject* b, PyObject* a, int op) {
-    if (PyArray_DESCR(reinterpret_cast<PyArrayObject*>(b))->type_num >= NPY_USERDEF) {
-        PyRef r(PyObject_RichCompare(b, a, op));
-        if (!r || !is_ndarray(r.get()) ||
-            PyArray_DESCR(reinterpret_cast<PyArrayObject*>(r.get()))->type_num != NPY_BOOL)
-            return r.release();
-    }
     static const char* names[] = {"less", "less_equal", "equal", "not_equal", "greater", "greater_equal"};
     if (op < Py_LT || op > Py_GE) return model_error("Invalid constraint: unrecognized comparison operator");
     PyRef numpy(PyImport_ImportModule("numpy"));
     if (!numpy) return nullptr;
     PyRef ufunc(PyObject_GetAttrString(numpy.get(), names[op]));
     if (!ufunc) return nullptr;
-    PyRef args(PyTuple_Pack(2, b, a));
-    PyRef kwargs(Py_BuildValue("{s:O}", "dtype", reinterpret_cast<PyObject*>(&PyBaseObject_Type)));
-    if (!args || !kwargs) return nullptr;
-    return PyObject_Call(ufunc.get(), args.get(), kwargs.get());
+    return PyObject_CallFunctionObjArgs(ufunc.get(), b, a, nullptr);
 }
 
 // a - b with the subtraction of the first modelling type found among the operands.

@@ -422,6 +422,7 @@ PyMethodDef expression_methods[] = {
      "Returns the variables and coefficients of the linear part of the expression."},
     {"extractQuadratic", expression_extract_quadratic, METH_NOARGS,
      "Returns the first variables, second variables and coefficients of the quadratic part of the expression."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 int expression_no_init(PyObject* self, PyObject*, PyObject*) {

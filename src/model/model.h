@@ -44,6 +44,16 @@ int operand_kind(PyObject* o);
 // The same classification without setting an exception.
 int operand_kind_quiet(PyObject* o);
 
+// __array_ufunc__ of var, linterm, quadterm, expression and nonlinear: ufuncs with a modelling
+// object among their operands run elementwise on the modelling operators, whichever side the
+// object is on (defined with the NumPy dtypes).
+PyObject* model_array_ufunc(PyObject* self, PyObject* args, PyObject* kw);
+#define MODEL_ARRAY_UFUNC_METHOD                                                                         \
+    {"__array_ufunc__", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(model_array_ufunc)), \
+     METH_VARARGS | METH_KEYWORDS,                                                                     \
+     "__array_ufunc__($self, ufunc, method, /, *inputs, **kwargs)\n--\n\n"                             \
+     "Apply a NumPy ufunc elementwise with the modelling operators, whichever operand this object is."}
+
 // ---------------------------------------------------------------- term maps
 // Ordered by variable serial; each map owns one reference to each key variable and never
 // stores an exact zero coefficient.

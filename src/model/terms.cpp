@@ -340,10 +340,12 @@ PyObject* quadterm_extract_quadratic(PyObject* self, PyObject*) {
 PyMethodDef linterm_methods[] = {
     {"extractLinear", linterm_extract_linear, METH_NOARGS, "Returns ([var], [coef]) of the linear term."},
     {"extractQuadratic", linterm_extract_quadratic, METH_NOARGS, "Returns three empty lists."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 PyMethodDef quadterm_methods[] = {
     {"extractLinear", quadterm_extract_linear, METH_NOARGS, "Returns two empty lists."},
     {"extractQuadratic", quadterm_extract_quadratic, METH_NOARGS, "Returns ([var1], [var2], [coef])."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 PyObject* linterm_add_slot(PyObject* a, PyObject* b) { return linterm_sum(a, b, 1.0); }

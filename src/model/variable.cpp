@@ -106,10 +106,12 @@ bool var_name_text(PyObject* v, std::string* out) {
         out->assign(PyBytes_AS_STRING(name.get()), PyBytes_GET_SIZE(name.get()));
         return true;
     }
-    PyRef text(PyObject_Str(name.get()));
-    if (!text) return false;
+    if (!PyUnicode_Check(name.get())) {
+        PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
+        return false;
+    }
     Py_ssize_t n = 0;
-    const char* s = PyUnicode_AsUTF8AndSize(text.get(), &n);
+    const char* s = PyUnicode_AsUTF8AndSize(name.get(), &n);
     if (!s) return false;
     out->assign(s, n);
     return true;
@@ -388,13 +390,15 @@ PyObject* var_str(PyObject* self) {
     if (PyUnicode_Check(name.get())) return name.release();
     if (PyBytes_Check(name.get()))
         return PyUnicode_DecodeUTF8(PyBytes_AS_STRING(name.get()), PyBytes_GET_SIZE(name.get()), "replace");
-    return PyObject_Str(name.get());
+    // Names are set only as str or bytes; anything else is refused rather than converted.
+    PyErr_SetString(ModelError, "Invalid variable name (must be a string)");
+    return nullptr;
 }
 
 Py_hash_t var_hash(PyObject* self) { return static_cast<Py_hash_t>(as_var(self)->word & 0xffffffffu); }
 
 bool is_array_protocol_name(const char* s) {
-    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__",
+    static const char* names[] = {"__array_interface__", "__array_priority__", "__array__", "__array_ufunc__",
                                   "__array_struct__", "__array_prepare__", "__array_wrap__"};
     for (const char* n : names)
         if (std::strcmp(s, n) == 0) return true;
@@ -437,7 +441,7 @@ static int var_setattro_body(PyObject* self, PyObject* attr, PyObject* value) {
         return -1;
     }
     if (s[0] == 'n') {
-        var_set_name(word, value);
+        var_set_name(word, value);  // unchecked, as all attributes; printing refuses a non-string
         return 0;
     }
     if (s[0] == 'v') {
@@ -474,6 +478,7 @@ PyMethodDef var_methods[] = {
      "Returns the variables and coefficients of the linear part of the variable: ([self], [1.0])."},
     {"extractQuadratic", var_extract_quadratic, METH_NOARGS,
      "Returns the variables and coefficients of the quadratic part of the variable (empty lists)."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
 PyNumberMethods var_as_number = [] {

@@ -34,7 +34,8 @@ bool output_on() {
 
 // The library's global handler: everything but problem messages (those come through the
 // problem's own printer) goes to sys.stdout while output is enabled.
-int global_message_printer(void* object, void*, void*, const char* msg, int, int) {
+int global_message_printer(void* object, void*, void*, const char* msg, int type, int) {
+    if (type < 0) return 0;  // the greeting every handler gets first carries no text
     const char* tname = nullptr;
     if (object && TRVOgetobjecttypename(object, &tname) == 0 && tname && std::strcmp(tname, "TRVOprob") == 0)
         return 0;
@@ -43,12 +44,16 @@ int global_message_printer(void* object, void*, void*, const char* msg, int, int
 }
 
 // The library-side function registered for every user handler; the entry [handler, data]
-// is the registration's context.
+// is the registration's context. An exception the handler raises stays pending and suppresses
+// every later handler call until it surfaces: from the calling Python code when the library
+// called on its thread, else (a library thread) from the solve of the sending problem, which
+// collects it when it returns.
 int msghandler_trampoline(void* object, void* context, void* thread, const char* msg, int type, int number) {
     if (interpreter_finalizing()) return 0;
+    bool own_thread = PyGILState_Check() != 0;
     PyGILState_STATE gil = PyGILState_Ensure();
     int rc = 0;
-    if (!PyErr_Occurred()) {
+    if (!PyErr_Occurred() && !callback_exception_pending(object)) {
         PyObject* entry = static_cast<PyObject*>(context);
         PyObject* handler = entry && PyList_Check(entry) && PyList_GET_SIZE(entry) == 2 ? PyList_GET_ITEM(entry, 0) : nullptr;
         PyObject* data = handler ? PyList_GET_ITEM(entry, 1) : nullptr;
@@ -64,6 +69,10 @@ int msghandler_trampoline(void* object, void* context, void* thread, const char*
                 CallbackRef args(Py_BuildValue("(OOOsii)", obj.get(), data, thr.get(), msg ? msg : "", type, number));
                 if (args) CallbackRef(PyObject_Call(handler, args.get(), nullptr));
             }
+        }
+        if (!own_thread && PyErr_Occurred()) {
+            if (object) callback_exception_keep(object);
+            else PyErr_WriteUnraisable(nullptr);  // no solve to surface from
         }
     }
     PyGILState_Release(gil);
@@ -226,7 +235,9 @@ int install_problem_printers(ProblemObject* p) {
         problem_error(p);
         return -1;
     }
-    if (p->slp && TSLPsetcbmessage(p->slp, slp_message_printer, nullptr) != 0) {
+    // A nonlinear message callback the user set (kind 36, copied onto a new copy of a problem)
+    // takes the printer's place and keeps it.
+    if (p->slp && !p->callbacks[36] && TSLPsetcbmessage(p->slp, slp_message_printer, nullptr) != 0) {
         problem_error(p);
         return -1;
     }

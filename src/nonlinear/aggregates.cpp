@@ -72,7 +72,24 @@ int aggregate_walk(PyObject* args, const std::function<int(PyObject*)>& fn) {
             PyRef hold(el);
             if (visit(el) < 0) return -1;
         }
-        if (PyErr_Occurred()) return -1;
+        if (PyErr_Occurred()) {
+            // The collection itself failed (a generator that raised): report it as such, with
+            // the original exception as the cause. Interrupts and exits pass unchanged.
+            if (!PyErr_ExceptionMatches(PyExc_Exception)) return -1;
+            PyObject *type, *value, *tb;
+            PyErr_Fetch(&type, &value, &tb);
+            PyErr_NormalizeException(&type, &value, &tb);
+            if (tb) PyException_SetTraceback(value, tb);
+            Py_XDECREF(type);
+            Py_XDECREF(tb);
+            model_error("Cannot iterate over sequence");
+            PyObject *t2, *v2, *tb2;
+            PyErr_Fetch(&t2, &v2, &tb2);
+            PyErr_NormalizeException(&t2, &v2, &tb2);
+            PyException_SetCause(v2, value);  // steals value
+            PyErr_Restore(t2, v2, tb2);
+            return -1;
+        }
         return 0;
     }
     return visit(coll);
@@ -296,6 +313,12 @@ PyObject* dot_two(PyObject* A, PyObject* B) {
             if (!t) return nullptr;
             if (!acc) {
                 acc = std::move(t);
+                continue;
+            }
+            if (is_number(acc.get()) && is_number(t.get())) {
+                // Numbers times numbers stay a number (object arrays may hold only numbers).
+                acc.reset(PyFloat_FromDouble(number_value(acc.get()) + number_value(t.get())));
+                if (!acc) return nullptr;
                 continue;
             }
             if (sum_combine(acc, t.get()) < 0) return nullptr;

@@ -280,6 +280,22 @@ bool eval_value(PyObject* o, const EvalContext& ctx, int depth, double* out) {
 
 PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth);
 
+// In getSolution() an integer (Python or NumPy) or a string names a column.
+bool is_query_key(PyObject* o, const EvalContext& ctx) {
+    return ctx.query_mode && ctx.column_by_key &&
+           (PyLong_Check(o) || PyArray_IsScalar(o, Integer) || PyUnicode_Check(o));
+}
+
+// The solution value of the column named by an index or a name.
+bool keyed_value(PyObject* key, const EvalContext& ctx, double* out) {
+    Py_ssize_t col = ctx.column_by_key(ctx.problem, key);
+    if (col < 0 && PyErr_Occurred()) return false;
+    if (col < 0 || col >= ctx.count)
+        return fail(InterfaceError, "Call to tarvo.problem.getSolution() contains an out-of-range index");
+    *out = ctx.values[col];
+    return true;
+}
+
 // Nested containers recurse under the interpreter's recursion limit.
 PyObject* eval_walk(PyObject* o, const EvalContext& ctx, int depth) {
     if (Py_EnterRecursiveCall(" while evaluating a container")) return nullptr;
@@ -291,7 +307,9 @@ PyObject* eval_walk(PyObject* o, const EvalContext& ctx, int depth) {
 PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
     if (is_ndarray(o)) {
         PyArrayObject* a = reinterpret_cast<PyArrayObject*>(o);
-        if (!array_holds_objects(a) || PyArray_TYPE(a) == npconstraint_typenum) {
+        // In a query an integer array holds column indices, like a list of ints.
+        bool keys = ctx.query_mode && ctx.column_by_key && PyTypeNum_ISINTEGER(PyArray_TYPE(a));
+        if (!keys && (!array_holds_objects(a) || PyArray_TYPE(a) == npconstraint_typenum)) {
             PyErr_SetString(InterfaceError,
                             "tarvo.evaluate() requires one or more Python objects;\n"
                             "NumPy arrays must be of dtype tarvo.npvar, tarvo.npexpr, or tarvo.npconstraint.");
@@ -309,7 +327,9 @@ PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
         PyArrayIterObject* iter = reinterpret_cast<PyArrayIterObject*>(it.get());
         for (npy_intp i = 0; iter->index < iter->size; ++i) {
             PyRef el(PyArray_GETITEM(a, static_cast<char*>(iter->dataptr)));
-            if (!el || !eval_value(el.get(), ctx, depth - 1, &out[i])) return nullptr;
+            if (!el) return nullptr;
+            if (keys ? !keyed_value(el.get(), ctx, &out[i]) : !eval_value(el.get(), ctx, depth - 1, &out[i]))
+                return nullptr;
             PyArray_ITER_NEXT(iter);
         }
         return res.release();
@@ -325,14 +345,10 @@ PyObject* eval_walk_guarded(PyObject* o, const EvalContext& ctx, int depth) {
         }
         return res.release();
     }
-    if (ctx.query_mode && (PyLong_Check(o) || PyUnicode_Check(o)) && ctx.column_by_key) {
-        Py_ssize_t col = ctx.column_by_key(ctx.problem, o);
-        if (col < 0 && PyErr_Occurred()) return nullptr;
-        if (col < 0 || col >= ctx.count) {
-            PyErr_SetString(InterfaceError, "Call to tarvo.problem.getSolution() contains an out-of-range index");
-            return nullptr;
-        }
-        return PyFloat_FromDouble(ctx.values[col]);
+    if (is_query_key(o, ctx)) {
+        double v;
+        if (!keyed_value(o, ctx, &v)) return nullptr;
+        return PyFloat_FromDouble(v);
     }
     bool tuple = PyTuple_Check(o);
     if (tuple || PyList_Check(o) ||

@@ -334,8 +334,9 @@ struct Emitter {
         if (function) tok(TOK_LB, 0);
         if (op == NL_USER || op == NL_USER_DERIV) {
             int idx = 0;
-            if (args.empty() || !PyCallable_Check(args[0]))
-                return fail("First argument of a user() operator must be the function itself");
+            if (args.empty())
+                return fail("Invalid user function, must specify at least one argument (the user function itself)");
+            if (!PyCallable_Check(args[0])) return fail("First argument of a user() operator must be the function itself");
             if (register_user_function(p, a, op == NL_USER_DERIV, &idx) < 0) return -1;
             for (size_t i = args.size(); i-- > 1;)
                 if (emit(args[i], depth - 1) < 0) return -1;

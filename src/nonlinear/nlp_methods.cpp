@@ -119,7 +119,8 @@ int fill_list(ProblemObject* p, PyObject* target, const std::vector<double>& v) 
 int fill_objects(PyObject* target, PyObject* objects, const int* idx, int n) {
     if (!target || target == Py_None) return 0;
     if (!PyList_Check(target)) {
-        PyErr_SetString(InterfaceError, "Incorrect argument to getcoefformula or excessive buffersize");
+        // An output argument that is not a list, as for every method that fills outputs.
+        PyErr_SetString(ModelError, "Unexpected argument to conv_arr2obj");
         return -1;
     }
     PyRef items(PyList_New(n));

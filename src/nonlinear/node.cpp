@@ -716,6 +716,7 @@ PyMethodDef node_methods[] = {
     {"extractQuadratic", meth_extract_quadratic, METH_NOARGS,
      "Returns the variables and coefficients of the quadratic part of any expression.\n\n"
      "The result is a tuple (first variables, second variables, coefficients) of three lists."},
+    MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr},
 };
 

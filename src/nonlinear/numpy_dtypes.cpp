@@ -325,7 +325,78 @@ int register_casts() {
     return 0;
 }
 
+// ---------------------------------------------------------------- __array_ufunc__
+
+// Whether the ufunc has loops of its own for npvar and npexpr.
+bool has_model_loops(PyObject* ufunc) {
+    PyRef name(PyObject_GetAttrString(ufunc, "__name__"));
+    const char* s = name && PyUnicode_Check(name.get()) ? PyUnicode_AsUTF8(name.get()) : nullptr;
+    if (!s) {
+        PyErr_Clear();
+        return false;
+    }
+    for (const UfuncRow& row : ufunc_rows)
+        if (std::strcmp(row.name, s) == 0) return true;
+    return false;
+}
+
+// A zero-dimensional array of the given dtype holding o.
+PyObject* zero_dim(int typenum, PyObject* o) {
+    PyArray_Descr* d = PyArray_DescrFromType(typenum);
+    if (!d) return nullptr;
+    PyRef a(PyArray_NewFromDescr(&PyArray_Type, d, 0, nullptr, nullptr, nullptr, 0, nullptr));
+    if (!a) return nullptr;
+    PyArrayObject* arr = reinterpret_cast<PyArrayObject*>(a.get());
+    if (PyArray_SETITEM(arr, static_cast<char*>(PyArray_DATA(arr)), o) < 0) return nullptr;
+    return a.release();
+}
+
+// One operand of a ufunc call, made ready for the elementwise path: a modelling object
+// becomes a zero-dimensional npvar (a variable) or npexpr array, an object array an npexpr
+// array (its elements may be numbers or modelling objects alike), so that the loops of the
+// modelling operators apply. Without loops of its own for the ufunc (sin, less, ...), a
+// modelling object becomes a zero-dimensional object array and NumPy's object loop runs,
+// exactly as for an object array holding it.
+PyObject* ufunc_operand(PyObject* o, bool model_loops) {
+    int kind = operand_kind_quiet(o);
+    if (kind >= K_VAR) {
+        if (!model_loops) return zero_dim(NPY_OBJECT, o);
+        return zero_dim(kind == K_VAR ? npvar_typenum : npexpr_typenum, o);
+    }
+    if (model_loops && is_ndarray(o) && PyArray_TYPE(reinterpret_cast<PyArrayObject*>(o)) == NPY_OBJECT) {
+        PyArray_Descr* d = PyArray_DescrFromType(npexpr_typenum);
+        if (!d) return nullptr;
+        return PyArray_CastToType(reinterpret_cast<PyArrayObject*>(o), d, 0);
+    }
+    return new_ref(o);
+}
+
 }  // namespace
+
+// __array_ufunc__ of the modelling types. NumPy calls it for every ufunc that has a modelling
+// object among its operands, in either position: `A <= x` with A a float array reaches here
+// through ndarray.__le__, and is computed by the same loops as `x >= A`. Without it NumPy would
+// wrap x in an object array and its comparison loop would turn each constraint into True.
+PyObject* model_array_ufunc(PyObject*, PyObject* args, PyObject* kw) {
+    Py_ssize_t n = PyTuple_GET_SIZE(args);
+    if (n < 2) {
+        PyErr_SetString(PyExc_TypeError, "__array_ufunc__(ufunc, method, *inputs, **kwargs) needs a ufunc and a method");
+        return nullptr;
+    }
+    PyObject* ufunc = PyTuple_GET_ITEM(args, 0);
+    PyObject* method = PyTuple_GET_ITEM(args, 1);
+    if (!PyUnicode_Check(method) || PyUnicode_CompareWithASCIIString(method, "__call__") != 0)
+        Py_RETURN_NOTIMPLEMENTED;  // reduce, accumulate, at, ...: NumPy raises its TypeError
+    bool model_loops = has_model_loops(ufunc);
+    PyRef inputs(PyTuple_New(n - 2));
+    if (!inputs) return nullptr;
+    for (Py_ssize_t i = 2; i < n; ++i) {
+        PyObject* op = ufunc_operand(PyTuple_GET_ITEM(args, i), model_loops);
+        if (!op) return nullptr;
+        PyTuple_SET_ITEM(inputs.get(), i - 2, op);
+    }
+    return PyObject_Call(ufunc, inputs.get(), kw);
+}
 
 int numpy_dtypes_create() {
     static const DtypeDef defs[3] = {

@@ -5,8 +5,11 @@
 #include "module/hooks.h"
 
 #include <cctype>
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace tarvo {
 
@@ -23,15 +26,102 @@ struct ControlObject {
 
 ControlObject* as_ctl(PyObject* o) { return reinterpret_cast<ControlObject*>(o); }
 
-// Catalogue entry of a name: 0 found, 1 absent, -1 error.
-int lookup(PyObject* catalogue, PyObject* name, int* id, int* type, int* library) {
+std::string lower(const char* s) {
+    std::string r;
+    for (size_t i = 0; s[i] && i < 128; ++i) r.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(s[i]))));
+    return r;
+}
+
+struct Entry {
+    int id = 0, type = 0, library = 0;
+};
+
+// Reads a catalogue tuple (identifier, type, library); no Python code runs.
+Entry entry_of(PyObject* e) {
+    Entry r;
+    r.id = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 0)));
+    r.type = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 1)));
+    r.library = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 2)));
+    return r;
+}
+
+// The catalogue lock is never held while Python code or the engine runs: user code (a
+// generator of names, a finaliser run by the collector) may read a control itself, and another
+// thread may take the interpreter lock and wait for the catalogue lock. Lookups therefore use
+// an exact str key (a str subclass could hash or compare in Python) and copy the entry out.
+
+// A name as an exact str (a new reference), so that dictionary lookups run no Python code.
+PyObject* exact_str(PyObject* name) {
+    if (PyUnicode_CheckExact(name)) {
+        Py_INCREF(name);
+        return name;
+    }
+    return PyUnicode_FromObject(name);
+}
+
+// Catalogue entry of a name: 0 found, 1 absent (no exception), -1 error.
+int lookup(PyObject* catalogue, PyObject* name, Entry* out) {
+    if (!PyUnicode_Check(name)) return 1;
+    PyRef key(exact_str(name));
+    if (!key) return -1;
     std::lock_guard<std::mutex> g(state.locks->catalogue);
-    PyObject* e = PyDict_GetItemWithError(catalogue, name);
+    PyObject* e = PyDict_GetItemWithError(catalogue, key.get());
     if (!e) return PyErr_Occurred() ? -1 : 1;
-    *id = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 0)));
-    *type = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 1)));
-    *library = static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 2)));
+    *out = entry_of(e);
     return 0;
+}
+
+// Edit distance between two names, for suggesting the closest catalogue name.
+size_t edit_distance(const std::string& a, const std::string& b) {
+    std::vector<size_t> row(b.size() + 1);
+    for (size_t j = 0; j <= b.size(); ++j) row[j] = j;
+    for (size_t i = 1; i <= a.size(); ++i) {
+        size_t diag = row[0];
+        row[0] = i;
+        for (size_t j = 1; j <= b.size(); ++j) {
+            size_t up = row[j];
+            row[j] = std::min({row[j] + 1, row[j - 1] + 1, diag + (a[i - 1] == b[j - 1] ? 0 : 1)});
+            diag = up;
+        }
+    }
+    return row[b.size()];
+}
+
+// Raises InterfaceError "<text>: '<name>'", followed by the closest name of the catalogue when
+// one is near enough to be a likely misspelling (case differences count as nothing).
+void unknown_name_error(const char* text, PyObject* catalogue, PyObject* name) {
+    const char* given = PyUnicode_Check(name) ? PyUnicode_AsUTF8(name) : nullptr;
+    if (!given) {
+        PyErr_Clear();
+        PyErr_Format(InterfaceError, "%s: %R", text, name);
+        return;
+    }
+    std::string wanted = lower(given);
+    std::vector<std::string> names;
+    {
+        std::lock_guard<std::mutex> g(state.locks->catalogue);
+        PyObject *k, *v;
+        Py_ssize_t pos = 0;
+        while (PyDict_Next(catalogue, &pos, &k, &v)) {
+            const char* s = PyUnicode_Check(k) ? PyUnicode_AsUTF8(k) : nullptr;
+            if (s) names.emplace_back(s);
+        }
+    }
+    PyErr_Clear();
+    std::string best;
+    size_t best_d = std::string::npos;
+    for (const std::string& n : names) {
+        size_t d = edit_distance(wanted, n);
+        if (d < best_d || (d == best_d && n < best)) {
+            best_d = d;
+            best = n;
+        }
+    }
+    size_t limit = std::max<size_t>(2, wanted.size() / 3);
+    if (!best.empty() && best_d <= limit)
+        PyErr_Format(InterfaceError, "%s: '%s' (did you mean '%s'?)", text, given, best.c_str());
+    else
+        PyErr_Format(InterfaceError, "%s: '%s'", text, given);
 }
 
 int check_control_value(int type, PyObject* value) {
@@ -144,22 +234,22 @@ ProblemObject* owner(ControlObject* c) {
     return as_prob(c->problem);
 }
 
-// Worker of getControl and getAttrib.
+// Worker of getControl and getAttrib. The catalogue lock is taken only for each lookup (and
+// to list the names for the whole-catalogue form), never while values are read or the
+// caller's iterator runs.
 PyObject* get_values(ProblemObject* p, PyObject* args, bool is_control) {
     PyObject* catalogue = is_control ? state.control_catalogue : state.attribute_catalogue;
-    std::unique_lock<std::mutex> g(state.locks->catalogue);
     auto value_of = [&](PyObject* name) -> PyObject* {
-        PyObject* e = PyUnicode_Check(name) ? PyDict_GetItemWithError(catalogue, name) : nullptr;
-        if (!e) return nullptr;
-        return get_value(p, static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 0))),
-                         static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 1))), is_control,
-                         static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 2))));
-    };
-    auto fail = [&]() -> PyObject* {
-        if (!PyErr_Occurred())
-            PyErr_SetString(InterfaceError, is_control ? "Requested value of an unknown control"
-                                                       : "Requested value of an unknown attribute");
-        return nullptr;
+        Entry e;
+        int rc = lookup(catalogue, name, &e);
+        if (rc != 0) {
+            if (rc > 0)
+                unknown_name_error(is_control ? "Requested value of an unknown control"
+                                              : "Requested value of an unknown attribute",
+                                   catalogue, name);
+            return nullptr;
+        }
+        return get_value(p, e.id, e.type, is_control, e.library);
     };
     auto dict_of = [&](PyObject* names_iter) -> PyObject* {
         PyRef d(PyDict_New());
@@ -168,7 +258,7 @@ PyObject* get_values(ProblemObject* p, PyObject* args, bool is_control) {
             PyRef name(PyIter_Next(names_iter));
             if (!name) break;
             PyRef v(value_of(name.get()));
-            if (!v) return fail();
+            if (!v) return nullptr;
             if (PyDict_SetItem(d.get(), name.get(), v.get()) < 0) return nullptr;
         }
         if (PyErr_Occurred()) return nullptr;
@@ -176,15 +266,20 @@ PyObject* get_values(ProblemObject* p, PyObject* args, bool is_control) {
     };
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     if (n == 0) {
+        std::vector<std::pair<PyRef, Entry>> entries;
+        {
+            std::lock_guard<std::mutex> g(state.locks->catalogue);
+            entries.reserve(static_cast<size_t>(PyDict_GET_SIZE(catalogue)));
+            PyObject *k, *e;
+            Py_ssize_t pos = 0;
+            while (PyDict_Next(catalogue, &pos, &k, &e)) entries.emplace_back(PyRef::borrow(k), entry_of(e));
+        }
         PyRef d(PyDict_New());
         if (!d) return nullptr;
-        PyObject *k, *e;
-        Py_ssize_t pos = 0;
-        while (PyDict_Next(catalogue, &pos, &k, &e)) {
-            long id = PyLong_AsLong(PyTuple_GET_ITEM(e, 0));
-            PyRef v(id == 12013 || id == 22013 ? PyLong_FromLong(-1) : value_of(k));
-            if (!v) return fail();
-            if (PyDict_SetItem(d.get(), k, v.get()) < 0) return nullptr;
+        for (auto& [name, e] : entries) {
+            PyRef v(e.id == 12013 || e.id == 22013 ? PyLong_FromLong(-1)
+                                                   : get_value(p, e.id, e.type, is_control, e.library));
+            if (!v || PyDict_SetItem(d.get(), name.get(), v.get()) < 0) return nullptr;
         }
         return d.release();
     }
@@ -195,8 +290,7 @@ PyObject* get_values(ProblemObject* p, PyObject* args, bool is_control) {
             return it ? dict_of(it.get()) : nullptr;
         }
         if (PyIter_Check(a)) return dict_of(a);
-        PyObject* v = value_of(a);
-        return v ? v : fail();
+        return value_of(a);
     }
     PyRef it(PyObject_GetIter(args));
     return it ? dict_of(it.get()) : nullptr;
@@ -249,9 +343,11 @@ PyObject* control_getattro(PyObject* self, PyObject* name) {
     if (handled) return r;
     ControlObject* c = as_ctl(self);
     if (!c->bound) {
+        PyRef key(exact_str(name));
+        if (!key) return nullptr;
         {
             std::lock_guard<std::mutex> g(state.locks->defaults);
-            PyObject* v = PyDict_GetItemWithError(state.module_defaults, name);
+            PyObject* v = PyDict_GetItemWithError(state.module_defaults, key.get());
             if (v) {
                 Py_INCREF(v);
                 return v;
@@ -263,19 +359,19 @@ PyObject* control_getattro(PyObject* self, PyObject* name) {
             Py_INCREF(v);
             return v;
         }
-        if (!PyErr_Occurred()) PyErr_SetString(InterfaceError, "Incorrect control name");
+        if (!PyErr_Occurred()) unknown_name_error("Incorrect control name", c->dict, name);
         return nullptr;
     }
-    int id, type, lib;
-    int rc = lookup(state.control_catalogue, name, &id, &type, &lib);
+    Entry e;
+    int rc = lookup(state.control_catalogue, name, &e);
     if (rc < 0) return nullptr;
     if (rc > 0) {
-        PyErr_SetString(InterfaceError, "Incorrect control name");
+        unknown_name_error("Incorrect control name", state.control_catalogue, name);
         return nullptr;
     }
     ProblemObject* p = owner(c);
     if (!p) return nullptr;
-    return report_error(c->problem, get_value(p, id, type, true, lib));
+    return report_error(c->problem, get_value(p, e.id, e.type, true, e.library));
 }
 
 int control_setattro(PyObject* self, PyObject* name, PyObject* value) {
@@ -288,22 +384,25 @@ int control_setattro(PyObject* self, PyObject* name, PyObject* value) {
         PyErr_SetString(ModelError, "Bad control request");
         return -1;
     }
-    int id, type, lib;
-    int rc = lookup(state.control_catalogue, name, &id, &type, &lib);
+    Entry e;
+    int rc = lookup(state.control_catalogue, name, &e);
     if (rc < 0) return -1;
     if (rc > 0) {
-        PyErr_SetString(InterfaceError, "Incorrect control name");
+        unknown_name_error("Incorrect control name", state.control_catalogue, name);
         return -1;
     }
     ControlObject* c = as_ctl(self);
     if (!c->bound) {
-        if (check_control_value(type, value) < 0) return -1;
-        std::lock_guard<std::mutex> g(state.locks->defaults);
-        return PyDict_SetItem(state.module_defaults, name, value);
+        if (check_control_value(e.type, value) < 0) return -1;
+        // The store happens outside the lock: a resize may run the collector, whose
+        // finalisers may read the defaults themselves. The interpreter lock orders the
+        // dictionary's own updates.
+        PyRef key(exact_str(name));
+        return key ? PyDict_SetItem(state.module_defaults, key.get(), value) : -1;
     }
     ProblemObject* p = owner(c);
     if (!p) return -1;
-    if (set_control_value(p, id, type, lib, value) < 0) {
+    if (set_control_value(p, e.id, e.type, e.library, value) < 0) {
         report_error(c->problem, nullptr);
         return -1;
     }
@@ -327,17 +426,17 @@ PyObject* attribute_getattro(PyObject* self, PyObject* name) {
     bool handled;
     PyObject* r = ctl_common_getattr(self, name, "Bad attribute request", &handled);
     if (handled) return r;
-    int id, type, lib;
-    int rc = lookup(state.attribute_catalogue, name, &id, &type, &lib);
+    Entry e;
+    int rc = lookup(state.attribute_catalogue, name, &e);
     if (rc < 0) return nullptr;
     if (rc > 0) {
-        PyErr_SetString(InterfaceError, "Incorrect attribute name");
+        unknown_name_error("Incorrect attribute name", state.attribute_catalogue, name);
         return nullptr;
     }
     ControlObject* c = as_ctl(self);
     ProblemObject* p = owner(c);
     if (!p) return nullptr;
-    return report_error(c->problem, get_value(p, id, type, false, lib));
+    return report_error(c->problem, get_value(p, e.id, e.type, false, e.library));
 }
 
 int attribute_setattro(PyObject*, PyObject*, PyObject*) {
@@ -382,12 +481,6 @@ PyObject* new_ctl(PyTypeObject* type, PyObject* problem, PyObject* dict, int bou
 }
 
 // ------------------------------------------------------------------ catalogue
-
-std::string lower(const char* s) {
-    std::string r;
-    for (size_t i = 0; s[i] && i < 128; ++i) r.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(s[i]))));
-    return r;
-}
 
 // Stores one catalogue entry; for a control its current value goes to the module-level
 // defaults dictionary (a control whose value cannot be read is left out).
@@ -474,9 +567,17 @@ int read_catalogue_list(ProblemObject* tmp, int library) {
     return 0;
 }
 
+// The old values are released after the defaults lock is let go: releasing one may run a
+// finaliser that reads the defaults.
 PyObject* mod_setdefaults(PyObject*, PyObject*) {
-    std::lock_guard<std::mutex> g(state.locks->defaults);
-    PyDict_Clear(state.module_defaults);
+    PyRef fresh(PyDict_New());
+    if (!fresh) return nullptr;
+    PyRef old;
+    {
+        std::lock_guard<std::mutex> g(state.locks->defaults);
+        old.reset(state.module_defaults);
+        state.module_defaults = fresh.release();
+    }
     Py_RETURN_NONE;
 }
 
@@ -484,12 +585,19 @@ PyObject* mod_setdefaultcontrol(PyObject*, PyObject* args, PyObject* kw) {
     static const char* kwlist[] = {"ipar", nullptr};
     PyObject* name = nullptr;
     if (!PyArg_ParseTupleAndKeywords(args, kw, "O:setdefaultcontrol", const_cast<char**>(kwlist), &name)) return nullptr;
-    std::lock_guard<std::mutex> g(state.locks->defaults);
-    if (PyUnicode_Check(name)) {
-        PyObject* v = PyDict_GetItemWithError(state.module_defaults, name);
-        if (v && PyDict_DelItem(state.module_defaults, name) < 0) return nullptr;
-        if (PyErr_Occurred()) return nullptr;
+    if (!PyUnicode_Check(name)) Py_RETURN_NONE;
+    PyRef key(exact_str(name));
+    if (!key) return nullptr;
+    PyRef old;  // released after the lock, like the values of setdefaults
+    {
+        std::lock_guard<std::mutex> g(state.locks->defaults);
+        old.reset(PyDict_GetItemWithError(state.module_defaults, key.get()));
+        if (old) {
+            Py_INCREF(old.get());
+            if (PyDict_DelItem(state.module_defaults, key.get()) < 0) return nullptr;
+        }
     }
+    if (PyErr_Occurred()) return nullptr;
     Py_RETURN_NONE;
 }
 
@@ -531,15 +639,14 @@ int catalogue_build(bool at_import) {
         PyErr_SetString(PyExc_RuntimeError, "Could not create temporary problem");
         return -1;
     }
-    int rc;
-    {
-        std::lock_guard<std::mutex> g(state.locks->catalogue);
-        rc = read_catalogue_list(&tmp, 0);
-        if (rc == 0 && nl) rc = read_catalogue_list(&tmp, 1);
-        if (rc == 0 && nl) rc = read_catalogue_list(&tmp, 2);
-        if (tmp.slp) TSLPdestroyprob(tmp.slp);
-        TRVOdestroyprob(tmp.prob);
-    }
+    // The lists are read with the interpreter lock held (which orders the dictionary
+    // updates) but without the catalogue lock: reading calls the engine and allocates Python
+    // objects, and a lookup elsewhere must never wait on a lock held across such calls.
+    int rc = read_catalogue_list(&tmp, 0);
+    if (rc == 0 && nl) rc = read_catalogue_list(&tmp, 1);
+    if (rc == 0 && nl) rc = read_catalogue_list(&tmp, 2);
+    if (tmp.slp) TSLPdestroyprob(tmp.slp);
+    TRVOdestroyprob(tmp.prob);
     if (rc != 0) {
         if (!PyErr_Occurred()) report_error(nullptr, nullptr);
         return -1;
@@ -552,20 +659,24 @@ int catalogue_build(bool at_import) {
 }
 
 int problem_apply_default_controls(ProblemObject* p) {
-    std::lock_guard<std::mutex> gc(state.locks->catalogue);
-    std::lock_guard<std::mutex> gd(state.locks->defaults);
-    PyObject *name, *value;
-    Py_ssize_t pos = 0;
-    while (PyDict_Next(state.module_defaults, &pos, &name, &value)) {
-        PyObject* e = PyDict_GetItemWithError(state.control_catalogue, name);
-        if (!e) {
-            if (!PyErr_Occurred()) PyErr_SetString(InterfaceError, "Incorrect control name in initialization");
+    // Snapshot the defaults under their lock, then set each control with no lock held.
+    std::vector<std::pair<PyRef, PyRef>> defaults;
+    {
+        std::lock_guard<std::mutex> gd(state.locks->defaults);
+        PyObject *name, *value;
+        Py_ssize_t pos = 0;
+        while (PyDict_Next(state.module_defaults, &pos, &name, &value))
+            defaults.emplace_back(PyRef::borrow(name), PyRef::borrow(value));
+    }
+    for (auto& [name, value] : defaults) {
+        Entry e;
+        int rc = lookup(state.control_catalogue, name.get(), &e);
+        if (rc < 0) return -1;
+        if (rc > 0) {
+            PyErr_SetString(InterfaceError, "Incorrect control name in initialization");
             return -1;
         }
-        if (set_control_value(p, static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 0))),
-                              static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 1))),
-                              static_cast<int>(PyLong_AsLong(PyTuple_GET_ITEM(e, 2))), value) < 0)
-            return -1;
+        if (set_control_value(p, e.id, e.type, e.library, value.get()) < 0) return -1;
     }
     return 0;
 }
@@ -574,14 +685,14 @@ PyObject* problem_setControl(PyObject* self, PyObject* args) {
     ProblemObject* p = as_prob(self);
     Py_ssize_t n = PyTuple_GET_SIZE(args);
     auto set_one = [&](PyObject* name, PyObject* value) -> int {
-        int id, type, lib;
-        int rc = lookup(state.control_catalogue, name, &id, &type, &lib);
+        Entry e;
+        int rc = lookup(state.control_catalogue, name, &e);
         if (rc < 0) return -1;
         if (rc > 0) {
-            PyErr_SetString(InterfaceError, "Incorrect control name");
+            unknown_name_error("Incorrect control name", state.control_catalogue, name);
             return -1;
         }
-        return set_control_value(p, id, type, lib, value);
+        return set_control_value(p, e.id, e.type, e.library, value);
     };
     if (n == 0) {
         PyErr_SetString(ModelError, "setControl requires at least one argument of type dictionary or two elements: parameter, value");
@@ -593,10 +704,12 @@ PyObject* problem_setControl(PyObject* self, PyObject* args) {
             PyErr_SetString(ModelError, "Single argument to setControl must be a dictionary");
             return nullptr;
         }
-        PyObject *k, *v;
-        Py_ssize_t pos = 0;
-        while (PyDict_Next(d, &pos, &k, &v))
-            if (set_one(k, v) < 0) return report_error(self, nullptr);
+        PyRef items(PyDict_Items(d));  // a snapshot: setting a control may run code that edits d
+        if (!items) return nullptr;
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(items.get()); ++i) {
+            PyObject* kv = PyList_GET_ITEM(items.get(), i);
+            if (set_one(PyTuple_GET_ITEM(kv, 0), PyTuple_GET_ITEM(kv, 1)) < 0) return report_error(self, nullptr);
+        }
         Py_RETURN_NONE;
     }
     if (n == 2) {

@@ -3,21 +3,23 @@
 #include "problem/problem.h"
 #include "model/model.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 
 namespace tarvo {
 
-bool is_index_integer(PyObject* o) {
-    return PyLong_Check(o) || PyArray_IsScalar(o, Int) || PyArray_IsScalar(o, Long) ||
-           PyArray_IsScalar(o, LongLong);
-}
+// An index given as a Python int or as any NumPy integer scalar (np.int64(1) from an arange,
+// an element of an int32 or uint8 array, ...): all of them name a position, never a constant.
+bool is_index_integer(PyObject* o) { return PyLong_Check(o) || PyArray_IsScalar(o, Integer); }
 
+// Value of an index integer; -1 with an exception set when it does not fit in 64 bits.
 long long index_integer_value(PyObject* o) {
     if (PyLong_Check(o)) return PyLong_AsLongLong(o);
-    if (PyArray_IsScalar(o, Int)) return PyArrayScalar_VAL(o, Int);
     if (PyArray_IsScalar(o, Long)) return PyArrayScalar_VAL(o, Long);
-    return PyArrayScalar_VAL(o, LongLong);
+    if (PyArray_IsScalar(o, Int)) return PyArrayScalar_VAL(o, Int);
+    PyRef v(PyNumber_Index(o));
+    return v ? PyLong_AsLongLong(v.get()) : -1;
 }
 
 size_t conv_elem_size(int type) {
@@ -79,6 +81,12 @@ int conv_index(PyObject* obj, ProblemObject* p, int* index, int type) {
     if (is_index_integer(obj)) {
         long long v = index_integer_value(obj);
         if (v == -1 && PyErr_Occurred()) return -1;
+        // The library checks the range of 32-bit indices; a wider value would wrap round
+        // to some other, valid-looking index.
+        if (v < INT_MIN || v > INT_MAX) {
+            PyErr_SetString(ModelError, "Index out of range");
+            return -1;
+        }
         *index = static_cast<int>(v);
         return 0;
     }

@@ -24,7 +24,7 @@ Py_ssize_t column_of_key(PyObject* problem, PyObject* key) {
         int idx = -1;
         return TRVOgetindex(p->prob, 2, name, &idx) == 0 ? idx : -1;
     }
-    long long v = PyLong_AsLongLong(key);
+    long long v = index_integer_value(key);
     if (v == -1 && PyErr_Occurred()) return -1;
     return v < 0 ? -1 : static_cast<Py_ssize_t>(v);
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,7 +101,20 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     }
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
+    // A callback of a running solve sees the problem (through its temporary problem) but
+    // cannot start another solve of it: the optimiser's state belongs to the running one.
+    static std::set<TRVOprob> solving;  // guarded by the interpreter lock
+    if (solving.count(prob)) {
+        PyErr_SetString(SolverError, "The problem is being solved: it cannot be solved again from one of its callbacks");
+        return -2;
+    }
+    solving.insert(prob);
+    struct Done {
+        TRVOprob prob;
+        ~Done() { solving.erase(prob); }
+    } done{prob};
     note_solver_run(p, nonlinear);
+    callback_exception_discard(prob);  // one left by an earlier call that did not collect it
     std::string fl = flags ? flags : "";
     bool have_flags = flags != nullptr;
     std::thread worker;
@@ -155,7 +169,14 @@ int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear 
     }
     worker.join();
     Py_END_ALLOW_THREADS
-    return interrupted ? -2 : sh->rc;
+    // The first exception a callback raised on the optimiser's threads surfaces here, unchanged
+    // (a KeyboardInterrupt already pending takes precedence).
+    if (interrupted) {
+        callback_exception_discard(prob);
+        return -2;
+    }
+    if (callback_exception_restore(prob)) return -2;
+    return sh->rc;
 }
 
 }  // namespace
@@ -303,11 +324,21 @@ PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     ProblemObject* p = as_prob(self);
     double v = 0;
     if (nonlinear_results(p)) {
+        // Never solved: the same "no solution" error as getSolution() (fetching raises it).
+        int status = 0;
+        if (TSLPgetintattrib(p->slp, 12044, &status) != 0) return problem_error(p);
+        std::vector<double> x;
+        if (status == 0 && current_solution(p, x) < 0) return report_error(self, nullptr);
         if (TSLPgetdblattrib(p->slp, 12179, &v) != 0) return problem_error(p);
         return PyFloat_FromDouble(v);
     }
     int mip = prob_is_mip(p);
     if (mip < 0) return nullptr;
+    // Without a solution (never solved, infeasible, stopped before the first integer
+    // solution) the objective attribute holds no value of a point: raise the library's
+    // "no solution" error, as getSolution() does, instead of returning a number.
+    if ((mip ? TRVOgetmipsol(p->prob, nullptr, nullptr) : TRVOgetlpsol(p->prob, nullptr, nullptr, nullptr, nullptr)) != 0)
+        return problem_error(p);
     if (prob_dbl_attrib(p, mip ? 2003 : 2001, &v) < 0) return nullptr;
     return PyFloat_FromDouble(v);
 }

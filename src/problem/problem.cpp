@@ -312,10 +312,11 @@ void problem_dealloc(PyObject* self) {
     ProblemObject* p = as_prob(self);
     if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
     release_userfuncs(p);
+    if (p->prob) callback_exception_discard(p->prob);
     destroy_library_problems(p);
     nlp_release_job_objects(p);
     note_solver_run(p, false);
-    for (auto& c : p->callbacks) Py_CLEAR(c);
+    callbacks_release(p);
     detach_controls(p->controls);
     detach_controls(p->attributes);
     Py_CLEAR(p->controls);
@@ -563,16 +564,13 @@ int forget_nonlinear_data(ProblemObject* p) {
 
 PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     ProblemObject* p = as_prob(self);
-    clear_lists_and_maps(p);
     static const char* kwlist[] = {"filename", "options", nullptr};
     const char* filename = nullptr;
     const char* options = "";
     if (!PyArg_ParseTupleAndKeywords(args, kw, "s|s:read", const_cast<char**>(kwlist), &filename, &options))
         return nullptr;
-    // A failed read leaves the libraries' problems empty: so is the objective then.
-    p->nl_rows = 0;
-    p->nl_objective = 0;
-    p->obj_row = p->obj_col = -1;
+    // Both libraries leave their problems untouched when a read fails, and so does this
+    // method: the lists, maps and objective markers change only once the file is in.
     if (TRVOreadprob(p->prob, filename, options) != 0) {
         // The nonlinear library reads what the optimiser refuses (nonlinear problem files); when
         // it fails too, its message is the one that explains the file.
@@ -581,6 +579,10 @@ PyObject* problem_read(PyObject* self, PyObject* args, PyObject* kw) {
     } else if (forget_nonlinear_data(p) < 0) {
         return nullptr;
     }
+    clear_lists_and_maps(p);
+    p->nl_rows = 0;
+    p->nl_objective = 0;
+    p->obj_row = p->obj_col = -1;
     if (load_from_library(p) < 0) {
         clear_lists_and_maps(p);
         return nullptr;

@@ -166,4 +166,21 @@ PyObject* poolcut_wrap(void* handle);
 int trvoobject_handle(PyObject* o, void** handle);
 int poolcut_handle(PyObject* o, void** handle);
 
+// ------------------------------------------------------------------ callbacks (callbacks/*.cpp)
+// Releases the callback registry of a departing problem: every record's problem item becomes
+// None before the record is dropped.
+void callbacks_release(ProblemObject* p);
+// A Python exception raised by a callback that the library called from one of its own threads
+// cannot stay pending there: it is kept, keyed by the library problem of the solve, until the
+// solving call restores it in its own thread. All four need the interpreter lock.
+void callback_exception_keep(const void* key);      // moves the current exception into the store
+bool callback_exception_pending(const void* key);
+bool callback_exception_restore(const void* key);   // true when one was restored
+void callback_exception_discard(const void* key);
+// Branching objects handed to and returned by chgbranchobject callbacks (callbacks/branchobj.cpp):
+// a new branchobj wrapping a library branching object of the problem; and, for a branchobj,
+// its library object, which it gives up (1), or 0 when o is not a branchobj.
+PyObject* branchobj_wrap(void* handle, PyObject* problem, int isoriginal);
+int branchobj_take(PyObject* o, void** handle);
+
 }  // namespace tarvo

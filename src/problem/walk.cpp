@@ -14,9 +14,9 @@ int walk_array(PyArrayObject* arr, int depth, const LeafHandler& handler) {
     int typenum = descr->type_num;
     bool object_elems = typenum == NPY_OBJECT;
     bool user_elems = PyTypeNum_ISUSERDEF(typenum);
-    bool float_elems = typenum == NPY_BOOL || typenum == NPY_INT || typenum == NPY_DOUBLE;
-    // 64-bit integer arrays (NumPy's default integers) give integer leaves, usable as indices.
-    bool int_elems = typenum == NPY_LONG || typenum == NPY_LONGLONG;
+    bool float_elems = typenum == NPY_BOOL || typenum == NPY_DOUBLE;
+    // Integer arrays of any width give integer leaves: in queries they are indices.
+    bool int_elems = PyTypeNum_ISINTEGER(typenum);
     if (!object_elems && !user_elems && !float_elems && !int_elems) {
         PyErr_SetString(ModelError, "Incorrect objects used in Sum, Dot, Prod, or aggregate functions");
         return -1;

@@ -96,7 +96,7 @@ CASE(files_column_named_like_the_equals_column) {
     (void)z;
 }
 
-CASE(files_failed_read_empties_both_problems) {
+CASE(files_failed_read_leaves_both_problems) {
     TempDir dir;
     Prob p;
     int x = p.col("x", 0, 1);
@@ -118,10 +118,13 @@ CASE(files_failed_read_empties_both_problems) {
     std::fputs(text.c_str(), out);
     std::fclose(out);
 
+    // A second column, so that the old problem differs from the file's.
+    p.col("y", 0, 2);
     CHECK(TSLPreadprob(p.s, bad.c_str(), "") != 0);
     CHECK(last_error(p.s).find("line") != std::string::npos);
-    CHECK(p.rows() == 0 && p.cols() == 0 && coefficients(p.s) == 0);
-    // and the good file reads into the emptied problem
+    // Both problems are as they were, the formula included.
+    CHECK(p.rows() == 1 && p.cols() == 2 && coefficients(p.s) == 1);
+    // and the good file reads over it
     CHECK(TSLPreadprob(p.s, f.c_str(), "") == 0);
     CHECK(p.rows() == 1 && p.cols() == 1 && coefficients(p.s) == 1);
 }

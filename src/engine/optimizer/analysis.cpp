@@ -401,7 +401,7 @@ int TRVOloadmipsol(TRVOprob prob, const double dsol[], int* status) {
 }
 
 int TRVOaddmipsol(TRVOprob prob, int ilength, const double mipsolval[], const int mipsolcol[],
-                  const char*) {
+                  const char* solname) {
     return guard(prob, [&] {
         if (ilength < 0 || (ilength > 0 && !mipsolval)) fail("Invalid solution arguments");
         std::vector<std::pair<int, double>> start;
@@ -410,6 +410,9 @@ int TRVOaddmipsol(TRVOprob prob, int ilength, const double mipsolval[], const in
             check_col(prob, j);
             start.emplace_back(j, mipsolval[k]);
         }
+        // Also queued by name: the next MIP solve offers it and reports its verdict to the
+        // usersolnotify callbacks.
+        prob->user_solutions.push_back(UserSolution{solname ? solname : "", start});
         prob->mip_start.swap(start);
     });
 }

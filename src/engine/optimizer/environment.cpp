@@ -26,6 +26,7 @@ struct GlobalHandler {
     void* context;
     int priority;
     uint64_t order;
+    bool greeted;  // the handler had its first call (empty message, negative type)
 };
 std::mutex handler_mutex;
 std::vector<GlobalHandler> handlers;  // highest priority first, then registration order
@@ -85,9 +86,14 @@ void send_global_message(void* object, const char* msg, int msgtype, int number)
     {
         std::lock_guard<std::mutex> g(handler_mutex);
         copy = handlers;
+        for (auto& h : handlers) h.greeted = true;
     }
     void* thread = reinterpret_cast<void*>(static_cast<uintptr_t>(pthread_self()));
-    for (const auto& h : copy) h.f(object, h.context, thread, msg, msgtype, number);
+    // Highest priority first. A handler's first call carries an empty message and type -1.
+    for (const auto& h : copy) {
+        if (!h.greeted) h.f(object, h.context, thread, "", -1, 0);
+        h.f(object, h.context, thread, msg, msgtype, number);
+    }
 }
 
 }  // namespace trvo
@@ -134,7 +140,7 @@ int TRVO_ge_addcbmsghandler(TRVOmsghandler handler, void* context, int priority)
     return guard_global([&] {
         if (!handler) fail("No message handler given");
         std::lock_guard<std::mutex> g(handler_mutex);
-        GlobalHandler h{handler, context, priority, handler_order++};
+        GlobalHandler h{handler, context, priority, handler_order++, false};
         auto pos = std::find_if(handlers.begin(), handlers.end(),
                                 [&](const GlobalHandler& o) { return o.priority < priority; });
         handlers.insert(pos, h);

@@ -3,6 +3,7 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace trvo {
@@ -82,10 +84,14 @@ std::vector<std::string> names_for_file(const NameList& list, int n, char prefix
 }
 
 // MPS sections HiGHS does not know, written and read by the engine itself:
-//   SOS                              INDICATORS
-//    S1 SOS <set> <priority>          IF <row> <column> <0 or 1>
+//   SOS                          INDICATORS                   PARTIALINTEGER     FREEROWS
+//    S1 SOS <set> <priority>      IF <row> <column> <0 or 1>   <column> <limit>   <row>
 //       <set> <column> <weight>
-// They go in front of ENDATA; on reading they are taken out before HiGHS sees the file.
+// They go in front of ENDATA; on reading they are taken out before HiGHS sees the file. A
+// partial-integer column is written as a continuous column with its bounds; its section
+// entry gives the limit below which it is integer. A free row is written as a G row with a
+// right-hand side of -1e19 (HiGHS drops every N row but the objective when it reads, and a
+// reader without this section still sees a row that never binds); its entry makes it free.
 std::string entity_sections(TRVOprob p, const std::vector<std::string>& cn,
                             const std::vector<std::string>& rn) {
     std::string out;
@@ -101,6 +107,21 @@ std::string entity_sections(TRVOprob p, const std::vector<std::string>& cn,
                 out += "    " + sn[k] + " " + cn[static_cast<size_t>(set.cols[e])] + buf;
             }
         }
+    }
+    bool partial = false;
+    for (int j = 0; j < p->ncols(); ++j) {
+        if (p->coltype[static_cast<size_t>(j)] != 'P') continue;
+        if (!partial) out += "PARTIALINTEGER\n";
+        partial = true;
+        std::snprintf(buf, sizeof buf, " %.17g\n", p->limit[static_cast<size_t>(j)]);
+        out += "    " + cn[static_cast<size_t>(j)] + buf;
+    }
+    bool free_rows = false;
+    for (int i = 0; i < p->nrows(); ++i) {
+        if (p->rowtype[static_cast<size_t>(i)] != 'N') continue;
+        if (!free_rows) out += "FREEROWS\n";
+        free_rows = true;
+        out += "    " + rn[static_cast<size_t>(i)] + "\n";
     }
     if (!p->indicators.empty()) {
         out += "INDICATORS\n";
@@ -143,10 +164,17 @@ struct IndicatorEntry {
     std::string row, col;
     int value;
 };
+struct PartialEntry {
+    std::string col;
+    double limit;
+};
+constexpr double kFreeRowBound = -1e19;
 struct EntitySections {
     std::vector<SosHeader> sets;
     std::vector<SosEntry> members;
     std::vector<IndicatorEntry> indicators;
+    std::vector<PartialEntry> partial;
+    std::vector<std::string> free_rows;
     bool any = false;
 };
 
@@ -169,7 +197,7 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
     std::FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string rest, line;
-    enum { kOther, kSos, kIndicators } section = kOther;
+    enum { kOther, kSos, kIndicators, kPartial, kFree } section = kOther;
     int c, lineno = 0;
     bool more = true;
     while (more) {
@@ -186,7 +214,8 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
                  "nonlinear library", file.c_str(), lineno);
         }
         if (header) {
-            section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators : kOther;
+            section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators
+                    : t[0] == "PARTIALINTEGER" ? kPartial : t[0] == "FREEROWS" ? kFree : kOther;
             if (section != kOther) {
                 found.any = true;
                 continue;
@@ -197,7 +226,25 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
             rest += '\n';
             continue;
         }
-        if (section == kSos) {
+        if (section == kFree) {
+            if (t.size() != 1) {
+                std::fclose(f);
+                fail("Unreadable FREEROWS line in %s: %.80s", file.c_str(), line.c_str());
+            }
+            found.free_rows.push_back(t[0]);
+        } else if (section == kPartial) {
+            if (t.size() != 2) {
+                std::fclose(f);
+                fail("Unreadable PARTIALINTEGER line in %s: %.80s", file.c_str(), line.c_str());
+            }
+            char* end = nullptr;
+            double limit = std::strtod(t[1].c_str(), &end);
+            if (!end || *end) {
+                std::fclose(f);
+                fail("Unreadable PARTIALINTEGER line in %s: %.80s", file.c_str(), line.c_str());
+            }
+            found.partial.push_back({t[0], limit});
+        } else if (section == kSos) {
             if ((t[0] == "S1" || t[0] == "S2") && t.size() >= 3) {
                 found.sets.push_back({t[2], t[0][1]});
             } else if (found.sets.empty()) {
@@ -212,7 +259,7 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
             found.indicators.push_back({t[1], t[2], std::atoi(t[3].c_str())});
         } else {
             std::fclose(f);
-            fail("Unreadable INDICATORS line in %s: %s", file.c_str(), line.c_str());
+            fail("Unreadable INDICATORS line in %s: %.80s", file.c_str(), line.c_str());
         }
     }
     std::fclose(f);
@@ -259,6 +306,24 @@ void load_entity_sections(const EntitySections& found, trvo_problem_s& target) {
         if (e.value != 0 && e.value != 1) fail("Indicator value of row %s must be 0 or 1", e.row.c_str());
         target.indicators[row] = Indicator{col, e.value == 1 ? 1 : -1};
     }
+    for (const auto& r : found.free_rows) {
+        int row = target.rownames.find(r);
+        if (row < 0) fail("Free row %s is not a row", r.c_str());
+        size_t s = static_cast<size_t>(row);
+        if (target.rowtype[s] != 'G' || target.rhs[s] != kFreeRowBound) fail("Row %s is not written as a free row", r.c_str());
+        target.rowtype[s] = 'N';
+        target.rhs[s] = 0;
+        target.range[s] = 0;
+    }
+    for (const auto& e : found.partial) {
+        int col = target.colnames.find(e.col);
+        if (col < 0) fail("Partial integer column %s is not a column", e.col.c_str());
+        size_t s = static_cast<size_t>(col);
+        if (target.coltype[s] != 'C' || !std::isfinite(e.limit))
+            fail("Column %s cannot be partial integer", e.col.c_str());
+        target.coltype[s] = 'P';
+        target.limit[s] = e.limit;
+    }
 }
 
 // Writes the problem through HiGHS and appends the engine's own sections. With `extra` (the
@@ -297,15 +362,29 @@ void write_problem(TRVOprob p, const char* filename, const char* flags, const Ex
                 m.col_upper[s] = p->ub[s] >= kInf ? INFINITY : p->ub[s];
                 any = true;
                 break;
-            case 'P': fail("Partial integer columns cannot be written to a problem file");
+            case 'P': break;  // continuous with its bounds; the limit goes in a section of its own
         }
     }
     if (any) m.integrality = integ;
+    if (!lp)
+        for (int i = 0; i < p->nrows(); ++i)
+            if (p->rowtype[static_cast<size_t>(i)] == 'N') m.row_lower[static_cast<size_t>(i)] = kFreeRowBound;
     // Objective in the user's sense.
     if (m.sign < 0) {
         for (auto& c : m.cost) c = -c;
         for (auto& q : m.q_value) q = -q;
         m.offset = -m.offset;
+    }
+    if (lp) {
+        std::vector<std::string> cn = names_for_file(p->colnames, p->ncols(), 'C', true);
+        std::vector<std::string> rn = names_for_file(p->rownames, p->nrows(), 'R', true);
+        std::string text = lp_file_text(p, m, cn, rn);
+        std::FILE* f = std::fopen(name.c_str(), "wb");
+        if (!f) fail("Could not open problem file %s for writing", name.c_str());
+        bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+        ok = std::fclose(f) == 0 && ok;
+        if (!ok) fail("Could not write problem file %s", name.c_str());
+        return;
     }
     Instance inst;
     void* h = inst.h;
@@ -351,6 +430,11 @@ bool read_as_lp(const std::string& name, const char* flags) {
     return ends_with(name, ".lp") || (flags && std::strchr(flags, 'l') && !ends_with(name, ".mps"));
 }
 
+bool is_regular_file(const std::string& name) {
+    struct stat st;
+    return ::stat(name.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
 std::string file_to_read(const char* filename, const char* flags) {
     if (!filename || !*filename) fail("No file name given");
     std::string name(filename);
@@ -359,23 +443,114 @@ std::string file_to_read(const char* filename, const char* flags) {
         bool lp = flags && std::strchr(flags, 'l');
         for (const char* ext : {"", lp ? ".lp" : ".mps", lp ? ".mps" : ".lp"}) {
             std::string t = name + ext;
-            if (FILE* f = std::fopen(t.c_str(), "r")) {
-                std::fclose(f);
+            if (is_regular_file(t)) {
                 name = t;
                 break;
             }
         }
     }
+    // A directory opens for reading on Linux, and HiGHS's reader then waits forever for a
+    // line; devices and pipes are refused as well.
+    struct stat st;
+    if (::stat(name.c_str(), &st) != 0) fail("Could not open problem file %s", name.c_str());
+    if (!S_ISREG(st.st_mode)) fail("Problem file %s is not a regular file", name.c_str());
     if (FILE* f = std::fopen(name.c_str(), "r")) std::fclose(f);
     else fail("Could not open problem file %s", name.c_str());
     return name;
 }
 
+bool known_mps_section(const std::string& word) {
+    static const char* const names[] = {"NAME", "OBJSENSE", "OBJSENSE", "OBJNAME", "ROWS", "COLUMNS", "RHS",
+                                        "RANGES", "BOUNDS", "SOS", "QUADOBJ", "QMATRIX", "QSECTION",
+                                        "QCMATRIX", "CSECTION", "INDICATORS", "PARTIALINTEGER", "FREEROWS",
+                                        "MAX", "MIN", "MAXIMIZE", "MINIMIZE"};
+    for (const char* n : names)
+        if (word == n) return true;
+    return false;
+}
+
+// Checks a problem file before HiGHS reads it and returns the length of its longest line
+// (no name in it can be longer). Refused: binary content (NUL bytes), an MPS file without its
+// ENDATA line and an LP file without its closing "end" (both usually truncated).
+size_t check_problem_file(const std::string& name, bool lp) {
+    std::FILE* f = std::fopen(name.c_str(), "rb");
+    if (!f) fail("Could not open problem file %s", name.c_str());
+    size_t longest = 0, current = 0;
+    int lineno = 0;
+    bool endata = false, at_line_start = true, rows = false, nonlinear = false;
+    std::string first, last;  // first word of the line being read, last word of the file
+    std::string word;
+    bool in_comment = false;
+    char chunk[65536];
+    size_t got;
+    auto end_word = [&] {
+        if (word.empty()) return;
+        if (!in_comment) last = word;
+        word.clear();
+    };
+    while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+        for (size_t k = 0; k < got; ++k) {
+            char c = chunk[k];
+            if (c == '\0') {
+                std::fclose(f);
+                fail("%s is not a text problem file (it holds binary data)", name.c_str());
+            }
+            if (c == '\n') {
+                end_word();
+                ++lineno;
+                if (!lp && !first.empty() && !nonlinear) {
+                    if (first == "ENDATA") endata = true;
+                    else if (first == kNonlinearSection) nonlinear = true;
+                    else if (first == "ROWS") rows = true;
+                    else if (!known_mps_section(first)) {
+                        std::fclose(f);
+                        fail("%s: line %d opens an unknown MPS section %.20s", name.c_str(), lineno, first.c_str());
+                    }
+                }
+                longest = std::max(longest, current);
+                current = 0;
+                first.clear();
+                at_line_start = true;
+                in_comment = false;
+                continue;
+            }
+            ++current;
+            if (lp && c == '\\') in_comment = true;
+            bool blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+            if (blank) {
+                end_word();
+                at_line_start = false;
+                continue;
+            }
+            if (at_line_start && c == '*' && first.empty()) in_comment = !lp;
+            if (at_line_start && !in_comment && first.size() < 20) first.push_back(c);
+            else at_line_start = false;
+            if (word.size() < 8) word.push_back(c);
+        }
+    }
+    bool failed = std::ferror(f) != 0;
+    std::fclose(f);
+    if (failed) fail("Could not read problem file %s", name.c_str());
+    end_word();
+    if (!nonlinear && first == "ENDATA") endata = true;
+    longest = std::max(longest, current);
+    if (!lp && !endata && !nonlinear)
+        fail("%s has no ENDATA line: the MPS file is incomplete (truncated?)", name.c_str());
+    if (!lp && !rows) fail("%s has no ROWS section: it is not an MPS problem file", name.c_str());
+    if (lp) {
+        for (auto& ch : last) ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        if (last != "end") fail("%s does not close with \"end\": the LP file is incomplete (truncated?)", name.c_str());
+    }
+    return longest;
+}
+
 void read_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_to_read(filename, flags);
+    const bool lp = read_as_lp(name, flags);
+    const size_t longest_line = check_problem_file(name, lp);
     EntitySections entities;
     std::string stripped;
-    if (!read_as_lp(name, flags)) stripped = strip_entity_sections(name, entities);
+    if (!lp) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
@@ -439,12 +614,15 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
                 scratch.qobj[qkey(j, qi[static_cast<size_t>(k)])] = qv[static_cast<size_t>(k)];
     scratch.objsense = sense == kHighsObjSenseMaximize ? -1 : 1;
     scratch.objconst = offset;
-    char buf[1024];
+    // HiGHS copies a name into the buffer without a length: no name is longer than the longest
+    // line of the file.
+    std::vector<char> buf(std::max<size_t>(longest_line, 1024) + 1, '\0');
     for (HighsInt j = 0; j < ncol; ++j)
-        if (Highs_getColName(h, j, buf) != kHighsStatusError) scratch.colnames.set(j, buf);
+        if (Highs_getColName(h, j, buf.data()) != kHighsStatusError) scratch.colnames.set(j, buf.data());
     for (HighsInt i = 0; i < nrow; ++i)
-        if (Highs_getRowName(h, i, buf) != kHighsStatusError) scratch.rownames.set(i, buf);
+        if (Highs_getRowName(h, i, buf.data()) != kHighsStatusError) scratch.rownames.set(i, buf.data());
     if (entities.any) load_entity_sections(entities, scratch);
+    if (lp) apply_lp_notes(name, scratch);
     std::string base = name.substr(name.find_last_of('/') == std::string::npos ? 0 : name.find_last_of('/') + 1);
     if (has_extension(base)) base = base.substr(0, base.find_last_of('.'));
 
@@ -475,8 +653,40 @@ std::string problem_file_to_read(const char* filename, const char* flags) { retu
 
 bool problem_file_is_lp(const std::string& name, const char* flags) { return read_as_lp(name, flags); }
 
-void clear_after_failed_read(TRVOprob prob) {
-    if (prob && prob->magic == kProblemMagic) store_clear(prob);
+struct ModelSnapshot {
+    trvo_problem_s saved;
+};
+
+std::shared_ptr<ModelSnapshot> snapshot_model(TRVOprob p) {
+    if (!p || p->magic != kProblemMagic) fail("Invalid problem handle");
+    auto snap = std::make_shared<ModelSnapshot>();
+    trvo_problem_s& s = snap->saved;
+    s.name = p->name;
+    s.lb = p->lb; s.ub = p->ub; s.obj = p->obj; s.limit = p->limit; s.coltype = p->coltype;
+    s.objconst = p->objconst; s.objsense = p->objsense;
+    s.rowtype = p->rowtype; s.rhs = p->rhs; s.range = p->range;
+    s.matrix = p->matrix; s.nnz = p->nnz;
+    s.qobj = p->qobj; s.qrows = p->qrows; s.sets = p->sets; s.indicators = p->indicators;
+    s.rownames = p->rownames; s.colnames = p->colnames; s.setnames = p->setnames;
+    s.results = p->results;
+    s.start_rbasis = p->start_rbasis; s.start_cbasis = p->start_cbasis;
+    s.mip_start = p->mip_start; s.iis = p->iis;
+    return snap;
+}
+
+void restore_model(TRVOprob p, ModelSnapshot& snap) {
+    trvo_problem_s& s = snap.saved;
+    p->name.swap(s.name);
+    p->lb.swap(s.lb); p->ub.swap(s.ub); p->obj.swap(s.obj); p->limit.swap(s.limit);
+    p->coltype.swap(s.coltype);
+    p->objconst = s.objconst; p->objsense = s.objsense;
+    p->rowtype.swap(s.rowtype); p->rhs.swap(s.rhs); p->range.swap(s.range);
+    p->matrix.swap(s.matrix); p->nnz = s.nnz;
+    p->qobj.swap(s.qobj); p->qrows.swap(s.qrows); p->sets.swap(s.sets); p->indicators.swap(s.indicators);
+    p->rownames = std::move(s.rownames); p->colnames = std::move(s.colnames); p->setnames = std::move(s.setnames);
+    p->results = std::move(s.results);
+    p->start_rbasis.swap(s.start_rbasis); p->start_cbasis.swap(s.start_cbasis);
+    p->mip_start.swap(s.mip_start); p->iis.swap(s.iis);
 }
 
 }  // namespace trvo
@@ -486,16 +696,9 @@ using namespace trvo;
 extern "C" {
 
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags) {
-    // A read that fails leaves an empty problem, like a successful read of an empty file: the
-    // module has already emptied its lists of the problem's objects.
-    return guard(prob, [&] {
-        try {
-            read_problem(prob, filename, flags);
-        } catch (...) {
-            store_clear(prob);
-            throw;
-        }
-    });
+    // The file is read into a scratch problem first: a read that fails leaves the problem
+    // exactly as it was.
+    return guard(prob, [&] { read_problem(prob, filename, flags); });
 }
 
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags) {

@@ -5,6 +5,7 @@
 #include "library_interface/trvo.h"
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,19 @@ std::string problem_file_to_read(const char* filename, const char* flags);
 // Whether TRVOreadprob reads that file (a name problem_file_to_read gave) in LP format.
 bool problem_file_is_lp(const std::string& name, const char* flags);
 
-// Empties the problem, as a failed read leaves it.
-void clear_after_failed_read(TRVOprob prob);
+// A copy of a problem's model, names, results and starts, for undoing a read that fails part
+// way (the nonlinear library reads the MPS part first, then its own sections).
+struct ModelSnapshot;
+std::shared_ptr<ModelSnapshot> snapshot_model(TRVOprob prob);
+void restore_model(TRVOprob prob, ModelSnapshot& snapshot);
+
+// The LP-format file of a problem (written by the engine: HiGHS's LP writer drops free rows,
+// splits ranged rows and loses unused columns), given its relaxation model m in the user's
+// objective sense and the names to write.
+struct HighsModel;
+std::string lp_file_text(TRVOprob p, const HighsModel& m, const std::vector<std::string>& colnames,
+                         const std::vector<std::string>& rownames);
+// Applies the comment lines of an LP file that carry ranges and partial-integer limits.
+void apply_lp_notes(const std::string& file, trvo_problem_s& target);
 
 }  // namespace trvo

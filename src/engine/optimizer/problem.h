@@ -75,6 +75,20 @@ struct MessageCallback {
     int priority;
 };
 
+// A registered solve callback of one of the kinds 0 to 18 (the function's type follows the kind).
+struct SolveCallback {
+    void* f;
+    void* context;
+    int priority;
+};
+constexpr int kSolveCallbackKinds = 19;
+
+// A named solution queued by TRVOaddmipsol, offered to the next MIP solve.
+struct UserSolution {
+    std::string name;
+    std::vector<std::pair<int, double>> values;
+};
+
 // The last solve's results, always in the user's rows and columns.
 struct Results {
     int lpstatus = TRVO_LP_UNSTARTED;
@@ -122,6 +136,9 @@ struct trvo_problem_s {
     trvo::Controls controls;
     trvo::Results results;
     std::vector<trvo::MessageCallback> msgcbs;
+    std::vector<trvo::SolveCallback> solvecbs[trvo::kSolveCallbackKinds];  // by kind
+    std::mutex cb_mutex;  // guards solvecbs (the engine reads them while a solve runs)
+    std::vector<trvo::UserSolution> user_solutions;
 
     // Starts and bases for the next solve.
     std::vector<int> start_rbasis, start_cbasis;              // from TRVOloadbasis

@@ -3,6 +3,7 @@
 // callbacks, and the results are mapped back to the user's rows and columns.
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/solve_callbacks.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -26,6 +27,7 @@ struct SolveContext {
     // is abandoned: it goes on without the problem (orphaned) and its callback stops at once.
     std::mutex mutex;
     bool orphaned = false;
+    std::unique_ptr<SolveCallbacks> callbacks;  // the solve callbacks HiGHS's events serve
 };
 
 void flush_line(SolveContext& ctx, int type) {
@@ -53,22 +55,21 @@ void highs_callback(int type, const char* message, const HighsCallbackDataOut* o
         }
         return;
     }
-    if (type == kHighsCallbackMipImprovingSolution) {
-        ++ctx->improving;
-        return;
-    }
+    if (type == kHighsCallbackMipImprovingSolution) ++ctx->improving;
     if ((type == kHighsCallbackSimplexInterrupt || type == kHighsCallbackIpmInterrupt ||
          type == kHighsCallbackMipInterrupt) && in) {
         if (ctx->prob->stop_request.load() != 0) in->user_interrupt = 1;
     }
+    if (ctx->callbacks) ctx->callbacks->on_event(type, out, in);
 }
 
 void check(HighsInt status, const char* what) {
     if (status == kHighsStatusError) fail("HiGHS failed to %s", what);
 }
 
-void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads) {
-    bool log = ctl_int(p, TRVO_OUTPUTLOG) != 0;
+void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, bool need_output = false) {
+    // The log-line callbacks need HiGHS's output on; emit_message still honours OUTPUTLOG.
+    bool log = ctl_int(p, TRVO_OUTPUTLOG) != 0 || need_output;
     check(Highs_setBoolOptionValue(h, "output_flag", log), "set its options");
     check(Highs_setBoolOptionValue(h, "log_to_console", 0), "set its options");
     Highs_setIntOptionValue(h, "threads", threads);
@@ -385,9 +386,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     if (mip) mip = has_entities(p);
     std::string why = nonconvexity(p, mip);
     if (!why.empty()) record_nonconvex(p, mip, why);
+    require_served(p, SolvePath::Highs);
 
     HighsModel model;
     formulate(p, mip, model);
+    const int ncols_before = p->ncols(), nrows_before = p->nrows();
 
     SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
     if (!p->highs) {
@@ -413,13 +416,15 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     auto ctx_owner = std::make_shared<SolveContext>();
     SolveContext& ctx = *ctx_owner;
     ctx.prob = p;
-    set_options(p, h, flags, mip, scope.used);
+    ctx.callbacks.reset(new SolveCallbacks(p, mip, model));
+    set_options(p, h, flags, mip, scope.used, ctx.callbacks->needs_output());
     check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
     Highs_startCallback(h, kHighsCallbackLogging);
     Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
     Highs_startCallback(h, kHighsCallbackIpmInterrupt);
     Highs_startCallback(h, kHighsCallbackMipInterrupt);
     if (mip) Highs_startCallback(h, kHighsCallbackMipImprovingSolution);
+    ctx.callbacks->start(h);
     struct CallbackOff {
         void* h;
         ~CallbackOff() {
@@ -429,6 +434,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             Highs_stopCallback(h, kHighsCallbackIpmInterrupt);
             Highs_stopCallback(h, kHighsCallbackMipInterrupt);
             Highs_stopCallback(h, kHighsCallbackMipImprovingSolution);
+            Highs_stopCallback(h, kHighsCallbackMipLogging);
+            Highs_stopCallback(h, kHighsCallbackCallbackMipUserSolution);
             Highs_setCallback(h, nullptr, nullptr);
         }
     } off{h};
@@ -473,6 +480,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         return;
     }
     flush_line(ctx, 1);
+    ctx.callbacks->finish();
+    if (p->ncols() != ncols_before ||
+        p->nrows() != nrows_before)
+        fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
+             "its results are not available");
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
         p->highs_cols = model.ncol;

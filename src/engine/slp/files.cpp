@@ -533,6 +533,38 @@ void clear_nonlinear_data(TSLPprob prob) {
     prob->objval = prob->errorcosts = prob->maxviolation = prob->currentpenalty = 0.0;
 }
 
+// The nonlinear data and results that reading replaces, kept to undo a failed read.
+struct NonlinearSnapshot {
+    slp::Controls controls;
+    std::map<std::pair<int, int>, slp::Coef> coefs;
+    std::map<int, slp::SlpVar> vars;
+    std::vector<slp::TolSet> tolsets;
+    std::map<int, double> rowwt;
+    std::map<int, int> rowstatus;
+    std::map<std::pair<int, int>, double> dfs;
+    std::vector<slp::MsJob> msjobs;
+    int nlpstatus, state, stopstatus, iter, simplexiter, mipiter, mswinner, penaltyerrors;
+    double objval, errorcosts, maxviolation, currentpenalty;
+    slp::Solution sol;
+
+    explicit NonlinearSnapshot(TSLPprob p)
+        : controls(p->controls), coefs(p->coefs), vars(p->vars), tolsets(p->tolsets), rowwt(p->rowwt),
+          rowstatus(p->rowstatus), dfs(p->dfs), msjobs(p->msjobs), nlpstatus(p->nlpstatus), state(p->state),
+          stopstatus(p->stopstatus), iter(p->iter), simplexiter(p->simplexiter), mipiter(p->mipiter),
+          mswinner(p->mswinner), penaltyerrors(p->penaltyerrors), objval(p->objval), errorcosts(p->errorcosts),
+          maxviolation(p->maxviolation), currentpenalty(p->currentpenalty), sol(p->sol) {}
+
+    void restore(TSLPprob p) {
+        p->controls = std::move(controls);
+        p->coefs.swap(coefs); p->vars.swap(vars); p->tolsets.swap(tolsets); p->rowwt.swap(rowwt);
+        p->rowstatus.swap(rowstatus); p->dfs.swap(dfs); p->msjobs.swap(msjobs);
+        p->nlpstatus = nlpstatus; p->state = state; p->stopstatus = stopstatus; p->iter = iter;
+        p->simplexiter = simplexiter; p->mipiter = mipiter; p->mswinner = mswinner;
+        p->penaltyerrors = penaltyerrors; p->objval = objval; p->errorcosts = errorcosts;
+        p->maxviolation = maxviolation; p->currentpenalty = currentpenalty; p->sol = std::move(sol);
+    }
+};
+
 // The nonlinear solver takes the objective sense from its own control: follow the file.
 void take_objective_sense(TSLPprob prob) {
     double sense = 1;
@@ -680,14 +712,17 @@ int TSLPwriteprob(TSLPprob prob, const char* filename, const char* flags) {
 }
 
 int TSLPreadprob(TSLPprob prob, const char* filename, const char* flags) {
-    // A read that fails leaves both problems empty, as the optimiser's reader leaves its own.
+    // A read that fails leaves both problems exactly as they were: the optimiser's part may
+    // already have been replaced when the nonlinear sections turn out to be bad.
     return guard(prob, [&] {
         slp::check_prob(prob);
+        std::shared_ptr<trvo::ModelSnapshot> model = trvo::snapshot_model(prob->trvo);
+        slp::NonlinearSnapshot nonlinear(prob);
         try {
             slp::read_file(prob, filename, flags);
         } catch (...) {
-            trvo::clear_after_failed_read(prob->trvo);
-            slp::clear_nonlinear_data(prob);
+            trvo::restore_model(prob->trvo, *model);
+            nonlinear.restore(prob);
             throw;
         }
     });

@@ -1,5 +1,6 @@
 // Solving: TSLPnlpoptimize and the solution queries.
 #include "engine/slp/multistart.h"
+#include "engine/slp/callbacks.h"
 #include "engine/slp/presolve.h"
 
 #include <chrono>
@@ -46,6 +47,7 @@ void optimize(TSLPprob prob, bool global) {
     prob->interrupt.store(0);
     prob->mswinner = 0;
     check_supported_entities(prob);
+    require_served_callbacks(prob);
     Model m = read_model(prob);
     const int ncols = m.ncols, nrows = m.nrows;
     reformulate_entities(prob, m);

@@ -7,6 +7,7 @@
 // phi(x) = s f(x) + mu sum_i w_i viol_i(x); step bounds grow and shrink with the ratio of the
 // actual to the predicted reduction of phi. With integer columns the step problems are MIPs
 // until the integer part settles; the run then finishes with the integers fixed.
+#include "engine/slp/callbacks.h"
 #include "engine/slp/run.h"
 
 #include "engine/optimizer/highs_instances.h"
@@ -441,7 +442,8 @@ RunResult Run::solve(const std::vector<double>& x0) {
             stop = TRVO_STOP_TIMELIMIT;
             break;
         }
-        if (prob->cb.iterstart.f && prob->cb.iterstart.f(prob, prob->cb.iterstart.context)) {
+        if ((prob->cb.iterstart.f && prob->cb.iterstart.f(prob, prob->cb.iterstart.context)) ||
+            checktime(prob)) {
             stop = TRVO_STOP_USER;
             break;
         }
