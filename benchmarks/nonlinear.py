@@ -1252,8 +1252,12 @@ def run_problem(name, maxtime=MAXTIME):
     solved = status in _GOOD_STATUS and error <= SOLVED_RTOL and at.violation <= FEAS_TOL
     if not solved and not notes:
         if status == "nlp_unfinished":
-            notes.append("stopped at the %s limit" % (
-                "iteration" if iterations >= _control(p, "tslp_iterlimit", 1 << 30) else "time"))
+            if iterations >= _control(p, "tslp_iterlimit", 1 << 30):
+                notes.append("stopped at the iteration limit")
+            elif _attribute(p, "tslp_stopstatus", 0):
+                notes.append("stopped at the time limit")
+            else:
+                notes.append("stopped without progress at a point that is not a KKT point")
             if error <= SOLVED_RTOL:
                 notes.append("objective already at the published optimum, not declared converged")
         elif status in ("nlp_locally_infeasible", "nlp_infeasible"):

@@ -184,8 +184,12 @@ enum {
 #define TSLP_MULTISTART 12409      /* 0: multistart jobs are not run by TSLPnlpoptimize */
 #define TSLP_MSSEED 12410          /* seed of the random initial values */
 #define TSLP_MSMAXJOBS 12411       /* 0: no limit */
-#define TSLP_MSTHREADS 12412       /* reserved for parallel jobs: jobs run one after another */
-#define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
+#define TSLP_MSTHREADS 12412       /* threads for multistart jobs: jobs run one after another,
+                                      so only 0 or 1 is accepted (larger values are refused) */
+#define TSLP_PRESOLVE 12413        /* 1: presolve the model of each solve (TSLPpresolve): fix
+                                      columns that equality rows determine, drop rows whose
+                                      columns are all fixed, make rows linear whose curved
+                                      columns are all fixed, tighten bounds from linear rows */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
 #define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
 #define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a model of the

@@ -215,6 +215,8 @@ int TSLPsetintcontrol(TSLPprob prob, int control, int value) {
         find_control(control, INT);
         if (value < 0 && control != TSLP_LOG)
             throw slp::Error("Control " + std::to_string(control) + " cannot be negative");
+        if (control == TSLP_MSTHREADS && value > 1)
+            throw slp::Error("Multistart jobs run one after another: TSLP_MSTHREADS accepts only 0 or 1");
         prob->controls.ints[control] = value;
     });
 }

@@ -1,6 +1,7 @@
 // Whole-problem operations outside a solve: the problem's states, evaluation and validation
 // at the current point, cascading on demand, and reports through the message callback.
 #include "engine/slp/kkt.h"
+#include "engine/slp/presolve.h"
 #include "engine/slp/solver.h"
 
 #include <algorithm>
@@ -108,10 +109,13 @@ int TSLPunconstruct(TSLPprob prob) {
 }
 
 int TSLPpresolve(TSLPprob prob) {
+    // Runs the presolve a solve applies (with TSLP_PRESOLVE 1) and reports what it finds; the
+    // problem's own data are left as they are.
     return guard(prob, [&] {
         slp::check_prob(prob);
         slp::Model m = slp::model_of(prob);
         slp::Evaluator E(prob, m);
+        slp::log_presolve(prob, slp::kAlways, slp::presolve_model(prob, m));
         prob->state |= TSLP_STATE_PRESOLVED | TSLP_STATE_CONSTRUCTED;
     });
 }

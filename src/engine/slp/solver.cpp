@@ -7,8 +7,8 @@
 // phi(x) = s f(x) + mu sum_i w_i viol_i(x); step bounds grow and shrink with the ratio of the
 // actual to the predicted reduction of phi. With integer columns the step problems are MIPs
 // until the integer part settles; the run then finishes with the integers fixed.
-#include "engine/slp/run.h"
 #include "engine/slp/callbacks.h"
+#include "engine/slp/run.h"
 
 #include "engine/optimizer/highs_instances.h"
 #include "engine/slp/kkt.h"
@@ -412,6 +412,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
     auto restart_model = [&]() {
         merit_hist.clear();
         if (use_b) have_b = false;
+        // The first miss after progress also reopens step bounds that have shrunk to nothing
+        // (further misses at the same point keep them, so that they can shrink again).
+        if (kkt_misses == 1)
+            for (int j = 0; j < n; ++j)
+                if (nonlin[j] && !fixed_int[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
     };
 
     auto fix_integers = [&]() {
@@ -711,8 +716,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
             bool curved_j = segw[j] > 0.0;
             if (!accept) {
                 if (d > 1e-12) delta[j] = std::max(std::min(delta[j], d) * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
-            } else if (curved_j && d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
-                // A curved column that swings from one step bound to the other.
+            } else if (d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
+                // A column that swings from one step bound to the other: the linearisations
+                // oscillate around a curved optimum, so the step bound closes in on it.
                 delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
             } else if (rho > 0.75 && d >= 0.9 * delta[j]) {
                 delta[j] *= 2.0;
