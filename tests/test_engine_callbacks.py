@@ -16,7 +16,7 @@ MAIN = os.path.join(ROOT, "tests", "engine", "main.cpp")
 @pytest.fixture(scope="module")
 def driver():
     pytest.importorskip("highsbox")
-    exe = compile_driver(SOURCES + [MAIN], ["engine/optimizer"], "optimizer_callbacks")
+    exe = compile_driver(SOURCES + [MAIN], ["engine/optimizer", "engine/search"], "optimizer_callbacks")
     if exe is None:
         pytest.skip("no C++ compiler")
     return exe

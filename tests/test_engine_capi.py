@@ -16,7 +16,7 @@ SOURCES = [os.path.join(ROOT, "tests", "engine", "optimizer_capi.cpp")]
 @pytest.fixture(scope="module")
 def driver():
     pytest.importorskip("highsbox")
-    exe = compile_driver(SOURCES, ["engine/optimizer"], "optimizer")
+    exe = compile_driver(SOURCES, ["engine/optimizer", "engine/search"], "optimizer")
     if exe is None:
         pytest.skip("no C++ compiler")
     return exe

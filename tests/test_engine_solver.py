@@ -50,19 +50,6 @@ def test_quadratic_objectives_are_checked_for_convexity():
     assert p.getObjVal() == pytest.approx(0, abs=TOL)
 
 
-def test_quadratic_rows_and_miqp_go_to_the_nonlinear_solver():
-    x, y = tv.var(ub=3), tv.var(ub=3)
-    p = tv.problem(x, y, x * x + y * y <= 4, x + y, sense=tv.maximize)
-    with pytest.raises(tv.SolverError, match=NONCONVEX):
-        p.solve()
-    assert p.getProbStatus() == 8 and p.attributes.qconstraints == 1
-    z = tv.var(vartype=tv.integer, ub=5)
-    q = tv.problem(z, (z - 2.5) ** 2)
-    with pytest.raises(tv.SolverError, match=NONCONVEX):
-        q.solve()
-    assert q.attributes.mipstatus == 8
-
-
 def market_split(m, n, seed=1):
     """Binary equality system with half the row sums as right-hand sides: its LP relaxation is
     easy, its integer search is long (Cornuejols-Dawande instances)."""

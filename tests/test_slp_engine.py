@@ -15,6 +15,7 @@ DRIVER_SOURCES = sorted(glob.glob(os.path.join(ROOT, "tests", "engine", "slp_*.c
 ENGINE_SOURCES = sorted(
     glob.glob(os.path.join(ROOT, "src", "engine", "optimizer", "*.cpp"))
     + glob.glob(os.path.join(ROOT, "src", "engine", "slp", "*.cpp"))
+    + glob.glob(os.path.join(ROOT, "src", "engine", "search", "*.cpp"))
 )
 
 

@@ -115,6 +115,7 @@ enum {
 #define TRVO_RANDOMSEED 8019
 #define TRVO_SCALING 8020          /* 0 off, otherwise on */
 #define TRVO_KEEPBASIS 8035        /* keep the last basis when the problem is reloaded */
+#define TRVO_TREESEARCH 8460       /* 0 automatic, 1 always the engine's own tree search, 2 never */
 
 /* ---- callbacks */
 /* Per-problem message callback: msg is null on a flush request; msgtype 1 information,
@@ -476,6 +477,12 @@ int TRVOpostsolve(TRVOprob prob);
    else MPS) */
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags);
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags);
+
+/* ---- one value of the current solution in O(1): what 0 x, 1 slack, 2 dual, 3 reduced cost
+   of column or row index; mip 1 reads the integer solution (x and slack only), 0 the LP
+   solution, -1 the integer one exactly when the problem has discrete entities. Fails as
+   TRVOgetlpsol / TRVOgetmipsol do when the solution (or its duals) is not available. */
+int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, double* value);
 
 #ifdef __cplusplus
 }

@@ -382,6 +382,10 @@ int TSLPnlpoptimize(TSLPprob prob, const char* flags);
 int TSLPglobal(TSLPprob prob);
 /* x, dj: a value per column; slack (rhs minus activity), dual: per row; any may be null. */
 int TSLPgetslpsol(TSLPprob prob, double x[], double slack[], double dual[], double dj[]);
+/* Solution files (the optimiser's .slx format): write the last nonlinear solution; read values
+   that become the named columns' initial values. */
+int TSLPwriteslxsol(TSLPprob prob, const char* filename, const char* flags);
+int TSLPreadslxsol(TSLPprob prob, const char* filename, const char* flags);
 /* Row or column information of the last solve (TSLP_ROWINFO_..., TSLP_COLINFO_...): *tag is 1
    for an integer in *ivalue, 2 for a double in *dvalue. */
 int TSLPgetrowinfo(TSLPprob prob, int infotype, int row, int* tag, int* ivalue, double* dvalue);

@@ -6,6 +6,7 @@
 #include "nonlinear/formula.h"
 #include "library_interface/tslp.h"
 #include "problem/nonlinear_bridge.h"
+#include "problem/lowlevel.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -343,4 +344,8 @@ PyObject* problem_getObjVal(PyObject* self, PyObject*) {
     return PyFloat_FromDouble(v);
 }
 
+}  // namespace tarvo
+
+namespace tarvo {
+int run_library_optimizer(ProblemObject* p, bool mip, const char* flags) { return run_optimizer(p, mip, flags); }
 }  // namespace tarvo

@@ -669,6 +669,27 @@ std::vector<PyMethodDef> method_table;
 
 PyTypeObject ProblemType = {PyVarObject_HEAD_INIT(nullptr, 0)};
 
+// loadproblem is about to replace the library problem's content: the nonlinear data of the
+// present content (formulas, SLP data, row data, multistart jobs) goes first.
+int problem_forget_nonlinear(ProblemObject* p) {
+    p->nl_rows = 0;
+    p->nl_objective = 0;
+    p->obj_row = p->obj_col = -1;
+    return forget_nonlinear_data(p);
+}
+
+void problem_clear_lists(ProblemObject* p) { clear_lists_and_maps(p); }
+
+// loadproblem replaced the content: the lists and maps are rebuilt from the library.
+int problem_reload_from_library(ProblemObject* p) {
+    clear_lists_and_maps(p);
+    if (load_from_library(p) < 0) {
+        clear_lists_and_maps(p);
+        return -1;
+    }
+    return 0;
+}
+
 void problem_type_init() {
     method_table.clear();
     for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})

@@ -63,6 +63,7 @@ CASE(priority_order_and_removal) {
 CASE(node_level_kind_is_refused) {
     Mip m;
     CHECK(TRVOaddcbprenode(m.p, prenode, nullptr, 0) == 0);
+    CHECK(TRVOsetintcontrol(m.p, TRVO_TREESEARCH, 2) == 0);  // node callbacks need the tree search
     CHECK(TRVOmipoptimize(m.p, nullptr) != 0);
     char msg[512];
     TRVOgetlasterror(m.p, msg);

@@ -87,9 +87,9 @@ bool has_callbacks(TRVOprob p, int kind) {
 }
 
 bool served_by(SolvePath path, int kind) {
-    // The engine's tree search is not connected yet: it serves nothing until it is. When it
-    // is, it serves every kind: return true for SolvePath::TreeSearch.
-    if (path == SolvePath::TreeSearch) return false;
+    // The tree search calls the node-level kinds and intsol (see tree_search.cpp); the kinds
+    // that follow HiGHS's iterations and log lines are HiGHS's.
+    if (path == SolvePath::TreeSearch) return node_level(kind) || kind == CB_INTSOL || kind == CB_MESSAGE;
     return !node_level(kind);
 }
 
@@ -101,9 +101,13 @@ int unserved_callback(TRVOprob p, SolvePath path) {
 
 void require_served(TRVOprob p, SolvePath path) {
     int k = unserved_callback(p, path);
+    if (k >= 0 && path == SolvePath::TreeSearch)
+        fail("A %s callback is registered, but this problem is solved by the engine's own tree search, "
+             "which does not call %s callbacks; remove the callback to solve",
+             kNames[k], kNames[k]);
     if (k >= 0)
         fail("A %s callback is registered, but %s callbacks are called at the nodes of the engine's "
-             "own tree search, which this optimiser does not run yet; remove the callback to solve",
+             "own tree search, which this solve does not run (TREESEARCH is 2); remove the callback to solve",
              kNames[k], kNames[k]);
 }
 

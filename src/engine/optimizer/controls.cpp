@@ -78,6 +78,7 @@ const Entry kCatalogue[] = {
     {TRVO_RANDOMSEED, "RANDOMSEED", kInt | kControl, 0},
     {TRVO_SCALING, "SCALING", kInt | kControl, 1},
     {TRVO_KEEPBASIS, "KEEPBASIS", kInt | kControl, 1},
+    {TRVO_TREESEARCH, "TREESEARCH", kInt | kControl, 0},
 };
 constexpr size_t kCount = sizeof kCatalogue / sizeof kCatalogue[0];
 
@@ -149,11 +150,7 @@ int64_t int_attrib(TRVOprob p, int id) {
                                  p->setnames.longest(), size_t(1)});
             return static_cast<int64_t>((m + 7) / 8);
         }
-        case TRVO_MIPENTS: {
-            int64_t n = 0;
-            for (char t : p->coltype) n += t != 'C';
-            return n;
-        }
+        case TRVO_MIPENTS: return mip_entities(p);
         case TRVO_PROBNAMELENGTH: return static_cast<int64_t>(p->name.size());
         case TRVO_INDICATORS: return static_cast<int64_t>(p->indicators.size());
     }
@@ -196,6 +193,10 @@ void set_int(TRVOprob p, int id, int64_t v) {
             break;
         case TRVO_DEFAULTALG:
             if (v < 1 || v > 4) fail("DEFAULTALG must be 1 (automatic), 2 (dual), 3 (primal) or 4 (barrier)");
+            break;
+        case TRVO_TREESEARCH:
+            if (v < 0 || v > 2)
+                fail("TREESEARCH must be 0 (automatic), 1 (always the tree search) or 2 (never)");
             break;
         case TRVO_THREADS: case TRVO_MAXNODE: case TRVO_MAXMIPSOL: case TRVO_LPITERLIMIT:
         case TRVO_BARITERLIMIT:

@@ -4,6 +4,7 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/highs_instances.h"
 #include "engine/optimizer/solve_callbacks.h"
+#include "engine/optimizer/tree_search.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -23,6 +24,11 @@ struct SolveContext {
     TRVOprob prob;
     std::string pending;  // log text not yet ended by a newline
     int64_t improving = 0;  // improving MIP solutions found
+    // MAXMIPSOL: the k-th improving solution is kept and the run stopped at HiGHS's next
+    // interrupt check (HiGHS may find more before it looks).
+    int64_t maxsol = 0;
+    bool sol_limit = false;
+    std::vector<double> limit_x;
     // Held by the callback while it uses prob. A run that ignored a stop request for too long
     // is abandoned: it goes on without the problem (orphaned) and its callback stops at once.
     std::mutex mutex;
@@ -55,10 +61,18 @@ void highs_callback(int type, const char* message, const HighsCallbackDataOut* o
         }
         return;
     }
-    if (type == kHighsCallbackMipImprovingSolution) ++ctx->improving;
+    if (type == kHighsCallbackMipImprovingSolution) {
+        ++ctx->improving;
+        if (ctx->sol_limit) return;  // found after the solution limit: not reported
+        if (ctx->maxsol > 0 && ctx->improving >= ctx->maxsol && out && out->mip_solution) {
+            ctx->sol_limit = true;
+            ctx->limit_x.assign(out->mip_solution, out->mip_solution + out->mip_solution_size);
+        }
+    }
     if ((type == kHighsCallbackSimplexInterrupt || type == kHighsCallbackIpmInterrupt ||
          type == kHighsCallbackMipInterrupt) && in) {
         if (ctx->prob->stop_request.load() != 0) in->user_interrupt = 1;
+        if (type == kHighsCallbackMipInterrupt && ctx->sol_limit) in->user_interrupt = 1;
     }
     if (ctx->callbacks) ctx->callbacks->on_event(type, out, in);
 }
@@ -82,9 +96,8 @@ void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, 
     Highs_setDoubleOptionValue(h, "mip_rel_gap", ctl_dbl(p, TRVO_MIPRELSTOP));
     Highs_setDoubleOptionValue(h, "mip_abs_gap", ctl_dbl(p, TRVO_MIPABSSTOP));
     Highs_setIntOptionValue(h, "mip_max_nodes", static_cast<HighsInt>(ctl_int(p, TRVO_MAXNODE)));
-    int64_t maxsol = ctl_int(p, TRVO_MAXMIPSOL);
-    Highs_setIntOptionValue(h, "mip_max_improving_sols",
-                            maxsol > 0 ? static_cast<HighsInt>(maxsol) : 2147483647);
+    // MAXMIPSOL is counted by the solve's callback (HiGHS's own limit skips solutions).
+    Highs_setIntOptionValue(h, "mip_max_improving_sols", 2147483647);
     Highs_setIntOptionValue(h, "simplex_iteration_limit",
                             static_cast<HighsInt>(ctl_int(p, TRVO_LPITERLIMIT)));
     Highs_setIntOptionValue(h, "ipm_iteration_limit",
@@ -384,8 +397,15 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     // A MIP solve of a problem without entities is an LP solve reported as both.
     const bool mip_call = mip;
     if (mip) mip = has_entities(p);
-    std::string why = nonconvexity(p, mip);
+    bool needs_search = false;
+    std::string why = quadratic_obstacle(p, mip, &needs_search);
     if (!why.empty()) record_nonconvex(p, mip, why);
+    const search::Hooks hooks = node_hooks(p);
+    if (use_tree_search(p, mip, needs_search, hooks)) {
+        require_served(p, SolvePath::TreeSearch);
+        optimize_by_search(p, mip_call, mip, hooks, t0);
+        return;
+    }
     require_served(p, SolvePath::Highs);
 
     HighsModel model;
@@ -416,6 +436,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     auto ctx_owner = std::make_shared<SolveContext>();
     SolveContext& ctx = *ctx_owner;
     ctx.prob = p;
+    if (mip) ctx.maxsol = ctl_int(p, TRVO_MAXMIPSOL);
     ctx.callbacks.reset(new SolveCallbacks(p, mip, model));
     set_options(p, h, flags, mip, scope.used, ctx.callbacks->needs_output());
     check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
@@ -440,6 +461,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         }
     } off{h};
     pass_model(h, model);
+    model.release_arrays();
     p->highs_cols = model.ncol;
     p->highs_rows = model.nrow;
     p->highs_has_lp = !mip && model.ncol == p->ncols() && model.nrow == p->nrows();
@@ -515,6 +537,17 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     bool have_x = primal != kHighsSolutionStatusNone;
     if (have_x || dual != kHighsSolutionStatusNone)
         Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    const bool proven = ms == kHighsModelStatusOptimal && ctx.improving == ctx.maxsol;
+    if (mip && ctx.sol_limit && !proven && ctx.limit_x.size() == cv.size()) {
+        // Stopped on the solution limit: the answer is the k-th solution, whatever HiGHS found
+        // after it before it looked at the interrupt.
+        cv = ctx.limit_x;
+        have_x = true;
+        primal = kHighsSolutionStatusFeasible;
+        ms = kHighsModelStatusSolutionLimit;
+        r.stopstatus = TRVO_STOP_SOLLIMIT;
+        r.solvestatus = TRVO_SOLVESTATUS_STOPPED;
+    }
 
     if (!mip) {
         switch (ms) {
@@ -590,7 +623,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         }
         r.have_mip = feasible;
         if (feasible) {
-            r.mipsols = std::max<int64_t>(ctx.improving, 1);
+            r.mipsols = ctx.sol_limit ? ctx.maxsol : std::max<int64_t>(ctx.improving, 1);
             r.mipx.assign(cv.begin(), cv.begin() + static_cast<long>(n));
             // Integer columns are reported at their integer values.
             for (size_t j = 0; j < n; ++j) {
@@ -605,8 +638,18 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             r.mipbestobjval = r.mipobjval;
             r.objval = r.mipobjval;
         }
-        if (r.mipstatus == TRVO_MIP_OPTIMAL) r.bestbound = r.mipobjval;
-        r.lpstatus = r.mipstatus == TRVO_MIP_INFEAS ? TRVO_LP_INFEAS : TRVO_LP_OPTIMAL;
+        if (r.mipstatus == TRVO_MIP_OPTIMAL) {
+            // HiGHS's dual bound stays the bound: after a stop on the gap tolerances it is below
+            // the objective (minimising), and the gap is the stop reason. A gap within the
+            // relaxations' accuracy is none.
+            const double eps = std::max(1e-9, ctl_dbl(p, TRVO_OPTIMALITYTOL)) * std::max(1.0, std::fabs(r.mipobjval));
+            const double gap = p->objsense > 0 ? r.mipobjval - r.bestbound : r.bestbound - r.mipobjval;
+            if (!std::isfinite(r.bestbound) || gap <= eps) r.bestbound = r.mipobjval;
+            else if (r.stopstatus == TRVO_STOP_NONE) r.stopstatus = TRVO_STOP_MIPGAP;
+        }
+        r.lpstatus = r.mipstatus == TRVO_MIP_INFEAS       ? TRVO_LP_INFEAS
+                     : r.mipstatus == TRVO_MIP_UNBOUNDED ? TRVO_LP_UNBOUNDED
+                                                         : TRVO_LP_OPTIMAL;
     }
     r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     p->stop_request.store(0);

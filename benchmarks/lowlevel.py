@@ -1,0 +1,127 @@
+"""Loading a large LP from NumPy arrays with the low-level methods, next to HiGHS.
+
+Builds the arrays of an LP with ROWS rows, ROWS/2 columns and NNZ nonzeros (100,000 rows and
+1,000,000 nonzeros by default; random pattern, values and bounds) and times:
+  - `loadproblem` of the whole LP (column-wise arrays) into a fresh problem;
+  - `addcols` of the empty columns, then `addrows` of all rows (row-wise arrays);
+  - highspy's `passModel` of the same column-wise arrays into a fresh HiGHS instance
+    (`Highs_passModel` underneath), the reference.
+Each figure is the best of REPEAT runs. Prints the times and the ratios to HiGHS; no
+assertions. The target is a ratio of at most 1.5.
+
+    PYTHONPATH=. python benchmarks/lowlevel.py [rows] [nonzeros] [repeat]
+"""
+import sys
+import time
+
+import numpy as np
+
+import tarvo as tv
+
+
+def arrays(rows, nnz, seed=1):
+    rng = np.random.default_rng(seed)
+    cols = rows // 2
+    # row-wise pattern (per_row distinct, spread columns in each row), then its column-wise
+    # transpose
+    per_row = max(1, nnz // rows)
+    nnz = per_row * rows
+    row_of = np.repeat(np.arange(rows), per_row)
+    shift = rng.integers(0, cols, rows)
+    col_of = (np.repeat(shift, per_row) + np.tile(np.arange(per_row) * (cols // per_row), rows)) % cols
+    val = rng.uniform(1.0, 9.0, nnz)
+    rstart = np.searchsorted(row_of, np.arange(rows + 1)).astype(np.int64)
+    order = np.lexsort((row_of, col_of))
+    cstart = np.searchsorted(col_of[order], np.arange(cols + 1)).astype(np.int64)
+    return dict(
+        rows=rows, cols=cols,
+        rowtype=np.full(rows, "L"), rhs=rng.uniform(10, 100, rows), rng=np.zeros(rows),
+        obj=-rng.uniform(1, 2, cols), lb=np.zeros(cols), ub=np.full(cols, 1e20),
+        rstart=rstart, rcol=col_of.astype(np.int32), rval=val,
+        cstart=cstart, crow=row_of[order].astype(np.int32), cval=val[order],
+    )
+
+
+def best(fn, repeat):
+    times = []
+    for _ in range(repeat):
+        t = fn()
+        times.append(t)
+    return min(times)
+
+
+def time_loadproblem(a):
+    p = tv.problem()
+    qrtype = list(a["rowtype"])
+    start = time.perf_counter()
+    p.loadproblem("bench", qrtype, a["rhs"], a["rng"], a["obj"], a["cstart"], None, a["crow"], a["cval"],
+                  a["lb"], a["ub"])
+    t = time.perf_counter() - start
+    assert p.attributes.rows == a["rows"] and len(p.getConstraint()) == a["rows"]
+    return t
+
+
+def time_addrows(a):
+    p = tv.problem()
+    p.addcols(a["obj"], np.zeros(a["cols"], np.int64), np.zeros(0, np.int32), np.zeros(0), a["lb"], a["ub"])
+    qrtype = list(a["rowtype"])
+    start = time.perf_counter()
+    p.addrows(qrtype, a["rhs"], a["rstart"], a["rcol"], a["rval"])
+    t = time.perf_counter() - start
+    assert p.attributes.elems == len(a["rval"]) and len(p.getConstraint()) == a["rows"]
+    return t
+
+
+HIGHS_TIMER = """
+import sys, time
+import numpy as np
+import highspy
+a = np.load(sys.argv[1])
+repeat = int(sys.argv[2])
+times = []
+for _ in range(repeat):
+    h = highspy.Highs()
+    h.setOptionValue("output_flag", False)
+    inf = highspy.kHighsInf
+    cols, rows = len(a["obj"]), len(a["rhs"])
+    start = time.perf_counter()
+    h.passModel(cols, rows, len(a["cval"]), 1, 1, 0.0, a["obj"], a["lb"], np.full(cols, inf),
+                np.full(rows, -inf), a["rhs"], a["cstart"][:-1].astype(np.int32), a["crow"], a["cval"], np.zeros(cols, np.int32))
+    times.append(time.perf_counter() - start)
+    assert h.getNumRow() == rows
+print(min(times))
+"""
+
+
+def time_highs(a, repeat):
+    """highspy's HiGHS cannot share a process with the module's own HiGHS: it runs apart."""
+    import os
+    import subprocess
+    import tempfile
+    with tempfile.TemporaryDirectory() as d:
+        path = os.path.join(d, "lp.npz")
+        np.savez(path, **{k: a[k] for k in ("obj", "lb", "rhs", "cstart", "crow", "cval")})
+        out = subprocess.run([sys.executable, "-c", HIGHS_TIMER, path, str(repeat)], capture_output=True,
+                             text=True)
+    if out.returncode != 0:
+        raise RuntimeError(out.stderr)
+    return float(out.stdout.split()[-1])
+
+
+def main():
+    rows = int(sys.argv[1]) if len(sys.argv) > 1 else 100_000
+    nnz = int(sys.argv[2]) if len(sys.argv) > 2 else 1_000_000
+    repeat = int(sys.argv[3]) if len(sys.argv) > 3 else 3
+    tv.setOutputEnabled(False)
+    a = arrays(rows, nnz)
+    highs = time_highs(a, repeat)
+    load = best(lambda: time_loadproblem(a), repeat)
+    add = best(lambda: time_addrows(a), repeat)
+    print(f"LP: {rows} rows, {a['cols']} columns, {nnz} nonzeros (NumPy arrays), best of {repeat}")
+    print(f"  highspy passModel   {highs * 1e3:8.1f} ms")
+    print(f"  tarvo loadproblem   {load * 1e3:8.1f} ms   ratio {load / highs:5.2f}")
+    print(f"  tarvo addrows       {add * 1e3:8.1f} ms   ratio {add / highs:5.2f}")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,285 @@
+// Runs the engine's tree search for the optimiser: convex quadratic rows (with or without
+// integers), mixed-integer convex quadratic objectives, and MIPs whose user asked for it.
+#include "engine/optimizer/tree_search.h"
+
+#include "engine/optimizer/callbacks.h"
+#include "engine/optimizer/highs_instances.h"
+
+#include <cmath>
+
+namespace trvo {
+namespace {
+
+bool all_zero(const QMap& q) {
+    for (const auto& kv : q)
+        if (kv.second != 0.0) return false;
+    return true;
+}
+
+struct SolveScope {
+    SolveScope(int threads, std::atomic<int>* stop) : stop(stop), used(highs_solve_begin(threads, stop)) {}
+    ~SolveScope() { highs_solve_end(stop); }
+    std::atomic<int>* stop;
+    int used;
+};
+
+}  // namespace
+
+std::string quadratic_obstacle(TRVOprob p, bool mip, bool* needs_search) {
+    *needs_search = false;
+    for (const auto& kv : p->qrows) {
+        if (all_zero(kv.second)) continue;
+        double lo, up;
+        row_bounds(p, kv.first, lo, up);
+        const std::string name = p->rownames.get(kv.first, 'R');
+        if (lo <= -kInf && up >= kInf) continue;  // a free row constrains nothing
+        if (lo > -kInf && up < kInf)
+            return "Quadratic row " + name + " is an equation or a range, which is not convex";
+        const bool upper = up < kInf;
+        if (!positive_semidefinite(kv.second, upper ? 1.0 : -1.0))
+            return "Quadratic row " + name + (upper ? " (<=) has a left side that is not convex"
+                                                    : " (>=) has a left side that is not concave");
+        *needs_search = true;
+    }
+    if (!all_zero(p->qobj)) {
+        if (!positive_semidefinite(p->qobj, p->objsense))
+            return p->objsense > 0 ? "The quadratic objective is not convex"
+                                   : "The quadratic objective is not concave";
+        if (mip) *needs_search = true;
+    }
+    return "";
+}
+
+search::Hooks node_hooks(TRVOprob p) {
+    // The problem's node-level callbacks, fired from the search's hooks. While a callback runs,
+    // the node's relaxation solution (or the candidate offered to preintsol) is the problem's
+    // LP solution and the incumbent its MIP solution, so that solution queries return them.
+    search::Hooks h;
+    const double sign = p->objsense > 0 ? 1.0 : -1.0;
+    // Once the solve is asked to stop (a callback raised, Ctrl-C, TRVOinterrupt), no further
+    // callback is entered; the search ends at its next check.
+    auto stopping = [p] { return p->stop_request.load() != 0; };
+    auto show_lp = [p](const double* x) {
+        Results& r = p->results;
+        const size_t n = static_cast<size_t>(p->ncols());
+        r.x.assign(x, x + n);
+        r.slack.assign(static_cast<size_t>(p->nrows()), 0.0);
+        slacks_at(p, r.x.data(), r.slack.data());
+        r.lpobjval = objective_at(p, r.x.data());
+        r.have_lp = true;
+        r.have_duals = false;
+    };
+    if (has_callbacks(p, CB_PRENODE)) h.prenode = [p, stopping](const search::NodeView&) { return !stopping() && fire_prenode(p); };
+    if (has_callbacks(p, CB_OPTNODE))
+        h.optnode = [p, show_lp, stopping](const search::NodeView& v) {
+            if (stopping()) return false;
+            show_lp(v.x);
+            return fire_optnode(p);
+        };
+    if (has_callbacks(p, CB_INFNODE)) h.infnode = [p, stopping](const search::NodeView&) {
+            if (!stopping()) fire_infnode(p);
+        };
+    if (has_callbacks(p, CB_NODECUTOFF))
+        h.nodecutoff = [p, stopping](const search::NodeView&, int64_t node) {
+            if (!stopping()) fire_nodecutoff(p, static_cast<int>(node));
+        };
+    if (has_callbacks(p, CB_NEWNODE))
+        h.newnode = [p, stopping](const search::NodeView&, int64_t parent, int64_t child, int64_t branch) {
+            if (!stopping()) fire_newnode(p, static_cast<int>(parent), static_cast<int>(child), static_cast<int>(branch));
+        };
+    if (has_callbacks(p, CB_PREINTSOL))
+        h.preintsol = [p, sign, show_lp, stopping](const search::NodeView&, int soltype, const double* x,
+                                                   double, bool* reject, double* cutoff) {
+            if (stopping()) return;
+            // The candidate is the MIP solution while the callback looks at it (and the LP
+            // solution too); a rejected one gives the place back to the incumbent.
+            Results& r = p->results;
+            const std::vector<double> keep_x = r.mipx, keep_slack = r.mipslack;
+            const double keep_obj = r.mipobjval;
+            const bool keep_have = r.have_mip;
+            show_lp(x);
+            r.mipx = r.x;
+            r.mipslack = r.slack;
+            r.mipobjval = r.lpobjval;
+            r.have_mip = true;
+            double c = sign * *cutoff;  // the user's sense
+            *reject = fire_preintsol(p, soltype, &c);
+            if (c == c) *cutoff = sign * c;
+            if (*reject) {
+                r.mipx = keep_x;
+                r.mipslack = keep_slack;
+                r.mipobjval = keep_obj;
+                r.have_mip = keep_have;
+            }
+        };
+    if (has_callbacks(p, CB_INTSOL))
+        h.intsol = [p, stopping](const search::NodeView&, const double* x, double) {
+            Results& r = p->results;
+            r.mipx.assign(x, x + p->ncols());
+            r.mipslack.assign(static_cast<size_t>(p->nrows()), 0.0);
+            slacks_at(p, r.mipx.data(), r.mipslack.data());
+            r.mipobjval = r.mipbestobjval = objective_at(p, r.mipx.data());
+            r.have_mip = true;
+            ++r.mipsols;
+            if (!stopping()) fire_intsol(p);
+        };
+    if (has_callbacks(p, CB_CHGBRANCHOBJECT))
+        h.chgbranchobject = [p, stopping](const search::NodeView&, search::Branch& b) {
+            if (stopping()) return;
+            // The branching-object type only wraps the search's own decision so far: a callback
+            // can keep it, and anything else cannot be carried out.
+            if (fire_chgbranchobject(p, &b) != &b)
+                fail("A chgbranchobject callback returned a branching object other than the one proposed; "
+                     "the tree search can only keep its own branching decision");
+        };
+    if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p, stopping] {
+        if (!stopping()) fire_mipthread(p, p);
+    };
+    // destroymt ends what mipthread began, unless a callback has raised.
+    if (has_callbacks(p, CB_DESTROYMT)) h.destroymt = [p] {
+        if (p->stop_request.load() != TRVO_STOP_USER) fire_destroymt(p);
+    };
+    return h;
+}
+
+bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hooks& hooks) {
+    const int64_t mode = ctl_int(p, TRVO_TREESEARCH);
+    if (mode == 2) {
+        if (hooks.any_node_hook())
+            fail("TREESEARCH is 2 (never), but node callbacks are registered (a %s callback), which only "
+                 "the tree search can call: set TREESEARCH to 0 or 1, or remove the callbacks",
+                 callback_kind_name(unserved_callback(p, SolvePath::Highs)));
+        if (needs_search)
+            fail("TREESEARCH is 2 (never), but this problem needs the tree search (quadratic rows, "
+                 "or a quadratic objective with integer entities): set TREESEARCH to 0 or 1");
+        return false;
+    }
+    // Node callbacks need the search even on an LP or QP (whose root is then its only node).
+    if (needs_search || hooks.any_node_hook()) return true;
+    return mip && mode == 1;
+}
+
+void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks& hooks,
+                        std::chrono::steady_clock::time_point t0) {
+    Results& r = p->results;
+    search::Model model;
+    formulate(p, mip, model.lp);
+    const int n = p->ncols(), m = p->nrows();
+    if (!model.lp.integrality.empty())
+        for (int j = 0; j < model.lp.ncol; ++j) {
+            const HighsInt t = model.lp.integrality[static_cast<size_t>(j)];
+            if (t == kHighsVarTypeSemiContinuous || t == kHighsVarTypeSemiInteger)
+                fail("Semi-continuous column %s has no upper bound, which the tree search needs: give it a "
+                     "finite upper bound",
+                     p->colnames.get(j, 'C').c_str());
+        }
+    for (const auto& kv : p->qrows) {
+        if (all_zero(kv.second)) continue;
+        search::QuadRow q;
+        q.row = kv.first;
+        row_bounds(p, kv.first, q.lo, q.up);
+        if (q.lo <= -kInf && q.up >= kInf) continue;
+        if (q.lo <= -kInf) q.lo = -INFINITY;
+        if (q.up >= kInf) q.up = INFINITY;
+        q.lin = p->matrix[static_cast<size_t>(kv.first)];
+        for (const auto& e : kv.second)
+            if (e.second != 0.0) q.quad.emplace_back(e.first, e.second);
+        model.qrows.push_back(std::move(q));
+    }
+
+    SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
+    search::Settings s;
+    s.feastol = ctl_dbl(p, TRVO_FEASTOL);
+    s.optimalitytol = ctl_dbl(p, TRVO_OPTIMALITYTOL);
+    s.miptol = ctl_dbl(p, TRVO_MIPTOL);
+    s.miprelstop = ctl_dbl(p, TRVO_MIPRELSTOP);
+    s.mipabsstop = ctl_dbl(p, TRVO_MIPABSSTOP);
+    const double cutoff = ctl_dbl(p, TRVO_MIPABSCUTOFF);
+    if (mip && std::fabs(cutoff) < 1e39) s.cutoff = model.lp.sign * cutoff;
+    s.maxnode = ctl_int(p, TRVO_MAXNODE);
+    s.maxmipsol = ctl_int(p, TRVO_MAXMIPSOL);
+    s.maxtime = ctl_dbl(p, TRVO_MAXTIME);
+    s.lpiterlimit = ctl_int(p, TRVO_LPITERLIMIT);
+    s.threads = scope.used;
+    s.stop = &p->stop_request;
+    if (ctl_int(p, TRVO_OUTPUTLOG) != 0) s.log = [p](const std::string& line) { emit_message(p, line.c_str(), 1); };
+    if (mip) {
+        for (const auto& e : p->mip_start)
+            if (e.first < n) s.start.push_back(e);
+        p->mip_start.clear();
+    }
+
+    // The problem's own HiGHS instance no longer holds the last solve's LP.
+    p->highs_has_lp = false;
+    search::Outcome o = search::run(model, s, hooks);
+
+    const size_t nn = static_cast<size_t>(n), mm = static_cast<size_t>(m);
+    const double sign = model.lp.sign;
+    r.simplexiter = o.lp_iterations;
+    r.stopstatus = o.stop_reason;
+    r.solvestatus = o.status == search::Status::Stopped && o.stop_reason != 0 ? TRVO_SOLVESTATUS_STOPPED
+                                                                              : TRVO_SOLVESTATUS_COMPLETED;
+    if (!o.exact)
+        emit_message(p, "The tree search could not meet the feasibility tolerance on the quadratic rows at "
+                        "some nodes: the solution is not proven optimal", 3);
+    if (!mip) {
+        switch (o.status) {
+            case search::Status::Optimal: r.lpstatus = TRVO_LP_OPTIMAL; break;
+            case search::Status::Infeasible: r.lpstatus = TRVO_LP_INFEAS; break;
+            case search::Status::Unbounded: r.lpstatus = TRVO_LP_UNBOUNDED; break;
+            default: r.lpstatus = TRVO_LP_UNFINISHED; break;
+        }
+        r.have_lp = o.have_solution;
+        r.have_duals = o.have_solution && o.have_duals;
+        if (o.have_solution) {
+            r.x.assign(o.x.begin(), o.x.begin() + static_cast<long>(nn));
+            slacks_at(p, r.x.data(), r.slack.data());
+            r.lpobjval = objective_at(p, r.x.data());
+            r.objval = r.lpobjval;
+        }
+        if (r.have_duals) {
+            for (size_t j = 0; j < nn; ++j) r.dj[j] = sign * o.col_dual[j];
+            for (size_t i = 0; i < mm; ++i) r.dual[i] = sign * o.row_dual[i];
+        }
+        r.bestbound = r.lpstatus == TRVO_LP_OPTIMAL ? r.lpobjval : sign * o.bound;
+        if (mip_call) {
+            switch (r.lpstatus) {
+                case TRVO_LP_OPTIMAL: r.mipstatus = TRVO_MIP_OPTIMAL; break;
+                case TRVO_LP_INFEAS: r.mipstatus = TRVO_MIP_INFEAS; break;
+                case TRVO_LP_UNBOUNDED: r.mipstatus = TRVO_MIP_UNBOUNDED; break;
+                default: r.mipstatus = r.have_lp ? TRVO_MIP_SOLUTION : TRVO_MIP_NO_SOL_FOUND; break;
+            }
+            r.have_mip = r.have_lp;
+            if (r.have_mip) {
+                r.mipx = r.x;
+                r.mipslack = r.slack;
+                r.mipobjval = r.mipbestobjval = r.lpobjval;
+                r.mipsols = 1;
+            }
+        }
+    } else {
+        r.nodes = o.nodes;
+        r.mipsols = o.solutions;
+        switch (o.status) {
+            case search::Status::Optimal: r.mipstatus = TRVO_MIP_OPTIMAL; break;
+            case search::Status::Infeasible: r.mipstatus = TRVO_MIP_INFEAS; break;
+            case search::Status::Unbounded: r.mipstatus = TRVO_MIP_UNBOUNDED; break;
+            default: r.mipstatus = o.have_solution ? TRVO_MIP_SOLUTION : TRVO_MIP_NO_SOL_FOUND; break;
+        }
+        r.have_mip = o.have_solution;
+        if (o.have_solution) {
+            r.mipx.assign(o.x.begin(), o.x.begin() + static_cast<long>(nn));
+            slacks_at(p, r.mipx.data(), r.mipslack.data());
+            r.mipobjval = r.mipbestobjval = r.objval = objective_at(p, r.mipx.data());
+        }
+        r.bestbound = sign * o.bound;
+        r.lpstatus = o.status == search::Status::Infeasible ? TRVO_LP_INFEAS
+                     : o.status == search::Status::Unbounded ? TRVO_LP_UNBOUNDED
+                                                             : TRVO_LP_OPTIMAL;
+        r.have_lp = r.have_duals = false;
+    }
+    r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    p->stop_request.store(0);
+}
+
+}  // namespace trvo

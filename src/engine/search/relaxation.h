@@ -1,0 +1,99 @@
+// The node relaxation of the tree search: one persistent HiGHS instance holding the model's
+// continuous relaxation (LP, or QP with the objective's Hessian) plus the outer-approximation cut
+// pool of the quadratic rows. Column bounds are changed incrementally between nodes, the basis of
+// a node's parent is restored before a jump, and cuts stay in the instance once added (they are
+// valid everywhere).
+#pragma once
+
+#include "engine/search/search.h"
+
+#include <chrono>
+#include <memory>
+
+namespace trvo {
+namespace search {
+
+using Basis = std::vector<HighsInt>;  // column statuses then row statuses
+
+class Relaxation {
+public:
+    enum Result { Optimal, Infeasible, Cutoff, Unbounded, Limit, Error };
+
+    Relaxation(const Model& model, const Settings& settings,
+               std::chrono::steady_clock::time_point deadline);
+    ~Relaxation();
+    Relaxation(const Relaxation&) = delete;
+    Relaxation& operator=(const Relaxation&) = delete;
+
+    // Sets the columns' bounds (model columns, the root bounds tightened by the node).
+    void set_bounds(const std::vector<double>& lo, const std::vector<double>& up);
+    void set_col_bounds(int j, double lo, double up);
+    const std::vector<double>& lower() const { return lo_; }
+    const std::vector<double>& upper() const { return up_; }
+    // Solves the relaxation, adding cuts until the quadratic rows hold or max_rounds cut rounds
+    // have passed (converged() tells which). A relaxation objective at or above cutoff gives
+    // Cutoff. On Optimal, x() and objective() hold the solution.
+    Result solve(double cutoff, int max_rounds);
+    // One iteration-limited solve from the current basis for strong branching; returns the
+    // objective estimate (INFINITY when infeasible or cut off) and leaves x() unchanged.
+    double probe(double cutoff, int64_t iteration_limit);
+
+    const std::vector<double>& x() const { return x_; }
+    double objective() const { return obj_; }
+    bool converged() const { return converged_; }
+    bool quadratic_objective() const { return hessian_; }
+    double max_violation(const double* x) const;
+
+    std::shared_ptr<Basis> basis() const;
+    void set_basis(const Basis& b);
+
+    // Duals of the last solve mapped to the model's rows (cuts credited to their quadratic
+    // row) and the reduced costs of the model's columns.
+    bool duals(std::vector<double>& row_dual, std::vector<double>& col_dual) const;
+
+    int64_t iterations() const { return iterations_; }
+    int ncuts() const { return static_cast<int>(cut_row_.size()); }
+    // The cut pool: every cut added so far, as rows lo <= a'x <= up.
+    struct Cut {
+        std::vector<HighsInt> index;
+        std::vector<double> value;
+        double lo, up;
+    };
+    const std::vector<Cut>& cuts() const { return cuts_; }
+
+private:
+    Result run_once(double cutoff);
+    int add_cuts(const double* x);
+    void apply_bounds();
+
+    const Model& model_;
+    const Settings& settings_;
+    std::chrono::steady_clock::time_point deadline_;
+    void* h_ = nullptr;
+    bool hessian_ = false;
+    int ncol_ = 0, nrow_ = 0;  // model dimensions (cuts follow the rows)
+    std::vector<double> lo_, up_;            // bounds wanted
+    std::vector<double> set_lo_, set_up_;    // bounds in the instance
+    double box_ = 0;  // artificial bound on infinite column bounds while > 0
+    std::vector<int> cut_row_;               // quadratic row index of each cut
+    std::vector<double> cut_scale_;          // 1 / the factor each cut was divided by
+    std::vector<Cut> cuts_;
+    std::vector<double> x_;
+    double obj_ = INFINITY;
+    bool converged_ = true;
+    int64_t iterations_ = 0;
+
+public:
+    // Unbounded relaxations with quadratic rows: the search bounds infinite column bounds by a
+    // box while the cuts have not yet closed the directions of recession.
+    void set_box(double box) {
+        box_ = box;
+        apply_bounds();
+    }
+    double box() const { return box_; }
+    // Whether x touches the artificial box on some column whose own bound is infinite.
+    bool at_box(const double* x) const;
+};
+
+}  // namespace search
+}  // namespace trvo
