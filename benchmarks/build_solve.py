@@ -1,87 +1,368 @@
-"""Build and solve a large LP through tarvo, then solve the same model with HiGHS directly.
+"""Model building at scale: tarvo against a native C++ program on HiGHS's C API.
 
-Builds a covering LP of ROWS rows, ROWS columns and 10 nonzeros per row (100,000 rows and
-1,000,000 nonzeros by default) with addConstraint: row i holds columns i, i+1, ..., i+9 (mod
-ROWS) with random coefficients 1..9 and a random right-hand side, the costs are random in [1, 2].
-The banded pattern keeps the LP within reach of the simplex method at this size (a random
-sparse pattern of the same size takes HiGHS hours). The model is solved through tarvo, written
-to MPS, and solved again by HiGHS's own `highs` program from highsbox. Prints the build time
-(Python algebra, then loading into the problem), tarvo's solve time, HiGHS's own run time
-(solve only, without reading the file) and the ratios; no assertions.
+Models (the classic build benchmarks; sizes in columns + rows):
+- fac-G: facility location on a (G+1) x (G+1) grid with G facilities (MIP; fac-25 119k,
+  fac-50 913k);
+- lqcp-N: linear-quadratic control of the heat equation on an N x N grid (QP; lqcp-1000 2.0M);
+- basic-N: x - y >= i, x + y >= 0 over N x N pairs of free variables (LP; basic-1000 4.0M).
 
-    PYTHONPATH=. python benchmarks/build_solve.py [rows] [nonzeros_per_row]
+Each model is built in three styles, each in a fresh process:
+- array: `tarvo.vars` arrays and vectorised expressions (`Dot`, NumPy broadcasting);
+- list:  Python lists of variables and one `addConstraint` call with a list of constraints;
+- row:   one `addVariable` call per variable and one `addConstraint` call per row.
+The time printed covers building the variables, constraints and objective, loading them into
+the problem and handing the model to HiGHS (a solve with a time limit that stops HiGHS at
+once, as the native program does). `peak B/item` is the growth of the process's peak
+resident set per column + row. The native program (benchmarks/native/build_models.cpp) is
+built here with the system's C++ compiler against HiGHS from highsbox; without a compiler
+its column is skipped with a message.
+
+Also printed: reading an MPS file (tarvo `read` against HiGHS's reader), 10,000 single-value
+`getSolution(v)` calls on a 1M-column model, and the row style at 100k and 1M rows (linear
+growth means a time ratio near 10). No assertions; targets are printed next to the figures.
+
+    PYTHONPATH=. python benchmarks/build_solve.py [--quick] [--models fac-25,lqcp-500]
+        [--styles array,list,row] [--repeat N] [--skip-extras]
 """
+import json
+import math
 import os
 import random
-import re
+import resource
+import shutil
 import subprocess
 import sys
 import tempfile
 import time
 
-import highsbox
-
-import tarvo as tv
-
-
-def build(rows, per_row, seed=1):
-    rng = random.Random(seed)
-    x = [tv.var() for _ in range(rows)]
-    start = time.perf_counter()
-    cons = [tv.Sum(rng.randint(1, 9) * x[(i + k) % rows] for k in range(per_row))
-            >= rng.randint(1, 20) for i in range(rows)]
-    objective = tv.Sum(rng.uniform(1, 2) * v for v in x)
-    algebra = time.perf_counter() - start
-    start = time.perf_counter()
-    p = tv.problem(x, name="bench")
-    p.addConstraint(cons)
-    p.setObjective(objective)
-    load = time.perf_counter() - start
-    return p, algebra, load
+HERE = os.path.dirname(os.path.abspath(__file__))
+DEFAULT_MODELS = ["fac-25", "fac-50", "lqcp-500", "lqcp-1000", "basic-1000"]
+QUICK_MODELS = ["fac-25", "lqcp-500", "basic-300"]
+STYLES = ["array", "list", "row"]
+INF = 1e20
 
 
-def highs_direct(mps):
-    """Runs the highs program on the file; returns wall time, HiGHS's run time and objective."""
-    env = dict(os.environ)
-    env["LD_LIBRARY_PATH"] = os.pathsep.join(
-        filter(None, [highsbox.highs_lib_dir(), env.get("LD_LIBRARY_PATH")]))
-    with tempfile.TemporaryDirectory() as d:  # the program leaves Highs.log in its directory
+def peak_bytes():
+    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024
+
+
+# ----------------------------------------------------------------- tarvo models
+
+def facility(tv, np, style, G, F):
+    M = 2 * math.sqrt(2)
+    p = tv.problem("fac")
+    if style == "array":
+        y = tv.vars(F, 2, ub=1, name="")
+        s = tv.vars(G + 1, G + 1, F, name="")
+        z = tv.vars(G + 1, G + 1, F, vartype=tv.binary, name="")
+        r = tv.vars(G + 1, G + 1, F, 2, lb=-INF, name="")
+        d = tv.var(name="")
+        p.addVariable(y, s, z, r, d)
+        I = (np.arange(G + 1) / G)[:, None, None]
+        J = (np.arange(G + 1) / G)[None, :, None]
+        p.addConstraint(z.sum(axis=2) == 1)
+        D = np.empty(s.shape, dtype=s.dtype)  # d broadcast as an array of variables
+        D[...] = d
+        p.addConstraint(s - D + M * z <= M)
+        p.addConstraint(r[:, :, :, 0] + y[:, 0] == I + 0 * J)
+        p.addConstraint(r[:, :, :, 1] + y[:, 1] == J + 0 * I)
+        p.setObjective(d)
+        return p
+    rng_g, rng_f = range(G + 1), range(F)
+    y = [[tv.var(ub=1, name="") for _ in range(2)] for _ in rng_f]
+    s = [[[tv.var(name="") for _ in rng_f] for _ in rng_g] for _ in rng_g]
+    z = [[[tv.var(vartype=tv.binary, name="") for _ in rng_f] for _ in rng_g] for _ in rng_g]
+    r = [[[[tv.var(lb=-INF, name="") for _ in range(2)] for _ in rng_f] for _ in rng_g] for _ in rng_g]
+    d = tv.var(name="")
+    rows = [tv.Sum(z[i][j]) == 1 for i in rng_g for j in rng_g]
+    rows += [s[i][j][f] - d + M * z[i][j][f] <= M for i in rng_g for j in rng_g for f in rng_f]
+    rows += [r[i][j][f][0] + y[f][0] == i / G for i in rng_g for j in rng_g for f in rng_f]
+    rows += [r[i][j][f][1] + y[f][1] == j / G for i in rng_g for j in rng_g for f in rng_f]
+    add(p, style, [y, s, z, r, d], rows)
+    p.setObjective(d)
+    return p
+
+
+def lqcp(tv, np, style, N):
+    n = m = N
+    dx, T = 1.0 / m, 1.58
+    dt, a = T / n, 0.001
+    h2 = dx * dx
+    p = tv.problem("lqcp")
+    yt = [0.5 * (1 - (j * dx) ** 2) for j in range(m + 1)]
+    wy = [1.0 if j in (0, m) else 2.0 for j in range(m + 1)]
+    wu = [1.0 if i == n else 2.0 for i in range(1, n + 1)]
+    if style == "array":
+        y = tv.vars(n + 1, m + 1, ub=1, name="")
+        u = tv.vars(n, lb=-1, ub=1, name="")
+        p.addVariable(y, u)
+        c = y[:-1, 1:-1]
+        p.addConstraint((y[1:, 1:-1] - c) / dt - 0.5 * (
+            y[:-1, :-2] - 2 * c + y[:-1, 2:] + y[1:, :-2] - 2 * y[1:, 1:-1] + y[1:, 2:]) / h2 == 0)
+        p.addConstraint(y[0, :] == 0)
+        p.addConstraint(y[1:, 2] - 4 * y[1:, 1] + 3 * y[1:, 0] == 0)
+        p.addConstraint((y[1:, m - 2] - 4 * y[1:, m - 1] + 3 * y[1:, m]) / (2 * dx) - u + y[1:, m] == 0)
+        e = y[n, :] - np.array(yt)
+        p.setObjective(0.25 * dx * tv.Sum(np.array(wy) * e * e) + 0.25 * a * dt * tv.Sum(np.array(wu) * u * u))
+        return p
+    y = [[tv.var(ub=1, name="") for _ in range(m + 1)] for _ in range(n + 1)]
+    u = [None] + [tv.var(lb=-1, ub=1, name="") for _ in range(n)]
+    rows = [(y[i + 1][j] - y[i][j]) / dt - 0.5 * (
+        y[i][j - 1] - 2 * y[i][j] + y[i][j + 1] + y[i + 1][j - 1] - 2 * y[i + 1][j] + y[i + 1][j + 1]) / h2 == 0
+        for i in range(n) for j in range(1, m)]
+    rows += [y[0][j] == 0 for j in range(m + 1)]
+    rows += [y[i][2] - 4 * y[i][1] + 3 * y[i][0] == 0 for i in range(1, n + 1)]
+    rows += [(y[i][m - 2] - 4 * y[i][m - 1] + 3 * y[i][m]) / (2 * dx) - u[i] + y[i][m] == 0
+             for i in range(1, n + 1)]
+    add(p, style, [y, u[1:]], rows)
+    p.setObjective(0.25 * dx * tv.Sum(wy[j] * (y[n][j] - yt[j]) * (y[n][j] - yt[j]) for j in range(m + 1))
+                   + 0.25 * a * dt * tv.Sum(wu[i - 1] * u[i] * u[i] for i in range(1, n + 1)))
+    return p
+
+
+def basic(tv, np, style, N):
+    p = tv.problem("basic")
+    if style == "array":
+        x = tv.vars(N, N, lb=-INF, name="")
+        y = tv.vars(N, N, lb=-INF, name="")
+        p.addVariable(x, y)
+        p.addConstraint(x - y >= np.arange(N, dtype=float)[:, None] + np.zeros(N))
+        p.addConstraint(x + y >= 0)
+        p.setObjective(2 * tv.Sum(x) + tv.Sum(y))
+        return p
+    x = [[tv.var(lb=-INF, name="") for _ in range(N)] for _ in range(N)]
+    y = [[tv.var(lb=-INF, name="") for _ in range(N)] for _ in range(N)]
+    rows = [x[i][j] - y[i][j] >= i for i in range(N) for j in range(N)]
+    rows += [x[i][j] + y[i][j] >= 0 for i in range(N) for j in range(N)]
+    add(p, style, [x, y], rows)
+    p.setObjective(tv.Sum(2 * x[i][j] + y[i][j] for i in range(N) for j in range(N)))
+    return p
+
+
+def flat(nested):
+    out = []
+    stack = [nested]
+    while stack:
+        item = stack.pop()
+        if isinstance(item, list):
+            stack.extend(reversed(item))
+        else:
+            out.append(item)
+    return out
+
+
+def add(p, style, variables, rows):
+    if style == "list":
+        p.addVariable(variables)
+        p.addConstraint(rows)
+        return
+    for v in flat(variables):
+        p.addVariable(v)
+    for c in rows:
+        p.addConstraint(c)
+
+
+def parse_model(name):
+    kind, _, size = name.partition("-")
+    if kind == "fac":
+        return kind, (int(size), int(size))
+    if kind in ("lqcp", "basic"):
+        return kind, (int(size),)
+    raise SystemExit("unknown model %s" % name)
+
+
+# ----------------------------------------------------------------- child processes
+
+def child(argv):
+    """Runs one measurement in this (fresh) process and prints its JSON result."""
+    import numpy as np
+    import tarvo as tv
+    tv.setOutputEnabled(False)
+    what = argv[0]
+    base = peak_bytes()
+    if what == "build":
+        kind, size = parse_model(argv[1])
+        builder = {"fac": facility, "lqcp": lqcp, "basic": basic}[kind]
         start = time.perf_counter()
-        out = subprocess.run([highsbox.highs_bin_path(), "--model_file", mps],
-                             capture_output=True, text=True, cwd=d, env=env)
-        elapsed = time.perf_counter() - start
-    if out.returncode != 0:
-        sys.exit("highs failed (%d): %s" % (out.returncode, out.stderr or out.stdout))
-    run = re.search(r"HiGHS run time\s*:\s*([-+0-9.eE]+)", out.stdout)
-    obj = re.search(r"Objective value\s*:\s*([-+0-9.eE]+)", out.stdout)
-    return (elapsed, float(run.group(1)) if run else float("nan"),
-            float(obj.group(1)) if obj else float("nan"))
+        p = builder(tv, np, argv[2], *size)
+        built = time.perf_counter() - start
+        p.controls.maxtime = 1e-9  # HiGHS takes the model over and stops at once
+        p.solve()
+        total = time.perf_counter() - start
+        out = {"rows": p.attributes.rows, "cols": p.attributes.cols, "build": built,
+               "seconds": total, "peak_bytes": peak_bytes() - base}
+        if len(argv) > 3:  # also write it, for the reading comparison
+            p.write(argv[3])
+    elif what == "read":
+        p = tv.problem()
+        start = time.perf_counter()
+        p.read(argv[1])
+        out = {"rows": p.attributes.rows, "cols": p.attributes.cols,
+               "seconds": time.perf_counter() - start, "peak_bytes": peak_bytes() - base}
+    elif what == "rows":  # one call per row, n rows over n + 1 columns
+        n = int(argv[1])
+        x = [tv.var(name="") for _ in range(n + 1)]
+        rows = [x[i] + x[i + 1] >= 1 for i in range(n)]
+        p = tv.problem()
+        start = time.perf_counter()
+        for v in x:
+            p.addVariable(v)
+        for c in rows:
+            p.addConstraint(c)
+        out = {"seconds": time.perf_counter() - start}
+    elif what == "query":
+        n = int(argv[1])
+        x = tv.vars(n, ub=1, name="")
+        p = tv.problem(x, tv.Sum(x) <= 10, -tv.Dot(np.linspace(1, 2, n), x))
+        p.solve()
+        xs = [x[k] for k in random.Random(5).sample(range(n), 10000)]
+        start = time.perf_counter()
+        for v in xs:
+            p.getSolution(v)
+        out = {"seconds": time.perf_counter() - start, "status": p.getProbStatusString()}
+    else:
+        raise SystemExit("unknown child task %s" % what)
+    print(json.dumps(out))
 
+
+def tarvo_location():
+    """The directory holding the tarvo package this interpreter would import."""
+    import importlib.util
+    spec = importlib.util.find_spec("tarvo")
+    if spec is None or not spec.submodule_search_locations:
+        raise SystemExit("tarvo is not importable: run with PYTHONPATH set to the source tree")
+    return os.path.dirname(list(spec.submodule_search_locations)[0])
+
+
+def run_child(*args):
+    env = dict(os.environ)
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [tarvo_location(), env.get("PYTHONPATH")]))
+    out = subprocess.run([sys.executable, os.path.abspath(__file__), "--child"] + list(args),
+                         capture_output=True, text=True, env=env)
+    if out.returncode != 0:
+        return {"error": (out.stderr or out.stdout).strip().splitlines()[-1:] or ["failed"]}
+    return json.loads(out.stdout.strip().splitlines()[-1])
+
+
+def best_of(repeat, *args):
+    """The run with the smallest time of `repeat` runs (memory from the same run)."""
+    runs = [run_child(*args) for _ in range(repeat)]
+    good = [r for r in runs if "error" not in r]
+    return min(good, key=lambda r: r["seconds"]) if good else runs[0]
+
+
+# ----------------------------------------------------------------- native program
+
+def build_native(directory):
+    """Compiles the native program; returns its path, or None with a message."""
+    compiler = os.environ.get("CXX") or shutil.which("c++") or shutil.which("g++") or shutil.which("clang++")
+    if not compiler:
+        print("native program skipped: no C++ compiler found (set CXX)")
+        return None
+    try:
+        import highsbox
+    except ImportError:
+        print("native program skipped: highsbox is not installed")
+        return None
+    exe = os.path.join(directory, "build_models")
+    lib = highsbox.highs_lib_dir()
+    cmd = [compiler, "-O2", "-std=c++17", "-I" + highsbox.highs_include_dir(),
+           os.path.join(HERE, "native", "build_models.cpp"), "-o", exe,
+           "-L" + lib, "-lhighs", "-Wl,-rpath," + lib]
+    out = subprocess.run(cmd, capture_output=True, text=True)
+    if out.returncode != 0:
+        print("native program skipped: compiling failed:\n" + out.stderr[-2000:])
+        return None
+    return exe
+
+
+def run_native(exe, repeat, *args):
+    runs = []
+    for _ in range(repeat):
+        out = subprocess.run([exe] + list(args), capture_output=True, text=True)
+        if out.returncode != 0:
+            return {"error": [out.stderr.strip()[-300:]]}
+        runs.append(json.loads(out.stdout.strip().splitlines()[-1]))
+    return min(runs, key=lambda r: r["seconds"])
+
+
+# ----------------------------------------------------------------- report
 
 def main():
-    rows = int(sys.argv[1]) if len(sys.argv) > 1 else 100_000
-    per_row = int(sys.argv[2]) if len(sys.argv) > 2 else 10
-    tv.setOutputEnabled(False)
-    p, algebra, load = build(rows, per_row)
-    print("model: %d rows, %d columns, %d nonzeros"
-          % (p.attributes.rows, p.attributes.cols, p.attributes.elems))
-    print("build: algebra %.2f s, addConstraint/setObjective %.2f s, total %.2f s"
-          % (algebra, load, algebra + load))
-    start = time.perf_counter()
-    p.solve()
-    solve = time.perf_counter() - start
-    print("tarvo solve: %.2f s, %s, objective %.6f, %d simplex iterations"
-          % (solve, p.getProbStatusString(), p.getObjVal(), p.attributes.simplexiter))
-    with tempfile.TemporaryDirectory() as d:
-        mps = os.path.join(d, "bench.mps")
-        start = time.perf_counter()
-        p.write(mps)
-        print("write MPS: %.2f s" % (time.perf_counter() - start))
-        wall, run, obj = highs_direct(mps)
-    print("highs program: run time %.2f s (wall %.2f s with reading the file), objective %.6f"
-          % (run, wall, obj))
-    print("ratio tarvo solve / HiGHS run time: %.2f" % (solve / run))
-    print("ratio tarvo build+solve / HiGHS wall time: %.2f" % ((algebra + load + solve) / wall))
+    args = sys.argv[1:]
+    if args and args[0] == "--child":
+        return child(args[1:])
+
+    def option(name, default):
+        if name in args:
+            return args[args.index(name) + 1]
+        return default
+
+    quick = "--quick" in args
+    models = option("--models", ",".join(QUICK_MODELS if quick else DEFAULT_MODELS)).split(",")
+    styles = option("--styles", ",".join(STYLES)).split(",")
+    repeat = int(option("--repeat", "1"))
+    with tempfile.TemporaryDirectory() as tmp:
+        exe = build_native(tmp)
+        print("%-11s %-6s %9s %9s %9s %8s %11s %8s" % (
+            "model", "style", "items", "build s", "+HiGHS s", "ratio", "peak B/item", "mem ratio"))
+        for name in models:
+            kind, size = parse_model(name)
+            native = run_native(exe, repeat, kind, *map(str, size)) if exe else None
+            if native and "error" not in native:
+                items = native["rows"] + native["cols"]
+                print("%-11s %-6s %9d %9s %9.3f %8s %11.0f %8s" % (
+                    name, "native", items, "", native["seconds"], "1.00",
+                    native["peak_bytes"] / items, "1.00"))
+            elif native:
+                print("%-11s native failed: %s" % (name, native["error"]))
+                native = None
+            for style in styles:
+                r = best_of(repeat, "build", name, style)
+                if "error" in r:
+                    print("%-11s %-6s failed: %s" % (name, style, r["error"]))
+                    continue
+                items = r["rows"] + r["cols"]
+                ratio = "%.2f" % (r["seconds"] / native["seconds"]) if native else "-"
+                mem = "%.2f" % (r["peak_bytes"] / native["peak_bytes"]) if native else "-"
+                print("%-11s %-6s %9d %9.3f %9.3f %8s %11.0f %8s" % (
+                    name, style, items, r["build"], r["seconds"], ratio, r["peak_bytes"] / items, mem))
+            sys.stdout.flush()
+        print("targets: array and list <= 2x native, row <= 3x native, memory <= 1.2x native")
+        if "--skip-extras" in args:
+            return
+
+        # Reading an MPS file.
+        mps = os.path.join(tmp, "fac.mps")
+        G = 10 if quick else 25
+        best_of(1, "build", "fac-%d" % G, "array", mps)
+        if os.path.exists(mps):
+            ours = best_of(max(repeat, 3), "read", mps)
+            line = "read fac-%d MPS: tarvo %.3f s" % (G, ours.get("seconds", float("nan")))
+            if exe:
+                theirs = run_native(exe, max(repeat, 3), "read", mps)
+                if "error" not in theirs:
+                    line += ", HiGHS reader %.3f s, ratio %.2f (target <= 1.2)" % (
+                        theirs["seconds"], ours["seconds"] / theirs["seconds"])
+            print(line)
+
+        # Single-value queries.
+        n = 100_000 if quick else 1_000_000
+        q = best_of(1, "query", str(n))
+        if "error" in q:
+            print("getSolution(v) failed: %s" % q["error"])
+        else:
+            print("10,000 getSolution(v) on %d columns (%s): %.4f s (target <= 0.020 s)"
+                  % (n, q["status"], q["seconds"]))
+
+        # Linear growth of the one-call-per-row style.
+        small, large = (10_000, 100_000) if quick else (100_000, 1_000_000)
+        a, b = best_of(1, "rows", str(small)), best_of(1, "rows", str(large))
+        if "error" in a or "error" in b:
+            print("row-style growth failed: %s" % (a.get("error") or b.get("error")))
+        else:
+            print("one call per row: %d rows %.3f s, %d rows %.3f s, ratio %.1f (target <= 12)"
+                  % (small, a["seconds"], large, b["seconds"], b["seconds"] / a["seconds"]))
 
 
 if __name__ == "__main__":

@@ -8,7 +8,11 @@
 
 Each model is built twice, once with plain Python lists and once with NumPy arrays of
 variables (`tarvo.vars`, `Dot`), and the time to build the problem object (variables,
-constraints, objective) is printed next to the solve time (capped at 30 s). No assertions.
+constraints, objective) is printed next to the solve time, the solve status and the
+objective. Solves are capped at 8 s (30 s with --large) so that the default run ends within
+a few minutes; a capped solve shows its status (for example mip_solution or lp_unfinished)
+next to the best objective found. No assertions. The comparison of building times with a
+native program is benchmarks/build_solve.py.
 
     PYTHONPATH=. python benchmarks/models.py [--large]
 """
@@ -109,33 +113,40 @@ def lp_numpy(m, n, d, seed=3):
     return p
 
 
-def report(label, size, builder):
+def report(label, size, builder, cap):
     try:
         p, build = timed(builder)
-        p.controls.maxtime = 30  # solves are capped: the figure of interest is the build
+        p.controls.maxtime = cap  # solves are capped: the figure of interest is the build
         _, solve = timed(p.solve)
         rows, cols = p.attributes.rows, p.attributes.cols
-        print("%-10s %-7s %-18s rows %8d cols %8d  build %7.3f s  solve %7.3f s  obj %.6g"
-              % (label[0], label[1], size, rows, cols, build, solve, p.getObjVal()))
+        status = p.getProbStatusString()
+        try:
+            obj = "%.6g" % p.getObjVal()
+        except Exception:  # no solution within the cap
+            obj = "-"
+        print("%-10s %-7s %-18s rows %8d cols %8d  build %7.3f s  solve %7.3f s  %-14s obj %s"
+              % (label[0], label[1], size, rows, cols, build, solve, status, obj))
     except Exception as exc:  # a failing size is reported, the others still run
         print("%-10s %-7s %-18s failed: %s: %s" % (label[0], label[1], size, type(exc).__name__, exc))
+    sys.stdout.flush()
 
 
 def main():
     tv.setOutputEnabled(False)
     large = "--large" in sys.argv
+    cap = 30 if large else 8
     fl = [(10, 100), (20, 200), (40, 400)] + ([(100, 2000)] if large else [])
     lq = [(100, 5), (300, 10), (1000, 10)] + ([(5000, 10)] if large else [])
     lps = [(1000, 500, 10), (5000, 2500, 10), (20000, 10000, 10)] + ([(100000, 50000, 10)] if large else [])
     for m, n in fl:
         for kind, fn in (("lists", facility_lists), ("numpy", facility_numpy)):
-            report(("facility", kind), "m=%d n=%d" % (m, n), lambda: fn(m, n))
+            report(("facility", kind), "m=%d n=%d" % (m, n), lambda: fn(m, n), cap)
     for T, k in lq:
         for kind, fn in (("lists", lqc_lists), ("numpy", lqc_numpy)):
-            report(("lqc", kind), "T=%d k=%d" % (T, k), lambda: fn(T, k))
+            report(("lqc", kind), "T=%d k=%d" % (T, k), lambda: fn(T, k), cap)
     for m, n, d in lps:
         for kind, fn in (("lists", lp_lists), ("numpy", lp_numpy)):
-            report(("lp", kind), "m=%d n=%d" % (m, n), lambda: fn(m, n, d))
+            report(("lp", kind), "m=%d n=%d" % (m, n), lambda: fn(m, n, d), cap)
 
 
 if __name__ == "__main__":

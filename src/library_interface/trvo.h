@@ -478,6 +478,12 @@ int TRVOpostsolve(TRVOprob prob);
 int TRVOreadprob(TRVOprob prob, const char* filename, const char* flags);
 int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags);
 
+/* ---- one value of the current solution in O(1): what 0 x, 1 slack, 2 dual, 3 reduced cost
+   of column or row index; mip 1 reads the integer solution (x and slack only), 0 the LP
+   solution, -1 the integer one exactly when the problem has discrete entities. Fails as
+   TRVOgetlpsol / TRVOgetmipsol do when the solution (or its duals) is not available. */
+int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, double* value);
+
 #ifdef __cplusplus
 }
 #endif

@@ -4,6 +4,7 @@
 
 #include <structmember.h>
 
+#include <cstdio>
 #include <cstring>
 
 namespace tarvo {
@@ -69,6 +70,12 @@ void con_set_ub(uint64_t* word, double v) {
 void con_set_name(uint64_t* word, PyObject* name) {
     *word |= NAME_STORED;
     name_store(side_tables->con_name, serial_of(*word), name);
+}
+
+bool con_default_name_text(uint64_t word, char* buf) {
+    if (word & NAME_STORED) return false;
+    std::snprintf(buf, 24, "R%d", static_cast<int>(serial_of(word)));
+    return true;
 }
 
 PyObject* con_get_name(uint64_t word) {

@@ -36,6 +36,9 @@ void var_set_threshold(uint64_t* word, double v);
 void var_set_name(uint64_t* word, PyObject* name);  // takes its own reference
 PyObject* var_get_name(uint64_t word);              // new reference (stored or "C%d")
 PyObject* var_default_name(uint64_t serial);
+// The default name "C%d" of a variable without a stored name, written into buf (at least 24
+// bytes) without creating an object; returns false when the variable has a stored name.
+bool var_default_name_text(uint64_t word, char* buf);
 
 // Operand kinds: number 0, var 1, linterm 2, quadterm 3, expression 4, nonlinear 5;
 // anything else -1 with ModelError "Invalid object in operation: <%S>" set.
@@ -151,6 +154,8 @@ void con_set_lb(uint64_t* word, double v);
 void con_set_ub(uint64_t* word, double v);
 void con_set_name(uint64_t* word, PyObject* name);
 PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
+// As var_default_name_text, for a constraint's default name "R%d".
+bool con_default_name_text(uint64_t word, char* buf);
 // The rich comparison of every modelling type: builds a constraint.
 PyObject* constraint_compare(PyObject* a, PyObject* b, int op);
 

@@ -2,6 +2,7 @@
 // and names kept in the process-wide side tables keyed by serial.
 #include "model/algebra.h"
 
+#include <cstdio>
 #include <cstring>
 
 namespace tarvo {
@@ -85,6 +86,12 @@ void var_set_name(uint64_t* word, PyObject* name) {
 
 PyObject* var_default_name(uint64_t serial) {
     return PyUnicode_FromFormat("C%d", static_cast<int>(serial));
+}
+
+bool var_default_name_text(uint64_t word, char* buf) {
+    if (word & NAME_STORED) return false;
+    std::snprintf(buf, 24, "C%d", static_cast<int>(serial_of(word)));
+    return true;
 }
 
 PyObject* var_get_name(uint64_t word) {

@@ -104,6 +104,12 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
             return -1;
         }
         ++count;
+        char text[24];
+        if (var_default_name_text(word, text)) {
+            names.append(text);
+            names.push_back('\0');
+            return 0;
+        }
         PyRef name(var_get_name(word));
         return append_name(names, name.get(), 150, "Invalid variable name (must be a string)");
     });
@@ -196,8 +202,14 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
         b.qv.push_back(std::get<2>(q));
     }
     b.qstarts.push_back(static_cast<int64_t>(b.q1.size()));
-    PyRef name(con_get_name(con->word));
-    if (append_name(b.names, name.get(), std::string::npos, "Invalid constraint name (must be a string)") < 0) return -1;
+    char text[24];
+    if (con_default_name_text(con->word, text)) {
+        b.names.append(text);
+        b.names.push_back('\0');
+    } else {
+        PyRef name(con_get_name(con->word));
+        if (append_name(b.names, name.get(), std::string::npos, "Invalid constraint name (must be a string)") < 0) return -1;
+    }
     (*p->rowmap)[con_serial(c)] = row_index;
     return 0;
 }
@@ -496,6 +508,9 @@ PyObject* delete_objects(PyObject* self, PyObject* args, PyObject* kw, const Del
 int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sorted) {
     const Py_ssize_t len = PyList_GET_SIZE(list);
     for (int i : sorted) map->erase(object_key(PyList_GET_ITEM(list, i)));
+    // Deleting from the end (often the objects just added) moves and renumbers nothing.
+    if (!sorted.empty() && sorted.front() == static_cast<int>(len - static_cast<Py_ssize_t>(sorted.size())))
+        return PyList_SetSlice(list, sorted.front(), len, nullptr);
     // Survivors move down over the gaps in one pass; the tail is cut.
     Py_ssize_t out = 0;
     size_t k = 0;

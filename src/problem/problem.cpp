@@ -380,6 +380,7 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
     clear_lists_and_maps(p);
     if (p->prob) {
         release_userfuncs(p);
+        callback_exception_discard(p->prob);
         destroy_library_problems(p);
         nlp_release_job_objects(p);
         note_solver_run(p, false);
@@ -391,6 +392,7 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
         if (TRVOsetprobname(p->prob, "") != 0) return problem_error(p);
         if (load_empty(p, "") < 0) return nullptr;
         if (install_problem_printers(p) < 0) return nullptr;
+        if (callbacks_reregister(p) < 0) return nullptr;  // the callbacks stay registered
     }
     Py_RETURN_NONE;
 }

@@ -137,9 +137,35 @@ PyObject* list_of(const std::vector<double>& v) {
     return l;
 }
 
+// One value for a single variable (x, reduced cost) or constraint (slack, dual) that the
+// problem holds, read with the library's single-entry call so that it costs O(1) whatever
+// the problem's size. Returns 1 with *out set; 0 when the general path must answer (another
+// kind of argument, a nonlinear solution, or a failure whose message that path gives).
+int single_value(ProblemObject* p, PyObject* a, Vec which, double* out) {
+    const bool by_col = which == VEC_X || which == VEC_DJ;
+    IndexMap::const_iterator it;
+    if (by_col && is_var(a)) {
+        it = p->colmap->find(var_serial(a));
+        if (it == p->colmap->end()) return 0;
+    } else if (!by_col && is_constraint(a)) {
+        it = p->rowmap->find(con_serial(a));
+        if (it == p->rowmap->end()) return 0;
+    } else {
+        return 0;
+    }
+    // A nonlinear solution is read whole by the general path; otherwise the library picks
+    // the integer or the LP solution exactly as solution_kind does.
+    if (nonlinear_results(p)) return 0;
+    return TRVOgetsolentry(p->prob, -1, static_cast<int>(which), it->second, out) == 0 ? 1 : 0;
+}
+
 // The shape rules shared by getDual, getSlack, getRCost and flat getSolution.
 PyObject* shaped_query(PyObject* self, PyObject* args, Vec which) {
     ProblemObject* p = as_prob(self);
+    if (PyTuple_GET_SIZE(args) == 1) {
+        double value;
+        if (single_value(p, PyTuple_GET_ITEM(args, 0), which, &value)) return PyFloat_FromDouble(value);
+    }
     std::vector<double> v;
     if (fetch_vector(p, which, v) < 0) return nullptr;
     bool by_col = which == VEC_X || which == VEC_DJ;
@@ -229,6 +255,9 @@ PyObject* problem_getSolution(PyObject* self, PyObject* args, PyObject* kw) {
     if (flat < 0) return nullptr;
     if (PyTuple_GET_SIZE(args) == 0 || flat) return report_error(self, shaped_query(self, args, VEC_X));
     ProblemObject* p = as_prob(self);
+    double value;
+    if (PyTuple_GET_SIZE(args) == 1 && single_value(p, PyTuple_GET_ITEM(args, 0), VEC_X, &value))
+        return PyFloat_FromDouble(value);
     std::vector<double> x;
     if (fetch_vector(p, VEC_X, x) < 0) return nullptr;
     PyObject* what = PyTuple_GET_SIZE(args) == 1 ? PyTuple_GET_ITEM(args, 0) : args;

@@ -150,11 +150,7 @@ int64_t int_attrib(TRVOprob p, int id) {
                                  p->setnames.longest(), size_t(1)});
             return static_cast<int64_t>((m + 7) / 8);
         }
-        case TRVO_MIPENTS: {
-            int64_t n = 0;
-            for (char t : p->coltype) n += t != 'C';
-            return n;
-        }
+        case TRVO_MIPENTS: return mip_entities(p);
         case TRVO_PROBNAMELENGTH: return static_cast<int64_t>(p->name.size());
         case TRVO_INDICATORS: return static_cast<int64_t>(p->indicators.size());
     }

@@ -18,6 +18,7 @@ void set_coltypes(TRVOprob p, int ncols, const int* mindex, const char* coltype)
     }
     for (int k = 0; k < ncols; ++k) {
         size_t j = static_cast<size_t>(mindex[k]);
+        if (p->mipents >= 0) p->mipents += (coltype[k] != 'C') - (p->coltype[j] != 'C');
         p->coltype[j] = coltype[k];
         if (coltype[k] == 'B') {
             p->lb[j] = std::max(p->lb[j], 0.0);

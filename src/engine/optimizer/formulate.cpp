@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <numeric>
 
 namespace trvo {
@@ -10,10 +11,15 @@ namespace {
 
 using Row = std::vector<std::pair<int, double>>;
 
+// The model being built: the user's rows are read from the problem's own matrix (not
+// copied); reformulation adds rows after them and may replace some (indicator rows).
 struct Builder {
+    explicit Builder(TRVOprob p) : matrix(p->matrix) {}
+    const std::vector<Row>& matrix;
     std::vector<double> cost, lo, up;
     std::vector<HighsInt> integ;
-    std::vector<Row> rows;
+    std::map<int, Row> replaced;  // user rows rewritten by the reformulation
+    std::vector<Row> extra;       // rows added after the user's rows
     std::vector<double> rlo, rup;
 
     int add_col(double l, double u, HighsInt type) {
@@ -25,9 +31,15 @@ struct Builder {
     }
     int add_binary() { return add_col(0, 1, kHighsVarTypeInteger); }
     void add_row(Row r, double l, double u) {
-        rows.push_back(std::move(r));
+        extra.push_back(std::move(r));
         rlo.push_back(l);
         rup.push_back(u);
+    }
+    size_t nrows() const { return matrix.size() + extra.size(); }
+    const Row& row(size_t i) const {
+        if (i >= matrix.size()) return extra[i - matrix.size()];
+        auto it = replaced.find(static_cast<int>(i));
+        return it == replaced.end() ? matrix[i] : it->second;
     }
 };
 
@@ -181,7 +193,7 @@ void indicator(TRVOprob p, int i, const Indicator& ind, Builder& b) {
              rowname(p, i).c_str());
     Row r;
     double coef = 0;
-    for (const auto& e : b.rows[si]) {
+    for (const auto& e : b.row(si)) {
         if (e.first == ind.col) coef = e.second;
         else r.push_back(e);
     }
@@ -218,12 +230,12 @@ void indicator(TRVOprob p, int i, const Indicator& ind, Builder& b) {
         }
     }
     if (!is_inf(ulim)) {
-        b.rows[si] = std::move(upper);
+        b.replaced[i] = std::move(upper);
         b.rlo[si] = -INFINITY;
         b.rup[si] = ub_up;
         if (!is_inf(llim)) b.add_row(std::move(lower), lb_low, INFINITY);
     } else if (!is_inf(llim)) {
-        b.rows[si] = std::move(lower);
+        b.replaced[i] = std::move(lower);
         b.rlo[si] = lb_low;
         b.rup[si] = INFINITY;
     }
@@ -262,12 +274,11 @@ void row_bounds(TRVOprob p, int i, double& lo, double& up) {
 
 void formulate(TRVOprob p, bool mip, HighsModel& out) {
     const int n = p->ncols(), m = p->nrows();
-    Builder b;
+    Builder b(p);
     b.lo = p->lb;
     b.up = p->ub;
     b.cost.assign(static_cast<size_t>(n), 0.0);
     b.integ.assign(static_cast<size_t>(n), kHighsVarTypeContinuous);
-    b.rows.assign(p->matrix.begin(), p->matrix.end());
     b.rlo.resize(static_cast<size_t>(m));
     b.rup.resize(static_cast<size_t>(m));
     for (int i = 0; i < m; ++i) row_bounds(p, i, b.rlo[static_cast<size_t>(i)], b.rup[static_cast<size_t>(i)]);
@@ -302,7 +313,7 @@ void formulate(TRVOprob p, bool mip, HighsModel& out) {
     out = HighsModel();
     out.sign = p->objsense > 0 ? 1.0 : -1.0;
     out.ncol = static_cast<int>(b.lo.size());
-    out.nrow = static_cast<int>(b.rows.size());
+    out.nrow = static_cast<int>(b.nrows());
     out.offset = out.sign * p->objconst;
     out.cost = std::move(b.cost);
     for (int j = 0; j < n; ++j) out.cost[static_cast<size_t>(j)] = out.sign * p->obj[static_cast<size_t>(j)];
@@ -318,11 +329,12 @@ void formulate(TRVOprob p, bool mip, HighsModel& out) {
     for (HighsInt t : b.integ) out.discrete = out.discrete || t != kHighsVarTypeContinuous;
     if (out.discrete) out.integrality = std::move(b.integ);
     size_t nnz = 0;
-    for (const auto& r : b.rows) nnz += r.size();
-    out.a_start.reserve(b.rows.size() + 1);
+    for (size_t i = 0; i < b.nrows(); ++i) nnz += b.row(i).size();
+    out.a_start.reserve(b.nrows() + 1);
     out.a_index.reserve(nnz);
     out.a_value.reserve(nnz);
-    for (const auto& r : b.rows) {
+    for (size_t i = 0; i < b.nrows(); ++i) {
+        const Row& r = b.row(i);
         out.a_start.push_back(static_cast<HighsInt>(out.a_index.size()));
         for (const auto& e : r) {
             if (e.second == 0.0) continue;

@@ -24,6 +24,18 @@ struct HighsModel {
     std::vector<HighsInt> q_start, q_index;  // lower triangle, column-wise
     std::vector<double> q_value;
     bool discrete = false;
+
+    // Frees the arrays once HiGHS holds its own copy, so the solve does not run with the
+    // model stored a third time; the dimensions and the sign stay.
+    void release_arrays() {
+        HighsModel kept;
+        kept.ncol = ncol;
+        kept.nrow = nrow;
+        kept.sign = sign;
+        kept.offset = offset;
+        kept.discrete = discrete;
+        *this = std::move(kept);
+    }
 };
 
 // Why a problem cannot be handed to HiGHS as an LP/MIP/convex QP; empty when it can.

@@ -27,7 +27,7 @@ void add_names(TRVOprob p, int type, const char* names, int first, int last) {
     const char* s = names;
     for (int i = first; i <= last; ++i) {
         size_t len = std::strlen(s);
-        list.set(i, std::string(s, len));
+        list.set(i, s, len);
         s += len + 1;
     }
 }
@@ -102,8 +102,7 @@ int TRVOgetindex(TRVOprob prob, int type, const char* name, int* seqno) {
             if (name[0] == prefix && name[1] >= '1' && name[1] <= '9') {
                 char* end = nullptr;
                 long k = std::strtol(name + 1, &end, 10);
-                if (*end == '\0' && k >= 1 && k <= n &&
-                    list.names[static_cast<size_t>(k - 1)].empty())
+                if (*end == '\0' && k >= 1 && k <= n && list.unnamed(static_cast<int>(k - 1)))
                     i = static_cast<int>(k - 1);
             }
         }

@@ -13,48 +13,131 @@ namespace trvo {
 
 // ---- names
 
-void NameList::set(int i, const std::string& name) {
-    auto& cur = names[static_cast<size_t>(i)];
-    if (!cur.empty()) {
-        auto it = index.find(cur);
-        if (it != index.end() && it->second == i) index.erase(it);
+namespace {
+
+// A numbered name: one letter and a number without leading zeros below 2^48, packed with the
+// letter as a non-negative tag; -1 when the name has another form.
+int64_t numbered_tag(const char* s, size_t len) {
+    if (len < 2 || len > 16) return -1;
+    unsigned char c = static_cast<unsigned char>(s[0]);
+    if (!((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z'))) return -1;
+    if (s[1] < '1' || s[1] > '9') return -1;
+    int64_t v = 0;
+    for (size_t k = 1; k < len; ++k) {
+        if (s[k] < '0' || s[k] > '9') return -1;
+        v = v * 10 + (s[k] - '0');
+        if (v >= (int64_t(1) << 48)) return -1;
     }
-    cur = name;
-    if (!name.empty()) index[name] = i;
+    return (static_cast<int64_t>(c) << 48) | v;
 }
 
+std::string numbered_text(int64_t tag) {
+    char buf[24];
+    int n = std::snprintf(buf, sizeof buf, "%c%lld", static_cast<char>(tag >> 48),
+                          static_cast<long long>(tag & ((int64_t(1) << 48) - 1)));
+    return std::string(buf, static_cast<size_t>(n));
+}
+
+}  // namespace
+
+void NameList::set(int i, const char* name, size_t len) {
+    int64_t& tag = tags[static_cast<size_t>(i)];
+    if (tag <= kText) {
+        auto& cur = texts[static_cast<size_t>(kText - tag)];
+        auto it = index.find(cur);
+        if (it != index.end() && it->second == i) index.erase(it);
+        // The old text stays in texts until the next compaction; an entry reuses its own slot.
+        if (len > 0 && numbered_tag(name, len) < 0) {
+            cur.assign(name, len);
+            index[cur] = i;
+            return;
+        }
+        cur.clear();
+    }
+    if (tag >= 0 || numbered_valid_) numbered_valid_ = false;
+    if (len == 0) {
+        tag = kNoName;
+        return;
+    }
+    int64_t t = numbered_tag(name, len);
+    if (t >= 0) {
+        tag = t;
+        numbered_valid_ = false;
+        return;
+    }
+    texts.emplace_back(name, len);
+    tag = kText - static_cast<int64_t>(texts.size() - 1);
+    index[texts.back()] = i;
+}
+
+void NameList::set(int i, const std::string& name) { set(i, name.data(), name.size()); }
+
 std::string NameList::get(int i, char prefix) const {
-    const auto& n = names[static_cast<size_t>(i)];
-    if (!n.empty()) return n;
+    int64_t tag = tags[static_cast<size_t>(i)];
+    if (tag >= 0) return numbered_text(tag);
+    if (tag <= kText) return texts[static_cast<size_t>(kText - tag)];
     return std::string(1, prefix) + std::to_string(i + 1);
 }
 
 void NameList::erase(const std::vector<char>& drop) {
+    std::vector<std::string> kept;
+    index.clear();
     size_t out = 0;
-    for (size_t i = 0; i < names.size(); ++i) {
+    for (size_t i = 0; i < tags.size(); ++i) {
         if (drop[i]) continue;
-        if (out != i) names[out] = std::move(names[i]);
-        ++out;
+        int64_t tag = tags[i];
+        if (tag <= kText) {
+            kept.push_back(std::move(texts[static_cast<size_t>(kText - tag)]));
+            tag = kText - static_cast<int64_t>(kept.size() - 1);
+            index[kept.back()] = static_cast<int>(out);
+        }
+        tags[out++] = tag;
     }
-    names.resize(out);
-    rebuild_index();
+    tags.resize(out);
+    texts.swap(kept);
+    numbered_valid_ = false;
+    numbered_.clear();
 }
 
-void NameList::rebuild_index() {
-    index.clear();
-    for (size_t i = 0; i < names.size(); ++i)
-        if (!names[i].empty()) index[names[i]] = static_cast<int>(i);
+void NameList::truncate(size_t n) {
+    for (size_t i = n; i < tags.size(); ++i) {
+        if (tags[i] >= 0) numbered_valid_ = false;
+        if (tags[i] > kText) continue;
+        auto& text = texts[static_cast<size_t>(kText - tags[i])];
+        auto it = index.find(text);
+        if (it != index.end() && it->second == static_cast<int>(i)) index.erase(it);
+        text.clear();  // the slot is reclaimed by the next compaction
+    }
+    if (n < tags.size()) tags.resize(n);
+    while (!texts.empty() && texts.back().empty()) texts.pop_back();  // orphaned slots only
 }
 
 int NameList::find(const std::string& name) const {
-    auto it = index.find(name);
-    return it == index.end() ? -1 : it->second;
+    int64_t t = numbered_tag(name.data(), name.size());
+    if (t < 0) {
+        auto it = index.find(name);
+        return it == index.end() ? -1 : it->second;
+    }
+    if (!numbered_valid_) {
+        numbered_.clear();
+        for (size_t i = 0; i < tags.size(); ++i)
+            if (tags[i] >= 0) numbered_[tags[i]] = static_cast<int>(i);
+        numbered_valid_ = true;
+    }
+    auto it = numbered_.find(t);
+    return it == numbered_.end() ? -1 : it->second;
 }
 
 size_t NameList::longest() const {
     size_t m = 0;
-    for (size_t i = 0; i < names.size(); ++i)
-        m = std::max(m, names[i].empty() ? std::to_string(i + 1).size() + 1 : names[i].size());
+    for (size_t i = 0; i < tags.size(); ++i) {
+        int64_t tag = tags[i];
+        size_t len;
+        if (tag >= 0) len = 1 + std::to_string(tag & ((int64_t(1) << 48) - 1)).size();
+        else if (tag <= kText) len = texts[static_cast<size_t>(kText - tag)].size();
+        else len = std::to_string(i + 1).size() + 1;
+        m = std::max(m, len);
+    }
     return m;
 }
 
@@ -109,6 +192,7 @@ void emit_message(TRVOprob p, const char* msg, int msgtype) {
 }
 
 void results_resize(TRVOprob p) {
+    p->mipents = -1;  // callers replaced the problem's content (load, read, copy, solve)
     auto& r = p->results;
     size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
     if (r.x.size() != n || r.dj.size() != n || r.mipx.size() != n) {
@@ -123,6 +207,28 @@ void results_resize(TRVOprob p) {
         r.mipslack.assign(m, 0.0);
         r.have_lp = r.have_mip = r.have_duals = false;
     }
+}
+
+int64_t mip_entities(TRVOprob p) {
+    if (p->mipents < 0) {
+        int64_t n = 0;
+        for (char t : p->coltype) n += t != 'C';
+        p->mipents = n;
+    }
+    return p->mipents;
+}
+
+void results_invalidate(TRVOprob p) {
+    auto& r = p->results;
+    size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
+    if (r.x.size() == n && r.slack.size() == m) return;
+    if (r.x.empty() && r.slack.empty() && r.dj.empty() && r.dual.empty() && r.mipx.empty() &&
+        r.mipslack.empty())
+        return;
+    // Clearing keeps the capacity, so building after a solve does not reallocate.
+    r.x.clear(); r.dj.clear(); r.mipx.clear();
+    r.slack.clear(); r.dual.clear(); r.mipslack.clear();
+    r.have_lp = r.have_mip = r.have_duals = false;
 }
 
 void store_clear(TRVOprob p) {

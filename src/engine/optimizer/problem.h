@@ -25,18 +25,33 @@ struct Error : std::runtime_error {
 constexpr double kInf = TRVO_INFINITY;
 inline bool is_inf(double v) { return v >= kInf || v <= -kInf; }
 
-// Names of one kind (rows, columns or sets) with a name -> index map.
+// Names of one kind (rows, columns or sets). Each entry costs one 64-bit tag: no name (the
+// generated name <prefix><position + 1> is used), a name of the generated form <letter><number>
+// kept as that number (the names the module gives unnamed objects), or an index into the
+// texts of the other names. Only those texts are indexed for lookup at once; numbered names
+// are indexed lazily, on the first lookup after a change.
 struct NameList {
-    std::vector<std::string> names;  // "" when no name was given
-    std::unordered_map<std::string, int> index;
+    std::vector<int64_t> tags;       // kNoName, a numbered name, or kText - k for texts[k]
+    std::vector<std::string> texts;  // names that are not of the numbered form
+    std::unordered_map<std::string, int> index;  // texts -> entry
 
-    void resize(size_t n) { names.resize(n); }
+    static constexpr int64_t kNoName = -1;
+    static constexpr int64_t kText = -2;
+
+    void resize(size_t n) { tags.resize(n, kNoName); }
+    size_t size() const { return tags.size(); }
+    bool unnamed(int i) const { return tags[static_cast<size_t>(i)] == kNoName; }
     void set(int i, const std::string& name);
+    void set(int i, const char* name, size_t len);
     std::string get(int i, char prefix) const;  // the name, or a generated one
     void erase(const std::vector<char>& drop);  // drop[i] != 0: remove entry i
-    void rebuild_index();
+    void truncate(size_t n);                    // keeps the first n entries
     int find(const std::string& name) const;
     size_t longest() const;
+
+private:
+    mutable std::unordered_map<int64_t, int> numbered_;  // numbered tag -> entry, built lazily
+    mutable bool numbered_valid_ = false;
 };
 
 // Pair key (i <= j) for quadratic maps.
@@ -117,6 +132,9 @@ struct trvo_problem_s {
     // Columns.
     std::vector<double> lb, ub, obj, limit;
     std::vector<char> coltype;
+    // Number of columns whose type is not 'C'; -1 when it must be counted again (after a
+    // change that replaced or compacted coltype). Kept so the count costs O(1) per query.
+    mutable int64_t mipents = 0;
     double objconst = 0;  // the objective constant (chgobj of column -1 stores its negation)
     int objsense = 1;
     // Rows.
@@ -178,11 +196,18 @@ int64_t ctl_int(TRVOprob p, int id);
 double ctl_dbl(TRVOprob p, int id);
 void controls_set_defaults(TRVOprob p);
 
+// Number of columns whose type is not 'C' (counted again only after a change of types).
+int64_t mip_entities(TRVOprob p);
+
 // Sends a message through the problem's callbacks (when OUTPUTLOG allows it).
 void emit_message(TRVOprob p, const char* msg, int msgtype);
 
-// Invalidates results whose dimensions no longer fit after a structural change.
+// Sizes the result vectors to the problem; results whose dimensions no longer fit are
+// zeroed and marked unavailable. Called where results are about to be written (O(size)).
 void results_resize(TRVOprob p);
+// After a structural change: drops results whose dimensions no longer fit without
+// touching the vectors' contents, so adding one row or column costs O(1).
+void results_invalidate(TRVOprob p);
 
 // Store operations shared by loading, reading files and copying.
 void store_clear(TRVOprob p);
@@ -199,6 +224,7 @@ void load_problem(TRVOprob p, const char* probname, int ncol, int nrow, const ch
 // Index list -> deletion marks (checked).
 std::vector<char> marks(int n, int count, const int* index, const char* what);
 void delete_rows(TRVOprob p, const std::vector<char>& drop);
+bool delete_last_rows(TRVOprob p, int count, const int* index);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
 void set_coef(TRVOprob p, int i, int j, double v);
 

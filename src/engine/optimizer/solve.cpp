@@ -461,6 +461,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         }
     } off{h};
     pass_model(h, model);
+    model.release_arrays();
     p->highs_cols = model.ncol;
     p->highs_rows = model.nrow;
     p->highs_has_lp = !mip && model.ncol == p->ncols() && model.nrow == p->nrows();

@@ -41,7 +41,6 @@ void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
         if (std::isnan(l) || std::isnan(u)) fail("Bound of new column %d is NaN", j);
         if (obj && std::isnan(obj[j])) fail("Objective coefficient of new column %d is NaN", j);
     }
-    p->lb.reserve(c0 + ncols);
     for (int j = 0; j < ncols; ++j) {
         p->lb.push_back(lb ? lb[j] : 0.0);
         p->ub.push_back(ub ? ub[j] : kInf);
@@ -50,7 +49,7 @@ void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
         p->coltype.push_back('C');
     }
     p->colnames.resize(p->lb.size());
-    results_resize(p);
+    results_invalidate(p);
 }
 
 void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
@@ -69,7 +68,7 @@ void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
         p->matrix.emplace_back();
     }
     p->rownames.resize(p->rowtype.size());
-    results_resize(p);
+    results_invalidate(p);
 }
 
 // Appends matrix entries of new rows r0.. given row-wise (checked by the caller).
@@ -189,7 +188,8 @@ void load_problem(TRVOprob p, const char* probname, int ncol, int nrow, const ch
     p->rownames.resize(static_cast<size_t>(nrow));
     p->colnames.resize(static_cast<size_t>(ncol));
     p->objconst = 0;
-    results_resize(p);
+    p->mipents = -1;
+    results_invalidate(p);
 }
 
 // Deletes the marked rows in one pass.
@@ -226,7 +226,7 @@ void delete_rows(TRVOprob p, const std::vector<char>& drop) {
         if (newidx[static_cast<size_t>(kv.first)] >= 0)
             ind[newidx[static_cast<size_t>(kv.first)]] = kv.second;
     p->indicators.swap(ind);
-    results_resize(p);
+    results_invalidate(p);
 }
 
 // Deletes the marked columns in one pass over every structure that refers to columns.
@@ -245,6 +245,7 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
     size_t no = static_cast<size_t>(out);
     p->lb.resize(no); p->ub.resize(no); p->obj.resize(no); p->limit.resize(no);
     p->coltype.resize(no);
+    p->mipents = -1;
     p->colnames.erase(drop);
     int64_t nnz = 0;
     for (auto& row : p->matrix) {
@@ -294,7 +295,32 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
             ++it;
         }
     }
-    results_resize(p);
+    results_invalidate(p);
+}
+
+// Deletes the rows when they are the last ones of the problem, in O(their entries) rather
+// than a pass over the whole problem; false (nothing done) when they are not.
+bool delete_last_rows(TRVOprob p, int count, const int* index) {
+    const int m = p->nrows();
+    if (count <= 0 || !index || count > m) return false;
+    const int first = m - count;
+    std::vector<char> seen(static_cast<size_t>(count), 0);
+    for (int k = 0; k < count; ++k) {
+        int i = index[k];
+        if (i < first || i >= m || seen[static_cast<size_t>(i - first)]) return false;
+        seen[static_cast<size_t>(i - first)] = 1;
+    }
+    for (int i = first; i < m; ++i) p->nnz -= static_cast<int64_t>(p->matrix[static_cast<size_t>(i)].size());
+    const size_t f = static_cast<size_t>(first);
+    p->rowtype.resize(f);
+    p->rhs.resize(f);
+    p->range.resize(f);
+    p->matrix.resize(f);
+    p->rownames.truncate(f);
+    p->qrows.erase(p->qrows.lower_bound(first), p->qrows.end());
+    p->indicators.erase(p->indicators.lower_bound(first), p->indicators.end());
+    results_invalidate(p);
+    return true;
 }
 
 std::vector<char> marks(int n, int count, const int* index, const char* what) {
@@ -387,7 +413,10 @@ int TRVOaddrows64(TRVOprob prob, int nrows, int64_t ncoefs, const char qrtype[],
 }
 
 int TRVOdelrows(TRVOprob prob, int nrows, const int mindex[]) {
-    return guard(prob, [&] { delete_rows(prob, marks(prob->nrows(), nrows, mindex, "rows")); });
+    return guard(prob, [&] {
+        if (!delete_last_rows(prob, nrows, mindex))
+            delete_rows(prob, marks(prob->nrows(), nrows, mindex, "rows"));
+    });
 }
 
 int TRVOdelcols(TRVOprob prob, int ncols, const int mindex[]) {
