@@ -14,6 +14,15 @@ problem runs in a child interpreter with a time limit, so that a crash or a hang
     PYTHONPATH=. python3 benchmarks/nonlinear.py --check      # statements only, no solver
     PYTHONPATH=. python3 benchmarks/nonlinear.py --skip-large
     PYTHONPATH=. python3 benchmarks/nonlinear.py --large-only --rows 2000 --rows 10000
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --scale                      # scaling table
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --scale --beam 1000 --beam 2000 --rows 2000
+
+`--scale` builds and solves the beam control model (clnlbeam: 3(N+1) columns, 2N rows, sin and
+cos terms) for N = 1000, 2000, 5000, 10000 and the Van der Pol model with 2,000 and 10,000 rows,
+each in a child interpreter so that its peak memory (ru_maxrss) is its own. It prints build time,
+solve time, iterations, time per iteration, peak memory and objective, the growth exponent of
+time per iteration and of memory between successive sizes, and Ipopt's time on the same model
+(through casadi, also in a child) when casadi is importable.
 
 Every problem is written once, as a function of a "kit" that supplies the variables, the
 elementary functions and the constraint and objective calls. The tarvo kit builds a problem from
@@ -47,6 +56,7 @@ FEAS_TOL = 1e-5
 CHECK_RTOL = 1e-6
 CHECK_FEAS_TOL = 1e-3
 MAXTIME = 20.0  # seconds per problem for the nonlinear optimiser
+WITH_IPOPT = True  # also solve every problem with Ipopt through casadi, when it is importable
 
 
 # --------------------------------------------------------------------------------------------
@@ -990,6 +1000,20 @@ def hs118(k):
     return k.done(664.8204500)
 
 
+def _chained_rosenbrock(n):
+    def statement(k):
+        x = k.vars([-1.0] * n, opt=[1.0] * n)
+        k.minimize(sum(100 * (x[i + 1] - x[i] ** 2) ** 2 + (1 - x[i]) ** 2 for i in range(n - 1)))
+        return k.done(0.0)
+    statement.__name__ = "rosen%d" % n
+    statement.__doc__ = "Chained Rosenbrock function in %d variables from x = -1 (a curved valley)." % n
+    return statement
+
+
+for _n in (5, 20, 40):
+    hs(_chained_rosenbrock(_n))
+
+
 # --------------------------------------------------------------------------------------------
 # Checking the statements and running the solver
 
@@ -1030,6 +1054,142 @@ def _control(p, name, default=None):
         return p.getControl(name)
     except Exception:
         return default
+
+
+class RecordKit(PointKit):
+    """Evaluates a statement at a point and keeps the bounds, the value of every constraint
+    (g >= 0 or h = 0) and the objective, for the KKT check."""
+
+    def __init__(self, point):
+        super().__init__(point)
+        self.rows = []  # (value, is_equality, scale)
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        self.lb = _per_variable(lb, n, -INF)
+        self.ub = _per_variable(ub, n, INF)
+        return super().vars(start, lb, ub, opt)
+
+    def ge(self, body, scale=1.0):
+        super().ge(body, scale)
+        self.rows.append((float(body), False, scale))
+
+    def eq(self, body, scale=1.0):
+        super().eq(body, scale)
+        self.rows.append((float(body), True, scale))
+
+
+KKT_TOL = 1e-4       # relative KKT residual of the independent check
+KKT_ACTIVE = 1e-5    # a row or bound within this (relative) distance counts as active
+
+
+def kkt_check(name, point):
+    """KKT residual at point, computed here from the statement alone: gradients by central
+    differences of the objective and the rows, then the multipliers of the active rows and
+    bounds (of the right signs) that make the stationarity residual smallest in the least-squares
+    sense. Returns max |grad f - sum y grad g - z| over max(1, max |grad f|), or None without
+    scipy."""
+    try:
+        import numpy as np
+        from scipy.optimize import lsq_linear
+    except ImportError:
+        return None
+    build = PROBLEMS[name]
+    at = build(RecordKit(point))
+    x = np.array(point, dtype=float)
+    n = len(x)
+    grads_f = np.zeros(n)
+    grads_g = np.zeros((len(at.rows), n))
+    for j in range(n):
+        h = 1e-6 * max(1.0, abs(x[j]))
+        up, down = x.copy(), x.copy()
+        up[j] += h
+        down[j] -= h
+        a, b = build(RecordKit(list(up))), build(RecordKit(list(down)))
+        grads_f[j] = (a.objective - b.objective) / (2 * h)
+        for i in range(len(at.rows)):
+            grads_g[i, j] = (a.rows[i][0] - b.rows[i][0]) / (2 * h)
+    columns, lower, upper = [], [], []
+    for i, (value, equality, scale) in enumerate(at.rows):
+        if equality:
+            columns.append(grads_g[i]); lower.append(-np.inf); upper.append(np.inf)
+        elif value <= KKT_ACTIVE * scale * max(1.0, np.abs(grads_g[i]).max()):
+            columns.append(grads_g[i]); lower.append(0.0); upper.append(np.inf)
+    for j in range(n):
+        e = np.zeros(n)
+        e[j] = 1.0
+        if at.lb[j] > -INF and x[j] - at.lb[j] <= KKT_ACTIVE * max(1.0, abs(at.lb[j])):
+            columns.append(e); lower.append(0.0); upper.append(np.inf)
+        if at.ub[j] < INF and at.ub[j] - x[j] <= KKT_ACTIVE * max(1.0, abs(at.ub[j])):
+            columns.append(e); lower.append(-np.inf); upper.append(0.0)
+    scale = max(1.0, float(np.abs(grads_f).max()))
+    if not columns:
+        return float(np.abs(grads_f).max()) / scale
+    A = np.array(columns).T
+    fit = lsq_linear(A, grads_f, bounds=(lower, upper), method="bvls", lsq_solver="exact")
+    return float(np.abs(grads_f - A @ fit.x).max()) / scale
+
+
+class CasadiKit:
+    """Builds the statement for Ipopt through casadi."""
+
+    def __init__(self, casadi):
+        self.ca = casadi
+        self.sin, self.cos, self.exp, self.log, self.sqrt = (casadi.sin, casadi.cos, casadi.exp,
+                                                              casadi.log, casadi.sqrt)
+        self.g, self.lbg, self.ubg = [], [], []
+
+    def vars(self, start, lb=None, ub=None, opt=None):
+        n = len(start)
+        self.x = self.ca.SX.sym("x", n)
+        inf = float("inf")
+        self.lbx = [(-inf if v <= -INF else v) for v in _per_variable(lb, n, -INF)]
+        self.ubx = [(inf if v >= INF else v) for v in _per_variable(ub, n, INF)]
+        self.x0 = [float(v) for v in start]
+        return [self.x[i] for i in range(n)]
+
+    def ge(self, body, scale=1.0):
+        self.g.append(body); self.lbg.append(0.0); self.ubg.append(float("inf"))
+
+    def eq(self, body, scale=1.0):
+        self.g.append(body); self.lbg.append(0.0); self.ubg.append(0.0)
+
+    def minimize(self, objective):
+        self.f = objective
+
+    def done(self, optimum):
+        return self
+
+
+def run_ipopt(name, maxtime=MAXTIME):
+    """The same statement from the same start solved by Ipopt (through casadi, when it can be
+    imported): a dict with its status, objective, time and whether it reached the published
+    optimum; None without casadi."""
+    try:
+        import casadi
+    except ImportError:
+        return None
+    k = PROBLEMS[name](CasadiKit(casadi))
+    nlp = {"x": k.x, "f": k.f}
+    if k.g:
+        nlp["g"] = casadi.vertcat(*k.g)
+    opts = {"print_time": False, "ipopt.print_level": 0, "ipopt.sb": "yes"}
+    if maxtime:
+        opts["ipopt.max_cpu_time"] = float(maxtime)
+    solver = casadi.nlpsol("ipopt_" + name, "ipopt", nlp, opts)
+    args = {"x0": k.x0, "lbx": k.lbx, "ubx": k.ubx}
+    if k.g:
+        args.update(lbg=k.lbg, ubg=k.ubg)
+    start = time.perf_counter()
+    sol = solver(**args)
+    elapsed = time.perf_counter() - start
+    stats = solver.stats()
+    point = [float(v) for v in sol["x"].full().ravel()]
+    at = PROBLEMS[name](PointKit(point))
+    error = relative_error(at.objective, PROBLEMS[name](_OptimumOnly()))
+    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed,
+            "success": bool(stats.get("success")),
+            "solved": bool(stats.get("success")) and error <= SOLVED_RTOL and at.violation <= FEAS_TOL}
 
 
 def run_problem(name, maxtime=MAXTIME):
@@ -1092,8 +1252,12 @@ def run_problem(name, maxtime=MAXTIME):
     solved = status in _GOOD_STATUS and error <= SOLVED_RTOL and at.violation <= FEAS_TOL
     if not solved and not notes:
         if status == "nlp_unfinished":
-            notes.append("stopped at the %s limit" % (
-                "iteration" if iterations >= _control(p, "tslp_iterlimit", 1 << 30) else "time"))
+            if iterations >= _control(p, "tslp_iterlimit", 1 << 30):
+                notes.append("stopped at the iteration limit")
+            elif _attribute(p, "tslp_stopstatus", 0):
+                notes.append("stopped at the time limit")
+            else:
+                notes.append("stopped without progress at a point that is not a KKT point")
             if error <= SOLVED_RTOL:
                 notes.append("objective already at the published optimum, not declared converged")
         elif status in ("nlp_locally_infeasible", "nlp_infeasible"):
@@ -1105,9 +1269,20 @@ def run_problem(name, maxtime=MAXTIME):
             notes.append("below the published optimum at a point feasible to %.0e" % FEAS_TOL)
         else:
             notes.append("different local optimum")
+    kkt = kkt_check(name, point)
+    # An optimal status must come with a KKT point: the check above knows nothing of the solver.
+    false_optimum = status in _GOOD_STATUS and kkt is not None and kkt > KKT_TOL and at.violation <= FEAS_TOL
+    if false_optimum:
+        notes.insert(0, "optimal status but not a KKT point (residual %.1e)" % kkt)
     result.update(status=status, objective=at.objective, reported=objective, error=error,
-                  violation=at.violation, iterations=iterations, solved=solved,
-                  note="; ".join(n for n in notes if n), path=path)
+                  violation=at.violation, iterations=iterations, solved=solved, kkt=kkt,
+                  false_optimum=false_optimum, note="; ".join(n for n in notes if n), path=path)
+    if WITH_IPOPT:
+        try:
+            result["ipopt"] = run_ipopt(name, maxtime)
+        except Exception as e:  # an Ipopt failure costs the comparison of this problem only
+            result["ipopt"] = {"status": "error: %s" % e, "time": float("nan"), "success": False,
+                               "solved": False, "objective": float("nan")}
     return result
 
 
@@ -1115,13 +1290,15 @@ def _failure(name, status, note):
     return {"name": name, "optimum": PROBLEMS[name](_OptimumOnly()), "status": status,
             "objective": float("nan"), "reported": float("nan"), "error": float("inf"),
             "violation": float("inf"), "iterations": 0, "time": float("nan"), "solved": False,
-            "path": "", "note": note}
+            "path": "", "note": note, "kkt": None, "false_optimum": False}
 
 
 def run_isolated(name, maxtime=MAXTIME):
     """run_problem in a child interpreter, so that a crash or a hang of the solver costs one row
     of the table instead of the whole run."""
     cmd = [sys.executable, os.path.abspath(__file__), "--child", name, "--maxtime", str(maxtime)]
+    if not WITH_IPOPT:
+        cmd.append("--no-ipopt")
     limit = (maxtime or 600) + 60
     try:
         out = subprocess.run(cmd, capture_output=True, text=True, timeout=limit)
@@ -1136,16 +1313,53 @@ def run_isolated(name, maxtime=MAXTIME):
     return json.loads(lines[-1])
 
 
+def _ipopt_time(r):
+    ip = r.get("ipopt")
+    if not ip:
+        return "%9s" % "-"
+    return "%9.3f%s" % (ip["time"], "" if ip["solved"] else "*")
+
+
 def print_row(r):
-    print("%-6s %-22s %16.9g %10.2e %6d %9.3f  %s" % (
-        r["name"], r["status"], r["objective"], r["error"], r["iterations"], r["time"],
-        ("" if r["solved"] else "MISS ") + r["note"]))
+    kkt = r.get("kkt")
+    print("%-7s %-22s %16.9g %10.2e %8s %6d %9.3f %10s  %s" % (
+        r["name"], r["status"], r["objective"], r["error"], "-" if kkt is None else "%.1e" % kkt,
+        r["iterations"], r["time"], _ipopt_time(r), ("" if r["solved"] else "MISS ") + r["note"]))
     sys.stdout.flush()
 
 
+def print_comparison(results):
+    """The independent KKT verdicts and the time ratio against Ipopt."""
+    checked = [r for r in results if r.get("kkt") is not None]
+    if checked:
+        false = [r["name"] for r in results if r.get("false_optimum")]
+        print("optimal status but not a KKT point: %d%s (of %d problems checked, residual above %.0e)"
+              % (len(false), (" (" + ", ".join(false) + ")") if false else "", len(checked), KKT_TOL))
+    else:
+        print("KKT check skipped (needs numpy and scipy)")
+    compared = [r for r in results if r.get("ipopt")]
+    if not compared:
+        print("Ipopt comparison skipped (casadi is not importable)" if WITH_IPOPT else "")
+        return
+    both = [r for r in compared if r["solved"] and r["ipopt"]["solved"]
+            and r["time"] > 0 and r["ipopt"]["time"] > 0]
+    print("Ipopt (casadi) reached the published optimum on %d of %d problems; tarvo on %d"
+          % (sum(r["ipopt"]["solved"] for r in compared), len(compared),
+             sum(r["solved"] for r in compared)))
+    if both:
+        ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in both) / len(both))
+        print("time tarvo / Ipopt, geometric mean over the %d problems both solved: %.2fx"
+              % (len(both), ratio))
+        small = [r for r in both if r["name"].startswith("HS")]
+        if small and len(small) != len(both):
+            ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in small) / len(small))
+            print("  on the Hock-Schittkowski problems alone: %.2fx" % ratio)
+
+
 def run_all(names, maxtime=MAXTIME, isolate=True):
-    print("%-6s %-22s %16s %10s %6s %9s  %s" % ("name", "status", "objective", "rel.err",
-                                                "iter", "time[s]", "notes"))
+    print("%-7s %-22s %16s %10s %8s %6s %9s %10s  %s" % ("name", "status", "objective", "rel.err",
+                                                         "kkt", "iter", "time[s]", "ipopt[s]",
+                                                         "notes"))
     results = []
     for name in names:
         r = run_isolated(name, maxtime) if isolate else run_problem(name, maxtime)
@@ -1162,6 +1376,7 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     for kind, members in sorted(kinds.items(), key=lambda item: -len(item[1])):
         print("  %2d %s: %s" % (len(members), kind, ", ".join(members)))
     print("total solve time %.2f s" % sum(r["time"] for r in results if not math.isnan(r["time"])))
+    print_comparison(results)
     return results
 
 
@@ -1288,6 +1503,173 @@ def print_scaling(results):
             rows, build, solve, solve / max(base[2], 1e-9), rows / base[0]))
 
 
+# --------------------------------------------------------------------------------------------
+# Scaling
+
+def build_clnlbeam(n):
+    """The beam control model: min sum 1/2 h (u_{i+1}^2 + u_i^2) + 1/2 alpha h (cos t_{i+1} + cos t_i)
+    s.t. x_{i+1} - x_i = 1/2 h (sin t_{i+1} + sin t_i), t_{i+1} - t_i = 1/2 h (u_{i+1} + u_i),
+    -1 <= t <= 1, -0.05 <= x <= 0.05, with h = 1/N and alpha = 350."""
+    h, alpha = 1.0 / n, 350.0
+    t = [tarvo.var(lb=-1.0, ub=1.0) for _ in range(n + 1)]
+    x = [tarvo.var(lb=-0.05, ub=0.05) for _ in range(n + 1)]
+    u = [tarvo.var(lb=-INF, ub=INF) for _ in range(n + 1)]
+    p = tarvo.problem()
+    p.addVariable(t, x, u)
+    p.addConstraint([x[i + 1] - x[i] - 0.5 * h * (tarvo.sin(t[i + 1]) + tarvo.sin(t[i])) == 0
+                     for i in range(n)])
+    p.addConstraint([t[i + 1] - t[i] - 0.5 * h * u[i + 1] - 0.5 * h * u[i] == 0 for i in range(n)])
+    # Interior points appear in two terms of the sum, the end points in one.
+    wgt = [0.5 * h if i in (0, n) else h for i in range(n + 1)]
+    p.setObjective(tarvo.Sum(wgt[i] * u[i] ** 2 for i in range(n + 1)) +
+                   alpha * tarvo.Sum(wgt[i] * tarvo.cos(t[i]) for i in range(n + 1)))
+    for i in range(n + 1):
+        c = 0.05 * math.cos(i * h)
+        p.chgvar(colindex=t[i], initvalue=c)
+        p.chgvar(colindex=x[i], initvalue=c)
+        p.chgvar(colindex=u[i], initvalue=0.0)
+    return p
+
+
+def ipopt_clnlbeam(n):
+    """The same beam model for casadi's Ipopt (same start)."""
+    import casadi as ca
+    import numpy as np
+    h, alpha = 1.0 / n, 350.0
+    t, x, u = ca.SX.sym("t", n + 1), ca.SX.sym("x", n + 1), ca.SX.sym("u", n + 1)
+    f = (0.5 * h * ca.sum1(u[1:] ** 2 + u[:-1] ** 2) +
+         0.5 * alpha * h * ca.sum1(ca.cos(t[1:]) + ca.cos(t[:-1])))
+    g = ca.vertcat(x[1:] - x[:-1] - 0.5 * h * (ca.sin(t[1:]) + ca.sin(t[:-1])),
+                   t[1:] - t[:-1] - 0.5 * h * (u[1:] + u[:-1]))
+    c = 0.05 * np.cos(np.arange(n + 1) * h)
+    x0 = np.concatenate([c, c, np.zeros(n + 1)])
+    lbx = np.concatenate([-np.ones(n + 1), -0.05 * np.ones(n + 1), -np.inf * np.ones(n + 1)])
+    ubx = -lbx
+    return dict(x=ca.vertcat(t, x, u), f=f, g=g), dict(x0=x0, lbx=lbx, ubx=ubx, lbg=0, ubg=0)
+
+
+def ipopt_van_der_pol(rows):
+    """The Van der Pol model of build_van_der_pol for casadi's Ipopt (same start)."""
+    import casadi as ca
+    import numpy as np
+    n = max(1, rows // 2)
+    h = 5.0 / n
+    x1, x2, u = ca.SX.sym("x1", n + 1), ca.SX.sym("x2", n + 1), ca.SX.sym("u", n)
+    f = 0.5 * h * ca.sum1(x1[:n] ** 2 + x2[:n] ** 2 + u ** 2)
+    g = ca.vertcat(x1[1:] - x1[:n] - h * x2[:n],
+                   x2[1:] - x2[:n] - h * (-x1[:n] + (1 - x1[:n] ** 2) * x2[:n] + u))
+    a, b = np.empty(n + 1), np.empty(n + 1)
+    a[0], b[0] = 0.0, 1.0
+    for k in range(n):
+        a[k + 1], b[k + 1] = a[k] + h * b[k], b[k] + h * (-a[k] + (1 - a[k] * a[k]) * b[k])
+    x0 = np.concatenate([a, b, np.zeros(n)])
+    lbx = np.concatenate([np.full(n + 1, -0.4), np.full(n + 1, -np.inf), np.full(n, -0.3)])
+    ubx = np.concatenate([np.full(n + 1, np.inf), np.full(n + 1, np.inf), np.full(n, 1.0)])
+    lbx[0] = ubx[0] = 0.0
+    lbx[n + 1] = ubx[n + 1] = 1.0
+    return dict(x=ca.vertcat(x1, x2, u), f=f, g=g), dict(x0=x0, lbx=lbx, ubx=ubx, lbg=0, ubg=0)
+
+
+def _peak_mb():
+    import resource
+    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024.0
+
+
+def scale_child(model, size, solver, maxtime):
+    """One measurement in this (child) interpreter; returns a dict."""
+    out = dict(model=model, size=size, solver=solver)
+    if solver == "ipopt":
+        import casadi as ca
+        nlp, args = (ipopt_clnlbeam if model == "beam" else ipopt_van_der_pol)(size)
+        start = time.perf_counter()
+        s = ca.nlpsol("s", "ipopt", nlp, {"ipopt.print_level": 0, "print_time": 0, "ipopt.sb": "yes",
+                                            "ipopt.max_cpu_time": maxtime})
+        out["build"] = time.perf_counter() - start
+        start = time.perf_counter()
+        r = s(**args)
+        out["solve"] = time.perf_counter() - start
+        out["objective"] = float(r["f"])
+        out["iterations"] = int(s.stats().get("iter_count", -1))
+        out["status"] = s.stats().get("return_status", "?")
+    else:
+        tarvo.setOutputEnabled(False)
+        start = time.perf_counter()
+        p = build_clnlbeam(size) if model == "beam" else build_van_der_pol(size)[0]
+        out["build"] = time.perf_counter() - start
+        if maxtime:
+            p.setControl("tslp_maxtime", float(maxtime))
+        start = time.perf_counter()
+        p.solve()
+        out["solve"] = time.perf_counter() - start
+        out["objective"] = p.getObjVal()
+        out["iterations"] = int(_attribute(p, "tslp_iter", -1))
+        out["status"] = p.getProbStatusString()
+    out["peak_mb"] = _peak_mb()
+    return out
+
+
+def _run_scale_child(model, size, solver, maxtime):
+    cmd = [sys.executable, os.path.abspath(__file__), "--scale-child", "%s:%d:%s" % (model, size, solver),
+           "--large-maxtime", str(maxtime)]
+    try:
+        r = subprocess.run(cmd, capture_output=True, text=True, timeout=maxtime * 2 + 600)
+    except subprocess.TimeoutExpired:
+        return dict(model=model, size=size, solver=solver, error="killed")
+    lines = [l for l in r.stdout.splitlines() if l.startswith("{")]
+    if r.returncode != 0 or not lines:
+        tail = (r.stderr.strip().splitlines() or ["exit %d" % r.returncode])[-1]
+        return dict(model=model, size=size, solver=solver, error=tail)
+    return json.loads(lines[-1])
+
+
+def _exponent(a, b, key, size_key="size"):
+    if a.get(key, 0) <= 0 or b.get(key, 0) <= 0:
+        return float("nan")
+    return math.log(b[key] / a[key]) / math.log(b[size_key] / a[size_key])
+
+
+def run_scale(beams, vdp_rows, maxtime):
+    try:
+        import casadi  # noqa: F401
+        have_ipopt = WITH_IPOPT
+    except ImportError:
+        have_ipopt = False
+    for model, sizes, label in (("beam", beams, "N"), ("vdp", vdp_rows, "rows")):
+        if not sizes:
+            continue
+        title = "clnlbeam (3(N+1) columns, 2N rows)" if model == "beam" else "Van der Pol control"
+        print("\n%s" % title)
+        print("  %6s %8s %8s %5s %9s %8s %16s %9s %9s  %s" % (
+            label, "build s", "solve s", "iter", "ms/iter", "peak MB", "objective", "ipopt s", "ipopt MB",
+            "status"))
+        rows = []
+        for size in sizes:
+            r = _run_scale_child(model, size, "tarvo", maxtime)
+            ip = _run_scale_child(model, size, "ipopt", maxtime) if have_ipopt else {}
+            if "error" in r:
+                print("  %6d  failed: %s" % (size, r["error"]))
+                continue
+            r["per_iter"] = r["solve"] / max(1, r["iterations"])
+            rows.append(r)
+            ipt = ("%9.2f" % ip["solve"]) if "solve" in ip else "%9s" % ("-" if not ip else "failed")
+            ipm = ("%9.0f" % ip["peak_mb"]) if "peak_mb" in ip else "%9s" % "-"
+            rel = ""
+            if "objective" in ip:
+                rel = ", objective vs ipopt %.1e" % (abs(r["objective"] - ip["objective"]) /
+                                                      max(1.0, abs(ip["objective"])))
+            print("  %6d %8.2f %8.2f %5d %9.1f %8.0f %16.10g %s %s  %s%s" % (
+                size, r["build"], r["solve"], r["iterations"], 1000 * r["per_iter"], r["peak_mb"],
+                r["objective"], ipt, ipm, r["status"], rel))
+        for a, b in zip(rows, rows[1:]):
+            print("  growth %d -> %d: time/iter exponent %.2f, solve time %.2f, build %.2f, memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "solve"),
+                _exponent(a, b, "build"), _exponent(a, b, "peak_mb")))
+        if len(rows) > 2:
+            a, b = rows[0], rows[-1]
+            print("  growth %d -> %d: time/iter exponent %.2f, memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "peak_mb")))
+
+
 def main(argv=None):
     ap = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     ap.add_argument("--only", action="append", metavar="NAME",
@@ -1303,9 +1685,18 @@ def main(argv=None):
     ap.add_argument("--in-process", action="store_true",
                     help="solve in this interpreter instead of one child per problem")
     ap.add_argument("--child", metavar="NAME", help=argparse.SUPPRESS)
+    ap.add_argument("--scale", action="store_true",
+                    help="scaling table of the beam and Van der Pol models (with Ipopt's times)")
+    ap.add_argument("--beam", type=int, action="append", metavar="N",
+                    help="beam sizes for --scale (default 1000 2000 5000 10000)")
+    ap.add_argument("--scale-child", help=argparse.SUPPRESS)
+    ap.add_argument("--no-ipopt", action="store_true",
+                    help="leave out the comparison with Ipopt (through casadi)")
     ap.add_argument("--maxtime", type=float, default=MAXTIME,
                     help="time limit of the nonlinear optimiser per small problem (0: none)")
     args = ap.parse_args(argv)
+    global WITH_IPOPT
+    WITH_IPOPT = not args.no_ipopt
     names = list(PROBLEMS)
     if args.only:
         wanted = [n.upper() for n in args.only]
@@ -1315,6 +1706,13 @@ def main(argv=None):
         names = wanted
     if args.check:
         return 1 if run_check(names) else 0
+    if args.scale_child:
+        model, size, solver = args.scale_child.split(":")
+        print(json.dumps(scale_child(model, int(size), solver, args.large_maxtime)))
+        return 0
+    if args.scale:
+        run_scale(args.beam or [1000, 2000, 5000, 10000], args.rows or [2000, 10000], args.large_maxtime)
+        return 0
     tarvo.setOutputEnabled(False)
     if args.child:
         print(json.dumps(run_problem(args.child.upper(), args.maxtime)))

@@ -559,3 +559,20 @@ def test_raising_checktime_stops_an_slp_run():
     with pytest.raises(OverflowError, match="checktime in slp"):
         p.nlpoptimize()
     assert calls == [1] and p.getProbStatusString() == "nlp_unfinished"
+
+
+def test_callbacks_stay_registered_across_reset():
+    p, _, _ = knapsack(10)
+    calls = []
+    p.addcbintsol(lambda prob, data: calls.append(1))
+    p.reset()
+    x = [tv.var(vartype=tv.integer, ub=5) for _ in range(3)]
+    p.addVariable(x)
+    p.addConstraint(x[0] + 2 * x[1] + 3 * x[2] <= 7.5)
+    p.setObjective(x[0] + x[1] + x[2], sense=tv.maximize)
+    p.solve()
+    assert calls and p.getObjVal() == pytest.approx(6.0)
+    p.removecbintsol()
+    calls.clear()
+    p.solve()
+    assert calls == []

@@ -47,7 +47,7 @@ PyTypeObject BranchObjType = [] {
     t.tp_name = "tarvo.branchobj";
     t.tp_basicsize = sizeof(BranchObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT;
-    t.tp_doc = "A branching object: how a node of the tree search is split into branches.";
+    t.tp_doc = "branchobj(prob, branches=None, isoriginal=True)\n--\n\nA branching object: how a node of the tree search is split into branches.";
     t.tp_new = branchobj_new;
     t.tp_dealloc = branchobj_dealloc;
     return t;

@@ -274,6 +274,23 @@ int callbacks_copy(ProblemObject* dst, ProblemObject* src) {
     return -1;
 }
 
+int callbacks_reregister(ProblemObject* p) {
+    for (int k = 0; k < CALLBACK_KINDS; ++k) {
+        PyObject* list = p->callbacks[k];
+        if (!list) continue;
+        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+            PyObject* record = PyList_GET_ITEM(list, i);
+            long priority = PyLong_AsLong(PyList_GET_ITEM(record, 3));
+            if (priority == -1 && PyErr_Occurred()) return -1;
+            if (library_register(p, k, record, static_cast<int>(priority)) != 0) {
+                report_error(reinterpret_cast<PyObject*>(p), nullptr);
+                return -1;
+            }
+        }
+    }
+    return 0;
+}
+
 void callbacks_release(ProblemObject* p) {
     for (auto& slot : p->callbacks) {
         if (!slot) continue;

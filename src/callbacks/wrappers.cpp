@@ -62,7 +62,7 @@ int unwrap(PyTypeObject* type, PyObject* o, void** handle, const char* what) {
 
 PyTypeObject TrvoObjectType = make_type("tarvo.trvoobject", "An object of the optimisation library (opaque).");
 PyTypeObject GenericType = make_type("tarvo.generic", "An opaque pointer handed over by the optimisation library.");
-PyTypeObject PoolCutType = make_type("tarvo.poolcut", "A cut of the optimisation library's cut pool (opaque).");
+PyTypeObject PoolCutType = make_type("tarvo.poolcut", "poolcut()\n--\n\nA cut of the optimisation library's cut pool (opaque).");
 
 PyObject* trvoobject_wrap(void* handle) { return wrap(&TrvoObjectType, handle); }
 PyObject* generic_wrap(void* handle) { return wrap(&GenericType, handle); }

@@ -137,14 +137,23 @@ enum {
 
 /* ---- double controls */
 #define TSLP_FEASTOL 12101         /* absolute row violation accepted at a solution */
+/* Convergence of a column's step d (entries 0-8 of a tolerance set override these controls,
+   in this order, for the columns that use the set): the column has converged when
+   |d| <= CTOL * its initial step bound (closure), or |d| <= ATOL_A + ATOL_R |x| (delta), or,
+   when its coefficient or impact tolerances are not all zero, every coefficient a of the
+   column (objective and row gradients) changes along the step by at most MTOL_A + MTOL_R |a|
+   (coefficient) or by a change whose product with d is at most ITOL_A + ITOL_R |a x| (impact),
+   and, unless both slack tolerances are zero, each of its rows is linearised within
+   STOL_A + STOL_R |row value| at the new point (slack). A run stops on these tests only at a
+   feasible KKT point (TSLP_KKTTOL). */
 #define TSLP_CTOL 12102            /* closure tolerance */
 #define TSLP_ATOL_A 12103          /* absolute delta tolerance */
 #define TSLP_ATOL_R 12104          /* relative delta tolerance */
-#define TSLP_MTOL_A 12105          /* absolute coefficient tolerance */
+#define TSLP_MTOL_A 12105          /* absolute coefficient tolerance (0: test off) */
 #define TSLP_MTOL_R 12106          /* relative coefficient tolerance */
-#define TSLP_ITOL_A 12107          /* absolute impact tolerance */
+#define TSLP_ITOL_A 12107          /* absolute impact tolerance (0: test off) */
 #define TSLP_ITOL_R 12108          /* relative impact tolerance */
-#define TSLP_STOL_A 12109          /* absolute slack tolerance */
+#define TSLP_STOL_A 12109          /* absolute slack tolerance (0: test off) */
 #define TSLP_STOL_R 12110          /* relative slack tolerance */
 #define TSLP_OPTIMALITYTOL 12111   /* relative objective change / KKT tolerance */
 #define TSLP_DEFAULTSTEPBOUND 12112 /* initial step bound; 0 automatic */
@@ -158,6 +167,9 @@ enum {
 #define TSLP_DELTA_X 12120         /* relative perturbation of numerical derivatives */
 #define TSLP_MSMAXBOUNDRANGE 12121 /* range of random initial values of unbounded columns */
 #define TSLP_MIPTOL 12122          /* integrality tolerance of the MIP steps */
+#define TSLP_KKTTOL 12123          /* largest KKT residual (exact gradients, row multipliers,
+                                      relative to max(1, largest objective gradient entry))
+                                      of a point reported locally optimal */
 #define TSLP_OBJSENSE 12146        /* 1 minimise, -1 maximise */
 /* ---- integer controls */
 #define TSLP_ITERLIMIT 12401
@@ -172,8 +184,12 @@ enum {
 #define TSLP_MULTISTART 12409      /* 0: multistart jobs are not run by TSLPnlpoptimize */
 #define TSLP_MSSEED 12410          /* seed of the random initial values */
 #define TSLP_MSMAXJOBS 12411       /* 0: no limit */
-#define TSLP_MSTHREADS 12412       /* reserved for parallel jobs: jobs run one after another */
-#define TSLP_PRESOLVE 12413        /* 1: fix columns with equal bounds before solving */
+#define TSLP_MSTHREADS 12412       /* threads for multistart jobs: jobs run one after another,
+                                      so only 0 or 1 is accepted (larger values are refused) */
+#define TSLP_PRESOLVE 12413        /* 1: presolve the model of each solve (TSLPpresolve): fix
+                                      columns that equality rows determine, drop rows whose
+                                      columns are all fixed, make rows linear whose curved
+                                      columns are all fixed, tighten bounds from linear rows */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
 #define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
 #define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a model of the

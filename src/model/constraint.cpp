@@ -419,7 +419,8 @@ int constraint_setattro(PyObject* self, PyObject* attr, PyObject* value) {
 }
 
 PyMethodDef constraint_methods[] = {
-    {"copy", constraint_copy, METH_NOARGS, "Return a copy of the constraint as a new object"},
+    {"copy", constraint_copy, METH_NOARGS, "copy($self, /)\n--\n\nReturn a copy of the constraint as a new object (same body, bounds and name), not yet "
+     "in any problem."},
     {nullptr, nullptr, 0, nullptr}};
 
 PyMemberDef constraint_members[] = {
@@ -433,7 +434,11 @@ PyTypeObject ConstraintType = [] {
     t.tp_name = "tarvo.constraint";
     t.tp_basicsize = sizeof(ConstraintObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
-    t.tp_doc = "Constraint lb <= body <= ub: constraint(constraint, body, lb, ub, sense, rhs, name).";
+    t.tp_doc =
+        "constraint(constraint=..., body=..., lb=-2e+20, ub=2e+20, sense=0, rhs=-2e+20, name=...)\n--\n\nA "
+        "constraint lb <= body <= ub, from a comparison (constraint=x + y <= 4), from body with lb and/or ub, or from "
+        "body with sense (tarvo.leq, geq, eq) and rhs; the default bounds mean not given and a constraint without a "
+        "name is called R<n>. Raises ModelError for an incomplete or invalid constraint.";
     t.tp_init = constraint_init;
     t.tp_dealloc = constraint_dealloc;
     t.tp_str = constraint_str;

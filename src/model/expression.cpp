@@ -419,9 +419,11 @@ PyObject* expression_extract_quadratic(PyObject* self, PyObject*) {
 
 PyMethodDef expression_methods[] = {
     {"extractLinear", expression_extract_linear, METH_NOARGS,
-     "Returns the variables and coefficients of the linear part of the expression."},
+     "extractLinear($self, /)\n--\n\nReturns the variables and coefficients of the linear part of the expression, "
+     "as a tuple of two lists in variable creation order."},
     {"extractQuadratic", expression_extract_quadratic, METH_NOARGS,
-     "Returns the first variables, second variables and coefficients of the quadratic part of the expression."},
+     "extractQuadratic($self, /)\n--\n\nReturns the first variables, second variables and coefficients of the "
+     "quadratic part of the expression, as a tuple of three lists."},
     MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 

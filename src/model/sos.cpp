@@ -86,7 +86,7 @@ PyObject* sos_copy(PyObject* self, PyObject*) {
     return copy.release();
 }
 
-PyMethodDef sos_methods[] = {{"copy", sos_copy, METH_NOARGS, "Return a copy of the SOS as a new object"},
+PyMethodDef sos_methods[] = {{"copy", sos_copy, METH_NOARGS, "copy($self, /)\n--\n\nReturn a copy of the special ordered set as a new object, not yet in any problem."},
                              {nullptr, nullptr, 0, nullptr}};
 
 PyMemberDef sos_members[] = {
@@ -100,7 +100,10 @@ PyTypeObject SosType = [] {
     t.tp_name = "tarvo.SOS";
     t.tp_basicsize = sizeof(SosObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT;
-    t.tp_doc = "Special ordered set: sos(indices, weights, type=1, name).";
+    t.tp_doc =
+        "SOS(indices, weights, type=1, name=...)\n--\n\nA special ordered set of type 1 or 2 over the variables in the "
+        "list indices, ordered by the list weights; without a name it is called sos<n>. Raises ModelError for a "
+        "type other than 1 or 2 (the lists are checked when the set is added to a problem).";
     t.tp_init = sos_init;
     t.tp_dealloc = sos_dealloc;
     t.tp_str = sos_str;

@@ -338,13 +338,15 @@ PyObject* quadterm_extract_quadratic(PyObject* self, PyObject*) {
 }
 
 PyMethodDef linterm_methods[] = {
-    {"extractLinear", linterm_extract_linear, METH_NOARGS, "Returns ([var], [coef]) of the linear term."},
-    {"extractQuadratic", linterm_extract_quadratic, METH_NOARGS, "Returns three empty lists."},
+    {"extractLinear", linterm_extract_linear, METH_NOARGS, "extractLinear($self, /)\n--\n\nReturns ([var], [coef]) of the linear term."},
+    {"extractQuadratic", linterm_extract_quadratic, METH_NOARGS,
+     "extractQuadratic($self, /)\n--\n\nReturns three empty lists: a linear term has no quadratic part."},
     MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 PyMethodDef quadterm_methods[] = {
-    {"extractLinear", quadterm_extract_linear, METH_NOARGS, "Returns two empty lists."},
-    {"extractQuadratic", quadterm_extract_quadratic, METH_NOARGS, "Returns ([var1], [var2], [coef])."},
+    {"extractLinear", quadterm_extract_linear, METH_NOARGS,
+     "extractLinear($self, /)\n--\n\nReturns two empty lists: a quadratic term has no linear part."},
+    {"extractQuadratic", quadterm_extract_quadratic, METH_NOARGS, "extractQuadratic($self, /)\n--\n\nReturns ([var1], [var2], [coef]) of the quadratic term."},
     MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 

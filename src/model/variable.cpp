@@ -482,9 +482,11 @@ PyObject* var_extract_quadratic(PyObject* self, PyObject*) {
 
 PyMethodDef var_methods[] = {
     {"extractLinear", var_extract_linear, METH_NOARGS,
-     "Returns the variables and coefficients of the linear part of the variable: ([self], [1.0])."},
+     "extractLinear($self, /)\n--\n\nReturns the variables and coefficients of the linear part of the variable: "
+     "([self], [1.0])."},
     {"extractQuadratic", var_extract_quadratic, METH_NOARGS,
-     "Returns the variables and coefficients of the quadratic part of the variable (empty lists)."},
+     "extractQuadratic($self, /)\n--\n\nReturns the variables and coefficients of the quadratic part of the "
+     "variable: three empty lists."},
     MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr}};
 
@@ -516,7 +518,11 @@ PyTypeObject VarType = [] {
     t.tp_name = "tarvo.var";
     t.tp_basicsize = sizeof(VarObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE;
-    t.tp_doc = "Decision variable: var(name, lb, ub, threshold, vartype).";
+    t.tp_doc =
+        "var(name=..., lb=0.0, ub=1e+20, threshold=-1e+20, vartype=0)\n--\n\nA decision variable with bounds, a type "
+        "(tarvo.continuous, binary, integer, semicontinuous, semiinteger or partiallyinteger) and a threshold for the "
+        "semi-continuous types; without a name it is called C<n> (1e+20 is tarvo.infinity). Raises ModelError when lb "
+        "exceeds ub (the type is checked when the variable is added to a problem).";
     t.tp_init = var_init;
     t.tp_vectorcall = var_vectorcall;
     t.tp_dealloc = var_dealloc;

@@ -294,23 +294,32 @@ int env_release_at_teardown() {
 }
 
 PyMethodDef environment_functions[] = {
-    {"getlasterror", env_getlasterror, METH_NOARGS, "getlasterror() -> (code, message): the last error of the global environment."},
-    {"getversion", env_getversion, METH_NOARGS, "getversion() -> str: the optimisation library's version."},
-    {"getcheckedmode", env_getcheckedmode, METH_NOARGS, "getcheckedmode() -> bool: whether the library checks its arguments."},
+    {"getlasterror", env_getlasterror, METH_NOARGS, "getlasterror()\n--\n\nReturn the last error of the global optimisation environment as a tuple (code, message)."},
+    {"getversion", env_getversion, METH_NOARGS, "getversion()\n--\n\nReturn the optimisation library's version as a str; raises InterfaceError when the library "
+     "cannot start."},
+    {"getcheckedmode", env_getcheckedmode, METH_NOARGS, "getcheckedmode()\n--\n\nReturn whether the optimisation library checks the arguments of its calls (a bool)."},
     {"setcheckedmode", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_setcheckedmode)), METH_VARARGS | METH_KEYWORDS,
-     "setcheckedmode(checked_mode): enable argument checking when checked_mode is True."},
+     "setcheckedmode(checked_mode)\n--\n\nSwitch the optimisation library's argument checking on (true) or off. Returns "
+     "None."},
     {"addcbmsghandler", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_addcbmsghandler)), METH_VARARGS | METH_KEYWORDS,
-     "addcbmsghandler(msghandler, data, priority): add a global message handler."},
+     "addcbmsghandler(msghandler, data, priority)\n--\n\nAdd a global message handler, called as msghandler(object, data, "
+     "thread, message, msgtype, number) for every global message; higher priorities are called first. Returns None; raises "
+     "InterfaceError for bad arguments."},
     {"removecbmsghandler", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_removecbmsghandler)), METH_VARARGS | METH_KEYWORDS,
-     "removecbmsghandler(msghandler, data): remove global message handlers (None matches any)."},
+     "removecbmsghandler(msghandler, data)\n--\n\nRemove the global message handlers registered with this handler and "
+     "data (None matches any). Returns None; raises InterfaceError \"Callback not found\" when none matches."},
     {"getbanner", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_getbanner)), METH_VARARGS | METH_KEYWORDS,
-     "getbanner() -> str: the optimisation library's banner."},
-    {"init", env_init, METH_NOARGS, "init(): start the optimisation environment."},
-    {"free", env_free, METH_NOARGS, "free(): release the optimisation environment."},
+     "getbanner(*args, **kwargs)\n--\n\nReturn the optimisation library's banner (name, version, HiGHS version) as a "
+     "str; any arguments are ignored."},
+    {"init", env_init, METH_NOARGS, "init()\n--\n\nStart the optimisation environment now (it otherwise starts with the first problem). Returns None; "
+     "raises InterfaceError when the library cannot start."},
+    {"free", env_free, METH_NOARGS, "free()\n--\n\nRelease the optimisation environment started by init(). Returns None."},
     {"setarchconsistency", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(env_setarchconsistency)), METH_VARARGS | METH_KEYWORDS,
-     "setarchconsistency(ifArchConsistent): request results consistent across architectures."},
-    {"getOutputEnabled", env_getOutputEnabled, METH_NOARGS, "getOutputEnabled() -> bool: whether library messages are printed."},
-    {"setOutputEnabled", env_setOutputEnabled, METH_O, "setOutputEnabled(flag): switch printing of library messages."},
+     "setarchconsistency(ifArchConsistent)\n--\n\nRequest results that are the same on every architecture (true) or "
+     "allow faster architecture-specific paths. Returns None."},
+    {"getOutputEnabled", env_getOutputEnabled, METH_NOARGS, "getOutputEnabled()\n--\n\nReturn whether the solvers' messages are printed (a bool)."},
+    {"setOutputEnabled", env_setOutputEnabled, METH_O, "setOutputEnabled(flag, /)\n--\n\nSwitch printing of the solvers' messages on (true) or off for all problems. "
+     "Returns None."},
     {nullptr, nullptr, 0, nullptr},
 };
 

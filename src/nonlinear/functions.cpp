@@ -305,43 +305,67 @@ PyObject* fn_pwl(PyObject* a0, PyObject* arg) {
     return alloc_guard(nullptr, [&] { return fn_pwl_body(a0, arg); });
 }
 
-#define UNARY_DOC(what) "Returns the " what " of a given expression.\n\nA number gives a float; a NumPy array gives the function applied to each element."
+#define UNARY_DOC(name, what)                                                                           \
+    name "(t, /)\n--\n\nReturns the " what " of a given expression.\n\nA number gives a float; a NumPy array gives "   \
+         "the function applied to each element; a variable or expression gives a nonlinear expression. Raises "   \
+         "ModelError for any other argument."
 
 }  // namespace
 
 PyMethodDef nonlinear_functions[] = {
-    {"sin", fn_sin, METH_O, UNARY_DOC("sine")},
-    {"cos", fn_cos, METH_O, UNARY_DOC("cosine")},
-    {"tan", fn_tan, METH_O, UNARY_DOC("tangent")},
-    {"asin", fn_asin, METH_O, UNARY_DOC("arcsine")},
-    {"acos", fn_acos, METH_O, UNARY_DOC("arccosine")},
-    {"atan", fn_atan, METH_O, UNARY_DOC("arctangent")},
-    {"exp", fn_exp, METH_O, UNARY_DOC("exponential")},
-    {"log", fn_log, METH_O, UNARY_DOC("natural logarithm")},
-    {"log10", fn_log10, METH_O, UNARY_DOC("base-10 logarithm")},
-    {"abs", fn_abs, METH_O, UNARY_DOC("absolute value")},
-    {"sqrt", fn_sqrt, METH_O, UNARY_DOC("square root")},
-    {"sign", fn_sign, METH_O, UNARY_DOC("sign")},
-    {"erf", fn_erf, METH_O, UNARY_DOC("error function")},
-    {"erfc", fn_erfc, METH_O, UNARY_DOC("complementary error function")},
-    {"max", fn_max, METH_VARARGS, "Returns the maximum of one or more expressions.\n\nArguments may be given one by one or as one list, tuple or array."},
-    {"min", fn_min, METH_VARARGS, "Returns the minimum of one or more expressions.\n\nArguments may be given one by one or as one list, tuple or array."},
-    {"And", fn_and, METH_VARARGS, "Returns a logical AND of two or more binary variables or expressions."},
-    {"Or", fn_or, METH_VARARGS, "Returns a logical OR of two or more binary variables or expressions."},
+    {"sin", fn_sin, METH_O, UNARY_DOC("sin", "sine")},
+    {"cos", fn_cos, METH_O, UNARY_DOC("cos", "cosine")},
+    {"tan", fn_tan, METH_O, UNARY_DOC("tan", "tangent")},
+    {"asin", fn_asin, METH_O, UNARY_DOC("asin", "arcsine")},
+    {"acos", fn_acos, METH_O, UNARY_DOC("acos", "arccosine")},
+    {"atan", fn_atan, METH_O, UNARY_DOC("atan", "arctangent")},
+    {"exp", fn_exp, METH_O, UNARY_DOC("exp", "exponential")},
+    {"log", fn_log, METH_O, UNARY_DOC("log", "natural logarithm")},
+    {"log10", fn_log10, METH_O, UNARY_DOC("log10", "base-10 logarithm")},
+    {"abs", fn_abs, METH_O, UNARY_DOC("abs", "absolute value")},
+    {"sqrt", fn_sqrt, METH_O, UNARY_DOC("sqrt", "square root")},
+    {"sign", fn_sign, METH_O, UNARY_DOC("sign", "sign")},
+    {"erf", fn_erf, METH_O, UNARY_DOC("erf", "error function")},
+    {"erfc", fn_erfc, METH_O, UNARY_DOC("erfc", "complementary error function")},
+    {"max", fn_max, METH_VARARGS, "max(*args)\n--\n\nReturns the maximum of one or more expressions.\n\nArguments may be given one by one or as one list, "
+     "tuple or array; the result is a nonlinear expression. Raises ModelError for no or invalid arguments."},
+    {"min", fn_min, METH_VARARGS, "min(*args)\n--\n\nReturns the minimum of one or more expressions.\n\nArguments may be given one by one or as one list, "
+     "tuple or array; the result is a nonlinear expression. Raises ModelError for no or invalid arguments."},
+    {"And", fn_and, METH_VARARGS, "And(*args)\n--\n\nReturns a logical AND of two or more binary variables or expressions.\n\nArguments may be given "
+     "one by one or as one list; the result is a nonlinear expression worth 1 when all are nonzero. Raises ModelError "
+     "for invalid arguments."},
+    {"Or", fn_or, METH_VARARGS, "Or(*args)\n--\n\nReturns a logical OR of two or more binary variables or expressions.\n\nArguments may be given "
+     "one by one or as one list; the result is a nonlinear expression worth 1 when any is nonzero. Raises ModelError "
+     "for invalid arguments."},
     {"pwl", fn_pwl, METH_O,
-     "Returns a piecewise linear function over a variable.\n\nThe argument is a dictionary whose keys are "
-     "intervals (a, b) and whose values are constants or linear functions of one variable."},
+     "pwl(dict, /)\n--\n\nReturns a piecewise linear function over a variable.\n\nThe argument is a dictionary whose keys "
+     "are intervals (a, b) and whose values are constants or linear functions of one variable; the result is a "
+     "nonlinear expression. Raises ModelError for an invalid dictionary."},
     {"user", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_user)), METH_VARARGS | METH_KEYWORDS,
-     "Creates an expression that is computed by means of a user-specified\nfunction: user(f, t1, ..., tn, derivatives=False)."},
+     "user(f, /, *args, derivatives=False)\n--\n\nCreates an expression that is computed by means of a user-specified\n"
+     "function: f(t1, ..., tn) of the expressions args, called with floats. With derivatives=True, f returns the tuple "
+     "(value, df/dt1, ..., df/dtn); otherwise it returns the value and derivatives are taken by finite differences. "
+     "Returns a nonlinear expression; errors of f surface when the expression is evaluated or solved."},
     {"Sum", fn_sum, METH_VARARGS,
-     "Alternative sum operator for an arbitrary number of objects created by\nthe modelling algebra; sums in one pass."},
-    {"Prod", fn_prod, METH_VARARGS, "Returns the product of a sequence of one or more expressions."},
+     "Sum(*args)\n--\n\nAlternative sum operator for an arbitrary number of objects created by\nthe modelling algebra; "
+     "sums in one pass. Takes the terms one by one or as one list, tuple, dict, generator or array; returns an "
+     "expression (or a nonlinear expression or array). Raises ModelError for an object that is not a term or number."},
+    {"Prod", fn_prod, METH_VARARGS, "Prod(*args)\n--\n\nReturns the product of a sequence of one or more expressions.\n\nThe factors are given one by one "
+     "or as one collection; an empty collection gives 0.0. Raises ModelError for an object that is not a term or number."},
     {"Dot", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_dot)), METH_VARARGS | METH_KEYWORDS,
-     "Alternative dot-product operator for an arbitrary number of NumPy\narrays of numbers and modelling objects."},
+     "Dot(*args, out=None)\n--\n\nAlternative dot-product operator for an arbitrary number of NumPy\narrays of numbers and "
+     "modelling objects, folded left to right like numpy.dot; two vectors give one expression, otherwise an array "
+     "(written into out when given). Raises ModelError for non-arrays or mismatched dimensions."},
     {"vars", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_vars)), METH_VARARGS | METH_KEYWORDS,
-     "Creates an indexed set or map of variables."},
+     "vars(*indices, name=None, lb=0.0, ub=1e+20, threshold=-1e+20, vartype=0)\n--\n\nCreates an indexed set or map "
+     "of variables.\n\nIntegers only give a NumPy array of that shape (dtype npvar) with names like x(0,1); any "
+     "list of keys among the index sets gives a dict keyed by the key or tuple of keys; no index gives one var. Raises "
+     "ModelError for an empty bound interval."},
     {"evaluate", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)(void)>(fn_evaluate)), METH_VARARGS | METH_KEYWORDS,
-     "Returns the evaluation of one or more expressions for a given\nsolution (dictionary) or problem."},
+     "evaluate(*expressions, problem=None, solution=None)\n--\n\nReturns the evaluation of one or more expressions for a "
+     "given\nsolution (dictionary) or problem.\n\nsolution is a dict var -> value, or a list or array of column values "
+     "of problem; without it the problem's current solution is used. Each argument gives a value of its own shape "
+     "(float, list, dict or array); several give a tuple. Raises InterfaceError when neither is given."},
     {nullptr, nullptr, 0, nullptr},
 };
 

@@ -906,62 +906,126 @@ void nlp_release_job_objects(ProblemObject* p) {
     for (PyObject* o : objs) Py_DECREF(o);
 }
 
+// Every method raises InterfaceError for arguments it cannot parse and SolverError when the
+// nonlinear solver reports a failure; rows and columns are indices, names or model objects.
+#define ERRS " Raises InterfaceError for bad arguments and SolverError when the solver fails."
+
 PyMethodDef problem_nonlinear_methods[] = {
-    NOARGS(validate, "validate(): check the current linearisation of the nonlinear problem."),
-    NOARGS(updatelinearization, "updatelinearization(): relinearise at the current point."),
-    NOARGS(unconstruct, "unconstruct(): drop the constructed linearisation."),
-    NOARGS(setcurrentiv, "setcurrentiv(): take the current values as initial values."),
-    NOARGS(scaling, "scaling(): scale the linearisation."),
-    NOARGS(reinitialize, "reinitialize(): prepare the nonlinear problem for a new solve."),
-    NOARGS(printevalinfo, "printevalinfo(): print evaluation statistics."),
-    NOARGS(printmemory, "printmemory(): print memory use."),
-    NOARGS(presolve, "presolve(): presolve the nonlinear problem."),
-    NOARGS(msclear, "msclear(): remove every multistart job."),
-    NOARGS(construct, "construct(): build the linearisation."),
-    NOARGS(cascadeorder, "cascadeorder(): compute the cascading order."),
-    NOARGS(cascade, "cascade(): recompute determined columns."),
-    NOARGS(fixpenalties, "fixpenalties() -> int: fix the penalty columns."),
-    KWARGS(nlpoptimize, "nlpoptimize(flags=''): solve with the nonlinear optimiser."),
-    NOARGS(globalsol, "globalsol(): solve from several starting points and keep the best."),
-    KWARGS(validatevector, "validatevector(vector) -> (float, float, float)."),
-    KWARGS(validaterow, "validaterow(row)."),
-    KWARGS(validatekkt, "validatekkt(calculationmode, respectbasisstatus, updatemultipliers, kktviolationtarget)."),
-    KWARGS(msaddpreset, "msaddpreset(description, preset, count, job_object)."),
-    KWARGS(msaddjob, "msaddjob(description, ivcols, ivvalues, control, job_object)."),
-    KWARGS(msaddcustompreset, "msaddcustompreset(description, preset, count, ivcols, ivvalues, control, job_object)."),
-    KWARGS(addvars, "addvars(colindex, vartype, detrow, seqnum, tolindex, initvalue, stepbound)."),
-    KWARGS(loadvars, "loadvars(colindex, vartype, detrow, seqnum, tolindex, initvalue, stepbound)."),
-    KWARGS(addtolsets, "addtolsets(tol): tolerance sets, nine values each."),
-    KWARGS(loadtolsets, "loadtolsets(tol): replace the tolerance sets."),
-    KWARGS(adddfs, "adddfs(colindex, rowindex, value): distribution factors."),
-    KWARGS(loaddfs, "loaddfs(colindex, rowindex, value): replace the distribution factors."),
-    KWARGS(addcoefs, "addcoefs(rowindex, colindex, factor, fstart, parsed, type, value): nonlinear coefficients."),
-    KWARGS(loadcoefs, "loadcoefs(rowindex, colindex, factor, fstart, parsed, type, value)."),
-    KWARGS(chgnlcoef, "chgnlcoef(rowindex, colindex, factor, parsed, type, value)."),
-    KWARGS(chgccoef, "chgccoef(rowindex, colindex, factor, formula): coefficient from a text formula."),
-    KWARGS(chgvar, "chgvar(colindex, detrow=None, initstepbound=None, ...)."),
-    KWARGS(chgtolset, "chgtolset(ntol, status, tols)."),
-    KWARGS(chgrowwt, "chgrowwt(rowindex, value)."),
-    KWARGS(chgrowstatus, "chgrowstatus(rowindex, status)."),
-    KWARGS(chgdf, "chgdf(colindex, rowindex, value)."),
-    KWARGS(chgdeltatype, "chgdeltatype(vars, deltatypes, values)."),
-    KWARGS(chgcascadenlimit, "chgcascadenlimit(icol, cascadenlimit)."),
-    KWARGS(delvars, "delvars(index)."),
-    KWARGS(deltolsets, "deltolsets(index)."),
-    KWARGS(delcoefs, "delcoefs(rowindex, colindex)."),
-    KWARGS(getvar, "getvar(colindex) -> tuple of the column's SLP data."),
-    KWARGS(gettolset, "gettolset(nslptol, tols) -> int status; tols receives the nine values."),
-    KWARGS(getslpsol, "getslpsol(x=None, slack=None, dual=None, dj=None): fill the given lists."),
-    KWARGS(getrowwt, "getrowwt(rowindex) -> float."),
-    KWARGS(getrowstatus, "getrowstatus(rowindex) -> int."),
-    KWARGS(getdf, "getdf(colindex, rowindex) -> float."),
-    KWARGS(getrowinfo, "getrowinfo(infotype, rowindex) -> int or float."),
-    KWARGS(getcolinfo, "getcolinfo(infotype, colindex) -> int or float."),
-    KWARGS(getcoefs, "getcoefs(rowindex=None, colindex=None): rows and columns of the nonlinear coefficients."),
-    KWARGS(getcoefformula, "getcoefformula(rowindex, colindex, parsed, bufsize) -> (factor, count, types, values)."),
-    KWARGS(getccoef, "getccoef(rowindex, colindex, flen) -> (factor, formula text)."),
-    KWARGS(evaluateformula, "evaluateformula(parsed, type, value) -> float."),
-    KWARGS(evaluatecoef, "evaluatecoef(rowindex, colindex) -> float."),
+    NOARGS(validate, "validate($self, /)\n--\n\nCheck the formulas' derivatives at the current point; the validation "
+                     "indices are left in the attributes. Returns None." ERRS),
+    NOARGS(updatelinearization, "updatelinearization($self, /)\n--\n\nEvaluate every row and gradient at the current "
+                                "point. Returns None." ERRS),
+    NOARGS(unconstruct, "unconstruct($self, /)\n--\n\nDrop the constructed linearisation so that the problem can be "
+                        "changed. Returns None." ERRS),
+    NOARGS(setcurrentiv, "setcurrentiv($self, /)\n--\n\nTake the current solution values as the initial values of the "
+                         "next solve. Returns None." ERRS),
+    NOARGS(scaling, "scaling($self, /)\n--\n\nSet the row weights from the sizes of the rows' gradients. Returns None." ERRS),
+    NOARGS(reinitialize, "reinitialize($self, /)\n--\n\nForget the solution and the nonlinear solver's state, so the "
+                         "next solve starts afresh. Returns None." ERRS),
+    NOARGS(printevalinfo, "printevalinfo($self, /)\n--\n\nPrint the formula evaluation statistics of the last solve to "
+                          "the problem's log. Returns None." ERRS),
+    NOARGS(printmemory, "printmemory($self, /)\n--\n\nPrint the memory used by the nonlinear problem to its log. "
+                        "Returns None." ERRS),
+    NOARGS(presolve, "presolve($self, /)\n--\n\nPresolve the nonlinear problem. Returns None." ERRS),
+    NOARGS(msclear, "msclear($self, /)\n--\n\nRemove every multistart job. Returns None." ERRS),
+    NOARGS(construct, "construct($self, /)\n--\n\nCompile every formula of the nonlinear problem (a solve does this "
+                      "itself). Returns None." ERRS),
+    NOARGS(cascadeorder, "cascadeorder($self, /)\n--\n\nNumber the determined columns in the order they are cascaded. "
+                         "Returns None." ERRS),
+    NOARGS(cascade, "cascade($self, /)\n--\n\nRecompute the determined columns from their determining rows at the "
+                    "current point. Returns None." ERRS),
+    NOARGS(fixpenalties, "fixpenalties($self, /)\n--\n\nFix the penalty error columns and return the solver's status as "
+                         "an int." ERRS),
+    KWARGS(nlpoptimize, "nlpoptimize($self, /, flags='')\n--\n\nSolve the problem with the nonlinear solver (flag 'g' "
+                        "asks for a mixed-integer search), releasing the interpreter lock. Returns None; the outcome "
+                        "is in getProbStatus()." ERRS),
+    NOARGS(globalsol, "globalsol($self, /)\n--\n\nSolve from several starting points (the multistart jobs) and keep the "
+                      "best solution, releasing the interpreter lock. Returns None." ERRS),
+    KWARGS(validatevector, "validatevector($self, /, vector)\n--\n\nEvaluate a point (one value per column) and return "
+                           "the tuple (sum of infeasibilities, sum of scaled infeasibilities, objective value) as "
+                           "floats." ERRS),
+    KWARGS(validaterow, "validaterow($self, /, row)\n--\n\nCheck the linearisation of one row at the current point and "
+                        "report the result in the log. Returns None." ERRS),
+    KWARGS(validatekkt, "validatekkt($self, /, calculationmode, respectbasisstatus, updatemultipliers, "
+                        "kktviolationtarget)\n--\n\nCompute the first-order optimality (KKT) residual of the current "
+                        "solution into the attributes, optionally recomputing the multipliers. Returns None." ERRS),
+    KWARGS(msaddpreset, "msaddpreset($self, /, description, preset, count, job_object)\n--\n\nAdd count multistart jobs "
+                        "of a preset kind (an msset_... constant); job_object is handed back to the multistart "
+                        "callbacks. Returns None." ERRS),
+    KWARGS(msaddjob, "msaddjob($self, /, description, ivcols, ivvalues, control, job_object)\n--\n\nAdd one multistart "
+                     "job: initial values for the columns ivcols and a dict of integer or double controls. Returns "
+                     "None." ERRS),
+    KWARGS(msaddcustompreset, "msaddcustompreset($self, /, description, preset, count, ivcols, ivvalues, control, "
+                              "job_object)\n--\n\nAdd count multistart jobs of a preset kind with the given initial "
+                              "values and controls. Returns None." ERRS),
+    KWARGS(addvars, "addvars($self, /, colindex, vartype, detrow, seqnum, tolindex, initvalue, stepbound)\n--\n\nGive "
+                    "columns their nonlinear-solver data (arrays, one entry per column): type bits, determining row, "
+                    "cascade order, tolerance set, initial value and step bound. Returns None." ERRS),
+    KWARGS(loadvars, "loadvars($self, /, colindex, vartype, detrow, seqnum, tolindex, initvalue, stepbound)\n--\n\n"
+                     "Replace the nonlinear-solver data of all columns by the arrays given (as addvars). Returns None."
+                     ERRS),
+    KWARGS(addtolsets, "addtolsets($self, /, tol)\n--\n\nAdd tolerance sets: tol holds nine tolerances per set. "
+                       "Returns None." ERRS),
+    KWARGS(loadtolsets, "loadtolsets($self, /, tol)\n--\n\nReplace the tolerance sets by those in tol (nine values "
+                        "each). Returns None." ERRS),
+    KWARGS(adddfs, "adddfs($self, /, colindex, rowindex, value)\n--\n\nAdd distribution factors (each scales the "
+                   "linear coefficient of a column in a row; default 1). Returns None." ERRS),
+    KWARGS(loaddfs, "loaddfs($self, /, colindex, rowindex, value)\n--\n\nReplace all distribution factors by those "
+                    "given. Returns None." ERRS),
+    KWARGS(addcoefs, "addcoefs($self, /, rowindex, colindex, factor, fstart, parsed, type, value)\n--\n\nAdd nonlinear "
+                     "coefficients given as token formulas (fstart: start of each formula in type/value; parsed: 1 "
+                     "for reverse Polish order). Returns None." ERRS),
+    KWARGS(loadcoefs, "loadcoefs($self, /, rowindex, colindex, factor, fstart, parsed, type, value)\n--\n\nReplace all "
+                      "nonlinear coefficients by the token formulas given (as addcoefs). Returns None." ERRS),
+    KWARGS(chgnlcoef, "chgnlcoef($self, /, rowindex, colindex, factor, parsed, type, value)\n--\n\nSet the nonlinear "
+                      "coefficient of a row and column to one token formula. Returns None." ERRS),
+    KWARGS(chgccoef, "chgccoef($self, /, rowindex, colindex, factor, formula)\n--\n\nSet the nonlinear coefficient of a "
+                     "row and column from a text formula (factor may be None). Returns None." ERRS),
+    KWARGS(chgvar, "chgvar($self, /, colindex, detrow=None, initstepbound=None, stepbound=None, penalty=None, "
+                   "damp=None, initvalue=None, value=None, tolset=None, history=None, converged=None, vartype=None)"
+                   "\n--\n\nChange the nonlinear-solver data of one column; only the arguments given (not None) "
+                   "change. initvalue is the start value of the next nonlinear solve. Returns None." ERRS),
+    KWARGS(chgtolset, "chgtolset($self, /, ntol, status, tols)\n--\n\nChange tolerance set ntol: its nine tolerances "
+                      "and, unless None, its status bits. Returns None." ERRS),
+    KWARGS(chgrowwt, "chgrowwt($self, /, rowindex, value)\n--\n\nSet a row's penalty weight. Returns None." ERRS),
+    KWARGS(chgrowstatus, "chgrowstatus($self, /, rowindex, status)\n--\n\nSet a row's status bits. Returns None."
+                         ERRS),
+    KWARGS(chgdf, "chgdf($self, /, colindex, rowindex, value)\n--\n\nSet one distribution factor. Returns None." ERRS),
+    KWARGS(chgdeltatype, "chgdeltatype($self, /, vars, deltatypes, values)\n--\n\nSet how each column steps: delta type "
+                         "0 continuous, 1 no steps below the value, 2 whole multiples of the value. Returns None." ERRS),
+    KWARGS(chgcascadenlimit, "chgcascadenlimit($self, /, icol, cascadenlimit)\n--\n\nSet the number of Newton steps "
+                             "used to cascade a determined column. Returns None." ERRS),
+    KWARGS(delvars, "delvars($self, /, index)\n--\n\nRemove the nonlinear-solver data of the columns given. Returns "
+                    "None." ERRS),
+    KWARGS(deltolsets, "deltolsets($self, /, index)\n--\n\nDelete the tolerance sets given. Returns None." ERRS),
+    KWARGS(delcoefs, "delcoefs($self, /, rowindex, colindex)\n--\n\nDelete the nonlinear coefficients at the given rows "
+                     "and columns (arrays). Returns None." ERRS),
+    KWARGS(getvar, "getvar($self, /, colindex)\n--\n\nReturn the nonlinear-solver data of one column as a 15-item tuple "
+                   "(detrow, initstepbound, stepbound, penalty, damp, initvalue, value, tolset, history, converged, "
+                   "vartype, delta type, penalty delta, update row, value at the start of the last solve)." ERRS),
+    KWARGS(gettolset, "gettolset($self, /, nslptol, tols)\n--\n\nReturn the status of tolerance set nslptol as an int; "
+                      "the list tols, unless None, receives its nine tolerances." ERRS),
+    KWARGS(getslpsol, "getslpsol($self, /, x=None, slack=None, dual=None, dj=None)\n--\n\nFill the lists given with the "
+                      "nonlinear solution: values and reduced costs per column, slacks and duals per row. Returns "
+                      "None." ERRS),
+    KWARGS(getrowwt, "getrowwt($self, /, rowindex)\n--\n\nReturn a row's penalty weight as a float." ERRS),
+    KWARGS(getrowstatus, "getrowstatus($self, /, rowindex)\n--\n\nReturn a row's status bits as an int." ERRS),
+    KWARGS(getdf, "getdf($self, /, colindex, rowindex)\n--\n\nReturn a distribution factor as a float." ERRS),
+    KWARGS(getrowinfo, "getrowinfo($self, /, infotype, rowindex)\n--\n\nReturn one item of a row's solution "
+                       "information (a rowinfo_... constant) as an int or float." ERRS),
+    KWARGS(getcolinfo, "getcolinfo($self, /, infotype, colindex)\n--\n\nReturn one item of a column's solution "
+                       "information (a colinfo_... constant) as an int or float." ERRS),
+    KWARGS(getcoefs, "getcoefs($self, /, rowindex=None, colindex=None)\n--\n\nFill the lists given with the "
+                     "constraints and variables of every nonlinear coefficient, in the same order. Returns None." ERRS),
+    KWARGS(getcoefformula, "getcoefformula($self, /, rowindex, colindex, parsed, bufsize)\n--\n\nReturn the formula of "
+                           "a nonlinear coefficient as a tuple (factor, number of tokens, token types, token values)."
+                           ERRS),
+    KWARGS(getccoef, "getccoef($self, /, rowindex, colindex, flen)\n--\n\nReturn the formula of a nonlinear "
+                     "coefficient as a tuple (factor, formula text of at most flen characters)." ERRS),
+    KWARGS(evaluateformula, "evaluateformula($self, /, parsed, type, value)\n--\n\nEvaluate a token formula at the "
+                            "current point and return its value as a float." ERRS),
+    KWARGS(evaluatecoef, "evaluatecoef($self, /, rowindex, colindex)\n--\n\nEvaluate a nonlinear coefficient at the "
+                         "current point and return its value as a float." ERRS),
     {nullptr, nullptr, 0, nullptr},
 };
 

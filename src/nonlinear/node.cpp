@@ -711,10 +711,11 @@ PyObject* meth_extract_quadratic(PyObject* self, PyObject*) { return extract(sel
 
 PyMethodDef node_methods[] = {
     {"extractLinear", meth_extract_linear, METH_NOARGS,
-     "Returns the variables and coefficients of the linear part of any expression.\n\n"
+     "extractLinear($self, /)\n--\n\nReturns the variables and coefficients of the linear part of any expression.\n\n"
      "The result is a tuple (variables, coefficients) of two lists."},
     {"extractQuadratic", meth_extract_quadratic, METH_NOARGS,
-     "Returns the variables and coefficients of the quadratic part of any expression.\n\n"
+     "extractQuadratic($self, /)\n--\n\nReturns the variables and coefficients of the quadratic part of any "
+     "expression.\n\n"
      "The result is a tuple (first variables, second variables, coefficients) of three lists."},
     MODEL_ARRAY_UFUNC_METHOD,
     {nullptr, nullptr, 0, nullptr},

@@ -730,8 +730,10 @@ PyObject* problem_getAttrib(PyObject* self, PyObject* args) {
 
 PyMethodDef controls_functions[] = {
     {"setdefaultcontrol", reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(mod_setdefaultcontrol)),
-     METH_VARARGS | METH_KEYWORDS, "setdefaultcontrol(ipar): new problems get the library default of this control again."},
-    {"setdefaults", mod_setdefaults, METH_NOARGS, "setdefaults(): new problems get the library defaults of all controls."},
+     METH_VARARGS | METH_KEYWORDS, "setdefaultcontrol(ipar)\n--\n\nForget the module-level default set for control ipar (a name), so new problems get "
+     "the library default again. Returns None; raises InterfaceError for an unknown control."},
+    {"setdefaults", mod_setdefaults, METH_NOARGS, "setdefaults()\n--\n\nForget every module-level control default, so new problems get the library defaults. "
+     "Returns None."},
     {nullptr, nullptr, 0, nullptr},
 };
 

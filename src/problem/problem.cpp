@@ -380,6 +380,7 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
     clear_lists_and_maps(p);
     if (p->prob) {
         release_userfuncs(p);
+        callback_exception_discard(p->prob);
         destroy_library_problems(p);
         nlp_release_job_objects(p);
         note_solver_run(p, false);
@@ -391,6 +392,7 @@ PyObject* problem_reset(PyObject* self, PyObject*) {
         if (TRVOsetprobname(p->prob, "") != 0) return problem_error(p);
         if (load_empty(p, "") < 0) return nullptr;
         if (install_problem_printers(p) < 0) return nullptr;
+        if (callbacks_reregister(p) < 0) return nullptr;  // the callbacks stay registered
     }
     Py_RETURN_NONE;
 }
@@ -624,34 +626,104 @@ PyObject* get_attributes(PyObject* self, void*) {
 #define KW_METHOD(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
 
 PyMethodDef own_methods[] = {
-    {"name", problem_name, METH_NOARGS, "name() -> str: the problem's name."},
-    {"copy", problem_copy, METH_NOARGS, "copy() -> problem: a new problem with the same content."},
-    {"reset", problem_reset, METH_NOARGS, "reset(): make the problem empty again."},
-    {"read", KW_METHOD(problem_read), METH_VARARGS | METH_KEYWORDS, "read(filename, options=''): read a problem file."},
-    {"write", KW_METHOD(problem_write), METH_VARARGS | METH_KEYWORDS, "write(filename, flags=''): write a problem file."},
-    {"addVariable", problem_addVariable, METH_VARARGS, "addVariable(*vars): add variables (nested containers allowed)."},
-    {"addConstraint", problem_addConstraint, METH_VARARGS, "addConstraint(*cons): add constraints (nested containers allowed)."},
-    {"addSOS", problem_addSOS, METH_VARARGS, "addSOS(*sets): add special ordered sets."},
-    {"addIndicator", problem_addIndicator, METH_VARARGS, "addIndicator(condition, constraint) or addIndicator((cond, con), ...)."},
-    {"delVariable", KW_METHOD(problem_delVariable), METH_VARARGS | METH_KEYWORDS, "delVariable(index=None, first=-1, last=-1)."},
-    {"delConstraint", KW_METHOD(problem_delConstraint), METH_VARARGS | METH_KEYWORDS, "delConstraint(index=None, first=-1, last=-1)."},
-    {"delSOS", KW_METHOD(problem_delSOS), METH_VARARGS | METH_KEYWORDS, "delSOS(index=None, first=-1, last=-1)."},
-    {"setObjective", KW_METHOD(problem_setObjective), METH_VARARGS | METH_KEYWORDS, "setObjective(objective, sense=1)."},
-    {"solve", KW_METHOD(problem_solve), METH_VARARGS | METH_KEYWORDS, "solve(flags=None): run the optimiser that fits the problem."},
-    {"getProbStatus", problem_getProbStatus, METH_NOARGS, "getProbStatus() -> int."},
-    {"getProbStatusString", problem_getProbStatusString, METH_NOARGS, "getProbStatusString() -> str."},
-    {"getObjVal", problem_getObjVal, METH_NOARGS, "getObjVal() -> float."},
-    {"getSolution", KW_METHOD(problem_getSolution), METH_VARARGS | METH_KEYWORDS, "getSolution(*args, flatten=False)."},
-    {"getDual", problem_getDual, METH_VARARGS, "getDual(*args): duals of constraints."},
-    {"getSlack", problem_getSlack, METH_VARARGS, "getSlack(*args): slacks of constraints."},
-    {"getRCost", problem_getRCost, METH_VARARGS, "getRCost(*args): reduced costs of variables."},
-    {"getIndex", problem_getIndex, METH_O, "getIndex(obj) -> int: column, row or set index."},
-    {"getVariable", KW_METHOD(problem_getVariable), METH_VARARGS | METH_KEYWORDS, "getVariable(index=None, first=-1, last=-1)."},
-    {"getConstraint", KW_METHOD(problem_getConstraint), METH_VARARGS | METH_KEYWORDS, "getConstraint(index=None, first=-1, last=-1)."},
-    {"getSOS", KW_METHOD(problem_getSOS), METH_VARARGS | METH_KEYWORDS, "getSOS(index=None, first=-1, last=-1)."},
-    {"setControl", problem_setControl, METH_VARARGS, "setControl(dict) or setControl(name, value)."},
-    {"getControl", problem_getControl, METH_VARARGS, "getControl(*names): control values."},
-    {"getAttrib", problem_getAttrib, METH_VARARGS, "getAttrib(*names): attribute values."},
+    {"name", problem_name, METH_NOARGS,
+     "name($self, /)\n--\n\nReturn the problem's name as a str."},
+    {"copy", problem_copy, METH_NOARGS,
+     "copy($self, /)\n--\n\nReturn a new problem with the same variables, constraints, sets, objective, controls and "
+     "callbacks; raises SolverError when the library cannot copy it."},
+    {"reset", problem_reset, METH_NOARGS,
+     "reset($self, /)\n--\n\nMake the problem empty again: no variables, constraints, sets, objective or name, and "
+     "default controls. Returns None."},
+    {"read", KW_METHOD(problem_read), METH_VARARGS | METH_KEYWORDS,
+     "read($self, /, filename, options='')\n--\n\nReplace the problem's content with the model in an MPS or LP file "
+     "(with a nonlinear part when the file has one). Returns None; raises SolverError when the file cannot be read."},
+    {"write", KW_METHOD(problem_write), METH_VARARGS | METH_KEYWORDS,
+     "write($self, /, filename, flags='')\n--\n\nWrite the problem to a file: MPS by default, LP format with flag 'l'; "
+     "nonlinear problems (or flag 'g') get the formula sections. Returns None; raises SolverError on failure."},
+    {"addVariable", problem_addVariable, METH_VARARGS,
+     "addVariable($self, /, *variables)\n--\n\nAdd variables to the problem: var objects, or lists, tuples, "
+     "dictionaries and NumPy arrays of them, nested. Returns None; raises ModelError for a non-variable or a variable "
+     "already added."},
+    {"addConstraint", problem_addConstraint, METH_VARARGS,
+     "addConstraint($self, /, *constraints)\n--\n\nAdd constraints (or nested containers, arrays and generators of "
+     "them) as rows; their variables must be in the problem. Returns None; raises ModelError for an invalid or "
+     "already added constraint."},
+    {"addSOS", problem_addSOS, METH_VARARGS,
+     "addSOS($self, /, *sets)\n--\n\nAdd special ordered sets (or nested containers of them) whose variables are in the "
+     "problem. Returns None; raises ModelError otherwise."},
+    {"addIndicator", problem_addIndicator, METH_VARARGS,
+     "addIndicator($self, /, *indicators)\n--\n\nAdd indicator constraints, given either as two arguments "
+     "(condition, constraint) or as any number of (condition, constraint) tuples, where the condition is "
+     "`b == 0` or `b == 1` for a binary variable b of the problem. Returns None; raises ModelError otherwise."},
+    {"delVariable", KW_METHOD(problem_delVariable), METH_VARARGS | METH_KEYWORDS,
+     "delVariable($self, /, index=None, first=-1, last=-1)\n--\n\nDelete variables: those given by index (a variable, "
+     "an index, a name or a list of them), or the index range first..last. Returns None; raises ModelError for a bad "
+     "combination or an index out of range."},
+    {"delConstraint", KW_METHOD(problem_delConstraint), METH_VARARGS | METH_KEYWORDS,
+     "delConstraint($self, /, index=None, first=-1, last=-1)\n--\n\nDelete constraints: those given by index (a "
+     "constraint, an index, a name or a list of them), or the row range first..last. Returns None; raises ModelError "
+     "for a bad combination or an index out of range."},
+    {"delSOS", KW_METHOD(problem_delSOS), METH_VARARGS | METH_KEYWORDS,
+     "delSOS($self, /, index=None, first=-1, last=-1)\n--\n\nDelete special ordered sets: those given by index (a set, "
+     "an index or a list of them), or the range first..last. Returns None; raises ModelError for a bad combination or "
+     "an index out of range."},
+    {"setObjective", KW_METHOD(problem_setObjective), METH_VARARGS | METH_KEYWORDS,
+     "setObjective($self, /, objective, sense=1)\n--\n\nReplace the objective by a number, variable, expression or "
+     "nonlinear expression; sense is tarvo.minimize (1) or tarvo.maximize (-1). Returns None; raises ModelError for an "
+     "invalid objective or sense."},
+    {"solve", KW_METHOD(problem_solve), METH_VARARGS | METH_KEYWORDS,
+     "solve($self, /, flags=None)\n--\n\nSolve with the optimiser that fits the problem (HiGHS for linear, "
+     "mixed-integer and convex quadratic models, the nonlinear solver otherwise), releasing the interpreter lock. "
+     "Returns None; read the outcome with getProbStatus(); raises SolverError when the solve fails and re-raises an "
+     "exception of a callback or Ctrl-C."},
+    {"getProbStatus", problem_getProbStatus, METH_NOARGS,
+     "getProbStatus($self, /)\n--\n\nReturn the status of the last solve as an int (one of the lp_..., mip_... or "
+     "nlp_... constants, by the kind of problem)."},
+    {"getProbStatusString", problem_getProbStatusString, METH_NOARGS,
+     "getProbStatusString($self, /)\n--\n\nReturn the status of the last solve as the constant's name, e.g. "
+     "'lp_optimal', 'mip_optimal' or 'nlp_solution'."},
+    {"getObjVal", problem_getObjVal, METH_NOARGS,
+     "getObjVal($self, /)\n--\n\nReturn the objective value of the current solution as a float."},
+    {"getSolution", KW_METHOD(problem_getSolution), METH_VARARGS | METH_KEYWORDS,
+     "getSolution($self, /, *args, flatten=False)\n--\n\nReturn solution values: all columns as a list with no "
+     "argument, else the value of each argument in its own shape (a variable or expression gives a float, a list a "
+     "list, an array an array, an index or name its column); flatten=True gives one flat list. Raises ModelError for an "
+     "object not in the problem."},
+    {"getDual", problem_getDual, METH_VARARGS,
+     "getDual($self, /, *constraints)\n--\n\nReturn dual values: all rows as a list with no argument, one float for one "
+     "constraint, index or name, else a flat list for the constraints given. Raises ModelError for a row not in the "
+     "problem."},
+    {"getSlack", problem_getSlack, METH_VARARGS,
+     "getSlack($self, /, *constraints)\n--\n\nReturn slacks (right-hand side minus activity): all rows as a list with "
+     "no argument, one float for one constraint, index or name, else a flat list. Raises ModelError for a row not in "
+     "the problem."},
+    {"getRCost", problem_getRCost, METH_VARARGS,
+     "getRCost($self, /, *variables)\n--\n\nReturn reduced costs: all columns as a list with no argument, one float for "
+     "one variable, index or name, else a flat list. Raises ModelError for a column not in the problem."},
+    {"getIndex", problem_getIndex, METH_O,
+     "getIndex($self, obj, /)\n--\n\nReturn the index of a variable (its column), a constraint (its row) or a special "
+     "ordered set in the problem as an int; raises ModelError for any other object or one not in the problem."},
+    {"getVariable", KW_METHOD(problem_getVariable), METH_VARARGS | METH_KEYWORDS,
+     "getVariable($self, /, index=None, first=-1, last=-1)\n--\n\nReturn the variable at an integer index, a "
+     "list for a (nested) list of indices or for the range first..last, or all variables as a list with no argument. "
+     "Raises IndexError or ModelError for an index out of range."},
+    {"getConstraint", KW_METHOD(problem_getConstraint), METH_VARARGS | METH_KEYWORDS,
+     "getConstraint($self, /, index=None, first=-1, last=-1)\n--\n\nReturn the constraint at an integer index, a "
+     "list for a (nested) list of indices or for the range first..last, or all constraints as a list with no argument. "
+     "Raises IndexError or ModelError for an index out of range."},
+    {"getSOS", KW_METHOD(problem_getSOS), METH_VARARGS | METH_KEYWORDS,
+     "getSOS($self, /, index=None, first=-1, last=-1)\n--\n\nReturn the special ordered set at an "
+     "integer index, a list for a (nested) list of indices or for the range first..last, or all sets as a list with "
+     "no argument. Raises IndexError or ModelError for an index out of range."},
+    {"setControl", problem_setControl, METH_VARARGS,
+     "setControl($self, /, *args)\n--\n\nSet controls: setControl({'name': value, ...}) or setControl('name', value). "
+     "Returns None; raises InterfaceError for an unknown control and ModelError for a value of the wrong type."},
+    {"getControl", problem_getControl, METH_VARARGS,
+     "getControl($self, /, *names)\n--\n\nReturn control values: a dict of all controls with no argument, the value of "
+     "one name, or a dict for a list of names or several names. Raises InterfaceError for an unknown name."},
+    {"getAttrib", problem_getAttrib, METH_VARARGS,
+     "getAttrib($self, /, *names)\n--\n\nReturn attribute values: a dict of all attributes with no argument, the value "
+     "of one name, or a dict for a list of names or several names. Raises InterfaceError for an unknown name."},
     {nullptr, nullptr, 0, nullptr},
 };
 
@@ -699,7 +771,11 @@ void problem_type_init() {
     t.tp_name = "tarvo.problem";
     t.tp_basicsize = sizeof(ProblemObject);
     t.tp_flags = Py_TPFLAGS_DEFAULT;
-    t.tp_doc = "An optimisation problem: variables, constraints, sets and an objective, solved by the optimiser.";
+    t.tp_doc =
+        "problem(*args, name=None, sense=1)\n--\n\nAn optimisation problem: variables, constraints, sets and an "
+        "objective. The positional arguments may give variables, constraints, sets and nested containers of them, at "
+        "most one objective expression and one name string; sense is tarvo.minimize (1) or tarvo.maximize (-1). "
+        "Raises ModelError for invalid arguments and SolverError when the library cannot create the problem.";
     t.tp_new = problem_new;
     t.tp_dealloc = problem_dealloc;
     t.tp_str = problem_str;

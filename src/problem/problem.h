@@ -170,6 +170,9 @@ int poolcut_handle(PyObject* o, void** handle);
 // Releases the callback registry of a departing problem: every record's problem item becomes
 // None before the record is dropped.
 void callbacks_release(ProblemObject* p);
+// Registers the registry's records again on new library problems (reset); 0, or -1 with an
+// exception set.
+int callbacks_reregister(ProblemObject* p);
 // A Python exception raised by a callback that the library called from one of its own threads
 // cannot stay pending there: it is kept, keyed by the library problem of the solve, until the
 // solving call restores it in its own thread. All four need the interpreter lock.

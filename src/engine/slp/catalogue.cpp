@@ -56,12 +56,12 @@ const Entry entries[] = {
     {"TSLP_CTOL", TSLP_CTOL, DBL | CONTROL, 1e-6},
     {"TSLP_ATOL_A", TSLP_ATOL_A, DBL | CONTROL, 1e-7},
     {"TSLP_ATOL_R", TSLP_ATOL_R, DBL | CONTROL, 1e-7},
-    {"TSLP_MTOL_A", TSLP_MTOL_A, DBL | CONTROL, 1e-6},
-    {"TSLP_MTOL_R", TSLP_MTOL_R, DBL | CONTROL, 1e-6},
-    {"TSLP_ITOL_A", TSLP_ITOL_A, DBL | CONTROL, 1e-6},
-    {"TSLP_ITOL_R", TSLP_ITOL_R, DBL | CONTROL, 1e-6},
-    {"TSLP_STOL_A", TSLP_STOL_A, DBL | CONTROL, 1e-6},
-    {"TSLP_STOL_R", TSLP_STOL_R, DBL | CONTROL, 1e-6},
+    {"TSLP_MTOL_A", TSLP_MTOL_A, DBL | CONTROL, 0},
+    {"TSLP_MTOL_R", TSLP_MTOL_R, DBL | CONTROL, 0},
+    {"TSLP_ITOL_A", TSLP_ITOL_A, DBL | CONTROL, 0},
+    {"TSLP_ITOL_R", TSLP_ITOL_R, DBL | CONTROL, 0},
+    {"TSLP_STOL_A", TSLP_STOL_A, DBL | CONTROL, 0},
+    {"TSLP_STOL_R", TSLP_STOL_R, DBL | CONTROL, 0},
     {"TSLP_OPTIMALITYTOL", TSLP_OPTIMALITYTOL, DBL | CONTROL, 1e-7},
     {"TSLP_DEFAULTSTEPBOUND", TSLP_DEFAULTSTEPBOUND, DBL | CONTROL, 0},
     {"TSLP_MINSTEPBOUND", TSLP_MINSTEPBOUND, DBL | CONTROL, 1e-12},
@@ -74,6 +74,7 @@ const Entry entries[] = {
     {"TSLP_DELTA_X", TSLP_DELTA_X, DBL | CONTROL, 1e-6},
     {"TSLP_MSMAXBOUNDRANGE", TSLP_MSMAXBOUNDRANGE, DBL | CONTROL, 1000},
     {"TSLP_MIPTOL", TSLP_MIPTOL, DBL | CONTROL, 1e-6},
+    {"TSLP_KKTTOL", TSLP_KKTTOL, DBL | CONTROL, 1e-5},
     {"TSLP_OBJSENSE", TSLP_OBJSENSE, DBL | CONTROL, 1},
     // integer controls
     {"TSLP_ITERLIMIT", TSLP_ITERLIMIT, INT | CONTROL, 1000},
@@ -214,6 +215,8 @@ int TSLPsetintcontrol(TSLPprob prob, int control, int value) {
         find_control(control, INT);
         if (value < 0 && control != TSLP_LOG)
             throw slp::Error("Control " + std::to_string(control) + " cannot be negative");
+        if (control == TSLP_MSTHREADS && value > 1)
+            throw slp::Error("Multistart jobs run one after another: TSLP_MSTHREADS accepts only 0 or 1");
         prob->controls.ints[control] = value;
     });
 }

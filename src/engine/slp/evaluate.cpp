@@ -48,6 +48,7 @@ Evaluator::Evaluator(TSLPprob p, const Model& model) : prob(p), m(model) {
         int c = kv.first.second;
         if (c < -1 || c >= m.ncols)
             throw Error("Nonlinear coefficient in column " + std::to_string(c) + ", which does not exist");
+        if (!m.nlskip.empty() && m.nlskip[r]) continue;   // made linear by presolve
         rows.push_back(r);
     }
     for (auto& kv : m.qrows) rows.push_back(kv.first);
@@ -60,6 +61,7 @@ Evaluator::Evaluator(TSLPprob p, const Model& model) : prob(p), m(model) {
     ev.resize(rows.size());
     for (size_t k = 0; k < rows.size(); ++k) nlpos[rows[k]] = (int)k;
     for (auto& kv : p->coefs) {
+        if (!m.nlskip.empty() && m.nlskip[kv.first.first]) continue;
         int k = nlpos[kv.first.first];
         Tape& t = tapes[k];
         int r;

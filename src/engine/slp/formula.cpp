@@ -408,24 +408,29 @@ void reverse(const Tape& tape, int root, Eval& ev, double seed, double* g) {
     }
 }
 
-Tokens combine(double fa, const Tokens& a, double fb, const Tokens& b) {
+Tokens combine_all(const std::vector<const Coef*>& parts) {
+    size_t len = 1;
+    for (const Coef* c : parts) len += c->formula.type.size() + 3;
     Tokens r;
-    auto body = [&](const Tokens& t, double f) {
+    r.type.reserve(len);
+    r.value.reserve(len);
+    for (size_t k = 0; k < parts.size(); ++k) {
+        const Tokens& t = parts[k]->formula;
         for (size_t i = 0; i < t.type.size() && t.type[i] != TSLP_TOK_EOF; ++i) {
             r.type.push_back(t.type[i]);
             r.value.push_back(t.value[i]);
         }
-        if (f != 1.0) {
+        if (parts[k]->factor != 1.0) {
             r.type.push_back(TSLP_TOK_CON);
-            r.value.push_back(f);
+            r.value.push_back(parts[k]->factor);
             r.type.push_back(TSLP_TOK_OP);
             r.value.push_back(TSLP_OP_MULTIPLY);
         }
-    };
-    body(a, fa);
-    body(b, fb);
-    r.type.push_back(TSLP_TOK_OP);
-    r.value.push_back(TSLP_OP_PLUS);
+        if (k > 0) {
+            r.type.push_back(TSLP_TOK_OP);
+            r.value.push_back(TSLP_OP_PLUS);
+        }
+    }
     r.type.push_back(TSLP_TOK_EOF);
     r.value.push_back(0);
     return r;

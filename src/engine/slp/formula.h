@@ -85,7 +85,8 @@ double fun_derivative(int fun, double x);
 const char* fun_name(int fun);
 int fun_by_name(const std::string& upper);   // 0 when unknown
 
-// Formula a*f + b*g as postfix tokens (used to add a formula to an existing coefficient).
-Tokens combine(double fa, const Tokens& a, double fb, const Tokens& b);
+// The sum of several coefficients (factor times formula) as one formula with factor 1, in
+// the order given: the tokens of combining them one at a time, in linear time.
+Tokens combine_all(const std::vector<const Coef*>& parts);
 
 }  // namespace slp

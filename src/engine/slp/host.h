@@ -26,6 +26,7 @@ struct Model {
     std::vector<double> rval;
     Quad qobj;                     // objective quadratic part (the whole 0.5 x'Qx)
     std::map<int, Quad> qrows;     // row -> quadratic part
+    std::vector<char> nlskip;      // rows whose nonlinear coefficients presolve made linear (empty: none)
 };
 
 int host_rows(TSLPprob prob);

@@ -1,5 +1,7 @@
 // Whole-problem operations outside a solve: the problem's states, evaluation and validation
 // at the current point, cascading on demand, and reports through the message callback.
+#include "engine/slp/kkt.h"
+#include "engine/slp/presolve.h"
 #include "engine/slp/solver.h"
 
 #include <algorithm>
@@ -107,10 +109,13 @@ int TSLPunconstruct(TSLPprob prob) {
 }
 
 int TSLPpresolve(TSLPprob prob) {
+    // Runs the presolve a solve applies (with TSLP_PRESOLVE 1) and reports what it finds; the
+    // problem's own data are left as they are.
     return guard(prob, [&] {
         slp::check_prob(prob);
         slp::Model m = slp::model_of(prob);
         slp::Evaluator E(prob, m);
+        slp::log_presolve(prob, slp::kAlways, slp::presolve_model(prob, m));
         prob->state |= TSLP_STATE_PRESOLVED | TSLP_STATE_CONSTRUCTED;
     });
 }
@@ -292,42 +297,45 @@ int TSLPvalidaterow(TSLPprob prob, int row) {
 
 int TSLPvalidatekkt(TSLPprob prob, int calculationmode, int respectbasisstatus, int updatemultipliers,
                     double kktviolationtarget) {
-    // KKT residual at the current point with the multipliers of the last solve: the largest
-    // component of grad f - sum_i dual_i grad g_i - dj (in the objective's sense), plus the
-    // complementarity of the row duals with their slacks.
+    // KKT residual of the last solution from the exact gradients at its point and the row
+    // multipliers alone: the largest reduced cost grad f - sum_i dual_i grad g_i that the
+    // column's bounds do not absorb, the largest multiplier of the wrong sign for its row and,
+    // unless respectbasisstatus is 1, the largest multiplier times its row's distance to the
+    // bound it holds. calculationmode 0 divides by max(1, largest objective gradient entry),
+    // as the solver's own test does; 1 gives the absolute value. updatemultipliers 1 first
+    // replaces the multipliers by those of the rows active at the point that make the residual
+    // smallest (and the reduced costs follow).
     return guard(prob, [&] {
         slp::check_prob(prob);
         if (calculationmode < 0 || calculationmode > 1) throw Error("Invalid calculation mode in validatekkt");
         if (respectbasisstatus < 0 || respectbasisstatus > 1 || updatemultipliers < 0 || updatemultipliers > 1)
             throw Error("Invalid flags in validatekkt");
         slp::Model m = slp::model_of(prob);
-        const slp::Solution& s = prob->sol;
+        slp::Solution& s = prob->sol;
         if (prob->nlpstatus == TSLP_NLP_UNSTARTED || (int)s.dual.size() != m.nrows || (int)s.x.size() != m.ncols)
             throw Error("No nonlinear solution is available");
         slp::Evaluator E(prob, m);
+        double sense = slp::dbl_control(prob, TSLP_OBJSENSE) < 0 ? -1.0 : 1.0;
+        double feastol = slp::dbl_control(prob, TSLP_FEASTOL);
+        std::vector<char> isint(m.ncols, 0);
+        for (int j = 0; j < m.ncols; ++j) isint[j] = m.coltype[j] == 'I' || m.coltype[j] == 'B';
         const double* x = s.x.data();
-        std::vector<double> r(m.ncols, 0.0), g(m.ncols, 0.0);
-        E.objective(x, r.data());
-        for (int j = 0; j < m.ncols; ++j) r[j] -= s.dj[j];
-        for (int row = 0; row < m.nrows; ++row) {
-            double y = s.dual[row];
-            if (y == 0.0) continue;
-            int k = E.nlpos[row];
-            if (k >= 0) {
-                double v;
-                if (!E.nlrow_grad(k, x, &v, g.data())) throw Error("Row " + std::to_string(row) + " cannot be evaluated");
-                for (int j : E.pattern[k]) r[j] -= y * g[j];
-            } else {
-                for (int64_t e = m.rstart[row]; e < m.rstart[row + 1]; ++e) r[m.rcol[e]] -= y * m.rval[e];
-            }
+        if (updatemultipliers) {
+            std::vector<double> y;
+            if (!slp::estimate_multipliers(prob, E, m, sense, x, feastol, y, isint.data()))
+                throw Error("The multipliers could not be estimated at the current solution");
+            s.dual = y;
         }
-        double res = 0.0, scale = 1.0;
-        for (int j = 0; j < m.ncols; ++j) res = std::max(res, std::fabs(r[j]));
-        if (calculationmode == 1)   // relative to the size of the multipliers
-            for (int row = 0; row < m.nrows; ++row) scale = std::max(scale, std::fabs(s.dual[row]));
-        for (int row = 0; row < m.nrows; ++row)
-            if (!respectbasisstatus) res = std::max(res, std::fabs(s.dual[row] * s.slack[row]));
-        res /= scale;
+        slp::KktCheck c;
+        std::vector<double> dj(m.ncols, 0.0);
+        if (!slp::kkt_residual(E, m, sense, x, s.dual.data(), feastol, &c, dj.data(), isint.data()))
+            throw Error("The formulas cannot be evaluated at the current solution");
+        if (updatemultipliers) {
+            s.dj = dj;
+            for (int j = 0; j < (int)s.cols.size() && j < m.ncols; ++j) s.cols[j].rdj = dj[j];
+        }
+        double res = std::max(c.stationarity, respectbasisstatus ? c.sign : std::max(c.sign, c.complementarity));
+        if (calculationmode == 0) res /= c.scale;
         prob->kktresidual = res;
         slp::logf(prob, slp::kAlways, "KKT residual %g%s", res,
                   kktviolationtarget > 0 ? (res <= kktviolationtarget ? " (within the target)" : " (above the target)") : "");

@@ -1,6 +1,7 @@
 // Solving: TSLPnlpoptimize and the solution queries.
 #include "engine/slp/multistart.h"
 #include "engine/slp/callbacks.h"
+#include "engine/slp/presolve.h"
 
 #include <chrono>
 #include <cmath>
@@ -51,6 +52,10 @@ void optimize(TSLPprob prob, bool global) {
     const int ncols = m.ncols, nrows = m.nrows;
     reformulate_entities(prob, m);
     apply_dfs(prob, m);
+    if (int_control(prob, TSLP_PRESOLVE)) {
+        PresolveSummary ps = presolve_model(prob, m);
+        if (ps.fixed || ps.dropped || ps.linearised || ps.tightened) log_presolve(prob, 2, ps);
+    }
     prob->state |= TSLP_STATE_CONSTRUCTED;
     if (prob->cb.slpstart.f) prob->cb.slpstart.f(prob, prob->cb.slpstart.context);
     struct End {

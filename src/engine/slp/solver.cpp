@@ -7,10 +7,13 @@
 // phi(x) = s f(x) + mu sum_i w_i viol_i(x); step bounds grow and shrink with the ratio of the
 // actual to the predicted reduction of phi. With integer columns the step problems are MIPs
 // until the integer part settles; the run then finishes with the integers fixed.
-#include "engine/slp/solver.h"
 #include "engine/slp/callbacks.h"
+#include "engine/slp/run.h"
 
 #include "engine/optimizer/highs_instances.h"
+#include "engine/slp/kkt.h"
+#include "engine/slp/start.h"
+#include "engine/slp/tolerances.h"
 #include "interfaces/highs_c_api.h"
 
 #include <algorithm>
@@ -35,99 +38,6 @@ void row_bounds(const Model& m, int r, double* lo, double* up) {
     if (*up >= TRVO_INFINITY) *up = inf;
 }
 
-namespace {
-
-double viol_of(double v, double lo, double up) {
-    if (v < lo) return lo - v;
-    if (v > up) return v - up;
-    return 0.0;
-}
-
-double bound_inf(double v) {
-    if (v <= -TRVO_INFINITY) return -INFINITY;
-    if (v >= TRVO_INFINITY) return INFINITY;
-    return v;
-}
-
-struct HighsLog {
-    TSLPprob prob;
-};
-
-void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, HighsCallbackDataIn* in,
-                    void* user) {
-    TSLPprob prob = static_cast<TSLPprob>(user);
-    if (type == kHighsCallbackLogging) {
-        if (msg && int_control(prob, TSLP_LOG) >= 3) {
-            std::string s(msg);
-            while (!s.empty() && s.back() == '\n') s.pop_back();
-            message(prob, 1, s);
-        }
-        return;
-    }
-    if (in && prob->interrupt.load() != 0) in->user_interrupt = 1;
-}
-
-
-// Replaces the symmetric p x p matrix A (row-major) by its positive semidefinite part: the
-// cyclic Jacobi method diagonalises it and the negative eigenvalues are dropped.
-void psd_part(std::vector<double>& A, int p) {
-    if (p == 1) {
-        A[0] = std::max(A[0], 0.0);
-        return;
-    }
-    std::vector<double> V(p * p, 0.0);
-    for (int i = 0; i < p; ++i) V[i * p + i] = 1.0;
-    for (int sweep = 0; sweep < 50; ++sweep) {
-        double off = 0.0, diag = 0.0;
-        for (int i = 0; i < p; ++i) {
-            diag += A[i * p + i] * A[i * p + i];
-            for (int j = i + 1; j < p; ++j) off += A[i * p + j] * A[i * p + j];
-        }
-        if (off <= 1e-30 * (diag + 1e-300)) break;
-        for (int i = 0; i < p; ++i)
-            for (int j = i + 1; j < p; ++j) {
-                double aij = A[i * p + j];
-                if (std::fabs(aij) < 1e-300) continue;
-                double theta = (A[j * p + j] - A[i * p + i]) / (2.0 * aij);
-                double t = (theta >= 0 ? 1.0 : -1.0) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
-                double c = 1.0 / std::sqrt(t * t + 1.0), sn = t * c;
-                for (int k = 0; k < p; ++k) {   // A <- A J on columns i, j
-                    double aki = A[k * p + i], akj = A[k * p + j];
-                    A[k * p + i] = c * aki - sn * akj;
-                    A[k * p + j] = sn * aki + c * akj;
-                }
-                for (int k = 0; k < p; ++k) {   // A <- J' A on rows i, j
-                    double aik = A[i * p + k], ajk = A[j * p + k];
-                    A[i * p + k] = c * aik - sn * ajk;
-                    A[j * p + k] = sn * aik + c * ajk;
-                }
-                for (int k = 0; k < p; ++k) {
-                    double vki = V[k * p + i], vkj = V[k * p + j];
-                    V[k * p + i] = c * vki - sn * vkj;
-                    V[k * p + j] = sn * vki + c * vkj;
-                }
-            }
-    }
-    std::vector<double> e(p);
-    for (int i = 0; i < p; ++i) e[i] = std::max(A[i * p + i], 0.0);
-    for (int a = 0; a < p; ++a)
-        for (int b = 0; b < p; ++b) {
-            double v = 0.0;
-            for (int k = 0; k < p; ++k) v += V[a * p + k] * e[k] * V[b * p + k];
-            A[a * p + b] = v;
-        }
-}
-
-// Largest block that psd_part works on; bigger blocks are made diagonally dominant instead
-// (every diagonal entry raised to the sum of the magnitudes off the diagonal in its row),
-// which needs no dense matrix.
-constexpr int kDenseBlock = 40;
-// Rows curved in more columns than this add no curvature: differencing their gradients
-// costs a gradient per column.
-constexpr int kMaxCurvedRow = 2000;
-
-
-}  // namespace
 
 double max_violation(Evaluator& E, const Model& m, const double* x, double* sum, double* scaled_sum) {
     double worst = 0.0, s = 0.0, ss = 0.0;
@@ -213,93 +123,10 @@ int cascade(TSLPprob prob, Evaluator& E, const Model& m, std::vector<double>& x)
     return failures;
 }
 
-namespace {
-
-class Run {
-public:
-    Run(TSLPprob p, const Model& model) : prob(p), m(model), E(p, model) {}
-    ~Run() {
-        if (h) {
-            trvo::highs_release(h);   // deferred while this solve counts as running
-            trvo::highs_solve_end(&prob->interrupt);
-        }
-    }
-    RunResult solve(const std::vector<double>& x0);
-
-private:
-    TSLPprob prob;
-    const Model& m;
-    Evaluator E;
-    void* h = nullptr;
-    int n = 0, ncolLP = 0;
-    double sense = 1.0, mu = 1.0;
-    std::vector<char> isint, nonlin, fixed_int;
-    std::vector<double> delta, w;
-    std::vector<int> errcol;         // row -> first error column (e+), -1 without
-    std::vector<double> x, gf, gscratch;
-    std::vector<double> nlval;       // values of the nonlinear rows at x
-    std::vector<std::vector<double>> nlgrad;   // gradients on their patterns
-    std::vector<double> rowlo, rowup;
-    bool mip_phase = false;
-    std::chrono::steady_clock::time_point start;
-    long simplex_total = 0;
-    // Quasi-Newton curvature on the nonlinear continuous columns.
-    std::vector<int> qcols;          // LP columns carrying curvature, ascending
-    std::vector<double> B;           // dense |qcols| x |qcols|
-    bool use_b = false, have_b = false, hessian_passed = false, skip_b = false;
-    // Separable curvature on large problems, where a dense model does not fit. The diagonal of
-    // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
-    // exact gradients for the rest, each row's share cut to its positive semidefinite part)
-    // enters the step problem as a piecewise-linear cost: the step of a curved column is the
-    // sum of nseg segment columns each way, bounded by a linking row, whose costs grow with the
-    // curvature. The step problem stays an LP and is exact at the segment breakpoints.
-    bool use_h = false, pwl_on = false;
-    int nseg = 4, nrowLP = 0, seg0 = 0, nlinked = 0;
-    std::vector<int> segcol, linkrow;      // per column: first segment column, linking row; -1 without
-    std::vector<double> hd, segw;          // per column: curvature and segment width in the current LP
-    std::vector<std::vector<int>> hcols;   // per nonlinear row: the columns it is curved in
-    std::vector<double> objdiag;           // diagonal of the objective's convexified Hessian
-    std::vector<char> hcurved;             // column is curved in some nonlinear row
-    std::vector<double> lam_h;             // multipliers of the last step problem
-    void objective_curvature();
-    void diag_curvature();
-    void reset_segment_basis();
-    std::vector<double> gl_old, s_old, lambda;   // pending BFGS update
-    bool pending = false;
-    std::string last_highs;
-    void lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out);
-    void bfgs_update(const std::vector<double>& gl_new);
-    double quad_model(const std::vector<double>& d) const;
-    std::vector<double> errvals;     // error columns of the last LP (e+, e- per bounded row)
-    std::vector<double> rowbase;     // row activities at x_k (the step problem's rows are in d = x - x_k)
-    std::vector<double> corr;        // per nonlinear row: shift of its linearisation (correction LPs)
-    template <class Follow, class Step>
-    bool second_order_correction(const std::vector<double>& lintrial, std::vector<double>& xlp,
-                                 std::vector<double>& rowdual, std::vector<double>& coldual, double& errsum,
-                                 Follow follow_rows, Step step_to, std::vector<double>& trial, double& phi_t,
-                                 double& viol_t);
-
-    bool evaluate(const std::vector<double>& at, double* f, std::vector<double>* vals,
-                  std::vector<std::vector<double>>* grads);
-    double merit(const std::vector<double>& at, bool* ok, double* viol_sum = nullptr);
-    void build();
-    void update_lp();
-    int solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
-                 double* errsum);
-    void tolerances(int j, double* atol_a, double* atol_r) const;
-    void set_mip(bool on);
-    bool out_of_time() const;
-};
-
 void Run::tolerances(int j, double* a, double* r) const {
-    *a = dbl_control(prob, TSLP_ATOL_A);
-    *r = dbl_control(prob, TSLP_ATOL_R);
-    auto it = prob->vars.find(j);
-    if (it != prob->vars.end() && it->second.tolset > 0 && it->second.tolset <= (int)prob->tolsets.size()) {
-        const TolSet& t = prob->tolsets[it->second.tolset - 1];
-        if (t.status & (1 << 1)) *a = t.tol[1];
-        if (t.status & (1 << 2)) *r = t.tol[2];
-    }
+    ColumnTolerances c = column_tolerances(prob, j);
+    *a = c.t[TOL_DELTA_A];
+    *r = c.t[TOL_DELTA_R];
 }
 
 bool Run::out_of_time() const {
@@ -351,503 +178,6 @@ double Run::merit(const std::vector<double>& at, bool* ok, double* viol_sum) {
     *ok = true;
     if (viol_sum) *viol_sum = vs;
     return sense * f + mu * pen;
-}
-
-void Run::set_mip(bool on) {
-    std::vector<HighsInt> integ(n, kHighsVarTypeContinuous);
-    if (on)
-        for (int j = 0; j < n; ++j)
-            if (isint[j]) integ[j] = kHighsVarTypeInteger;
-    Highs_changeColsIntegralityByRange(h, 0, n - 1, integ.data());
-    mip_phase = on;
-}
-
-void Run::build() {
-    h = trvo::highs_new_quiet();
-    if (!h) throw Error("Could not create a HiGHS instance");
-    int threads = 1;
-    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
-    int th = trvo::highs_solve_begin(threads, &prob->interrupt);
-    Highs_setIntOptionValue(h, "threads", th);
-    bool log = int_control(prob, TSLP_LOG) >= 3;
-    Highs_setBoolOptionValue(h, "output_flag", log);
-    Highs_setBoolOptionValue(h, "log_to_console", 0);
-    Highs_setCallback(h, highs_callback, prob);
-    if (log) Highs_startCallback(h, kHighsCallbackLogging);
-    Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
-    Highs_startCallback(h, kHighsCallbackIpmInterrupt);
-    Highs_startCallback(h, kHighsCallbackMipInterrupt);
-    Highs_setStringOptionValue(h, "presolve", "off");
-    // The curved step problems of large models take many cheap pivots on bases whose
-    // solves are dense (a chain of dynamics rows reaches every later row): plain pricing,
-    // without edge weights to update at each pivot, is the fastest there.
-    if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
-    Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
-    Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
-    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
-    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
-    Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
-                               std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
-
-    // Column layout: the n columns of the problem, then e+ and e- of every bounded row.
-    errcol.assign(m.nrows, -1);
-    ncolLP = n;
-    for (int r = 0; r < m.nrows; ++r) {
-        if (rowlo[r] == -INFINITY && rowup[r] == INFINITY) continue;
-        errcol[r] = ncolLP;
-        ncolLP += 2;
-    }
-    std::vector<HighsInt> start(m.nrows + 1, 0), index;
-    std::vector<double> value, lo(m.nrows), up(m.nrows);
-    for (int r = 0; r < m.nrows; ++r) {
-        int k = E.nlpos[r];
-        if (k >= 0) {
-            const auto& pat = E.pattern[k];
-            for (size_t q = 0; q < pat.size(); ++q) {
-                index.push_back(pat[q]);
-                value.push_back(nlgrad[k][q] != 0.0 ? nlgrad[k][q] : 1.0);   // refreshed below
-            }
-        } else {
-            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
-                index.push_back(m.rcol[e]);
-                value.push_back(m.rval[e]);
-            }
-        }
-        if (errcol[r] >= 0) {
-            index.push_back(errcol[r]);
-            value.push_back(1.0);
-            index.push_back(errcol[r] + 1);
-            value.push_back(-1.0);
-        }
-        start[r + 1] = (HighsInt)index.size();
-        lo[r] = rowlo[r];
-        up[r] = rowup[r];
-    }
-    // Segment columns (all fixed at zero until a step problem uses them) and linking rows
-    // d_j - sum s+ + sum s- = 0.
-    seg0 = ncolLP;
-    nrowLP = m.nrows;
-    segcol.assign(n, -1);
-    linkrow.assign(n, -1);
-    if (use_h)
-        for (int j = 0; j < n; ++j) {
-            if (!(objdiag[j] > 0.0) && !hcurved[j]) continue;
-            segcol[j] = ncolLP;
-            linkrow[j] = nrowLP++;
-            ncolLP += 2 * nseg;
-            index.push_back(j);
-            value.push_back(1.0);
-            for (int t = 0; t < nseg; ++t) {
-                index.push_back(segcol[j] + t);
-                value.push_back(-1.0);
-                index.push_back(segcol[j] + nseg + t);
-                value.push_back(1.0);
-            }
-            start.push_back((HighsInt)index.size());
-            lo.push_back(-INFINITY);
-            up.push_back(INFINITY);
-        }
-    nlinked = nrowLP - m.nrows;
-    std::vector<double> cost(ncolLP, 0.0), cl(ncolLP, 0.0), cu(ncolLP, INFINITY);
-    for (int j = 0; j < n; ++j) {
-        cl[j] = bound_inf(m.lb[j]);
-        cu[j] = bound_inf(m.ub[j]);
-    }
-    for (int c = seg0; c < ncolLP; ++c) cu[c] = 0.0;
-    bool anyint = false;
-    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
-    std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
-    HighsInt rc = Highs_passModel(h, ncolLP, nrowLP, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
-                                  1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
-                                  start.data(), index.empty() ? nullptr : index.data(),
-                                  value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
-                                  anyint ? integ.data() : nullptr);
-    if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
-    if (anyint) set_mip(true);
-}
-
-// The segments have been re-cut around the new point, where steps are expected to be shorter
-// than the last: the previous basis is moved to that guess before the step problem is solved.
-// Segments of one direction are identical columns (and the other direction's their
-// negatives), so exchanging the basic segment of a column for its first one in the same
-// direction keeps the basis matrix; every other segment starts empty.
-void Run::reset_segment_basis() {
-    std::vector<HighsInt> cs(ncolLP), rs(nrowLP);
-    if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return;
-    bool valid = false;
-    for (int c = 0; c < ncolLP && !valid; ++c) valid = cs[c] == kHighsBasisStatusBasic;
-    if (!valid) return;
-    for (int j = 0; j < n; ++j) {
-        if (segcol[j] < 0) continue;
-        int c = segcol[j], basic = -1, nbasic = 0;
-        for (int t = 0; t < 2 * nseg; ++t)
-            if (cs[c + t] == kHighsBasisStatusBasic) {
-                basic = t;
-                ++nbasic;
-            }
-        if (nbasic > 1) continue;
-        for (int t = 0; t < 2 * nseg; ++t) cs[c + t] = kHighsBasisStatusLower;
-        if (nbasic == 1) cs[c + (basic < nseg ? 0 : nseg)] = kHighsBasisStatusBasic;
-    }
-    Highs_setBasis(h, cs.data(), rs.data());
-}
-
-// Writes the linearisation at x into the step problem.
-void Run::update_lp() {
-    std::vector<double> cost(ncolLP, 0.0);
-    for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
-    for (int r = 0; r < m.nrows; ++r)
-        if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
-    pwl_on = use_h && !mip_phase && !skip_b;
-    if (use_h) {
-        // Piecewise-linear curvature: segment t of width w each way costs s g_j + h_j (t + 1/2) w,
-        // so that the cost of a step of k whole segments is s g_j d + h_j d^2 / 2.
-        if (pwl_on) diag_curvature();
-        std::vector<double> slo(ncolLP - seg0, 0.0), sup(ncolLP - seg0, 0.0), llo(nlinked), lup(nlinked);
-        for (int j = 0; j < n; ++j) {
-            if (segcol[j] < 0) continue;
-            int l = linkrow[j] - m.nrows, c0 = segcol[j] - seg0;
-            double hj = pwl_on ? hd[j] : 0.0;
-            segw[j] = 0.0;
-            double wj = delta[j] / nseg;
-            // Segments narrower than the LP's tolerances would only make it degenerate: such a
-            // column steps linearly within its (tiny) step bound.
-            if (!(hj > 0.0) || !(wj > 1e-9 * (1.0 + std::fabs(x[j]))) || !std::isfinite(wj)) {
-                llo[l] = -INFINITY;   // the column steps linearly, its segments stay at zero
-                lup[l] = INFINITY;
-                continue;
-            }
-            segw[j] = wj;
-            llo[l] = lup[l] = 0.0;
-            for (int t = 0; t < nseg; ++t) {
-                double curv = hj * (t + 0.5) * wj;
-                cost[segcol[j] + t] = cost[j] + curv;
-                cost[segcol[j] + nseg + t] = -cost[j] + curv;
-                sup[c0 + t] = sup[c0 + nseg + t] = wj;
-            }
-            cost[j] = 0.0;
-        }
-        if (ncolLP > seg0) Highs_changeColsBoundsByRange(h, seg0, ncolLP - 1, slo.data(), sup.data());
-        if (pwl_on) reset_segment_basis();
-        if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
-    }
-    bool curvature = use_b && have_b && !mip_phase && !skip_b;
-    if (curvature) {
-        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
-        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
-        // (columns without one have made it read and write out of bounds), and a strictly
-        // convex step problem has a unique solution.
-        const double reg = 1e-8;
-        size_t K = qcols.size();
-        std::vector<HighsInt> start(ncolLP + 1, 0), index;
-        std::vector<double> value;
-        size_t c = 0;
-        for (int j = 0; j < ncolLP; ++j) {
-            if (c < K && qcols[c] == j) {
-                for (size_t c2 = c; c2 < K; ++c2) {
-                    double v = B[c2 * K + c];
-                    if (c2 == c) v = std::max(v, reg);
-                    if (v != 0.0 || c2 == c) {
-                        index.push_back(qcols[c2]);
-                        value.push_back(v);
-                    }
-                }
-                ++c;
-            } else {
-                index.push_back(j);
-                value.push_back(reg);
-            }
-            start[j + 1] = (HighsInt)index.size();
-        }
-        Highs_passHessian(h, ncolLP, (HighsInt)index.size(), kHighsHessianFormatTriangular, start.data(),
-                          index.data(), value.data());
-        hessian_passed = true;
-    } else if (hessian_passed) {
-        std::vector<HighsInt> start(ncolLP + 1, 0), index(1, 0);
-        std::vector<double> value(1, 0.0);
-        Highs_passHessian(h, ncolLP, 0, kHighsHessianFormatTriangular, start.data(), index.data(), value.data());
-        hessian_passed = false;
-    }
-    Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
-    // Rows in the step: a linear row a'x becomes a'd within its bounds less a'x_k; a
-    // nonlinear row its linearisation g(x_k) + grad g(x_k)'d.
-    std::vector<double> rlo(m.nrows), rup(m.nrows);
-    for (int r = 0; r < m.nrows; ++r) {
-        double v = 0.0;
-        int k = E.nlpos[r];
-        if (k >= 0) {
-            v = nlval[k];
-            const auto& pat = E.pattern[k];
-            for (size_t q = 0; q < pat.size(); ++q) Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
-        } else {
-            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) v += m.rval[e] * x[m.rcol[e]];
-        }
-        rowbase[r] = v;
-        rlo[r] = rowlo[r] - v;
-        rup[r] = rowup[r] - v;
-    }
-    if (m.nrows > 0) Highs_changeRowsBoundsByRange(h, 0, m.nrows - 1, rlo.data(), rup.data());
-    std::vector<double> lo(n), up(n);
-    for (int j = 0; j < n; ++j) {
-        double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
-        if (fixed_int[j]) {
-            l = u = x[j];
-        } else if (nonlin[j]) {
-            l = std::max(l, x[j] - delta[j]);
-            u = std::min(u, x[j] + delta[j]);
-            if (isint[j]) {
-                l = std::ceil(l - 1e-9);
-                u = std::floor(u + 1e-9);
-                if (l > u) l = u = std::round(x[j]);
-            }
-        }
-        lo[j] = l - x[j];
-        up[j] = u - x[j];
-    }
-    if (n > 0) Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
-}
-
-// 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
-int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
-                  double* errsum) {
-    Highs_zeroAllClocks(h);
-    double maxtime = dbl_control(prob, TSLP_MAXTIME);
-    if (maxtime > 0) {
-        double left = maxtime - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-        Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
-    }
-    HighsInt rc = Highs_run(h);
-    HighsInt ms = Highs_getModelStatus(h);
-    HighsInt it = 0;
-    Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
-    simplex_total += it;
-    if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
-        // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
-        last_highs = "QP iteration limit";
-        return 4;
-    }
-    if (ms == kHighsModelStatusInterrupt || ms == kHighsModelStatusTimeLimit ||
-        ms == kHighsModelStatusIterationLimit)
-        return 3;
-    if (ms == kHighsModelStatusInfeasible) return 1;
-    if (ms == kHighsModelStatusUnbounded || ms == kHighsModelStatusUnboundedOrInfeasible) return 2;
-    if (rc == kHighsStatusError || (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusSolutionLimit)) {
-        last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
-        return 4;
-    }
-    std::vector<double> cv(ncolLP), cd(ncolLP), rv(nrowLP), rd(nrowLP);
-    Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
-    xlp.resize(n);
-    for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
-    rowdual = rd;
-    coldual.assign(cd.begin(), cd.end());
-    if (pwl_on)
-        for (int j = 0; j < n; ++j)
-            if (segw[j] > 0.0)   // as the curved step problem sees the column: s g + h d - a'y
-                coldual[j] = cd[j] + rd[linkrow[j]] + sense * gf[j] + hd[j] * (xlp[j] - x[j]);
-    double es = 0.0;
-    for (int r = 0; r < m.nrows; ++r)
-        if (errcol[r] >= 0) es += w[r] * (cv[errcol[r]] + cv[errcol[r] + 1]);
-    *errsum = es;
-    errvals.assign(cv.begin() + n, cv.end());
-    return 0;
-}
-
-// Gradient of the Lagrangian s f - sum lambda_r g_r on the curvature columns, at the current
-// linearisation (gf, nlgrad).
-void Run::lagrangian_grad(const std::vector<double>& lam, std::vector<double>& out) {
-    std::vector<double> g(n, 0.0);
-    for (int j : qcols) g[j] = sense * gf[j];
-    for (size_t k = 0; k < E.nlrows.size(); ++k) {
-        double l = lam[E.nlrows[k]];
-        if (l == 0.0) continue;
-        const auto& pat = E.pattern[k];
-        for (size_t q = 0; q < pat.size(); ++q) g[pat[q]] -= l * nlgrad[k][q];
-    }
-    out.resize(qcols.size());
-    for (size_t c = 0; c < qcols.size(); ++c) out[c] = g[qcols[c]];
-}
-
-// Damped BFGS update (Powell) of B with the last step and the change of the Lagrangian's
-// gradient; the first update scales the identity.
-void Run::bfgs_update(const std::vector<double>& gl_new) {
-    size_t K = qcols.size();
-    std::vector<double> y(K), Bs(K, 0.0);
-    double sy = 0.0, ss = 0.0, yy = 0.0;
-    for (size_t c = 0; c < K; ++c) {
-        y[c] = gl_new[c] - gl_old[c];
-        sy += s_old[c] * y[c];
-        ss += s_old[c] * s_old[c];
-        yy += y[c] * y[c];
-    }
-    if (ss <= 1e-300) return;
-    if (!have_b) {
-        // No curvature seen along the step yet: stay with linear steps, whose step bounds
-        // grow freely (a tiny model curvature would fix the step length instead).
-        if (!(sy > 0)) return;
-        double g = yy / sy;
-        if (!std::isfinite(g) || g <= 1e-8) return;
-        B.assign(K * K, 0.0);
-        for (size_t c = 0; c < K; ++c) B[c * K + c] = g;
-        have_b = true;
-    }
-    double sBs = 0.0;
-    for (size_t a = 0; a < K; ++a) {
-        double v = 0.0;
-        for (size_t b = 0; b < K; ++b) v += B[a * K + b] * s_old[b];
-        Bs[a] = v;
-        sBs += s_old[a] * v;
-    }
-    if (sBs <= 1e-300) return;
-    if (sy < 0.2 * sBs) {
-        double theta = 0.8 * sBs / (sBs - sy);
-        for (size_t c = 0; c < K; ++c) y[c] = theta * y[c] + (1 - theta) * Bs[c];
-        sy = 0.2 * sBs;
-    }
-    for (size_t a = 0; a < K; ++a)
-        for (size_t b = 0; b < K; ++b) B[a * K + b] += y[a] * y[b] / sy - Bs[a] * Bs[b] / sBs;
-}
-
-
-// The objective's Hessian s Q is constant: the diagonal of its positive semidefinite part is
-// taken once, per connected block of columns (exactly for small blocks, by diagonal dominance
-// for big ones).
-void Run::objective_curvature() {
-    objdiag.assign(n, 0.0);
-    size_t P = E.qobj.v.size();
-    std::vector<int> parent(n);
-    for (int j = 0; j < n; ++j) parent[j] = j;
-    auto find = [&](int j) {
-        while (parent[j] != j) j = parent[j] = parent[parent[j]];
-        return j;
-    };
-    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j] && !isint[j]; };
-    for (size_t q = 0; q < P; ++q) {
-        int i = E.qobj.i[q], j = E.qobj.j[q];
-        if (usable(i) && usable(j)) parent[find(i)] = find(j);
-    }
-    std::map<int, std::vector<size_t>> blocks;   // root -> entries
-    for (size_t q = 0; q < P; ++q) {
-        int i = E.qobj.i[q], j = E.qobj.j[q];
-        if (usable(i) && usable(j)) blocks[find(i)].push_back(q);
-    }
-    for (auto& kv : blocks) {
-        std::vector<int> cols;
-        for (size_t q : kv.second) {
-            cols.push_back(E.qobj.i[q]);
-            cols.push_back(E.qobj.j[q]);
-        }
-        std::sort(cols.begin(), cols.end());
-        cols.erase(std::unique(cols.begin(), cols.end()), cols.end());
-        int p = (int)cols.size();
-        auto pos = [&](int j) { return (int)(std::lower_bound(cols.begin(), cols.end(), j) - cols.begin()); };
-        if (p <= kDenseBlock) {
-            std::vector<double> A(p * p, 0.0);
-            for (size_t q : kv.second) {
-                int a = pos(E.qobj.i[q]), b = pos(E.qobj.j[q]);
-                double v = sense * E.qobj.v[q];
-                if (a == b) A[a * p + a] += 2.0 * v;
-                else {
-                    A[a * p + b] += v;
-                    A[b * p + a] += v;
-                }
-            }
-            psd_part(A, p);
-            for (int a = 0; a < p; ++a) objdiag[cols[a]] = A[a * p + a];
-        } else {
-            std::vector<double> diag(p, 0.0), off(p, 0.0);
-            for (size_t q : kv.second) {
-                int a = pos(E.qobj.i[q]), b = pos(E.qobj.j[q]);
-                double v = sense * E.qobj.v[q];
-                if (a == b) diag[a] += 2.0 * v;
-                else {
-                    off[a] += std::fabs(v);
-                    off[b] += std::fabs(v);
-                }
-            }
-            for (int a = 0; a < p; ++a) objdiag[cols[a]] = std::max(diag[a], off[a]);
-        }
-    }
-}
-
-
-// The curvature of every curved column at x: the objective's share and, for every nonlinear
-// row with a non-zero multiplier, the diagonal of the positive semidefinite part of
-// -lambda_r times the row's Hessian (forward differences of its exact gradient over the
-// columns it is curved in).
-void Run::diag_curvature() {
-    hd = objdiag;
-    std::vector<double> xs = x, g0, A, diag, off;
-    for (size_t k = 0; k < E.nlrows.size(); ++k) {
-        int r = E.nlrows[k];
-        double l = lam_h.empty() ? 0.0 : lam_h[r];
-        const auto& C = hcols[k];
-        int p = (int)C.size();
-        if (p == 0 || p > kMaxCurvedRow || !(std::fabs(l) > 1e-14)) continue;
-        const auto& pat = E.pattern[k];
-        g0.resize(p);
-        for (int a = 0; a < p; ++a)
-            g0[a] = nlgrad[k][std::lower_bound(pat.begin(), pat.end(), C[a]) - pat.begin()];
-        bool dense = p <= kDenseBlock;
-        A.assign(dense ? (size_t)p * p : 0, 0.0);
-        diag.assign(p, 0.0);
-        off.assign(p, 0.0);
-        bool ok = true;
-        for (int b = 0; b < p && ok; ++b) {
-            // Column b of -lambda times the row's Hessian.
-            int j = C[b];
-            double step = 1e-6 * std::max(1.0, std::fabs(x[j]));
-            if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
-            xs[j] = x[j] + step;
-            step = xs[j] - x[j];
-            double v;
-            ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
-            xs[j] = x[j];
-            if (!ok) break;
-            for (int a = 0; a < p; ++a) {
-                double hab = -l * (gscratch[C[a]] - g0[a]) / step;
-                if (dense) A[(size_t)a * p + b] = hab;
-                else if (a == b) diag[b] = hab;
-                else off[b] += std::fabs(hab);
-            }
-        }
-        if (!ok) continue;   // a row that cannot be evaluated nearby adds no curvature
-        if (dense) {
-            for (int a = 0; a < p; ++a)
-                for (int b = a; b < p; ++b)
-                    A[(size_t)a * p + b] = A[(size_t)b * p + a] = 0.5 * (A[(size_t)a * p + b] + A[(size_t)b * p + a]);
-            psd_part(A, p);
-            for (int a = 0; a < p; ++a) diag[a] = A[(size_t)a * p + a];
-        } else {
-            for (int a = 0; a < p; ++a) diag[a] = std::max(diag[a], off[a]);
-        }
-        for (int a = 0; a < p; ++a)
-            if (std::isfinite(diag[a]) && diag[a] > 0.0) hd[C[a]] += diag[a];
-    }
-}
-
-double Run::quad_model(const std::vector<double>& xt) const {
-    if (pwl_on) {
-        // The step problem's own piecewise-linear curvature cost of the step.
-        double v = 0.0;
-        for (int j = 0; j < n; ++j) {
-            double wj = segw[j];
-            if (!(wj > 0.0)) continue;
-            double d = std::fabs(xt[j] - x[j]);
-            double t = std::min(std::floor(d / wj), (double)nseg);
-            v += hd[j] * (0.5 * wj * wj * t * t + (t + 0.5) * wj * std::max(0.0, d - t * wj));
-        }
-        return v;
-    }
-    if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
-    size_t K = qcols.size();
-    double v = 0.0;
-    for (size_t a = 0; a < K; ++a) {
-        double da = xt[qcols[a]] - x[qcols[a]];
-        if (da == 0.0) continue;
-        for (size_t b = 0; b < K; ++b) v += da * B[a * K + b] * (xt[qcols[b]] - x[qcols[b]]);
-    }
-    return 0.5 * v;
 }
 
 // A step that reaches the boundary of a curved row's linearisation lands outside the row by
@@ -925,6 +255,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     isint.assign(n, 0);
     nonlin.assign(n, 0);
     fixed_int.assign(n, 0);
+    std::vector<int> clamped;   // columns whose start lay outside their bounds
     for (int j = 0; j < n; ++j) {
         char t = m.coltype[j];
         if (t == 'I' || t == 'B') isint[j] = 1;
@@ -935,6 +266,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
             logf(prob, 1, "Column %d has a lower bound above its upper bound", j);
             return res;
         }
+        if (x[j] < m.lb[j] || x[j] > m.ub[j]) clamped.push_back(j);
         x[j] = std::min(std::max(x[j], m.lb[j]), m.ub[j]);
         if (isint[j]) x[j] = std::round(x[j]);
     }
@@ -996,7 +328,24 @@ RunResult Run::solve(const std::vector<double>& x0) {
             d = std::min(d, m.ub[j] - m.lb[j]);
         delta[j] = std::max(d, minsb);
     }
+    // Convergence tests per column (see the step tests in the loop): its tolerances, its
+    // initial step bound (the closure test's unit) and the nonlinear rows it appears in.
+    const std::vector<double> delta0 = delta;
+    std::vector<ColumnTolerances> coltol(n);
+    for (int j = 0; j < n; ++j) coltol[j] = column_tolerances(prob, j);
+    std::vector<std::vector<std::pair<int, int>>> colrows(n);   // (nonlinear row, position in its pattern)
+    for (size_t k = 0; k < E.nlrows.size(); ++k)
+        for (size_t q = 0; q < E.pattern[k].size(); ++q) colrows[E.pattern[k][q]].push_back({(int)k, (int)q});
+    std::vector<char> colconv(n, 0);
+    std::vector<int> colhist(n, 0);
 
+    {
+        std::vector<char> cont(n, 0);
+        for (int j = 0; j < n; ++j) cont[j] = nonlin[j] && !isint[j];
+        // A start the user placed beyond a bound moves onto it, and stays there.
+        for (int j : clamped) cont[j] = 0;
+        interior_start(prob, E, m, cont, x);
+    }
     if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, x);
     nlgrad.resize(E.nlrows.size());
     corr.assign(E.nlrows.size(), 0.0);
@@ -1019,17 +368,56 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
     int same_int = 0, err_iters = 0;
-    std::vector<double> merit_hist;   // merit at the accepted points
     bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
     std::vector<RowInfo> rinfo(m.nrows);
-    double errsum = 0.0, pred = 0.0, last_kkt = 0.0;
+    double errsum = 0.0, pred = 0.0, last_kkt = INFINITY;
+    bool certified = false;
     bool have_lp = false;
     int status = TSLP_NLP_UNFINISHED;
     int stop = 0;
     int iter = 0;
     bool fixed_phase = false;
+
+    // First-order certificate of the current point: feasible within the feasibility tolerance
+    // and a KKT point within the optimality tolerance, with the exact gradients and row
+    // multipliers only (those of the step problem, or else the best ones for the rows active
+    // at x). cert_dual keeps the multipliers (in the user's sense) the residual was measured with.
+    const double kkttol = dbl_control(prob, TSLP_KKTTOL);
+    std::vector<double> cert_dual;
+    int kkt_misses = 0;
+    auto certify = [&](const std::vector<double>& lpdual, double* resid) {
+        std::vector<double> d(m.nrows, 0.0);
+        for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
+        KktCheck c;
+        bool ok = kkt_residual(E, m, sense, x.data(), d.data(), feastol, &c, nullptr, isint.data());
+        if (ok && c.residual > kkttol) {
+            std::vector<double> e;
+            KktCheck c2;
+            if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e, isint.data()) &&
+                kkt_residual(E, m, sense, x.data(), e.data(), feastol, &c2, nullptr, isint.data()) &&
+                c2.residual < c.residual) {
+                c = c2;
+                d = e;
+            }
+        }
+        cert_dual = d;
+        *resid = ok ? c.residual : INFINITY;
+        return ok && c.residual <= kkttol && max_violation(E, m, x.data()) <= feastol;
+    };
+    // After a false alarm of the step tests the quasi-Newton model and the stall history start
+    // afresh: the model that predicted no more progress was wrong.
+    std::vector<double> merit_hist;   // merit at the accepted points
+    auto restart_model = [&]() {
+        merit_hist.clear();
+        if (use_b) have_b = false;
+        // The first miss after progress also reopens step bounds that have shrunk to nothing
+        // (further misses at the same point keep them, so that they can shrink again).
+        if (kkt_misses == 1)
+            for (int j = 0; j < n; ++j)
+                if (nonlin[j] && !fixed_int[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
+    };
 
     auto fix_integers = [&]() {
         for (int j = 0; j < n; ++j)
@@ -1212,16 +600,21 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 }
             }
         // Trial point: damping and delta types on the LP step, then cascading.
-        double stepmax = 0.0, kkt = 0.0;
+        double kkt = 0.0;
         bool int_changed = false;
+        std::vector<int> open_cols;   // columns whose step meets neither the closure nor the delta test
         step_to(xlp, trial);
         for (int j = 0; j < n; ++j) {
             double d = trial[j] - x[j];
             if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
+            colconv[j] = 1;
             if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
-            double a, rt;
-            tolerances(j, &a, &rt);
-            stepmax = std::max(stepmax, std::fabs(d) / (a + rt * std::fabs(x[j]) + 1e-300));
+            const double* t = coltol[j].t;
+            double step = std::fabs(d);
+            if (!(step <= t[TOL_CLOSURE] * delta0[j] || step <= t[TOL_DELTA_A] + t[TOL_DELTA_R] * std::fabs(x[j]))) {
+                colconv[j] = 0;
+                open_cols.push_back(j);
+            }
             // A reduced cost at a step bound that lies inside the column's bounds means the
             // linearisation still sees descent in that direction.
             double ad = std::fabs(xlp[j] - x[j]);
@@ -1234,8 +627,58 @@ RunResult Run::solve(const std::vector<double>& x0) {
         for (int j = 0; j < n; ++j) gscale = std::max(gscale, std::fabs(gf[j]));
         bool feasible_k = viol_k <= feastol * std::max(1.0, (double)m.nrows) &&
                           max_violation(E, m, x.data()) <= feastol * 10;
+        // A column whose step is not small may still have converged in its effect: every
+        // coefficient of it (row gradients and the objective's) changes along the step by at
+        // most the coefficient tolerance, or changes the linearisation by at most the impact
+        // tolerance (coefficient change times the step), and every row it appears in is
+        // linearised within the slack tolerance at the trial point.
+        bool extended = false;
+        for (int j : open_cols)
+            extended = extended || coltol[j].t[TOL_COEF_A] + coltol[j].t[TOL_COEF_R] + coltol[j].t[TOL_IMPACT_A] +
+                                           coltol[j].t[TOL_IMPACT_R] > 0;
+        if (extended && feasible_k && !errors) {
+            size_t K = E.nlrows.size();
+            std::vector<std::vector<double>> gt(K);
+            std::vector<double> linerr(K, 0.0), vt(K, 0.0), gft(n, 0.0);
+            bool evaluated = true;
+            for (size_t k = 0; k < K && evaluated; ++k) {
+                const auto& pat = E.pattern[k];
+                evaluated = E.nlrow_grad((int)k, trial.data(), &vt[k], gscratch.data());
+                double lin = nlval[k];
+                gt[k].resize(pat.size());
+                for (size_t q = 0; q < pat.size(); ++q) {
+                    gt[k][q] = gscratch[pat[q]];
+                    lin += nlgrad[k][q] * (trial[pat[q]] - x[pat[q]]);
+                }
+                linerr[k] = std::fabs(vt[k] - lin);
+            }
+            evaluated = evaluated && std::isfinite(E.objective(trial.data(), gft.data()));
+            for (int j : open_cols) {
+                if (!evaluated) break;
+                const double* t = coltol[j].t;
+                // Zero coefficient and impact tolerances switch these tests off for the column,
+                // zero slack tolerances the slack test.
+                if (!(t[TOL_COEF_A] + t[TOL_COEF_R] + t[TOL_IMPACT_A] + t[TOL_IMPACT_R] > 0)) continue;
+                bool slack_on = t[TOL_SLACK_A] + t[TOL_SLACK_R] > 0;
+                double d = trial[j] - x[j];
+                auto settled = [&](double a_old, double a_new) {
+                    double da = std::fabs(a_new - a_old);
+                    return da <= t[TOL_COEF_A] + t[TOL_COEF_R] * std::fabs(a_new) ||
+                           da * std::fabs(d) <= t[TOL_IMPACT_A] + t[TOL_IMPACT_R] * std::fabs(a_new * x[j]);
+                };
+                bool ok = settled(gf[j], gft[j]);
+                for (auto& kq : colrows[j]) {
+                    int k = kq.first, q = kq.second;
+                    ok = ok && settled(nlgrad[k][q], gt[k][q]) &&
+                         (!slack_on || linerr[k] <= t[TOL_SLACK_A] + t[TOL_SLACK_R] * std::fabs(vt[k]));
+                }
+                colconv[j] = ok;
+            }
+        }
+        bool steps_converged = true;
+        for (int j : open_cols) steps_converged = steps_converged && colconv[j];
         bool converged = feasible_k && !errors &&
-                         ((stepmax <= 1.0 && kkt <= 1e-4 * gscale) ||
+                         ((steps_converged && kkt <= 1e-4 * gscale) ||
                           (kkt <= opttol * gscale && pred <= opttol * 1e-5 * (1.0 + std::fabs(phi_k))));
         // With curvature in the step problem its predicted reduction measures the distance to
         // the optimum of the local model, not just the step bounds; it counts once the step
@@ -1260,7 +703,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
         }
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
-        last_kkt = kkt;
         if (model_converged && accept && rho > 0.5) converged = true;
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
@@ -1274,8 +716,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
             bool curved_j = segw[j] > 0.0;
             if (!accept) {
                 if (d > 1e-12) delta[j] = std::max(std::min(delta[j], d) * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
-            } else if (curved_j && d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
-                // A curved column that swings from one step bound to the other.
+            } else if (d >= 0.9 * delta[j] && lastdelta[j] * (trial[j] - x[j]) < 0) {
+                // A column that swings from one step bound to the other: the linearisations
+                // oscillate around a curved optimum, so the step bound closes in on it.
                 delta[j] = std::max(delta[j] * 0.5, dbl_control(prob, TSLP_MINSTEPBOUND));
             } else if (rho > 0.75 && d >= 0.9 * delta[j]) {
                 delta[j] *= 2.0;
@@ -1314,6 +757,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 bfgs_update(gl_t);
             }
         }
+        if (accept && ared > 1e-14 * scale) kkt_misses = 0;   // progress since the last miss
+        if (accept)
+            for (int j = 0; j < n; ++j) colhist[j] = colconv[j] && nonlin[j] ? colhist[j] + 1 : 0;
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
@@ -1363,10 +809,24 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 opttol * (1.0 + std::fabs(merit_hist.back())))
             converged = true;
         if (converged) {
-            status = TSLP_NLP_LOCALLY_OPTIMAL;
-            break;
+            // Every test above reads the step problem; the status needs the point itself to be
+            // stationary with the exact gradients and feasible.
+            if (certify(rowdual, &last_kkt)) {
+                status = TSLP_NLP_LOCALLY_OPTIMAL;
+                certified = true;
+                break;
+            }
+            logf(prob, 2, "    not yet a KKT point (residual %.3g); continuing", last_kkt);
+            if (++kkt_misses >= 5) {
+                // The steps keep finding nothing better at a point that is not stationary:
+                // the run ends there, unfinished.
+                logf(prob, 1, "No further progress at a point that is not a KKT point (residual %.3g)", last_kkt);
+                numerical_failure = true;
+                break;
+            }
+            if (last_kkt > 100 * kkttol || pred <= 1e-12 * (1.0 + std::fabs(phi_k)) || kkt_misses >= 2) restart_model();
         }
-        if (!feasible && (stationary || stepmax <= 1.0)) {
+        if (!feasible && (stationary || steps_converged)) {
             if (mu >= maxmu) {
                 status = TSLP_NLP_LOCALLY_INFEASIBLE;
                 break;
@@ -1389,6 +849,16 @@ RunResult Run::solve(const std::vector<double>& x0) {
     double vs;
     res.maxviolation = max_violation(E, m, x.data(), &vs);
     res.penalty = mu;
+    // The residual at the point returned, on every run: the certificate of a converged run,
+    // else measured now (with the last step problem's multipliers or the best ones).
+    if (!certified) certify(have_lp ? rowdual : std::vector<double>(), &last_kkt);
+    std::vector<double> true_dj(n, 0.0);
+    {
+        KktCheck c;
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data(),
+                                               isint.data()))
+            last_kkt = c.residual;
+    }
     res.kkt = last_kkt;
     Solution& sol = res.sol;
     sol.x = x;
@@ -1403,7 +873,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         double v = 0.0;
         E.row_value(r, x.data(), &v);
         sol.slack[r] = m.rhs[r] - v;
-        if (have_lp) sol.dual[r] = sense * rowdual[r];
+        if (!cert_dual.empty()) sol.dual[r] = cert_dual[r];
         RowInfo& ri = sol.rows[r];
         ri.penaltyfactor = mu * w[r];
         if (errcol[r] >= 0) {
@@ -1425,13 +895,21 @@ RunResult Run::solve(const std::vector<double>& x0) {
         c.slpvar = nonlin[j];
         c.delta = lastdelta[j];
         c.stepbound = nonlin[j] ? delta[j] : 0.0;
+        sol.dj[j] = true_dj[j];
+        c.rdj = sol.dj[j];
         if (have_lp) {
-            sol.dj[j] = sense * coldual[j];
-            c.rdj = sol.dj[j];
             // The step bound is active when the column sits at it strictly inside its bounds.
             bool at_sb = nonlin[j] && std::fabs(std::fabs(lastdelta[j]) - delta[j]) <= 1e-9 * (1 + delta[j]);
-            c.sbdual = at_sb ? sol.dj[j] : 0.0;
+            c.sbdual = at_sb ? sense * coldual[j] : 0.0;   // the step problem's multiplier of the step bound
         }
+    }
+    // Each SLP variable keeps whether its last step met its tolerances and for how many
+    // accepted steps in a row it has.
+    for (int j = 0; j < n; ++j) {
+        auto it = prob->vars.find(j);
+        if (it == prob->vars.end()) continue;
+        it->second.converged = nonlin[j] && colconv[j];
+        it->second.history = colhist[j];
     }
     res.errorcosts = errcost;
     res.penaltyerrors = nerr;
@@ -1439,7 +917,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
     return res;
 }
 
-}  // namespace
 
 RunResult run_slp(TSLPprob prob, const Model& m, const std::vector<double>& x0) {
     Run run(prob, m);

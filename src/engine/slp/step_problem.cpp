@@ -1,0 +1,339 @@
+// The step problem and its HiGHS instance: built once per run, then only its coefficients,
+// bounds, row bounds, costs (and the curvature's segments or Hessian) change between
+// iterations, so that each solve starts from the previous basis.
+#include "engine/slp/run.h"
+
+#include "engine/optimizer/highs_instances.h"
+#include "interfaces/highs_c_api.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace slp {
+
+namespace {
+
+void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, HighsCallbackDataIn* in,
+                    void* user) {
+    TSLPprob prob = static_cast<TSLPprob>(user);
+    if (type == kHighsCallbackLogging) {
+        if (msg && int_control(prob, TSLP_LOG) >= 3) {
+            std::string s(msg);
+            while (!s.empty() && s.back() == '\n') s.pop_back();
+            message(prob, 1, s);
+        }
+        return;
+    }
+    if (in && prob->interrupt.load() != 0) in->user_interrupt = 1;
+}
+
+}  // namespace
+
+Run::~Run() {
+    if (h) {
+        trvo::highs_release(h);   // deferred while this solve counts as running
+        trvo::highs_solve_end(&prob->interrupt);
+    }
+}
+
+void Run::set_mip(bool on) {
+    std::vector<HighsInt> integ(n, kHighsVarTypeContinuous);
+    if (on)
+        for (int j = 0; j < n; ++j)
+            if (isint[j]) integ[j] = kHighsVarTypeInteger;
+    Highs_changeColsIntegralityByRange(h, 0, n - 1, integ.data());
+    mip_phase = on;
+}
+
+void Run::build() {
+    h = trvo::highs_new_quiet();
+    if (!h) throw Error("Could not create a HiGHS instance");
+    int threads = 1;
+    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
+    int th = trvo::highs_solve_begin(threads, &prob->interrupt);
+    Highs_setIntOptionValue(h, "threads", th);
+    bool log = int_control(prob, TSLP_LOG) >= 3;
+    Highs_setBoolOptionValue(h, "output_flag", log);
+    Highs_setBoolOptionValue(h, "log_to_console", 0);
+    Highs_setCallback(h, highs_callback, prob);
+    if (log) Highs_startCallback(h, kHighsCallbackLogging);
+    Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
+    Highs_startCallback(h, kHighsCallbackIpmInterrupt);
+    Highs_startCallback(h, kHighsCallbackMipInterrupt);
+    Highs_setStringOptionValue(h, "presolve", "off");
+    // The curved step problems of large models take many cheap pivots on bases whose
+    // solves are dense (a chain of dynamics rows reaches every later row): plain pricing,
+    // without edge weights to update at each pivot, is the fastest there.
+    if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
+    Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
+    Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
+    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
+    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
+    Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
+                               std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
+
+    // Column layout: the n columns of the problem, then e+ and e- of every bounded row.
+    errcol.assign(m.nrows, -1);
+    ncolLP = n;
+    for (int r = 0; r < m.nrows; ++r) {
+        if (rowlo[r] == -INFINITY && rowup[r] == INFINITY) continue;
+        errcol[r] = ncolLP;
+        ncolLP += 2;
+    }
+    std::vector<HighsInt> start(m.nrows + 1, 0), index;
+    std::vector<double> value, lo(m.nrows), up(m.nrows);
+    for (int r = 0; r < m.nrows; ++r) {
+        int k = E.nlpos[r];
+        if (k >= 0) {
+            const auto& pat = E.pattern[k];
+            for (size_t q = 0; q < pat.size(); ++q) {
+                index.push_back(pat[q]);
+                value.push_back(nlgrad[k][q] != 0.0 ? nlgrad[k][q] : 1.0);   // refreshed below
+            }
+        } else {
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
+                index.push_back(m.rcol[e]);
+                value.push_back(m.rval[e]);
+            }
+        }
+        if (errcol[r] >= 0) {
+            index.push_back(errcol[r]);
+            value.push_back(1.0);
+            index.push_back(errcol[r] + 1);
+            value.push_back(-1.0);
+        }
+        start[r + 1] = (HighsInt)index.size();
+        lo[r] = rowlo[r];
+        up[r] = rowup[r];
+    }
+    // Segment columns (all fixed at zero until a step problem uses them) and linking rows
+    // d_j - sum s+ + sum s- = 0.
+    seg0 = ncolLP;
+    nrowLP = m.nrows;
+    segcol.assign(n, -1);
+    linkrow.assign(n, -1);
+    if (use_h)
+        for (int j = 0; j < n; ++j) {
+            if (!(objdiag[j] > 0.0) && !hcurved[j]) continue;
+            segcol[j] = ncolLP;
+            linkrow[j] = nrowLP++;
+            ncolLP += 2 * nseg;
+            index.push_back(j);
+            value.push_back(1.0);
+            for (int t = 0; t < nseg; ++t) {
+                index.push_back(segcol[j] + t);
+                value.push_back(-1.0);
+                index.push_back(segcol[j] + nseg + t);
+                value.push_back(1.0);
+            }
+            start.push_back((HighsInt)index.size());
+            lo.push_back(-INFINITY);
+            up.push_back(INFINITY);
+        }
+    nlinked = nrowLP - m.nrows;
+    std::vector<double> cost(ncolLP, 0.0), cl(ncolLP, 0.0), cu(ncolLP, INFINITY);
+    for (int j = 0; j < n; ++j) {
+        cl[j] = bound_inf(m.lb[j]);
+        cu[j] = bound_inf(m.ub[j]);
+    }
+    for (int c = seg0; c < ncolLP; ++c) cu[c] = 0.0;
+    bool anyint = false;
+    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
+    std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
+    HighsInt rc = Highs_passModel(h, ncolLP, nrowLP, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
+                                  1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
+                                  start.data(), index.empty() ? nullptr : index.data(),
+                                  value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
+                                  anyint ? integ.data() : nullptr);
+    if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
+    if (anyint) set_mip(true);
+}
+
+// The segments have been re-cut around the new point, where steps are expected to be shorter
+// than the last: the previous basis is moved to that guess before the step problem is solved.
+// Segments of one direction are identical columns (and the other direction's their
+// negatives), so exchanging the basic segment of a column for its first one in the same
+// direction keeps the basis matrix; every other segment starts empty.
+void Run::reset_segment_basis() {
+    std::vector<HighsInt> cs(ncolLP), rs(nrowLP);
+    if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return;
+    bool valid = false;
+    for (int c = 0; c < ncolLP && !valid; ++c) valid = cs[c] == kHighsBasisStatusBasic;
+    if (!valid) return;
+    for (int j = 0; j < n; ++j) {
+        if (segcol[j] < 0) continue;
+        int c = segcol[j], basic = -1, nbasic = 0;
+        for (int t = 0; t < 2 * nseg; ++t)
+            if (cs[c + t] == kHighsBasisStatusBasic) {
+                basic = t;
+                ++nbasic;
+            }
+        if (nbasic > 1) continue;
+        for (int t = 0; t < 2 * nseg; ++t) cs[c + t] = kHighsBasisStatusLower;
+        if (nbasic == 1) cs[c + (basic < nseg ? 0 : nseg)] = kHighsBasisStatusBasic;
+    }
+    Highs_setBasis(h, cs.data(), rs.data());
+}
+
+// Writes the linearisation at x into the step problem.
+void Run::update_lp() {
+    std::vector<double> cost(ncolLP, 0.0);
+    for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
+    for (int r = 0; r < m.nrows; ++r)
+        if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
+    pwl_on = use_h && !mip_phase && !skip_b;
+    if (use_h) {
+        // Piecewise-linear curvature: segment t of width w each way costs s g_j + h_j (t + 1/2) w,
+        // so that the cost of a step of k whole segments is s g_j d + h_j d^2 / 2.
+        if (pwl_on) diag_curvature();
+        std::vector<double> slo(ncolLP - seg0, 0.0), sup(ncolLP - seg0, 0.0), llo(nlinked), lup(nlinked);
+        for (int j = 0; j < n; ++j) {
+            if (segcol[j] < 0) continue;
+            int l = linkrow[j] - m.nrows, c0 = segcol[j] - seg0;
+            double hj = pwl_on ? hd[j] : 0.0;
+            segw[j] = 0.0;
+            double wj = delta[j] / nseg;
+            // Segments narrower than the LP's tolerances would only make it degenerate: such a
+            // column steps linearly within its (tiny) step bound.
+            if (!(hj > 0.0) || !(wj > 1e-9 * (1.0 + std::fabs(x[j]))) || !std::isfinite(wj)) {
+                llo[l] = -INFINITY;   // the column steps linearly, its segments stay at zero
+                lup[l] = INFINITY;
+                continue;
+            }
+            segw[j] = wj;
+            llo[l] = lup[l] = 0.0;
+            for (int t = 0; t < nseg; ++t) {
+                double curv = hj * (t + 0.5) * wj;
+                cost[segcol[j] + t] = cost[j] + curv;
+                cost[segcol[j] + nseg + t] = -cost[j] + curv;
+                sup[c0 + t] = sup[c0 + nseg + t] = wj;
+            }
+            cost[j] = 0.0;
+        }
+        if (ncolLP > seg0) Highs_changeColsBoundsByRange(h, seg0, ncolLP - 1, slo.data(), sup.data());
+        if (pwl_on) reset_segment_basis();
+        if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
+    }
+    bool curvature = use_b && have_b && !mip_phase && !skip_b;
+    if (curvature) {
+        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
+        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
+        // (columns without one have made it read and write out of bounds), and a strictly
+        // convex step problem has a unique solution.
+        const double reg = 1e-8;
+        size_t K = qcols.size();
+        std::vector<HighsInt> start(ncolLP + 1, 0), index;
+        std::vector<double> value;
+        size_t c = 0;
+        for (int j = 0; j < ncolLP; ++j) {
+            if (c < K && qcols[c] == j) {
+                for (size_t c2 = c; c2 < K; ++c2) {
+                    double v = B[c2 * K + c];
+                    if (c2 == c) v = std::max(v, reg);
+                    if (v != 0.0 || c2 == c) {
+                        index.push_back(qcols[c2]);
+                        value.push_back(v);
+                    }
+                }
+                ++c;
+            } else {
+                index.push_back(j);
+                value.push_back(reg);
+            }
+            start[j + 1] = (HighsInt)index.size();
+        }
+        Highs_passHessian(h, ncolLP, (HighsInt)index.size(), kHighsHessianFormatTriangular, start.data(),
+                          index.data(), value.data());
+        hessian_passed = true;
+    } else if (hessian_passed) {
+        std::vector<HighsInt> start(ncolLP + 1, 0), index(1, 0);
+        std::vector<double> value(1, 0.0);
+        Highs_passHessian(h, ncolLP, 0, kHighsHessianFormatTriangular, start.data(), index.data(), value.data());
+        hessian_passed = false;
+    }
+    Highs_changeColsCostByRange(h, 0, ncolLP - 1, cost.data());
+    // Rows in the step: a linear row a'x becomes a'd within its bounds less a'x_k; a
+    // nonlinear row its linearisation g(x_k) + grad g(x_k)'d.
+    std::vector<double> rlo(m.nrows), rup(m.nrows);
+    for (int r = 0; r < m.nrows; ++r) {
+        double v = 0.0;
+        int k = E.nlpos[r];
+        if (k >= 0) {
+            v = nlval[k];
+            const auto& pat = E.pattern[k];
+            for (size_t q = 0; q < pat.size(); ++q) Highs_changeCoeff(h, r, pat[q], nlgrad[k][q]);
+        } else {
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) v += m.rval[e] * x[m.rcol[e]];
+        }
+        rowbase[r] = v;
+        rlo[r] = rowlo[r] - v;
+        rup[r] = rowup[r] - v;
+    }
+    if (m.nrows > 0) Highs_changeRowsBoundsByRange(h, 0, m.nrows - 1, rlo.data(), rup.data());
+    std::vector<double> lo(n), up(n);
+    for (int j = 0; j < n; ++j) {
+        double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
+        if (fixed_int[j]) {
+            l = u = x[j];
+        } else if (nonlin[j]) {
+            l = std::max(l, x[j] - delta[j]);
+            u = std::min(u, x[j] + delta[j]);
+            if (isint[j]) {
+                l = std::ceil(l - 1e-9);
+                u = std::floor(u + 1e-9);
+                if (l > u) l = u = std::round(x[j]);
+            }
+        }
+        lo[j] = l - x[j];
+        up[j] = u - x[j];
+    }
+    if (n > 0) Highs_changeColsBoundsByRange(h, 0, n - 1, lo.data(), up.data());
+}
+
+// 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
+int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                  double* errsum) {
+    Highs_zeroAllClocks(h);
+    double maxtime = dbl_control(prob, TSLP_MAXTIME);
+    if (maxtime > 0) {
+        double left = maxtime - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
+    }
+    HighsInt rc = Highs_run(h);
+    HighsInt ms = Highs_getModelStatus(h);
+    HighsInt it = 0;
+    Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
+    simplex_total += it;
+    if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
+        // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
+        last_highs = "QP iteration limit";
+        return 4;
+    }
+    if (ms == kHighsModelStatusInterrupt || ms == kHighsModelStatusTimeLimit ||
+        ms == kHighsModelStatusIterationLimit)
+        return 3;
+    if (ms == kHighsModelStatusInfeasible) return 1;
+    if (ms == kHighsModelStatusUnbounded || ms == kHighsModelStatusUnboundedOrInfeasible) return 2;
+    if (rc == kHighsStatusError || (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusSolutionLimit)) {
+        last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
+        return 4;
+    }
+    std::vector<double> cv(ncolLP), cd(ncolLP), rv(nrowLP), rd(nrowLP);
+    Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    xlp.resize(n);
+    for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
+    rowdual = rd;
+    coldual.assign(cd.begin(), cd.end());
+    if (pwl_on)
+        for (int j = 0; j < n; ++j)
+            if (segw[j] > 0.0)   // as the curved step problem sees the column: s g + h d - a'y
+                coldual[j] = cd[j] + rd[linkrow[j]] + sense * gf[j] + hd[j] * (xlp[j] - x[j]);
+    double es = 0.0;
+    for (int r = 0; r < m.nrows; ++r)
+        if (errcol[r] >= 0) es += w[r] * (cv[errcol[r]] + cv[errcol[r] + 1]);
+    *errsum = es;
+    errvals.assign(cv.begin() + n, cv.end());
+    return 0;
+}
+
+}  // namespace slp
