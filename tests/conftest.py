@@ -6,6 +6,20 @@ import textwrap
 import pytest
 
 
+def outside_dir():
+    """An empty directory of this test run, outside the source tree, for child interpreters
+    to start in: the current directory comes first on a child's module path, so a shared
+    directory such as /tmp (where any stray re.py or numpy.py would shadow the real one)
+    is no place to start them."""
+    global _OUTSIDE
+    if _OUTSIDE is None:
+        _OUTSIDE = tempfile.mkdtemp(prefix="tarvo-tests-")
+    return _OUTSIDE
+
+
+_OUTSIDE = None
+
+
 def _run_python(code, timeout=None):
     """Runs code in a new interpreter and returns its standard output.
 
@@ -14,7 +28,7 @@ def _run_python(code, timeout=None):
     timeout (seconds), a run that hangs fails the test instead of stalling the suite.
     """
     out = subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True,
-                         text=True, cwd=tempfile.gettempdir(), timeout=timeout)
+                         text=True, cwd=outside_dir(), timeout=timeout)
     assert out.returncode == 0, out.stderr
     return out.stdout
 

@@ -3,9 +3,10 @@ import os
 import re
 import subprocess
 import sys
-import tempfile
 
 import pytest
+
+from conftest import outside_dir
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # what each example must print; the quick-start has its own test with the solving tests
@@ -67,7 +68,7 @@ def test_readme_blocks_run_and_give_what_they_show():
     blocks = _readme_blocks()
     assert len(blocks) >= 5
     out = subprocess.run([sys.executable, "-c", README_HARNESS], input=json.dumps(blocks), capture_output=True,
-                         text=True, cwd=tempfile.gettempdir(), timeout=600)
+                         text=True, cwd=outside_dir(), timeout=600)
     assert out.returncode == 0, out.stderr
     result = json.loads(out.stdout.strip().splitlines()[-1])
     assert not result["wrong"], "\n".join(result["wrong"])
@@ -100,7 +101,7 @@ def test_every_example_is_checked():
 def test_example_runs(name):
     # run as a script from outside the source tree, the way a user runs a copied example
     out = subprocess.run([sys.executable, os.path.join(ROOT, "examples", name)],
-                         capture_output=True, text=True, cwd=tempfile.gettempdir(), timeout=600)
+                         capture_output=True, text=True, cwd=outside_dir(), timeout=600)
     assert out.returncode == 0, out.stderr
     assert all(w in out.stdout for w in EXPECTED[name]), out.stdout
     if name == "nonlinear.py":
