@@ -1,6 +1,7 @@
 """Repeated build → solve → query → delete cycles must not accumulate Python objects or engine
 memory: every problem, variable, constraint and HiGHS instance is released with its owner."""
 import gc
+import os
 import random
 import sys
 
@@ -45,4 +46,7 @@ def test_build_solve_delete_cycles_do_not_leak():
     # a leaked variable, term map or problem shows up as thousands of blocks per cycle;
     # a leaked engine problem or HiGHS instance as megabytes
     assert sys.getallocatedblocks() - blocks < 500
-    assert resident_bytes() - rss < 4 * 2**20
+    # Under AddressSanitizer freed memory stays in its quarantine, so the resident size grows
+    # whatever the code does; the sanitizer itself watches the native memory there.
+    if "libasan" not in os.environ.get("LD_PRELOAD", ""):
+        assert resident_bytes() - rss < 4 * 2**20

@@ -291,7 +291,7 @@ def test_stubs_type_user_code(tmp_path, monkeypatch):
         "x.bogus\n"
         "p.chgvar(colindex=x, initvalue='a')\n"
     )
-    monkeypatch.setenv("MYPYPATH", os.path.dirname(os.path.dirname(STUB)))
+    monkeypatch.setenv("MYPYPATH", os.path.dirname(os.path.dirname(os.path.abspath(__file__))))  # the checkout's stubs, never site-packages (mypy refuses it)
     stdout, _, status = api.run(
         ["--no-incremental", "--cache-dir", os.devnull, "--follow-imports=silent", str(program)]
     )
