@@ -228,10 +228,10 @@ def child(argv):
 def tarvo_location():
     """The directory holding the tarvo package this interpreter would import."""
     import importlib.util
-    spec = importlib.util.find_spec("tarvo")
-    if spec is None or not spec.submodule_search_locations:
+    found = importlib.util.find_spec("tarvo")
+    if found is None or not found.submodule_search_locations:
         raise SystemExit("tarvo is not importable: run with PYTHONPATH set to the source tree")
-    return os.path.dirname(list(spec.submodule_search_locations)[0])
+    return os.path.dirname(list(found.submodule_search_locations)[0])
 
 
 def run_child(*args):

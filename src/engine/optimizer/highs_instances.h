@@ -16,6 +16,13 @@ namespace trvo {
 int highs_solve_begin(int requested_threads, std::atomic<int>* stop_flag = nullptr);
 // Marks the solve as finished; destroys instances whose release was deferred.
 void highs_solve_end(std::atomic<int>* stop_flag = nullptr);
+// One solve's begin/end pair as a scope; used is the thread count the solve runs with.
+struct SolveScope {
+    SolveScope(int threads, std::atomic<int>* stop) : stop(stop), used(highs_solve_begin(threads, stop)) {}
+    ~SolveScope() { highs_solve_end(stop); }
+    std::atomic<int>* stop;
+    int used;
+};
 // Destroys an instance now, or when no solve is running any more.
 void highs_release(void* highs);
 // Creates an instance whose log goes nowhere until a callback is installed.

@@ -380,13 +380,6 @@ HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flag
     return rs;
 }
 
-struct SolveScope {
-    SolveScope(int threads, std::atomic<int>* stop) : stop(stop), used(highs_solve_begin(threads, stop)) {}
-    ~SolveScope() { highs_solve_end(stop); }
-    std::atomic<int>* stop;
-    int used;
-};
-
 void optimize(TRVOprob p, const char* flags, bool mip) {
     auto t0 = std::chrono::steady_clock::now();
     p->stop_request.store(0);

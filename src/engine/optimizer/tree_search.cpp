@@ -16,13 +16,6 @@ bool all_zero(const QMap& q) {
     return true;
 }
 
-struct SolveScope {
-    SolveScope(int threads, std::atomic<int>* stop) : stop(stop), used(highs_solve_begin(threads, stop)) {}
-    ~SolveScope() { highs_solve_end(stop); }
-    std::atomic<int>* stop;
-    int used;
-};
-
 }  // namespace
 
 std::string quadratic_obstacle(TRVOprob p, bool mip, bool* needs_search) {
