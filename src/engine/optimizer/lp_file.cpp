@@ -158,7 +158,8 @@ std::string lp_file_text(TRVOprob p, const HighsModel& m, const std::vector<std:
     section("binary", binary);
     section("semi-continuous", semi);
     out += notes;
-    for (const std::string& line : gencons_file_lines(p, cn)) out += std::string("\\ ") + kGenconsLpTag + " " + line + "\n";
+    for (const std::string& line : gencons_file_lines(p, cn))
+        out += std::string("\\ ") + kGenconsLpTag + " " + line.substr(line.find_first_not_of(' ')) + "\n";
     out += "end\n";
     return out;
 }
