@@ -326,3 +326,15 @@ def test_lp_relaxation_warns_that_it_leaves_them_out():
     p.controls.outputlog = 1
     p.lpoptimize()
     assert any("general and piecewise linear constraints" in (m or "") for m in messages)
+
+
+@pytest.mark.parametrize("kind, cols, vals", [(tv.gencons_and, "x", None), (tv.gencons_max, "", [5.0])])
+def test_contradicting_bounds_give_an_infeasible_status(kind, cols, vals):
+    # and() of a column in [2, 3]; max(5) into a resultant in [0, 1].
+    p = tv.problem()
+    x, r = var("x", 2, 3), var("r", 0, 1)
+    p.addVariable(x, r)
+    p.setObjective(r)
+    p.addgencons([kind], [r], [0], [x] if cols else [], [0] if vals else None, vals)
+    p.solve()
+    assert p.attributes.mipstatus == tv.mip_infeas

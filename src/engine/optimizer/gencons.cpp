@@ -56,6 +56,18 @@ struct Parts {
     double& up(int j) { return m.up[static_cast<size_t>(j)]; }
 };
 
+// Narrows column j's bounds to [l, u]. Bounds that would cross stay as they are and the
+// narrowing becomes a row instead, so that HiGHS reports the model infeasible.
+void tighten(Parts& b, int j, double l, double u) {
+    double nl = std::max(b.lo(j), l), nu = std::min(b.up(j), u);
+    if (nl <= nu) {
+        b.lo(j) = nl;
+        b.up(j) = nu;
+    } else {
+        b.add_row({{j, 1.0}}, l, u);
+    }
+}
+
 // Bounds of column j seen through sign s: s = 1 the column, s = -1 its negation.
 double upper_of(Parts& b, int j, double s) { return s > 0 ? b.up(j) : -b.lo(j); }
 double lower_of(Parts& b, int j, double s) { return s > 0 ? b.lo(j) : -b.up(j); }
@@ -89,13 +101,8 @@ void max_min(Parts& b, int k, const GenCons& g, double s) {
         b.add_row({{r, s}, {j, -s}}, 0, kInf);
         L = std::max(L, lower_of(b, j, s));
     }
-    if (s > 0) {
-        b.lo(r) = std::max(b.lo(r), L);
-        b.up(r) = std::min(b.up(r), U);
-    } else {
-        b.up(r) = std::min(b.up(r), -L);
-        b.lo(r) = std::max(b.lo(r), -U);
-    }
+    if (s > 0) tighten(b, r, L, U);
+    else tighten(b, r, -U, -L);
     const size_t alternatives = g.cols.size() + (has_c ? 1 : 0);
     if (alternatives == 1) {
         // s*r equals its only alternative.
@@ -125,8 +132,7 @@ void max_min(Parts& b, int k, const GenCons& g, double s) {
 }
 
 void make_binary(Parts& b, int j) {
-    b.lo(j) = std::max(b.lo(j), 0.0);
-    b.up(j) = std::min(b.up(j), 1.0);
+    tighten(b, j, 0.0, 1.0);
     b.m.integ[static_cast<size_t>(j)] = kHighsVarTypeInteger;
 }
 
@@ -156,7 +162,6 @@ void absolute(Parts& b, int k, const GenCons& g) {
     }
     b.add_row({{r, 1.0}, {x, -1.0}}, 0, kInf);
     b.add_row({{r, 1.0}, {x, 1.0}}, 0, kInf);
-    b.lo(r) = std::max(b.lo(r), 0.0);
     if (L >= 0) {
         b.add_row({{r, 1.0}, {x, -1.0}}, -kInf, 0);
         return;
@@ -168,7 +173,7 @@ void absolute(Parts& b, int k, const GenCons& g) {
     if (is_inf(L) || is_inf(U))
         fail("General constraint %d (abs) needs finite bounds on column %s or an upper bound on its resultant %s", k,
              cname(p, x).c_str(), cname(p, r).c_str());
-    b.up(r) = std::min(b.up(r), std::max(-L, U));
+    tighten(b, r, 0.0, std::max(-L, U));
     int z = b.add_binary();
     b.add_row({{x, 1.0}, {z, -U}}, -kInf, 0);                 // x <= U z
     b.add_row({{x, 1.0}, {z, L}}, L, kInf);                   // x >= L (1 - z)
@@ -285,9 +290,6 @@ void formulate_gencons(TRVOprob p, ModelParts m) {
         }
     }
     for (size_t k = 0; k < p->pwlcons.size(); ++k) piecewise(b, static_cast<int>(k), p->pwlcons[k]);
-    for (int j = 0; j < p->ncols(); ++j)
-        if (b.lo(j) > b.up(j))
-            fail("The general or piecewise linear constraints leave column %s no feasible value", cname(p, j).c_str());
 }
 
 void gencons_delete_cols(TRVOprob p, const std::vector<int>& newidx) {
