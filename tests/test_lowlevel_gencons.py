@@ -338,3 +338,21 @@ def test_contradicting_bounds_give_an_infeasible_status(kind, cols, vals):
     p.addgencons([kind], [r], [0], [x] if cols else [], [0] if vals else None, vals)
     p.solve()
     assert p.attributes.mipstatus == tv.mip_infeas
+
+
+def test_nonlinear_problem_file_keeps_them(tmp_path):
+    # The nonlinear writer appends its own sections after these; NumPy arrays as arguments.
+    import numpy as np
+    p = tv.problem()
+    x, y = var("x", -3, 2), var("y", -20, 20)
+    p.addVariable(x, y)
+    p.addConstraint(x <= -1)
+    p.setObjective(tv.exp(y))
+    p.addgencons(np.array([tv.gencons_abs]), [y], np.array([0]), [x])
+    path = str(tmp_path / "nl.mps")
+    p.write(path, "")
+    q = tv.problem()
+    q.read(path, "")
+    assert q.attributes.gencons == 1
+    q.solve()
+    assert q.getObjVal() == pytest.approx(math.e, rel=1e-4)
