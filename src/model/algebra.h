@@ -90,7 +90,7 @@ std::string format_g(const char* fmt, double v);
 
 // linterm, quadterm, expression or nonlinear: the types a var hands its operations over to.
 inline bool is_compound(PyObject* o) {
-    return is_linterm(o) || is_quadterm(o) || is_expression(o) || PyObject_TypeCheck(o, &NonlinearType);
+    return is_linterm(o) || is_quadterm(o) || is_expression(o) || layout_type_check(o, &NonlinearType);
 }
 
 }  // namespace tarvo
