@@ -41,6 +41,24 @@ PyObject* var_default_name(uint64_t serial);
 // bytes) without creating an object; returns false when the variable has a stored name.
 bool var_default_name_text(uint64_t word, char* buf);
 
+// Writes prefix followed by n in decimal (as "%c%d" would) and a NUL into buf (at least 24
+// bytes): default names are made for every unnamed row and column handed to the library, so
+// they are formatted without printf.
+inline void numbered_name(char prefix, int n, char* buf) {
+    char digits[12];
+    int k = 0;
+    uint32_t u = n < 0 ? 0u - static_cast<uint32_t>(n) : static_cast<uint32_t>(n);
+    do {
+        digits[k++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u);
+    char* out = buf;
+    *out++ = prefix;
+    if (n < 0) *out++ = '-';
+    while (k) *out++ = digits[--k];
+    *out = '\0';
+}
+
 // Operand kinds: number 0, var 1, linterm 2, quadterm 3, expression 4, nonlinear 5;
 // anything else -1 with ModelError "Invalid object in operation: <%S>" set.
 enum OperandKind { K_INVALID = -1, K_NUMBER = 0, K_VAR = 1, K_LINTERM = 2, K_QUADTERM = 3, K_EXPRESSION = 4, K_NONLINEAR = 5 };

@@ -1,0 +1,163 @@
+// Serial of a modelling object -> its column, row or set index in one problem: an
+// open-addressing hash table (linear probing, deletion by backward shift) in one flat block.
+// Every term of every constraint added goes through a lookup, and a problem holds one entry per
+// column and row, so the table costs no allocation per entry and about 32 bytes per entry
+// (16-byte slots at most half full) instead of a heap node each. Serials are never all ones,
+// which marks an empty slot. Nothing needs the serial order.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <vector>
+
+namespace tarvo {
+
+class IndexMap {
+public:
+    struct Slot {
+        uint64_t first;
+        int second;
+    };
+    static constexpr uint64_t EMPTY = ~uint64_t(0);
+
+    template <class S>
+    class basic_iterator {
+    public:
+        basic_iterator() = default;
+        basic_iterator(S* p, S* last) : p_(p), last_(last) { skip(); }
+        template <class T>
+        basic_iterator(const basic_iterator<T>& o) : p_(o.p_), last_(o.last_) {}
+        S& operator*() const { return *p_; }
+        S* operator->() const { return p_; }
+        basic_iterator& operator++() {
+            ++p_;
+            skip();
+            return *this;
+        }
+        template <class T>
+        bool operator==(const basic_iterator<T>& o) const { return p_ == o.p_; }
+        template <class T>
+        bool operator!=(const basic_iterator<T>& o) const { return p_ != o.p_; }
+
+    private:
+        template <class>
+        friend class basic_iterator;
+        friend class IndexMap;
+        void skip() {
+            while (p_ != last_ && p_->first == EMPTY) ++p_;
+        }
+        S* p_ = nullptr;
+        S* last_ = nullptr;
+    };
+    using iterator = basic_iterator<Slot>;
+    using const_iterator = basic_iterator<const Slot>;
+
+    size_t size() const { return count_; }
+    bool empty() const { return count_ == 0; }
+    iterator begin() { return iterator(data(), data() + slots_.size()); }
+    iterator end() { return iterator(data() + slots_.size(), data() + slots_.size()); }
+    const_iterator begin() const { return const_iterator(data(), data() + slots_.size()); }
+    const_iterator end() const { return const_iterator(data() + slots_.size(), data() + slots_.size()); }
+
+    iterator find(uint64_t key) {
+        Slot* s = lookup(key);
+        return s ? iterator(s, data() + slots_.size()) : end();
+    }
+    const_iterator find(uint64_t key) const {
+        const Slot* s = const_cast<IndexMap*>(this)->lookup(key);
+        return s ? const_iterator(s, data() + slots_.size()) : end();
+    }
+    size_t count(uint64_t key) const { return const_cast<IndexMap*>(this)->lookup(key) ? 1 : 0; }
+    int& at(uint64_t key) {
+        Slot* s = lookup(key);
+        if (!s) throw std::out_of_range("IndexMap::at");
+        return s->second;
+    }
+    // The value of key, inserting 0 when absent (may throw std::bad_alloc when growing).
+    int& operator[](uint64_t key);
+    size_t erase(uint64_t key) {
+        Slot* s = lookup(key);
+        if (!s) return 0;
+        remove(s);
+        return 1;
+    }
+    void erase(iterator it) { remove(it.p_); }
+    void clear() {
+        slots_.clear();
+        count_ = 0;
+        mask_ = 0;
+    }
+    // Room for n entries without growing.
+    void reserve(size_t n);
+
+private:
+    Slot* data() { return slots_.data(); }
+    const Slot* data() const { return slots_.data(); }
+    // Serials are drawn from a counter, so the low bits of consecutive keys fill consecutive
+    // slots: lookups of the terms of a row and the inserts of a batch walk the table in order
+    // instead of scattering over it. The high bits are folded in for strided serials.
+    size_t home(uint64_t key) const { return static_cast<size_t>(key ^ (key >> 21) ^ (key >> 42)) & mask_; }
+    Slot* lookup(uint64_t key) {
+        if (slots_.empty()) return nullptr;
+        size_t mask = slots_.size() - 1;
+        for (size_t i = home(key);; i = (i + 1) & mask) {
+            Slot& s = slots_[i];
+            if (s.first == key) return &s;
+            if (s.first == EMPTY) return nullptr;
+        }
+    }
+    void remove(Slot* s);
+    void rehash(size_t capacity);
+
+    std::vector<Slot> slots_;  // size a power of two (or 0)
+    size_t count_ = 0;
+    size_t mask_ = 0;          // slots_.size() - 1 (0 while empty)
+};
+
+inline int& IndexMap::operator[](uint64_t key) {
+    if (Slot* s = lookup(key)) return s->second;
+    if ((count_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 16 : slots_.size() * 2);
+    size_t mask = slots_.size() - 1;
+    size_t i = home(key);
+    while (slots_[i].first != EMPTY) i = (i + 1) & mask;
+    slots_[i] = Slot{key, 0};
+    ++count_;
+    return slots_[i].second;
+}
+
+inline void IndexMap::reserve(size_t n) {
+    size_t capacity = 16;
+    while (capacity < 2 * n) capacity *= 2;
+    if (capacity > slots_.size()) rehash(capacity);
+}
+
+inline void IndexMap::rehash(size_t capacity) {
+    std::vector<Slot> old(capacity, Slot{EMPTY, 0});
+    old.swap(slots_);
+    mask_ = capacity - 1;
+    size_t mask = mask_;
+    for (const Slot& s : old) {
+        if (s.first == EMPTY) continue;
+        size_t i = home(s.first);
+        while (slots_[i].first != EMPTY) i = (i + 1) & mask;
+        slots_[i] = s;
+    }
+}
+
+inline void IndexMap::remove(Slot* s) {
+    // Backward shift: later members of the probe run move into the hole when their home slot
+    // does not lie (cyclically) between the hole and their own slot.
+    size_t mask = slots_.size() - 1;
+    size_t hole = static_cast<size_t>(s - slots_.data());
+    for (size_t j = (hole + 1) & mask; slots_[j].first != EMPTY; j = (j + 1) & mask) {
+        size_t h = home(slots_[j].first);
+        bool stays = hole <= j ? (hole < h && h <= j) : (hole < h || h <= j);
+        if (stays) continue;
+        slots_[hole] = slots_[j];
+        hole = j;
+    }
+    slots_[hole].first = EMPTY;
+    --count_;
+}
+
+}  // namespace tarvo
