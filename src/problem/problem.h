@@ -5,7 +5,7 @@
 #include "module/types.h"
 #include "library_interface/trvo.h"
 #include "library_interface/tslp.h"
-#include "problem/index_map.h"
+#include "module/serial_map.h"
 
 #include <functional>
 #include <map>
@@ -14,6 +14,9 @@
 
 namespace tarvo {
 
+
+// Serial of a modelling object -> its column, row or set index in one problem.
+using IndexMap = SerialMap<int>;
 
 constexpr int CALLBACK_KINDS = 40;
 

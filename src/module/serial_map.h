@@ -1,9 +1,10 @@
-// Serial of a modelling object -> its column, row or set index in one problem: an
-// open-addressing hash table (linear probing, deletion by backward shift) in one flat block.
-// Every term of every constraint added goes through a lookup, and a problem holds one entry per
-// column and row, so the table costs no allocation per entry and about 32 bytes per entry
-// (16-byte slots at most half full) instead of a heap node each. Serials are never all ones,
-// which marks an empty slot. Nothing needs the serial order.
+// Map from the serial of a modelling object to a small value: an open-addressing hash table
+// (linear probing, deletion by backward shift) in one flat block. It serves the problems'
+// serial -> index maps (every term of every constraint added goes through a lookup) and the
+// process-wide side tables of bounds and names: one entry per column or row, so the table
+// costs no allocation per entry and about 32 bytes per entry (16-byte slots at most half full)
+// instead of a heap node each. Serials are never all ones, which marks an empty slot. Nothing
+// needs the serial order.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -12,11 +13,12 @@
 
 namespace tarvo {
 
-class IndexMap {
+template <class V>
+class SerialMap {
 public:
     struct Slot {
         uint64_t first;
-        int second;
+        V second;
     };
     static constexpr uint64_t EMPTY = ~uint64_t(0);
 
@@ -42,7 +44,8 @@ public:
     private:
         template <class>
         friend class basic_iterator;
-        friend class IndexMap;
+        template <class>
+        friend class SerialMap;
         void skip() {
             while (p_ != last_ && p_->first == EMPTY) ++p_;
         }
@@ -64,17 +67,17 @@ public:
         return s ? iterator(s, data() + slots_.size()) : end();
     }
     const_iterator find(uint64_t key) const {
-        const Slot* s = const_cast<IndexMap*>(this)->lookup(key);
+        const Slot* s = const_cast<SerialMap*>(this)->lookup(key);
         return s ? const_iterator(s, data() + slots_.size()) : end();
     }
-    size_t count(uint64_t key) const { return const_cast<IndexMap*>(this)->lookup(key) ? 1 : 0; }
-    int& at(uint64_t key) {
+    size_t count(uint64_t key) const { return const_cast<SerialMap*>(this)->lookup(key) ? 1 : 0; }
+    V& at(uint64_t key) {
         Slot* s = lookup(key);
-        if (!s) throw std::out_of_range("IndexMap::at");
+        if (!s) throw std::out_of_range("SerialMap::at");
         return s->second;
     }
-    // The value of key, inserting 0 when absent (may throw std::bad_alloc when growing).
-    int& operator[](uint64_t key);
+    // The value of key, inserting V() when absent (may throw std::bad_alloc when growing).
+    V& operator[](uint64_t key);
     size_t erase(uint64_t key) {
         Slot* s = lookup(key);
         if (!s) return 0;
@@ -114,25 +117,28 @@ private:
     size_t mask_ = 0;          // slots_.size() - 1 (0 while empty)
 };
 
-inline int& IndexMap::operator[](uint64_t key) {
+template <class V>
+inline V& SerialMap<V>::operator[](uint64_t key) {
     if (Slot* s = lookup(key)) return s->second;
     if ((count_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 16 : slots_.size() * 2);
     size_t mask = slots_.size() - 1;
     size_t i = home(key);
     while (slots_[i].first != EMPTY) i = (i + 1) & mask;
-    slots_[i] = Slot{key, 0};
+    slots_[i] = Slot{key, V()};
     ++count_;
     return slots_[i].second;
 }
 
-inline void IndexMap::reserve(size_t n) {
+template <class V>
+inline void SerialMap<V>::reserve(size_t n) {
     size_t capacity = 16;
     while (capacity < 2 * n) capacity *= 2;
     if (capacity > slots_.size()) rehash(capacity);
 }
 
-inline void IndexMap::rehash(size_t capacity) {
-    std::vector<Slot> old(capacity, Slot{EMPTY, 0});
+template <class V>
+inline void SerialMap<V>::rehash(size_t capacity) {
+    std::vector<Slot> old(capacity, Slot{EMPTY, V()});
     old.swap(slots_);
     mask_ = capacity - 1;
     size_t mask = mask_;
@@ -144,7 +150,8 @@ inline void IndexMap::rehash(size_t capacity) {
     }
 }
 
-inline void IndexMap::remove(Slot* s) {
+template <class V>
+inline void SerialMap<V>::remove(Slot* s) {
     // Backward shift: later members of the probe run move into the hole when their home slot
     // does not lie (cyclically) between the hole and their own slot.
     size_t mask = slots_.size() - 1;
