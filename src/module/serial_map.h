@@ -89,6 +89,7 @@ public:
         slots_.clear();
         count_ = 0;
         mask_ = 0;
+        max_probe_ = 0;
     }
     // Room for n entries without growing.
     void reserve(size_t n);
@@ -96,37 +97,61 @@ public:
 private:
     Slot* data() { return slots_.data(); }
     const Slot* data() const { return slots_.data(); }
-    // Serials are drawn from a counter, so the low bits of consecutive keys fill consecutive
-    // slots: lookups of the terms of a row and the inserts of a batch walk the table in order
-    // instead of scattering over it. The high bits are folded in for strided serials.
-    size_t home(uint64_t key) const { return static_cast<size_t>(key ^ (key >> 21) ^ (key >> 42)) & mask_; }
+    // Serials are drawn from a counter, so a key's home is first its own low bits: consecutive
+    // serials fill consecutive slots, each at home, and the lookups of a row's terms and the
+    // inserts of a batch walk the table in order. No operation looks further than the longest
+    // displacement of any entry (max_probe_), so a miss or a deletion among a long run of
+    // consecutive entries stays O(1). Should serials come in a stride that piles them onto
+    // few homes (a displacement beyond MAX_DIRECT_PROBE), the table switches to scattering keys
+    // with a multiplicative hash.
+    static constexpr size_t MAX_DIRECT_PROBE = 32;
+    size_t home(uint64_t key) const {
+        if (scatter_) return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> 20) & mask_;
+        return static_cast<size_t>(key) & mask_;
+    }
     Slot* lookup(uint64_t key) {
         if (slots_.empty()) return nullptr;
-        size_t mask = slots_.size() - 1;
-        for (size_t i = home(key);; i = (i + 1) & mask) {
+        size_t i = home(key);
+        for (size_t d = 0; d <= max_probe_; ++d, i = (i + 1) & mask_) {
             Slot& s = slots_[i];
             if (s.first == key) return &s;
             if (s.first == EMPTY) return nullptr;
         }
+        return nullptr;
     }
+    // Puts a key known to be absent into its slot (room guaranteed); returns the slot.
+    Slot* place(uint64_t key, const V& value);
     void remove(Slot* s);
     void rehash(size_t capacity);
 
     std::vector<Slot> slots_;  // size a power of two (or 0)
     size_t count_ = 0;
     size_t mask_ = 0;          // slots_.size() - 1 (0 while empty)
+    size_t max_probe_ = 0;     // no entry lies further than this from its home
+    bool scatter_ = false;     // keys hashed instead of placed by their low bits
 };
 
 template <class V>
 inline V& SerialMap<V>::operator[](uint64_t key) {
     if (Slot* s = lookup(key)) return s->second;
     if ((count_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 16 : slots_.size() * 2);
-    size_t mask = slots_.size() - 1;
-    size_t i = home(key);
-    while (slots_[i].first != EMPTY) i = (i + 1) & mask;
-    slots_[i] = Slot{key, V()};
     ++count_;
-    return slots_[i].second;
+    return place(key, V())->second;
+}
+
+template <class V>
+inline typename SerialMap<V>::Slot* SerialMap<V>::place(uint64_t key, const V& value) {
+    size_t h = home(key), i = h;
+    while (slots_[i].first != EMPTY) i = (i + 1) & mask_;
+    size_t d = (i - h) & mask_;
+    if (d > MAX_DIRECT_PROBE && !scatter_) {
+        scatter_ = true;
+        rehash(slots_.size());  // places every other key anew; key itself goes in below
+        return place(key, value);
+    }
+    if (d > max_probe_) max_probe_ = d;
+    slots_[i] = Slot{key, value};
+    return &slots_[i];
 }
 
 template <class V>
@@ -141,27 +166,26 @@ inline void SerialMap<V>::rehash(size_t capacity) {
     std::vector<Slot> old(capacity, Slot{EMPTY, V()});
     old.swap(slots_);
     mask_ = capacity - 1;
-    size_t mask = mask_;
-    for (const Slot& s : old) {
-        if (s.first == EMPTY) continue;
-        size_t i = home(s.first);
-        while (slots_[i].first != EMPTY) i = (i + 1) & mask;
-        slots_[i] = s;
-    }
+    max_probe_ = 0;
+    for (const Slot& s : old)
+        if (s.first != EMPTY) place(s.first, s.second);
 }
 
 template <class V>
 inline void SerialMap<V>::remove(Slot* s) {
-    // Backward shift: later members of the probe run move into the hole when their home slot
-    // does not lie (cyclically) between the hole and their own slot.
-    size_t mask = slots_.size() - 1;
+    // Backward shift: a later member of the probe run moves into the hole when its home does
+    // not lie (cyclically) after the hole. Members further from the hole than max_probe_ are
+    // nearer their home than that, so their home lies after the hole: the scan stops there.
     size_t hole = static_cast<size_t>(s - slots_.data());
-    for (size_t j = (hole + 1) & mask; slots_[j].first != EMPTY; j = (j + 1) & mask) {
-        size_t h = home(slots_[j].first);
-        bool stays = hole <= j ? (hole < h && h <= j) : (hole < h || h <= j);
-        if (stays) continue;
+    size_t j = hole;
+    for (size_t d = 1; d <= max_probe_; ++d) {
+        j = (j + 1) & mask_;
+        if (slots_[j].first == EMPTY) break;
+        size_t displacement = (j - home(slots_[j].first)) & mask_;
+        if (displacement < d) continue;  // its home lies after the hole
         slots_[hole] = slots_[j];
         hole = j;
+        d = 0;
     }
     slots_[hole].first = EMPTY;
     --count_;
