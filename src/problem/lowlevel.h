@@ -89,6 +89,10 @@ const PyMethodDef* load_methods();
 const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
+const PyMethodDef* cut_methods();           // callbacks/cuts.cpp
+const PyMethodDef* lowlevel_cut_methods();  // lowlevel_cuts.cpp
+// strongbranch(...), sharing its body with strongbranchcb (callbacks/cuts.cpp).
+PyObject* strongbranch_method(PyObject* self, PyObject* args, PyObject* kw);
 
 }  // namespace ll
 
