@@ -76,7 +76,10 @@ double violation(const Cut& c, const double* x) {
 // last integer solution.
 const double* current_point(TRVOprob p) {
     CutPool& pool = cut_pool(p);
-    if (pool.node && pool.node->at_node() && pool.node->point()) return pool.node->point();
+    if (pool.node && pool.node->at_node()) {
+        if (!pool.node->point()) fail("The relaxation of this node has not been solved yet");
+        return pool.node->point();
+    }
     if (p->results.have_lp && static_cast<int>(p->results.x.size()) == p->ncols()) return p->results.x.data();
     if (p->results.have_mip && static_cast<int>(p->results.mipx.size()) == p->ncols()) return p->results.mipx.data();
     fail("No solution to measure cuts against: solve the problem first, or call from a node callback");

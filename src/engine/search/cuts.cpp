@@ -25,6 +25,7 @@ void NodeCuts::attach(Relaxation* rel, const Model* model, const Settings* setti
     model_ = model;
     set_ = settings;
     rows_.clear();
+    by_tag_.clear();
     inst_.clear();
     on_.clear();
     active_.clear();
@@ -75,12 +76,12 @@ void NodeCuts::enter(const std::vector<int>& keys) {
 }
 
 int NodeCuts::known(int64_t tag) const {
-    for (size_t k = 0; k < rows_.size(); ++k)
-        if (rows_[k].tag == tag) return static_cast<int>(k);
-    return -1;
+    auto it = by_tag_.find(tag);
+    return it == by_tag_.end() ? -1 : it->second;
 }
 
 int NodeCuts::add(CutRow row) {
+    by_tag_[row.tag] = static_cast<int>(rows_.size());
     rows_.push_back(std::move(row));
     inst_.push_back(-1);
     on_.push_back(0);

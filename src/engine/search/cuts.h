@@ -12,6 +12,7 @@
 #include "engine/search/search.h"
 
 #include <functional>
+#include <unordered_map>
 #include <vector>
 
 namespace trvo {
@@ -87,6 +88,7 @@ private:
     const Model* model_ = nullptr;
     const Settings* set_ = nullptr;
     std::vector<CutRow> rows_;
+    std::unordered_map<int64_t, int> by_tag_;  // key of each row by its tag
     std::vector<int> inst_;    // instance row of each key, -1 before it first became active
     std::vector<char> on_;     // active at the current node
     std::vector<int> active_;

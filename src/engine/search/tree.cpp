@@ -510,6 +510,7 @@ Outcome Search::run() {
         const bool is_root = node->parent == 0;
         int cut_rounds = 0;  // solves of this node after rows joined it
     resolve:
+        cuts_.take_changed();  // rows joined so far are in this solve
         // With an optnode hook every feasible relaxation is solved to its optimum (no early
         // stop at the cutoff), so that the hook sees every node that is not infeasible.
         const double solve_cutoff = hooks_.optnode ? INFINITY : prune_level();
