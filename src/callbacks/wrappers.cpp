@@ -62,12 +62,20 @@ int unwrap(PyTypeObject* type, PyObject* o, void** handle, const char* what) {
 
 PyTypeObject TrvoObjectType = make_type("tarvo.trvoobject", "An object of the optimisation library (opaque).");
 PyTypeObject GenericType = make_type("tarvo.generic", "An opaque pointer handed over by the optimisation library.");
-PyTypeObject PoolCutType = make_type("tarvo.poolcut", "poolcut()\n--\n\nA cut of the optimisation library's cut pool (opaque).");
+// poolcut objects are made by the cut methods (storecuts, getcutlist, ...); one made by its
+// constructor wraps no cut and is refused by every method.
+PyTypeObject PoolCutType = [] {
+    PyTypeObject t = make_type("tarvo.poolcut", "poolcut()\n--\n\nPool-cut objects used by callback functions: a cut of the "
+                                                "problem's cut pool or of the current node, compared and hashed by its handle.");
+    t.tp_new = PyType_GenericNew;
+    return t;
+}();
 
 PyObject* trvoobject_wrap(void* handle) { return wrap(&TrvoObjectType, handle); }
 PyObject* generic_wrap(void* handle) { return wrap(&GenericType, handle); }
 PyObject* poolcut_wrap(void* handle) { return wrap(&PoolCutType, handle); }
 int trvoobject_handle(PyObject* o, void** handle) { return unwrap(&TrvoObjectType, o, handle, "trvoobject"); }
 int poolcut_handle(PyObject* o, void** handle) { return unwrap(&PoolCutType, o, handle, "poolcut"); }
+int generic_handle(PyObject* o, void** handle) { return unwrap(&GenericType, o, handle, "generic object"); }
 
 }  // namespace tarvo

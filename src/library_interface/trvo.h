@@ -515,6 +515,77 @@ int TRVOwriteprob(TRVOprob prob, const char* filename, const char* flags);
    TRVOgetlpsol / TRVOgetmipsol do when the solution (or its duals) is not available. */
 int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, double* value);
 
+/* ---- cuts and the cut pool. A cut is a row sum(dmatval * x[mcols]) rtype rhs ('L', 'G' or
+   'E') in the problem's columns, with a user type mtype. Cuts are named by handles (TRVOcut),
+   unique over the process and never reused; a handle that is no longer known to the problem is
+   refused with an error, never read. The pool (TRVOstorecuts64) lives with the problem across
+   solves; the tree search applies a pool cut at a node when the node's relaxation violates it.
+   Cuts added at a node (TRVOaddcuts64, TRVOloadcuts) are rows of that node's relaxation and of
+   its whole subtree. The node functions (addcuts, loadcuts, delcuts, getcutlist, getcutmap,
+   setbranchcuts, setbranchbounds) work only inside a node callback of the tree search.
+   Selection by type (itype, interp): interp -1 every cut; 1 type equal to itype; 2 type
+   sharing a bit with itype; 3 type holding all bits of itype. ncuts -1 (where accepted) means
+   every cut so selected, otherwise the ncuts cuts of mcutind (the selection then also
+   applies). */
+typedef struct trvo_cut_s* TRVOcut;
+int TRVOaddcuts64(TRVOprob prob, int ncuts, const int mtype[], const char rtype[],
+                  const double rhs[], const int64_t mstart[], const int mcols[],
+                  const double dmatval[]);
+/* nodupl 0: no check; 1: a cut equal to a pool cut of the same type is not stored again (its
+   handle is returned); 2: the same over all types. mindex receives the handles. */
+int TRVOstorecuts64(TRVOprob prob, int ncuts, int nodupl, const int mtype[], const char rtype[],
+                    const double rhs[], const int64_t mstart[], TRVOcut mindex[],
+                    const int mcols[], const double dmatval[]);
+/* Pool cuts become rows of the current node (and its subtree). */
+int TRVOloadcuts(TRVOprob prob, int itype, int interp, int ncuts, const TRVOcut mcutind[]);
+/* Removes cuts from the current node and its subtree (the pool keeps its own). ibasis 1 keeps
+   cuts whose row is binding (not basic) at the node's solution; only cuts whose absolute slack
+   exceeds delta are removed. */
+int TRVOdelcuts(TRVOprob prob, int ibasis, int itype, int interp, double delta, int ncuts,
+                const TRVOcut mcutind[]);
+/* Removes cuts from the pool; rows of nodes keep them until those nodes end. */
+int TRVOdelcpcuts(TRVOprob prob, int itype, int interp, int ncuts, const TRVOcut mcutind[]);
+/* The cuts active at the current node, in row order: *ncuts gets their number, at most size
+   handles are written. */
+int TRVOgetcutlist(TRVOprob prob, int itype, int interp, int* ncuts, int size, TRVOcut mcutind[]);
+/* Pool cuts violated by more than delta at the current solution (the node's relaxation inside
+   a node callback, else the last LP solution); dviol receives the violations. */
+int TRVOgetcpcutlist(TRVOprob prob, int itype, int interp, double delta, int* ncuts, int size,
+                     TRVOcut mcutind[], double dviol[]);
+/* The rows of the given cuts; *nels gets the number of entries, at most size are written. */
+int TRVOgetcpcuts64(TRVOprob prob, const TRVOcut mindex[], int ncuts, int64_t size, int mtype[],
+                    char rtype[], int64_t mstart[], int mcols[], double dmatval[], double drhs[],
+                    int64_t* nels);
+/* Row position of each cut in the current node's matrix (rows of the problem, then the node's
+   cuts in getcutlist order), -1 when the cut is not active there. */
+int TRVOgetcutmap(TRVOprob prob, int ncuts, const TRVOcut cuts[], int cutmap[]);
+/* rhs minus the cut's activity at the current solution (as TRVOgetcpcutlist). */
+int TRVOgetcutslack(TRVOprob prob, TRVOcut cut, double* slack);
+/* Pool cuts (setbranchcuts) or stored bounds (setbranchbounds) given to the child created in a
+   newnode callback, or, from another node callback, to every child of the current node. */
+int TRVOsetbranchcuts(TRVOprob prob, int nbcuts, const TRVOcut mindex[]);
+/* Stores a set of bound changes (qbtype 'L', 'U' or 'B') for TRVOsetbranchbounds. */
+int TRVOstorebounds(TRVOprob prob, int nbnds, const int mcols[], const char qbtype[],
+                    const double dbnd[], void** mindex);
+int TRVOsetbranchbounds(TRVOprob prob, void* mindex);
+/* Rows kept out of the tree search's relaxations until a candidate solution violates them
+   (delayed rows), or until a node's relaxation does (model cuts). A solve by HiGHS keeps them
+   as ordinary rows. */
+int TRVOloaddelayedrows(TRVOprob prob, int nrows, const int mrows[]);
+int TRVOloadmodelcuts(TRVOprob prob, int nmodcuts, const int mrows[]);
+/* Strong branching on the problem's LP relaxation (the root of a tree search), from its
+   optimal basis: for each bound change k (column mbndind[k], type 'L', 'U' or
+   'B', value dbndval[k]) at most itrlimit dual simplex iterations; dsbobjval[k] gets the
+   objective reached, msbstatus[k] the LP status (TRVO_LP_*). Bounds and basis are restored. */
+typedef int (*TRVOcbstrongbranchsolve)(TRVOprob prob, void* context, int ibnd);
+int TRVOstrongbranch(TRVOprob prob, int nbnds, const int mbndind[], const char cbndtype[],
+                     const double dbndval[], int itrlimit, double dsbobjval[], int msbstatus[]);
+/* The same, calling sbsolvecb after each solve while the bound change is in place (the LP
+   solution of the problem is then the branch's); a non-zero return ends the strong branching. */
+int TRVOstrongbranchcb(TRVOprob prob, int nbnds, const int mbndind[], const char cbndtype[],
+                       const double dbndval[], int itrlimit, double dsbobjval[], int msbstatus[],
+                       TRVOcbstrongbranchsolve sbsolvecb, void* vContext);
+
 #ifdef __cplusplus
 }
 #endif

@@ -94,6 +94,10 @@ const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
 const PyMethodDef* gencons_methods();
+const PyMethodDef* cut_methods();           // callbacks/cuts.cpp
+const PyMethodDef* lowlevel_cut_methods();  // lowlevel_cuts.cpp
+// strongbranch(...), sharing its body with strongbranchcb (callbacks/cuts.cpp).
+PyObject* strongbranch_method(PyObject* self, PyObject* args, PyObject* kw);
 
 }  // namespace ll
 

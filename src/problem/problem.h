@@ -166,6 +166,7 @@ PyObject* poolcut_wrap(void* handle);
 // The wrapped handle, or null with ModelError when o is not of the type.
 int trvoobject_handle(PyObject* o, void** handle);
 int poolcut_handle(PyObject* o, void** handle);
+int generic_handle(PyObject* o, void** handle);
 
 // ------------------------------------------------------------------ callbacks (callbacks/*.cpp)
 // Releases the callback registry of a departing problem: every record's problem item becomes

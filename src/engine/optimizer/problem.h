@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,8 @@
 #include <vector>
 
 namespace trvo {
+
+struct CutPool;  // cuts.h
 
 // A failure inside the engine; caught at the C boundary and recorded as the last error.
 struct Error : std::runtime_error {
@@ -187,6 +190,8 @@ struct trvo_problem_s {
     // Dimensions of the model last handed to HiGHS, to reuse its basis on a re-solve.
     int highs_cols = -1, highs_rows = -1;
     bool highs_has_lp = false;  // the instance holds the user's LP from the last lpoptimize
+    // The cut pool, stored bounds and lazy rows (cuts.cpp), made on first use.
+    std::shared_ptr<trvo::CutPool> cutpool;
 
     int ncols() const { return static_cast<int>(lb.size()); }
     int nrows() const { return static_cast<int>(rowtype.size()); }

@@ -2,6 +2,7 @@
 // costs O(new entries); deleting rows or columns is one compaction pass.
 #include "engine/optimizer/problem.h"
 #include "engine/optimizer/gencons.h"
+#include "engine/optimizer/cuts.h"
 
 #include <algorithm>
 #include <cmath>
@@ -226,6 +227,7 @@ void delete_rows(TRVOprob p, const std::vector<char>& drop) {
     p->range.resize(static_cast<size_t>(out));
     p->matrix.resize(static_cast<size_t>(out));
     p->rownames.erase(drop);
+    cuts_rows_deleted(p, drop);
     std::map<int, QMap> qr;
     for (auto& kv : p->qrows)
         if (newidx[static_cast<size_t>(kv.first)] >= 0)

@@ -3,6 +3,8 @@
 #include "engine/optimizer/tree_search.h"
 
 #include "engine/optimizer/callbacks.h"
+#include "engine/optimizer/cuts.h"
+#include "engine/search/cuts.h"
 #include "engine/optimizer/highs_instances.h"
 
 #include <cmath>
@@ -145,10 +147,14 @@ bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hook
         if (needs_search)
             fail("TREESEARCH is 2 (never), but this problem needs the tree search (quadratic rows, "
                  "or a quadratic objective with integer entities): set TREESEARCH to 0 or 1");
+        if (mip && cuts_need_search(p))
+            emit_message(p, "TREESEARCH is 2 (never): the cuts of the cut pool are not applied by HiGHS's MIP solver", 3);
         return false;
     }
     // Node callbacks need the search even on an LP or QP (whose root is then its only node).
     if (needs_search || hooks.any_node_hook()) return true;
+    // Cuts of the pool are applied by the search only.
+    if (mip && cuts_need_search(p)) return true;
     return mip && mode == 1;
 }
 
@@ -204,7 +210,14 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
 
     // The problem's own HiGHS instance no longer holds the last solve's LP.
     p->highs_has_lp = false;
-    search::Outcome o = search::run(model, s, hooks);
+    search::NodeCuts node_cuts;
+    search::Hooks with_cuts = hooks;
+    with_cuts.cuts = &node_cuts;
+    search::Outcome o;
+    {
+        SearchCuts connect(p, model, node_cuts);
+        o = search::run(model, s, with_cuts);
+    }
 
     const size_t nn = static_cast<size_t>(n), mm = static_cast<size_t>(m);
     const double sign = model.lp.sign;

@@ -72,6 +72,14 @@ Relaxation::Relaxation(const Model& model, const Settings& settings,
         rlo[static_cast<size_t>(q.row)] = -INFINITY;
         rup[static_cast<size_t>(q.row)] = INFINITY;
     }
+    // Lazy rows wait, free, until a solution violates them.
+    for (size_t i = 0; i < model.lazy.size() && i < rlo.size(); ++i)
+        if (model.lazy[i]) {
+            rlo[i] = -INFINITY;
+            rup[i] = INFINITY;
+        }
+    rlo_ = rlo;
+    rup_ = rup;
     check(Highs_passModel(h_, m.ncol, m.nrow, static_cast<HighsInt>(m.a_index.size()),
                           static_cast<HighsInt>(m.q_index.size()), kHighsMatrixFormatRowwise,
                           kHighsHessianFormatTriangular, kHighsObjSenseMinimize, m.offset,
@@ -276,8 +284,7 @@ int Relaxation::add_cuts(const double* x) {
         double lo = -INFINITY, up = INFINITY;
         if (std::isfinite(q.up)) up = (q.up + xqx) / scale;
         else lo = (q.lo + xqx) / scale;
-        check(Highs_addRow(h_, lo, up, static_cast<HighsInt>(idx.size()), idx.data(), val.data()),
-              "add a cut");
+        cut_pos_.push_back(add_row(lo, up, static_cast<int>(idx.size()), idx.data(), val.data()));
         cut_row_.push_back(static_cast<int>(k));
         cut_scale_.push_back(1.0 / scale);
         cuts_.push_back({std::move(idx), std::move(val), lo, up});
@@ -328,7 +335,41 @@ void Relaxation::set_basis(const Basis& b) {
     Basis full(b);
     // Cuts added since the basis was taken enter as basic rows.
     full.resize(static_cast<size_t>(ncol_ + nr), kHighsBasisStatusBasic);
+    // A row switched off (free) since the basis was taken cannot stay at a bound.
+    for (HighsInt r = 0; r < nr; ++r) {
+        HighsInt& st = full[static_cast<size_t>(ncol_ + r)];
+        if ((st == kHighsBasisStatusLower || st == kHighsBasisStatusUpper) && std::isinf(rlo_[static_cast<size_t>(r)]) &&
+            std::isinf(rup_[static_cast<size_t>(r)]))
+            st = kHighsBasisStatusZero;
+    }
     Highs_setBasis(h_, full.data(), full.data() + ncol_);
+}
+
+int Relaxation::add_row(double lo, double up, int n, const HighsInt* idx, const double* val) {
+    const int r = static_cast<int>(Highs_getNumRow(h_));
+    check(Highs_addRow(h_, lo, up, n, idx, val), "add a cut row");
+    rlo_.push_back(lo);
+    rup_.push_back(up);
+    return r;
+}
+
+void Relaxation::set_row_bounds(int row, double lo, double up) {
+    const size_t s = static_cast<size_t>(row);
+    if (rlo_[s] == lo && rup_[s] == up) return;
+    rlo_[s] = lo;
+    rup_[s] = up;
+    const HighsInt r = row;
+    check(Highs_changeRowsBoundsBySet(h_, 1, &r, &lo, &up), "change row bounds");
+}
+
+bool Relaxation::row_basic(int row) const {
+    HighsInt valid = 0;
+    Highs_getIntInfoValue(h_, "basis_validity", &valid);
+    if (valid != kHighsBasisValidityValid) return true;
+    const HighsInt nr = Highs_getNumRow(h_);
+    std::vector<HighsInt> cs(static_cast<size_t>(ncol_)), rs(static_cast<size_t>(nr));
+    if (Highs_getBasis(h_, cs.data(), rs.data()) == kHighsStatusError) return true;
+    return rs[static_cast<size_t>(row)] == kHighsBasisStatusBasic;
 }
 
 bool Relaxation::duals(std::vector<double>& row_dual, std::vector<double>& col_dual) const {
@@ -343,7 +384,7 @@ bool Relaxation::duals(std::vector<double>& row_dual, std::vector<double>& col_d
     // A cut is the row's linearisation divided by its largest gradient entry s: its dual stands
     // for dual / s of the row's linearisation, hence of the row itself near the solution.
     for (size_t c = 0; c < cut_row_.size(); ++c) {
-        const double d = rd[static_cast<size_t>(nrow_) + c];
+        const double d = rd[static_cast<size_t>(cut_pos_[c])];
         if (d == 0.0) continue;
         const QuadRow& q = model_.qrows[static_cast<size_t>(cut_row_[c])];
         row_dual[static_cast<size_t>(q.row)] += d * cut_scale_[c];

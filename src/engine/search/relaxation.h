@@ -44,6 +44,13 @@ public:
     bool quadratic_objective() const { return hessian_; }
     double max_violation(const double* x) const;
 
+    // Rows beyond the model's (cut rows, cuts.h): added once and then switched on and off
+    // through their bounds. add_row returns the row's position in the instance.
+    int add_row(double lo, double up, int n, const HighsInt* idx, const double* val);
+    void set_row_bounds(int row, double lo, double up);
+    // Whether the row is basic in the instance's current basis (true when there is none).
+    bool row_basic(int row) const;
+
     std::shared_ptr<Basis> basis() const;
     void set_basis(const Basis& b);
 
@@ -76,6 +83,8 @@ private:
     std::vector<double> set_lo_, set_up_;    // bounds in the instance
     double box_ = 0;  // artificial bound on infinite column bounds while > 0
     std::vector<int> cut_row_;               // quadratic row index of each cut
+    std::vector<int> cut_pos_;               // instance row of each cut
+    std::vector<double> rlo_, rup_;          // bounds of every instance row
     std::vector<double> cut_scale_;          // 1 / the factor each cut was divided by
     std::vector<Cut> cuts_;
     std::vector<double> x_;

@@ -36,7 +36,12 @@ struct QuadRow {
 struct Model {
     HighsModel lp;  // integrality marks the integer columns; q_* the convex objective Hessian
     std::vector<QuadRow> qrows;
+    // Per row (empty: none): 1 a delayed row, 2 a model cut; both stay out of the relaxation
+    // until a solution violates them (cuts.h).
+    std::vector<char> lazy;
 };
+
+class NodeCuts;
 
 // What a hook sees of the node being processed.
 struct NodeView {
@@ -84,6 +89,9 @@ struct Hooks {
     std::function<void(const NodeView&, Branch&)> chgbranchobject;
     // The single worker starting and ending.
     std::function<void()> mipthread, destroymt;
+    // The cut rows of the search, shared with the owner's cut functions (null: the search
+    // keeps its own).
+    NodeCuts* cuts = nullptr;
 
     // Whether a hook that only this search can serve is set (intsol is not one: HiGHS's MIP
     // reports its solutions too).

@@ -3,6 +3,7 @@
 // fix-and-solve heuristic for models with continuous columns, the optimiser's limits and gap
 // tolerances, and the node hooks.
 #include "engine/search/relaxation.h"
+#include "engine/search/cuts.h"
 
 #include "engine/optimizer/highs_instances.h"
 #include "library_interface/trvo.h"
@@ -18,6 +19,8 @@ namespace search {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+// Solves of one node after cut rows joined it.
+constexpr int kCutRounds = 100;
 
 struct Node {
     int64_t id = 1, parent = 0;
@@ -28,6 +31,7 @@ struct Node {
     int branch_col = -1;                   // for the pseudocost update
     double branch_dist = 0;                // distance of the parent's value to the new bound
     int dir = 0;                           // -1 down, +1 up
+    std::vector<int> cuts;                 // keys of the cut rows active here (cuts.h)
 };
 using NodePtr = std::unique_ptr<Node>;
 
@@ -51,7 +55,8 @@ public:
           deadline_(s.maxtime > 0 ? start_ + std::chrono::duration_cast<Clock::duration>(
                                                  std::chrono::duration<double>(s.maxtime))
                                   : Clock::time_point::max()),
-          rel_(m, s, deadline_) {
+          rel_(m, s, deadline_), cuts_(h.cuts ? *h.cuts : own_cuts_) {
+        cuts_.attach(&rel_, &model_, &set_);
         for (int j = 0; j < lp_.ncol; ++j)
             if (!lp_.integrality.empty() && lp_.integrality[static_cast<size_t>(j)] == kHighsVarTypeInteger)
                 ints_.push_back(j);
@@ -110,6 +115,8 @@ private:
     const Hooks& hooks_;
     Clock::time_point start_, deadline_;
     Relaxation rel_;
+    NodeCuts own_cuts_;
+    NodeCuts& cuts_;
     std::vector<int> ints_;
     bool has_continuous_ = false;
     std::vector<Pseudocost> pc_;
@@ -171,6 +178,8 @@ bool Search::feasible(const double* x) const {
 // A candidate solution: integers snapped, checked, offered to preintsol, kept when better.
 Search::Offer Search::try_solution(const NodeView& v, int soltype, std::vector<double> x) {
     for (int j : ints_) x[static_cast<size_t>(j)] = std::round(x[static_cast<size_t>(j)]);
+    // Delayed rows it violates join the relaxation (the node is then solved again).
+    if (cuts_.has_lazy() && cuts_.lazy_violated(x.data())) return Infeasible;
     if (!feasible(x.data())) return Infeasible;
     const double obj = objective_at(x.data());
     if (out_.have_solution && obj >= out_.objective) return NoBetter;
@@ -178,7 +187,9 @@ Search::Offer Search::try_solution(const NodeView& v, int soltype, std::vector<d
     if (hooks_.preintsol) {
         bool reject = false;
         double cutoff = cutoff_;
+        cuts_.set_point(x.data());
         hooks_.preintsol(v, soltype, x.data(), obj, &reject, &cutoff);
+        cuts_.set_point(v.x);
         if (cutoff < cutoff_) cutoff_ = cutoff;
         if (reject) return Refused;
     }
@@ -494,8 +505,12 @@ Outcome Search::run() {
             continue;
         }
         rel_.set_bounds(lo, up);
+        cuts_.enter(node->cuts);
         if (node->basis) rel_.set_basis(*node->basis);
         const bool is_root = node->parent == 0;
+        int cut_rounds = 0;  // solves of this node after rows joined it
+    resolve:
+        cuts_.take_changed();  // rows joined so far are in this solve
         // With an optnode hook every feasible relaxation is solved to its optimum (no early
         // stop at the cutoff), so that the hook sees every node that is not infeasible.
         const double solve_cutoff = hooks_.optnode ? INFINITY : prune_level();
@@ -554,12 +569,19 @@ Outcome Search::run() {
         node_bound_ = std::max(node->bound, obj);
         view.x = rel_.x().data();
         view.objective = obj;
+        cuts_.set_point(view.x);
+        // Model cuts and pool cuts the solution violates join the node.
+        if (cut_rounds < kCutRounds && cuts_.separate(view.x) > 0) {
+            cuts_.take_changed();
+            ++cut_rounds;
+            goto resolve;
+        }
         if (is_root && ints_.empty()) {
             // A continuous model: the root is the answer.
             out_.have_duals = rel_.duals(out_.row_dual, out_.col_dual);
         }
         // The child's gain updates its branching column's pseudocost.
-        if (node->branch_col >= 0 && node->branch_dist > 0) {
+        if (node->branch_col >= 0 && node->branch_dist > 0 && cut_rounds == 0) {
             Pseudocost& p = pc_[static_cast<size_t>(node->branch_col)];
             const int d = node->dir > 0 ? 1 : 0;
             p.sum[d] += std::max(0.0, obj - node->bound) / node->branch_dist;
@@ -569,6 +591,11 @@ Outcome Search::run() {
             if (hooks_.infnode) hooks_.infnode(view);
             node_bound_ = INFINITY;
             continue;
+        }
+        // Cuts added by the callback: the node is solved again (and the callback called again).
+        if (cuts_.take_changed() && cut_rounds < kCutRounds) {
+            ++cut_rounds;
+            goto resolve;
         }
         if (!rel_.converged() && !fractional(rel_.x().data())) {
             // The cuts could not bring the quadratic rows within the tolerance at an integral
@@ -583,6 +610,12 @@ Outcome Search::run() {
         int dir = 1;
         if (!fractional(xnode.data())) {
             const Offer offer = try_solution(view, 0, xnode);
+            // Rows that joined because of the candidate (delayed rows it violated, cuts added by
+            // preintsol): the node is solved again with them.
+            if (offer != Accepted && cuts_.take_changed() && cut_rounds < kCutRounds) {
+                ++cut_rounds;
+                goto resolve;
+            }
             if (offer == Accepted || offer == NoBetter || ints_.empty()) {
                 // The relaxation's optimum is integral: nothing better lies in the node.
                 if (offer == NoBetter) drop_on_bound(view, obj);
@@ -683,7 +716,28 @@ Outcome Search::run() {
                 kid->dir = c == 0 ? -1 : 1;
                 kid->branch_dist = c == 0 ? br.value - br.children[c][0].up : br.children[c][0].lo - br.value;
             }
+            std::vector<int> kid_cuts;
+            std::vector<Branch::Bound> kid_bounds = cuts_.branch_bounds;
+            cuts_.child_cuts = &kid_cuts;
+            cuts_.child_bounds = &kid_bounds;
             if (hooks_.newnode) hooks_.newnode(view, node->id, kid->id, static_cast<int64_t>(c));
+            cuts_.child_cuts = nullptr;
+            cuts_.child_bounds = nullptr;
+            kid->cuts = cuts_.child_keys(kid_cuts);
+            for (const auto& b : kid_bounds) {
+                // Bounds given to the child tighten what branching set.
+                bool found = false;
+                for (auto& e : kid->changes)
+                    if (e.col == b.col) {
+                        e.lo = std::max(e.lo, b.lo);
+                        e.up = std::min(e.up, b.up);
+                        found = true;
+                    }
+                if (!found) {
+                    const size_t s = static_cast<size_t>(b.col);
+                    kid->changes.push_back({b.col, std::max(lo[s], b.lo), std::min(up[s], b.up)});
+                }
+            }
             kids.push_back(std::move(kid));
         }
         node_bound_ = INFINITY;
@@ -708,6 +762,7 @@ Outcome Search::run() {
         log_progress(false);
     }
     if (dive) open_.push(std::move(dive));
+    cuts_.leave();
 
     out_.nodes = nodes_;
     out_.lp_iterations = rel_.iterations();

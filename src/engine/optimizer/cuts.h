@@ -1,0 +1,59 @@
+// The optimiser's cuts: the pool of stored cuts, the cuts of a running tree search, stored
+// bound sets for branching, and the lazy rows (delayed rows and model cuts) of the problem.
+#pragma once
+
+#include "engine/optimizer/problem.h"
+
+#include <map>
+#include <vector>
+
+namespace trvo {
+
+namespace search {
+class NodeCuts;
+struct Model;
+}
+
+struct Cut {
+    int type = 0;
+    char rtype = 'L';
+    double rhs = 0;
+    std::vector<int> cols;
+    std::vector<double> vals;
+    bool in_pool = false;  // stored (false: a cut added at a node, known only to that search)
+};
+
+struct StoredBounds {
+    std::vector<int> cols;
+    std::vector<char> types;
+    std::vector<double> values;
+};
+
+struct CutPool {
+    std::map<int64_t, Cut> cuts;  // by handle id
+    std::map<int64_t, StoredBounds> bounds;
+    std::vector<char> lazy;       // per row: 1 delayed row, 2 model cut (shorter: 0 beyond)
+    search::NodeCuts* node = nullptr;  // the running search's cut rows
+};
+
+CutPool& cut_pool(TRVOprob p);
+// Keeps the lazy marks on the rows left by a deletion.
+void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop);
+// Whether a MIP solve should use the tree search for the pool's sake.
+bool cuts_need_search(TRVOprob p);
+// Connects a tree search about to run to the problem's cuts (lazy rows into the model, pool
+// cuts separated at nodes), and disconnects it when the object goes; cuts added at nodes are
+// forgotten then.
+class SearchCuts {
+public:
+    SearchCuts(TRVOprob p, search::Model& model, search::NodeCuts& nc);
+    ~SearchCuts();
+    SearchCuts(const SearchCuts&) = delete;
+    SearchCuts& operator=(const SearchCuts&) = delete;
+
+private:
+    TRVOprob p_;
+    search::NodeCuts& nc_;
+};
+
+}  // namespace trvo
