@@ -116,6 +116,12 @@ def test_priority_order_and_copies():
     order.clear()
     p.solve()
     assert order[:3] == ["high", "mid", "low"]
+    # Copying a problem's callbacks onto itself changes nothing (and ends).
+    calls = len(order)
+    p.copycallbacks(p)
+    order.clear()
+    p.solve()
+    assert order[:3] == ["high", "mid", "low"] and len(order) == calls
 
 
 def test_records_do_not_keep_the_problem_and_are_released_with_it():

@@ -114,11 +114,15 @@ PyObject* remove_callback(PyObject* self, PyObject* args, PyObject* kw, int kind
 }
 
 int copy_callbacks(ProblemObject* dst, ProblemObject* src) {
+    // A problem's own callbacks are already its own (copying them onto it would make the list
+    // it walks grow without end).
+    if (dst == src) return 0;
     for (int k = 0; k < CALLBACK_KINDS; ++k) {
         PyObject* list = src->callbacks[k];
         if (!list) continue;
         PyRef hold = PyRef::borrow(list);
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+        const Py_ssize_t n = PyList_GET_SIZE(list);
+        for (Py_ssize_t i = 0; i < n && i < PyList_GET_SIZE(list); ++i) {
             PyObject* record = PyList_GET_ITEM(list, i);
             if (!PyList_Check(record) || PyList_GET_SIZE(record) != 4) {
                 PyErr_SetString(InterfaceError, "Invalid callback to be copied");
