@@ -505,7 +505,8 @@ int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, double* value);
    last basis in one versioned binary file (format described in save_restore.cpp). save writes
    "<problem name>.svf"; restore reads probname as given when such a file exists, else
    "<probname>.svf", and replaces the whole problem (a file that cannot be read leaves the
-   problem unchanged). The saved basis starts the next LP solve. No flags are defined. */
+   problem unchanged). The saved basis starts the next LP solve, the saved integer solution the
+   next MIP solve. No flags are defined. */
 int TRVOsave(TRVOprob prob);
 int TRVOsaveas(TRVOprob prob, const char* filename);
 int TRVOrestore(TRVOprob prob, const char* probname, const char* flags);

@@ -94,10 +94,14 @@ PyObject* m_tune(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_SetString(SolverError, "The tuner tunes the LP/MIP optimiser; this problem is nonlinear");
         return nullptr;
     }
+    // The first exception a callback raises during the tuner's runs (on this thread, without
+    // the interpreter lock) stops the tuning and surfaces here.
+    callback_exception_discard(a.p->prob);
     int rc;
     Py_BEGIN_ALLOW_THREADS
     rc = TRVOtune(a.p->prob, flags);
     Py_END_ALLOW_THREADS
+    if (callback_exception_restore(a.p->prob)) return nullptr;
     return done(a.p, rc);
 }
 

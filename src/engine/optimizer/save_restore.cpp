@@ -576,6 +576,9 @@ void Staged::apply(TRVOprob p) {
     results_resize(p);  // a file without a solution: vectors of the problem's size
     p->start_rbasis.swap(s->start_rbasis);
     p->start_cbasis.swap(s->start_cbasis);
+    // The saved integer solution starts the next MIP solve, as the basis starts the next LP solve.
+    if (p->results.have_mip)
+        for (int j = 0; j < p->ncols(); ++j) p->mip_start.emplace_back(j, p->results.mipx[static_cast<size_t>(j)]);
     // The HiGHS instance holds the previous content: it is not warm-started from.
     p->highs_has_lp = false;
     p->highs_cols = p->highs_rows = -1;

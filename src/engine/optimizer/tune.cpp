@@ -325,7 +325,14 @@ using namespace trvo;
 
 extern "C" {
 
-int TRVOtune(TRVOprob prob, const char* flags) { return guard(prob, [&] { tune(prob, flags); }); }
+int TRVOtune(TRVOprob prob, const char* flags) {
+    // A stop request (TRVOinterrupt, a failing callback) ends the tuning after the current run.
+    if (prob && prob->magic == kProblemMagic) prob->stop_request.store(0);
+    return guard(prob, [&] {
+        tune(prob, flags);
+        prob->stop_request.store(0);
+    });
+}
 
 int TRVOtunerwritemethod(TRVOprob prob, const char* methodfile) {
     return guard(prob, [&] {
