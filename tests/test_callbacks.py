@@ -145,6 +145,24 @@ def test_records_do_not_keep_the_problem_and_are_released_with_it():
     assert wf() is None and wd() is None
 
 
+def test_setting_a_nonlinear_callback_releases_the_one_it_replaces():
+    # The nonlinear library holds one callback per kind: the replaced one must not stay alive.
+    p = tv.problem()
+    data = Marker()
+
+    class Callback:
+        def __call__(self, prob, data):
+            return 0
+
+    first = Callback()
+    p.setcbslpstart(first, data)
+    wf = weakref.ref(first)
+    del first
+    p.setcbslpstart(Callback())
+    gc.collect()
+    assert wf() is None
+
+
 def test_temporary_problem_stands_for_the_problem_and_can_be_kept(run_python):
     out = run_python("""
         import tarvo as tv

@@ -38,6 +38,16 @@ int register_callback(ProblemObject* p, int kind, PyObject* callback, PyObject* 
         }
         if (rc == 0 && PyList_Append(p->callbacks[kind], record.get()) < 0) rc = -1;
         if (rc != 0) library_unregister(p, kind, record.get());
+        // The nonlinear library holds one callback per kind: setting one replaced the earlier
+        // registration there, so its records leave the registry too.
+        PyObject* list = p->callbacks[kind];
+        if (rc == 0 && kind >= FIRST_NONLINEAR_KIND) {
+            PyRef hold = PyRef::borrow(list);
+            while (PyList_GET_SIZE(list) > 1) {
+                retire_record(PyList_GET_ITEM(list, 0));
+                if (PyList_SetSlice(list, 0, 1, nullptr) < 0) return -1;
+            }
+        }
     }
     if (rc != 0) retire_record(record.get());
     return rc;
