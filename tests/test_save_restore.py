@@ -325,3 +325,19 @@ def test_dumpcontrols_lists_the_changed_controls():
     assert log_lines(p, p.dumpcontrols) == []
     with pytest.raises(TypeError):
         p.dumpcontrols(1)
+
+
+def test_general_and_piecewise_linear_constraints_round_trip():
+    x, cost, r = tv.var(name="x", ub=10), tv.var(name="cost"), tv.var(name="r", ub=100)
+    p = tv.problem(x, cost, r, x >= 3, cost + r, "pieces")
+    p.addpwlcons([x], [cost], [0], [0, 4, 10], [0, 8, 14])
+    p.addgencons([tv.gencons_max], [r], [0], [x], [0], [5.0])
+    p.solve()
+    p.save("pieces.svf")
+    q = tv.problem()
+    q.restore("pieces")
+    assert (q.attributes.gencons, q.attributes.pwlcons) == (1, 1)
+    q.solve()
+    assert [round(v, 4) for v in q.getSolution()] == [3.0, 6.0, 5.0]
+    # (the binaries of the reformulation hold to the integrality tolerance)
+    assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-4)

@@ -29,11 +29,14 @@
 //   SOLN  statuses, counters and objective values of the last solve, the flags of the
 //         solutions held, and the LP solution (x, slack, dual, dj) and MIP solution (x, slack)
 //   BASI  the last LP basis, when there is one: row and column statuses (int32 arrays)
+//   GENC  general constraints: count, then per constraint its type and resultant column
+//         (int32), argument columns (int32 array) and values (double array)
+//   PWLC  piecewise-linear constraints: count, then per constraint its argument and resultant
+//         columns (int32) and breakpoints (x and y double arrays)
 //   NL..  the nonlinear library's sections (engine/slp/save_restore.cpp)
-// Store members added later get sections of their own, written after BASI and read in
-// Staged::read: general and piecewise-linear constraints are to be the sections GENC and PWLC.
-// Until a member has its section, saving a problem that uses it fails (check_saveable), so that
-// nothing is silently left out of a file.
+// Store members added later get sections of their own, written after PWLC and read in
+// Staged::read (a reader refuses a section it does not know, so an older version never drops
+// part of a newer file silently).
 //
 // Sections of a binary solution: SOLH (int64 columns, int64 rows, uint8 flags: 1 LP solution,
 // 2 duals, 4 MIP solution), then LPSO (x, slack, dual, dj: double arrays, dual and dj empty
@@ -183,15 +186,6 @@ NameList get_names(Reader& r, size_t expected, const char* kind) {
     return l;
 }
 
-// Members of the store that have no section yet (see the format description).
-void check_saveable(TRVOprob p) {
-    int64_t n = 0;
-    for (int id : {TRVO_GENCONS, TRVO_PWLCONS}) {
-        if (TRVOgetintattrib64(p, id, &n) == 0 && n > 0)
-            fail("The problem has general or piecewise-linear constraints, which this version cannot save");
-    }
-}
-
 template <class T>
 bool sized(const std::vector<T>& v, size_t n) {
     return v.empty() || v.size() == n;
@@ -261,7 +255,6 @@ void check_restore_flags(const char* flags) {
 }
 
 void write_optimizer(TRVOprob p, Writer& w) {
-    check_saveable(p);
     w.begin("PROB");
     w.put_str(p->name);
     w.put<int32_t>(p->objsense);
@@ -370,7 +363,27 @@ void write_optimizer(TRVOprob p, Writer& w) {
         w.put_vec(cs);
         w.end();
     }
-    // New store members: their sections go here (GENC, PWLC, ...).
+    w.begin("GENC");
+    w.put<uint64_t>(p->gencons.size());
+    for (const auto& g : p->gencons) {
+        w.put<int32_t>(g.type);
+        w.put<int32_t>(g.resultant);
+        std::vector<int32_t> cols(g.cols.begin(), g.cols.end());
+        w.put_vec(cols);
+        w.put_vec(g.vals);
+    }
+    w.end();
+
+    w.begin("PWLC");
+    w.put<uint64_t>(p->pwlcons.size());
+    for (const auto& c : p->pwlcons) {
+        w.put<int32_t>(c.col);
+        w.put<int32_t>(c.resultant);
+        w.put_vec(c.x);
+        w.put_vec(c.y);
+    }
+    w.end();
+    // New store members: their sections go here.
 }
 
 Staged::Staged() {
@@ -541,7 +554,36 @@ void Staged::read(const File& f) {
                 fail("The saved file is damaged: the basis does not fit the problem");
             if (TRVOloadbasis(s, rs.data(), cs.data()) != 0)
                 fail("The saved file is damaged: %s", s->last_error.c_str());
-        // New store members: read their sections here (GENC, PWLC, ...).
+        } else if (t == "GENC") {
+            need_shape();
+            size_t n = r.get_count(24);
+            s->gencons.resize(n);
+            for (auto& g : s->gencons) {
+                g.type = r.get<int32_t>();
+                g.resultant = r.get<int32_t>();
+                if (g.type < TRVO_GENCONS_MAX || g.type > TRVO_GENCONS_ABS)
+                    fail("The saved file is damaged: general constraint type %d", g.type);
+                check_index(g.resultant, s->ncols(), "column", t);
+                auto cols = r.get_vec<int32_t>();
+                for (int c : cols) check_index(c, s->ncols(), "column", t);
+                g.cols.assign(cols.begin(), cols.end());
+                g.vals = r.get_vec<double>();
+            }
+        } else if (t == "PWLC") {
+            need_shape();
+            size_t n = r.get_count(24);
+            s->pwlcons.resize(n);
+            for (auto& c : s->pwlcons) {
+                c.col = r.get<int32_t>();
+                c.resultant = r.get<int32_t>();
+                check_index(c.col, s->ncols(), "column", t);
+                check_index(c.resultant, s->ncols(), "column", t);
+                c.x = r.get_vec<double>();
+                c.y = r.get_vec<double>();
+                if (c.x.size() != c.y.size() || c.x.empty())
+                    fail("The saved file is damaged: a piecewise-linear constraint's breakpoints");
+            }
+        // New store members: read their sections here.
         } else {
             unread.push_back(t);
             continue;
@@ -567,6 +609,7 @@ void Staged::apply(TRVOprob p) {
     p->matrix.swap(s->matrix);
     p->nnz = s->nnz;
     p->qobj.swap(s->qobj); p->qrows.swap(s->qrows); p->sets.swap(s->sets); p->indicators.swap(s->indicators);
+    p->gencons.swap(s->gencons); p->pwlcons.swap(s->pwlcons);
     p->rownames = std::move(s->rownames);
     p->colnames = std::move(s->colnames);
     p->setnames = std::move(s->setnames);
