@@ -116,6 +116,12 @@ def test_priority_order_and_copies():
     order.clear()
     p.solve()
     assert order[:3] == ["high", "mid", "low"]
+    # Copying a problem's callbacks onto itself changes nothing (and ends).
+    calls = len(order)
+    p.copycallbacks(p)
+    order.clear()
+    p.solve()
+    assert order[:3] == ["high", "mid", "low"] and len(order) == calls
 
 
 def test_records_do_not_keep_the_problem_and_are_released_with_it():
@@ -137,6 +143,24 @@ def test_records_do_not_keep_the_problem_and_are_released_with_it():
     del p
     gc.collect()
     assert wf() is None and wd() is None
+
+
+def test_setting_a_nonlinear_callback_releases_the_one_it_replaces():
+    # The nonlinear library holds one callback per kind: the replaced one must not stay alive.
+    p = tv.problem()
+    data = Marker()
+
+    class Callback:
+        def __call__(self, prob, data):
+            return 0
+
+    first = Callback()
+    p.setcbslpstart(first, data)
+    wf = weakref.ref(first)
+    del first
+    p.setcbslpstart(Callback())
+    gc.collect()
+    assert wf() is None
 
 
 def test_temporary_problem_stands_for_the_problem_and_can_be_kept(run_python):

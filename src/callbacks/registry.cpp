@@ -38,6 +38,16 @@ int register_callback(ProblemObject* p, int kind, PyObject* callback, PyObject* 
         }
         if (rc == 0 && PyList_Append(p->callbacks[kind], record.get()) < 0) rc = -1;
         if (rc != 0) library_unregister(p, kind, record.get());
+        // The nonlinear library holds one callback per kind: setting one replaced the earlier
+        // registration there, so its records leave the registry too.
+        PyObject* list = p->callbacks[kind];
+        if (rc == 0 && kind >= FIRST_NONLINEAR_KIND) {
+            PyRef hold = PyRef::borrow(list);
+            while (PyList_GET_SIZE(list) > 1) {
+                retire_record(PyList_GET_ITEM(list, 0));
+                if (PyList_SetSlice(list, 0, 1, nullptr) < 0) return -1;
+            }
+        }
     }
     if (rc != 0) retire_record(record.get());
     return rc;
@@ -114,11 +124,15 @@ PyObject* remove_callback(PyObject* self, PyObject* args, PyObject* kw, int kind
 }
 
 int copy_callbacks(ProblemObject* dst, ProblemObject* src) {
+    // A problem's own callbacks are already its own (copying them onto it would make the list
+    // it walks grow without end).
+    if (dst == src) return 0;
     for (int k = 0; k < CALLBACK_KINDS; ++k) {
         PyObject* list = src->callbacks[k];
         if (!list) continue;
         PyRef hold = PyRef::borrow(list);
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
+        const Py_ssize_t n = PyList_GET_SIZE(list);
+        for (Py_ssize_t i = 0; i < n && i < PyList_GET_SIZE(list); ++i) {
             PyObject* record = PyList_GET_ITEM(list, i);
             if (!PyList_Check(record) || PyList_GET_SIZE(record) != 4) {
                 PyErr_SetString(InterfaceError, "Invalid callback to be copied");

@@ -121,6 +121,23 @@ enum {
 #define TRVO_SCALING 8020          /* 0 off, otherwise on */
 #define TRVO_KEEPBASIS 8035        /* keep the last basis when the problem is reloaded */
 #define TRVO_TREESEARCH 8460       /* 0 automatic, 1 always the engine's own tree search, 2 never */
+/* MIP search settings of HiGHS's MIP solver (its options mip_heuristic_effort,
+   mip_detect_symmetry, mip_allow_restart; the engine's own tree search has no such steps); the
+   tuner varies them. */
+#define TRVO_HEUREFFORT 7101       /* share of the MIP search spent in primal heuristics, 0 to 1 */
+#define TRVO_SYMMETRY 8101         /* 0 off, 1 detect and exploit symmetry in MIPs */
+#define TRVO_MIPRESTART 8102       /* 0 off, 1 allow restarts of the MIP search after the root */
+
+/* ---- message numbers of the engine's own messages (TRVOsetmessagestatus suppresses them; the
+   global message handlers receive them as msgnumber) */
+#define TRVO_MSG_SOLVER_LOG 1      /* a line of the LP/MIP optimiser's log */
+#define TRVO_MSG_SEARCH_LOG 2      /* a line of the engine's tree search log */
+#define TRVO_MSG_NONCONVEX 101     /* the problem is nonconvex */
+#define TRVO_MSG_ABANDONED 102     /* a run that did not stop when asked was abandoned */
+#define TRVO_MSG_QROW_ACCURACY 103 /* quadratic rows not met to the feasibility tolerance */
+#define TRVO_MSG_TUNER_RUN 201     /* one run of the tuner */
+#define TRVO_MSG_TUNER_RESULT 202  /* the settings the tuner keeps */
+#define TRVO_MSG_CONTROLS 203      /* a line of TRVOdumpcontrols */
 
 /* ---- callbacks */
 /* Per-problem message callback: msg is null on a flush request; msgtype 1 information,
@@ -585,6 +602,32 @@ int TRVOstrongbranch(TRVOprob prob, int nbnds, const int mbndind[], const char c
 int TRVOstrongbranchcb(TRVOprob prob, int nbnds, const int mbndind[], const char cbndtype[],
                        const double dbndval[], int itrlimit, double dsbobjval[], int msbstatus[],
                        TRVOcbstrongbranchsolve sbsolvecb, void* vContext);
+
+/* ---- whole-problem files: the store, names, controls, message statuses, solutions and the
+   last basis in one versioned binary file (format described in save_restore.cpp). save writes
+   "<problem name>.svf"; restore reads probname as given when such a file exists, else
+   "<probname>.svf", and replaces the whole problem (a file that cannot be read leaves the
+   problem unchanged). The saved basis starts the next LP solve, the saved integer solution the
+   next MIP solve. No flags are defined. */
+int TRVOsave(TRVOprob prob);
+int TRVOsaveas(TRVOprob prob, const char* filename);
+int TRVOrestore(TRVOprob prob, const char* probname, const char* flags);
+/* ---- binary solution files (format described in save_restore.cpp): writebinsol writes the
+   current LP and MIP solutions, readbinsol makes them the current ones again. No flags are
+   defined. */
+int TRVOwritebinsol(TRVOprob prob, const char* filename, const char* flags);
+int TRVOreadbinsol(TRVOprob prob, const char* filename, const char* flags);
+/* ---- tuner (tune.cpp): tries candidate settings within MAXTIME, reports the best in the log
+   and keeps it as the problem's controls. Flags: 'l' tune the LP solve, 'g' the MIP solve
+   (default: by the problem's kind). The method file lists the candidates as text. */
+int TRVOtune(TRVOprob prob, const char* flags);
+int TRVOtunerwritemethod(TRVOprob prob, const char* methodfile);
+int TRVOtunerreadmethod(TRVOprob prob, const char* methodfile);
+/* ---- message statuses: status 0 suppresses messages of that number, 1 shows them */
+int TRVOgetmessagestatus(TRVOprob prob, int errcode, int* status);
+int TRVOsetmessagestatus(TRVOprob prob, int errcode, int status);
+/* Writes the controls that differ from their defaults to the log (message TRVO_MSG_CONTROLS). */
+int TRVOdumpcontrols(TRVOprob prob);
 
 #ifdef __cplusplus
 }

@@ -458,6 +458,14 @@ int TSLPsetcbmsjobstart(TSLPprob prob, TSLPcbmsjob f, void* context);
 int TSLPsetcbmsjobend(TSLPprob prob, TSLPcbmsjob f, void* context);
 int TSLPsetcbmswinner(TSLPprob prob, TSLPcbmswinner f, void* context);
 
+/* ---- whole-problem files: the optimiser problem the nonlinear problem is bound to and the
+   nonlinear data (formulas, SLP variables, tolerance sets, row data, controls, solution) in one
+   file, as TRVOsave/TRVOsaveas/TRVOrestore describe. A problem with user functions or multistart
+   jobs (which hold program objects) cannot be saved. */
+int TSLPsave(TSLPprob prob);
+int TSLPsaveas(TSLPprob prob, const char* filename);
+int TSLPrestore(TSLPprob prob, const char* probname, const char* flags);
+
 #ifdef __cplusplus
 }
 #endif

@@ -65,6 +65,7 @@ const Entry kCatalogue[] = {
     {TRVO_MIPRELSTOP, "MIPRELSTOP", kDbl | kControl, 1e-4},
     {TRVO_MIPABSSTOP, "MIPABSSTOP", kDbl | kControl, 1e-6},
     {TRVO_MIPABSCUTOFF, "MIPABSCUTOFF", kDbl | kControl, 1e40},
+    {TRVO_HEUREFFORT, "HEUREFFORT", kDbl | kControl, 0.05},
     // integer controls
     {TRVO_OUTPUTLOG, "OUTPUTLOG", kInt | kControl, 1},
     {TRVO_PRESOLVE, "PRESOLVE", kInt | kControl, 1},
@@ -79,6 +80,8 @@ const Entry kCatalogue[] = {
     {TRVO_SCALING, "SCALING", kInt | kControl, 1},
     {TRVO_KEEPBASIS, "KEEPBASIS", kInt | kControl, 1},
     {TRVO_TREESEARCH, "TREESEARCH", kInt | kControl, 0},
+    {TRVO_SYMMETRY, "SYMMETRY", kInt | kControl, 1},
+    {TRVO_MIPRESTART, "MIPRESTART", kInt | kControl, 1},
 };
 constexpr size_t kCount = sizeof kCatalogue / sizeof kCatalogue[0];
 
@@ -196,6 +199,9 @@ void set_int(TRVOprob p, int id, int64_t v) {
         case TRVO_DEFAULTALG:
             if (v < 1 || v > 4) fail("DEFAULTALG must be 1 (automatic), 2 (dual), 3 (primal) or 4 (barrier)");
             break;
+        case TRVO_SYMMETRY: case TRVO_MIPRESTART:
+            if (v < 0 || v > 1) fail("Control value %lld out of range (0 or 1)", static_cast<long long>(v));
+            break;
         case TRVO_TREESEARCH:
             if (v < 0 || v > 2)
                 fail("TREESEARCH must be 0 (automatic), 1 (always the tree search) or 2 (never)");
@@ -217,6 +223,9 @@ void set_dbl(TRVOprob p, int id, double v) {
             break;
         case TRVO_MIPRELSTOP: case TRVO_MIPABSSTOP:
             if (v < 0) fail("Gap must not be negative");
+            break;
+        case TRVO_HEUREFFORT:
+            if (v < 0 || v > 1) fail("HEUREFFORT must lie between 0 and 1");
             break;
     }
     p->controls.dbls[id] = v;

@@ -177,8 +177,9 @@ void check_range(int first, int last, int n, const char* what) {
         fail("Invalid range of %s: %d to %d (there are %d)", what, first, last, n);
 }
 
-void emit_message(TRVOprob p, const char* msg, int msgtype) {
+void emit_message(TRVOprob p, const char* msg, int msgtype, int number) {
     if (ctl_int(p, TRVO_OUTPUTLOG) == 0 && msgtype < 3) return;
+    if (number > 0 && !message_shown(p, number)) return;
     int len = msg ? static_cast<int>(std::strlen(msg)) : 0;
     if (msg && !p->logfile.empty()) {
         if (FILE* f = std::fopen(p->logfile.c_str(), "a")) {
@@ -188,7 +189,7 @@ void emit_message(TRVOprob p, const char* msg, int msgtype) {
     }
     auto cbs = p->msgcbs;  // a callback may remove itself
     for (const auto& cb : cbs) cb.f(p, cb.context, msg, len, msgtype);
-    send_global_message(p, msg, msgtype, 0);
+    send_global_message(p, msg, msgtype, number);
 }
 
 void results_resize(TRVOprob p) {

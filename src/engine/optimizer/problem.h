@@ -139,6 +139,13 @@ double objective_at(TRVOprob p, const double* x);
 double activity_at(TRVOprob p, int row, const double* x);
 void slacks_at(TRVOprob p, const double* x, double* slack);
 
+// One combination of control values the tuner tries: for LPs (kind 1), MIPs (kind 2) or both
+// (kind 0); each setting is a control id and its value (integer controls hold whole numbers).
+struct TunerCandidate {
+    int kind = 0;
+    std::vector<std::pair<int, double>> settings;
+};
+
 }  // namespace trvo
 
 struct trvo_problem_s {
@@ -183,6 +190,11 @@ struct trvo_problem_s {
     // Infeasible subsystems found by the IIS functions.
     std::vector<trvo::Iis> iis;
     std::string logfile;
+    // Message numbers and whether their messages reach the log (0: suppressed); numbers not
+    // listed are shown (TRVOsetmessagestatus).
+    std::map<int, int> message_status;
+    // The candidates TRVOtune tries (TRVOtunerreadmethod); empty: the built-in set.
+    std::vector<trvo::TunerCandidate> tuner_method;
 
     // Solving.
     std::atomic<int> stop_request{0};     // a stop reason set by TRVOinterrupt, 0 none
@@ -220,8 +232,11 @@ void controls_set_defaults(TRVOprob p);
 // Number of columns whose type is not 'C' (counted again only after a change of types).
 int64_t mip_entities(TRVOprob p);
 
-// Sends a message through the problem's callbacks (when OUTPUTLOG allows it).
-void emit_message(TRVOprob p, const char* msg, int msgtype);
+// Sends a message through the problem's callbacks (when OUTPUTLOG allows it and its message
+// number, when it has one, is not suppressed with TRVOsetmessagestatus).
+void emit_message(TRVOprob p, const char* msg, int msgtype, int number = 0);
+// Whether messages of this number reach the log (engine/optimizer/messages.cpp).
+bool message_shown(TRVOprob p, int number);
 
 // Sizes the result vectors to the problem; results whose dimensions no longer fit are
 // zeroed and marked unavailable. Called where results are about to be written (O(size)).

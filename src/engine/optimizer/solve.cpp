@@ -39,7 +39,7 @@ struct SolveContext {
 
 void flush_line(SolveContext& ctx, int type) {
     if (ctx.pending.empty()) return;
-    emit_message(ctx.prob, ctx.pending.c_str(), type);
+    emit_message(ctx.prob, ctx.pending.c_str(), type, TRVO_MSG_SOLVER_LOG);
     ctx.pending.clear();
 }
 
@@ -106,6 +106,9 @@ void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, 
     Highs_setIntOptionValue(h, "random_seed", static_cast<HighsInt>(ctl_int(p, TRVO_RANDOMSEED)));
     Highs_setIntOptionValue(h, "simplex_scale_strategy", ctl_int(p, TRVO_SCALING) ? 1 : 0);
     Highs_setStringOptionValue(h, "run_crossover", ctl_int(p, TRVO_CROSSOVER) ? "on" : "off");
+    check(Highs_setDoubleOptionValue(h, "mip_heuristic_effort", ctl_dbl(p, TRVO_HEUREFFORT)), "set its options");
+    check(Highs_setBoolOptionValue(h, "mip_detect_symmetry", ctl_int(p, TRVO_SYMMETRY) != 0), "set its options");
+    check(Highs_setBoolOptionValue(h, "mip_allow_restart", ctl_int(p, TRVO_MIPRESTART) != 0), "set its options");
     double cutoff = ctl_dbl(p, TRVO_MIPABSCUTOFF);
     bool has_cutoff = mip && std::fabs(cutoff) < 1e39;
     // The model is always a minimisation: a maximisation cutoff is negated with it.
@@ -282,7 +285,7 @@ void record_nonconvex(TRVOprob p, bool mip, const std::string& why) {
     r.solvestatus = TRVO_SOLVESTATUS_FAILED;
     r.have_lp = r.have_mip = r.have_duals = false;
     emit_message(p, (why + ": the problem is nonconvex and cannot be solved by the LP/MIP "
-                             "optimiser").c_str(), 4);
+                             "optimiser").c_str(), 4, TRVO_MSG_NONCONVEX);
     fail("%s: the problem is nonconvex and cannot be solved by the LP/MIP optimiser",
          why.c_str());
 }
@@ -494,7 +497,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         if (mip) r.mipstatus = TRVO_MIP_NO_SOL_FOUND;
         r.lpstatus = TRVO_LP_UNFINISHED;
         r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-        emit_message(p, "The optimiser did not stop when asked: its run was abandoned", 3);
+        emit_message(p, "The optimiser did not stop when asked: its run was abandoned", 3, TRVO_MSG_ABANDONED);
         p->stop_request.store(0);
         return;
     }

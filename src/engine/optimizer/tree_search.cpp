@@ -201,7 +201,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     s.lpiterlimit = ctl_int(p, TRVO_LPITERLIMIT);
     s.threads = scope.used;
     s.stop = &p->stop_request;
-    if (ctl_int(p, TRVO_OUTPUTLOG) != 0) s.log = [p](const std::string& line) { emit_message(p, line.c_str(), 1); };
+    if (ctl_int(p, TRVO_OUTPUTLOG) != 0) s.log = [p](const std::string& line) { emit_message(p, line.c_str(), 1, TRVO_MSG_SEARCH_LOG); };
     if (mip) {
         for (const auto& e : p->mip_start)
             if (e.first < n) s.start.push_back(e);
@@ -227,7 +227,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
                                                                               : TRVO_SOLVESTATUS_COMPLETED;
     if (!o.exact)
         emit_message(p, "The tree search could not meet the feasibility tolerance on the quadratic rows at "
-                        "some nodes: the solution is not proven optimal", 3);
+                        "some nodes: the solution is not proven optimal", 3, TRVO_MSG_QROW_ACCURACY);
     if (!mip) {
         switch (o.status) {
             case search::Status::Optimal: r.lpstatus = TRVO_LP_OPTIMAL; break;
