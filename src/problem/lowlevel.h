@@ -89,6 +89,7 @@ const PyMethodDef* load_methods();
 const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
+const PyMethodDef* directives_methods();
 
 }  // namespace ll
 

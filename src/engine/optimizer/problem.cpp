@@ -243,6 +243,7 @@ void store_clear(TRVOprob p) {
     p->mip_start.clear();
     p->start_rbasis.clear();
     p->start_cbasis.clear();
+    p->branching.reset();
     results_resize(p);
 }
 

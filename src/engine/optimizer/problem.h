@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,8 @@
 #include <vector>
 
 namespace trvo {
+
+struct BranchingStore;  // directives and stored branching objects (branching.h)
 
 // A failure inside the engine; caught at the C boundary and recorded as the last error.
 struct Error : std::runtime_error {
@@ -164,6 +167,8 @@ struct trvo_problem_s {
     // Infeasible subsystems found by the IIS functions.
     std::vector<trvo::Iis> iis;
     std::string logfile;
+    // Branching directives and stored branching objects, created on first use.
+    std::shared_ptr<trvo::BranchingStore> branching;
 
     // Solving.
     std::atomic<int> stop_request{0};     // a stop reason set by TRVOinterrupt, 0 none
@@ -226,6 +231,8 @@ std::vector<char> marks(int n, int count, const int* index, const char* what);
 void delete_rows(TRVOprob p, const std::vector<char>& drop);
 bool delete_last_rows(TRVOprob p, int count, const int* index);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
+// Directives follow their columns (newidx: new index of each old column, -1 deleted; directives.cpp).
+void branching_delete_cols(TRVOprob p, const std::vector<int>& newidx);
 void set_coef(TRVOprob p, int i, int j, double v);
 
 // Values at a given point x (user's columns).

@@ -278,6 +278,7 @@ int Relaxation::add_cuts(const double* x) {
         else lo = (q.lo + xqx) / scale;
         check(Highs_addRow(h_, lo, up, static_cast<HighsInt>(idx.size()), idx.data(), val.data()),
               "add a cut");
+        extra_rows_.push_back(static_cast<int>(cut_row_.size()));
         cut_row_.push_back(static_cast<int>(k));
         cut_scale_.push_back(1.0 / scale);
         cuts_.push_back({std::move(idx), std::move(val), lo, up});
@@ -342,8 +343,10 @@ bool Relaxation::duals(std::vector<double>& row_dual, std::vector<double>& col_d
     row_dual.assign(rd.begin(), rd.begin() + nrow_);
     // A cut is the row's linearisation divided by its largest gradient entry s: its dual stands
     // for dual / s of the row's linearisation, hence of the row itself near the solution.
-    for (size_t c = 0; c < cut_row_.size(); ++c) {
-        const double d = rd[static_cast<size_t>(nrow_) + c];
+    for (size_t e = 0; e < extra_rows_.size(); ++e) {
+        if (extra_rows_[e] < 0) continue;  // a branching row
+        const size_t c = static_cast<size_t>(extra_rows_[e]);
+        const double d = rd[static_cast<size_t>(nrow_) + e];
         if (d == 0.0) continue;
         const QuadRow& q = model_.qrows[static_cast<size_t>(cut_row_[c])];
         row_dual[static_cast<size_t>(q.row)] += d * cut_scale_[c];

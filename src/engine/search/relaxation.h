@@ -28,6 +28,9 @@ public:
     // Sets the columns' bounds (model columns, the root bounds tightened by the node).
     void set_bounds(const std::vector<double>& lo, const std::vector<double>& up);
     void set_col_bounds(int j, double lo, double up);
+    // Makes the instance hold exactly these branching rows (those of the node to solve): rows of
+    // nodes left are deleted, new ones added (node_rows.cpp).
+    void set_node_rows(const std::vector<std::shared_ptr<const BranchRow>>& rows);
     const std::vector<double>& lower() const { return lo_; }
     const std::vector<double>& upper() const { return up_; }
     // Solves the relaxation, adding cuts until the quadratic rows hold or max_rounds cut rounds
@@ -76,6 +79,9 @@ private:
     std::vector<double> set_lo_, set_up_;    // bounds in the instance
     double box_ = 0;  // artificial bound on infinite column bounds while > 0
     std::vector<int> cut_row_;               // quadratic row index of each cut
+    // Instance rows after the model's, in order: a cut's number (>= 0) or -1 for a branching row.
+    std::vector<int> extra_rows_;
+    std::vector<std::shared_ptr<const BranchRow>> node_rows_;  // branching rows held, in order
     std::vector<double> cut_scale_;          // 1 / the factor each cut was divided by
     std::vector<Cut> cuts_;
     std::vector<double> x_;
