@@ -202,3 +202,11 @@ def test_chgbranchobject_sees_the_proposed_column_and_may_edit_it():
     (counts, types, cols, vals), = proposals
     assert counts == [1, 1] and cols[0] in ("x1", "x2")
     assert set(types) <= {"U", "L"}
+
+
+def test_an_object_that_leaves_the_node_unchanged_is_refused():
+    # At a node where x1 is already 0, the branch x1 <= 0 would repeat the node without end.
+    p, x1, x2 = pair_problem()
+    p.addcbchgbranchobject(lambda prob, data, bo: tv.branchobj(prob, [x1 <= 0, x1 >= 1]))
+    with pytest.raises(tv.SolverError, match="does not change the node"):
+        p.solve()

@@ -164,10 +164,18 @@ void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::Nod
         // A branch whose bounds leave nothing of the node has no child.
         if (empty) continue;
         std::vector<search::Branch::Bound> changes;
+        bool tighter = !br.rows.empty();
         for (const auto& kv : bounds) {
             if (kv.first >= ncol) continue;
+            const size_t s = static_cast<size_t>(kv.first);
+            if ((v.lower && kv.second.first > v.lower[s]) || (v.upper && kv.second.second < v.upper[s])) tighter = true;
             changes.push_back({kv.first, kv.second.first, kv.second.second});
         }
+        // A child equal to its node would be branched on in the same way without end.
+        if (!tighter)
+            fail("Branch %d of branching object %d does not change the node it branches: its bounds are the "
+                 "node's already",
+                 static_cast<int>(c), bo->id);
         std::vector<search::BranchRow> rows;
         for (const auto& r : br.rows) {
             search::BranchRow row;
