@@ -210,3 +210,50 @@ def test_an_object_that_leaves_the_node_unchanged_is_refused():
     p.addcbchgbranchobject(lambda prob, data, bo: tv.branchobj(prob, [x1 <= 0, x1 >= 1]))
     with pytest.raises(tv.SolverError, match="does not change the node"):
         p.solve()
+
+
+def test_proposals_on_reformulation_columns_can_be_kept():
+    # SOS1 sets reach the search as extra binary columns the user never sees; a proposal that
+    # branches on one must still go back to the search intact.
+    xs = [tv.var(ub=4, name="s%d" % i) for i in range(4)]
+    k = tv.var(vartype=tv.integer, ub=5, name="k")
+    p = tv.problem(xs, k, tv.sos(xs, [1, 2, 3, 4], type=1), tv.Sum(xs) + k <= 6.5, 2 * k <= 7,
+                   tv.Sum((i + 1) * x for i, x in enumerate(xs)) + k, sense=tv.maximize)
+    p.controls.miprelstop = 0
+    ref = tv.problem(xs, k, tv.sos(xs, [1, 2, 3, 4], type=1), tv.Sum(xs) + k <= 6.5, 2 * k <= 7,
+                     tv.Sum((i + 1) * x for i, x in enumerate(xs)) + k, sense=tv.maximize)
+    ref.controls.miprelstop = 0
+    ref.solve()
+    seen = []
+
+    def keep(prob, data, bo):
+        seen.append(bo.getbranches())
+        return bo
+
+    p.addcbchgbranchobject(keep)
+    p.solve()
+    assert seen and p.getProbStatusString() == "mip_optimal"
+    assert p.getObjVal() == pytest.approx(ref.getObjVal())
+
+
+def test_an_object_stored_at_a_node_that_is_not_branched_is_not_used_elsewhere():
+    # Stored at every node whose relaxation is integral (so never branched on): the search must
+    # carry on with its own decisions and still reach the optimum.
+    x = tv.var(vartype=tv.integer, ub=10, name="x")
+    y = tv.var(vartype=tv.integer, ub=10, name="y")
+    p = tv.problem(x, y, 2 * x + 2 * y <= 7, 2 * x + y, sense=tv.maximize)
+    p.controls.miprelstop = 0
+    created = []
+    p.addcbnewnode(lambda prob, data, parent, node, branch: created.append((parent, node, branch)))
+
+    def optnode(prob, data):
+        xs = []
+        prob.getlpsol(xs, None, None, None)
+        if all(abs(v - round(v)) < 1e-9 for v in xs):
+            tv.branchobj(prob, [[x <= 0, y <= 0], [x >= 10], [x == 5]]).store()
+        return 0
+
+    p.addcboptnode(optnode)
+    p.solve()
+    assert p.getObjVal() == pytest.approx(6)
+    assert created and all(branch in (0, 1) for _, _, branch in created)  # never the 3-way object

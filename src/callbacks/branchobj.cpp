@@ -475,8 +475,9 @@ PyMethodDef branchobj_methods[] = {
      DOC("getid($self, /)", "Returns the object's identifier, or None once it has been stored.")},
     {"store", reinterpret_cast<PyCFunction>(m_store), METH_NOARGS,
      DOC("store($self, /)",
-         "Validate the object and hand it to the optimiser, which uses it at the next node the tree search "
-         "branches on. The object is then empty here. Returns its identifier.")},
+         "Validate the object and hand it to the optimiser. Stored from a node callback, it splits that node "
+         "when the tree search branches on it; stored before a solve, the first node branched on. The object "
+         "is then empty here. Returns its identifier.")},
     {"validate", reinterpret_cast<PyCFunction>(m_validate), METH_NOARGS,
      DOC("validate($self, /)",
          "Check the object against its problem. Returns 0 when valid; 1 no branches, 2 a column outside the "

@@ -493,7 +493,9 @@ int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, double* value);
    coefficients in the problem's columns). Its priority orders stored objects (lower first);
    its preferred branch is the child explored first. An object returned to a chgbranchobject
    callback, or stored with TRVO_bo_store, replaces the search's own choice at the next node
-   it branches on. Objects belong to the caller until stored (the library then owns them). */
+   it branches on. Objects belong to the caller until stored (the library then owns them).
+   isoriginal says whether columns are the original problem's; the tree search works on the
+   original columns, so presolved and original columns coincide. */
 typedef struct trvo_bo_s* TRVObranchobject;
 int TRVO_bo_create(TRVObranchobject* bo, TRVOprob prob, int isoriginal);
 int TRVO_bo_destroy(TRVObranchobject bo);
@@ -509,14 +511,16 @@ int TRVO_bo_getbounds(TRVObranchobject bo, int ibranch, int* nbounds, int nbound
                       char* bndtype, int* bndcol, double* bndval);
 int TRVO_bo_addrows(TRVObranchobject bo, int ibranch, int nrows, int nelems, const char* rtype,
                     const double* rhs, const int* rbeg, const int* mcol, const double* dval);
-/* rbeg receives nrows + 1 starts (when nrows_size allows); entries beyond the sizes are left. */
+/* rbeg receives the start of each row (nrows entries, as far as nrows_size allows); elements
+   beyond nelems_size are not written. */
 int TRVO_bo_getrows(TRVObranchobject bo, int ibranch, int* nrows, int nrows_size, int* nelems,
                     int nelems_size, char* rtype, double* rrhs, int* rbeg, int* mcol, double* dval);
 /* Cut-pool cuts as branch content: refused until the cut pool can take part in branching. */
 int TRVO_bo_addcuts(TRVObranchobject bo, int ibranch, int ncuts, void* const* cutind);
 int TRVO_bo_getid(TRVObranchobject bo, int* id);
-/* Validates, hands the object to the library (queued for the next branching of the search of
-   its problem) and gives its identifier. */
+/* Validates, hands the object to the library and gives its identifier. Stored during a tree
+   search (from a node callback), the object is used if that node is branched on; stored before
+   a solve, at the first node branched on. Objects not used are dropped when the search ends. */
 int TRVO_bo_store(TRVObranchobject bo, int* id);
 /* *status: 0 valid; 1 no branches; 2 a column outside the problem; 3 a bound type other than
    'L', 'U', 'B' or a bound that is not finite; 4 a row type other than 'L', 'G', 'E', or a

@@ -15,6 +15,9 @@ struct trvo_bo_s {
     int id;
     int priority = 0;    // among stored objects, lower is used first
     int preferred = -1;  // the branch explored first, -1 none
+    int64_t node = 0;    // the search's node at which it was stored (0: before the solve)
+    int extra_cols = 0;  // columns beyond the problem's that a proposal of the search may name
+                         // (columns of the reformulation sent to the search, hidden from the user)
     struct Bound {
         char type;  // 'L', 'U', 'B'
         int col;
@@ -49,6 +52,7 @@ struct BranchingStore {
     std::map<int, Directive> dirs;          // by column
     std::vector<TRVObranchobject> stored;   // owned, in the order stored
     int next_id = 1;
+    int64_t node = 0;  // the node the search is processing (0 outside a search)
     BranchingStore() = default;
     BranchingStore(const BranchingStore&) = delete;
     BranchingStore& operator=(const BranchingStore&) = delete;
@@ -69,7 +73,10 @@ TRVObranchobject branchobject_from_branch(TRVOprob p, const search::Branch& b, c
 // be carried out at this node of this problem.
 void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::NodeView& v, int ncol,
                               search::Branch& out);
-// Replaces b with the stored object of best priority, if any (it is then consumed).
+// Marks the node being processed: objects stored now belong to it.
+void branching_node(TRVOprob p, int64_t node);
+// Replaces b with the stored object of best priority among those stored at this node (or before
+// the solve), if any; it is then consumed.
 void take_stored_branch(TRVOprob p, const search::NodeView& v, int ncol, search::Branch& b);
 // Drops stored objects left at the end of a search.
 void drop_stored_branchobjects(TRVOprob p);

@@ -49,9 +49,9 @@ TRVOprob live_problem(TRVObranchobject bo) {
     return bo->prob;
 }
 
-void check_column(TRVOprob p, int col) {
-    if (col < 0 || col >= p->ncols())
-        fail("Column %d in branching object out of range (0 to %d)", col, p->ncols() - 1);
+void check_column(TRVObranchobject bo, TRVOprob p, int col) {
+    const int n = p->ncols() + bo->extra_cols;
+    if (col < 0 || col >= n) fail("Column %d in branching object out of range (0 to %d)", col, n - 1);
 }
 
 // The validation status (see TRVO_bo_validate) and its reason.
@@ -61,7 +61,7 @@ int check(TRVObranchobject bo, std::string* why) {
         return code;
     };
     if (!valid_problem(bo->prob)) return say(7, "the problem of the branching object no longer exists");
-    const int n = bo->prob->ncols();
+    const int n = bo->prob->ncols() + bo->extra_cols;
     if (bo->branches.empty()) return say(1, "it has no branches");
     for (size_t b = 0; b < bo->branches.size(); ++b) {
         const auto& br = bo->branches[b];
@@ -110,6 +110,7 @@ void drop_stored_branchobjects(TRVOprob p) {
     if (!p->branching) return;
     for (TRVObranchobject bo : p->branching->stored) TRVO_bo_destroy(bo);
     p->branching->stored.clear();
+    p->branching->node = 0;
 }
 
 TRVObranchobject branchobject_from_branch(TRVOprob p, const search::Branch& b, const search::NodeView& v) {
@@ -118,7 +119,8 @@ TRVObranchobject branchobject_from_branch(TRVOprob p, const search::Branch& b, c
     for (size_t c = 0; c < b.children.size(); ++c) {
         trvo_bo_s::Branch out;
         for (const auto& x : b.children[c]) {
-            if (x.col >= n) continue;  // a column of the reformulation, which the user does not see
+            // A column of the reformulation (beyond the user's) stays addressable in this object.
+            if (x.col >= n) bo->extra_cols = std::max(bo->extra_cols, x.col + 1 - n);
             const size_t s = static_cast<size_t>(x.col);
             if (!v.lower || x.lo > v.lower[s]) out.bounds.push_back({'L', x.col, x.lo});
             if (!v.upper || x.up < v.upper[s]) out.bounds.push_back({'U', x.col, x.up});
@@ -193,12 +195,20 @@ void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::Nod
     out = std::move(b);
 }
 
+void branching_node(TRVOprob p, int64_t node) {
+    branching_store(p).node = node;
+}
+
 void take_stored_branch(TRVOprob p, const search::NodeView& v, int ncol, search::Branch& b) {
     if (!has_stored_branchobjects(p)) return;
     auto& stored = p->branching->stored;
-    size_t best = 0;
-    for (size_t k = 1; k < stored.size(); ++k)
-        if (stored[k]->priority < stored[best]->priority) best = k;
+    // An object stored at a node that ended without branching does not apply elsewhere.
+    size_t best = stored.size();
+    for (size_t k = 0; k < stored.size(); ++k) {
+        if (stored[k]->node != 0 && stored[k]->node != v.node) continue;
+        if (best == stored.size() || stored[k]->priority < stored[best]->priority) best = k;
+    }
+    if (best == stored.size()) return;
     BoPtr bo(stored[best]);
     stored.erase(stored.begin() + static_cast<long>(best));
     branch_from_branchobject(p, bo.get(), v, ncol, b);
@@ -268,7 +278,7 @@ int TRVO_bo_addbounds(TRVObranchobject bo, int ibranch, int nbounds, const char*
             const char t = bndtype[k];
             if (t != 'L' && t != 'U' && t != 'B')
                 fail("Invalid bound type '%c' in branching object: use 'L', 'U' or 'B'", t);
-            check_column(p, bndcol[k]);
+            check_column(bo, p, bndcol[k]);
             if (!std::isfinite(bndval[k]) || std::fabs(bndval[k]) >= kInf)
                 fail("Bound %d of the branch is not finite", k);
         }
@@ -311,7 +321,7 @@ int TRVO_bo_addrows(TRVObranchobject bo, int ibranch, int nrows, int nelems, con
                 fail("Row starts of the branch must be increasing and within the %d elements", nelems);
         }
         for (int k = 0; k < nelems; ++k) {
-            check_column(p, mcol[k]);
+            check_column(bo, p, mcol[k]);
             if (!std::isfinite(dval[k])) fail("Coefficient %d of the branch's rows is not finite", k);
         }
         for (int i = 0; i < nrows; ++i) {
@@ -387,6 +397,7 @@ int TRVO_bo_store(TRVObranchobject bo, int* id) {
         if (check(bo, &why) != 0) fail("Cannot store an invalid branching object: %s", why.c_str());
         BranchingStore& s = branching_store(bo->prob);
         s.stored.reserve(s.stored.size() + 1);
+        bo->node = s.node;
         s.stored.push_back(bo);
         if (id) *id = bo->id;
     });

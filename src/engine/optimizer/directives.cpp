@@ -88,6 +88,11 @@ void branching_delete_cols(TRVOprob p, const std::vector<int>& newidx) {
     p->branching->dirs.swap(moved);
 }
 
+void branching_copy(TRVOprob dest, TRVOprob src) {
+    dest->branching.reset();
+    if (has_directives(src)) branching_store(dest).dirs = src->branching->dirs;
+}
+
 void search_directives(TRVOprob p, int ncol, search::Directives& out) {
     out = search::Directives();
     if (!has_directives(p)) return;

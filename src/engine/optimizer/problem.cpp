@@ -290,6 +290,7 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->matrix = src->matrix; dest->nnz = src->nnz;
         dest->qobj = src->qobj; dest->qrows = src->qrows; dest->sets = src->sets;
         dest->indicators = src->indicators;
+        branching_copy(dest, src);
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;
         dest->controls = src->controls;

@@ -233,6 +233,8 @@ bool delete_last_rows(TRVOprob p, int count, const int* index);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
 // Directives follow their columns (newidx: new index of each old column, -1 deleted; directives.cpp).
 void branching_delete_cols(TRVOprob p, const std::vector<int>& newidx);
+// A problem copy takes the directives (not the stored branching objects, which belong to src).
+void branching_copy(TRVOprob dest, TRVOprob src);
 void set_coef(TRVOprob p, int i, int j, double v);
 
 // Values at a given point x (user's columns).

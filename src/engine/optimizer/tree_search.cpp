@@ -130,7 +130,7 @@ search::Hooks node_hooks(TRVOprob p) {
                 TRVObranchobject bo;
                 ~Drop() { TRVO_bo_destroy(bo); }
             } drop{chosen};
-            branch_from_branchobject(p, chosen, v, p->ncols(), b);
+            branch_from_branchobject(p, chosen, v, p->ncols() + chosen->extra_cols, b);
         };
     if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p, stopping] {
         if (!stopping()) fire_mipthread(p, p);
@@ -221,6 +221,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     if (mip) {
         const int ncol = model.lp.ncol;
         all.userbranch = [p, ncol](const search::NodeView& v, search::Branch& b) { take_stored_branch(p, v, ncol, b); };
+        all.nodestart = [p](const search::NodeView& v) { branching_node(p, v.node); };
     }
     struct DropStored {
         TRVOprob p;

@@ -110,6 +110,8 @@ struct Hooks {
     // Branching objects the user has stored replace the decision first (not a node hook: it
     // only acts when objects are stored).
     std::function<void(const NodeView&, Branch&)> userbranch;
+    // A node about to be processed (after the limits are checked; not a node hook either).
+    std::function<void(const NodeView&)> nodestart;
     // The single worker starting and ending.
     std::function<void()> mipthread, destroymt;
 

@@ -500,6 +500,7 @@ Outcome Search::run() {
             break;
         }
         ++nodes_;
+        if (hooks_.nodestart) hooks_.nodestart(view);
         node_bound_ = node->bound;
         node_bounds(*node, lo, up);
         view.lower = lo.data();
