@@ -265,7 +265,19 @@ int branchobj_init(PyObject* self, PyObject* args, PyObject* kw) {
     return 0;
 }
 
+// The problem reference can close a cycle (a branching object kept in a callback's data, say).
+int branchobj_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(as_bo(self)->problem);
+    return 0;
+}
+
+int branchobj_clear(PyObject* self) {
+    Py_CLEAR(as_bo(self)->problem);
+    return 0;
+}
+
 void branchobj_dealloc(PyObject* self) {
+    PyObject_GC_UnTrack(self);
     BranchObject* b = as_bo(self);
     if (b->handle) TRVO_bo_destroy(b->handle);
     b->handle = nullptr;
@@ -493,7 +505,9 @@ PyTypeObject BranchObjType = [] {
     PyTypeObject t = {PyVarObject_HEAD_INIT(nullptr, 0)};
     t.tp_name = "tarvo.branchobj";
     t.tp_basicsize = sizeof(BranchObject);
-    t.tp_flags = Py_TPFLAGS_DEFAULT;
+    t.tp_flags = Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC;
+    t.tp_traverse = branchobj_traverse;
+    t.tp_clear = branchobj_clear;
     t.tp_doc = "branchobj(prob, branches=None, isoriginal=True)\n--\n\nA branching object: how a node of the tree "
                "search is split into branches. branches is a list whose items (one per branch) are a constraint "
                "or a list of constraints: one-variable constraints become bound changes, others rows.";
