@@ -257,3 +257,16 @@ def test_an_object_stored_at_a_node_that_is_not_branched_is_not_used_elsewhere()
     p.solve()
     assert p.getObjVal() == pytest.approx(6)
     assert created and all(branch in (0, 1) for _, _, branch in created)  # never the 3-way object
+
+
+def test_chgbranchobject_returning_none_stops_with_its_message(capfd):
+    p, x1, x2 = pair_problem()
+    created = []
+    p.addcbnewnode(lambda prob, data, parent, node, branch: created.append((parent, node, branch)))
+    p.addcbchgbranchobject(lambda prob, data, bo: None)
+    p.solve()
+    err = capfd.readouterr().err
+    assert "returned object from chgbranchobject() should be a branching object\n" in err
+    assert p.getProbStatusString() != "mip_optimal"
+    assert p.attributes.stopstatus == 9  # stopped by the user side
+    assert p.attributes.nodes == 1 and created == []  # no child was made after the refusal
