@@ -152,7 +152,8 @@ def _public_callables():
     # methods, bound to an instance so that they can be called
     x = tarvo.var()
     instances = {"var": x, "linterm": 2 * x, "quadterm": x * x, "expression": x + 1, "nonlinear": tarvo.exp(x),
-                 "constraint": x <= 1, "sos": tarvo.sos([x], [1]), "problem": tarvo.problem()}
+                 "constraint": x <= 1, "sos": tarvo.sos([x], [1]), "problem": tarvo.problem(),
+                 "branchobj": tarvo.branchobj(tarvo.problem())}
     for tname, cls in _runtime_types().items():
         methods = [m for m in sorted(_public(cls)) if callable(inspect.getattr_static(cls, m))]
         assert not methods or tname in instances, tname

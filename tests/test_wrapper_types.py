@@ -20,7 +20,7 @@ def test_branchobj_has_handle_problem_and_flag():
 
 
 def test_branchobj_refuses_arguments_it_cannot_honour():
-    with pytest.raises(TypeError):
+    with pytest.raises(tv.ModelError, match="Incorrect creation of branching object"):
         tv.branchobj("not a problem")
 
 

@@ -395,10 +395,16 @@ void t_gapnotify(TRVOprob p, void* ctx, double* relgap, double* absgap, double* 
 }
 
 void t_chgbranchobject(TRVOprob p, void* ctx, void* bo, void** newbo) {
+    // The proposed object is ours from here on: the wrapper owns it and destroys it when it
+    // goes, unless the callback hands it back.
     Call c(ctx, p, nullptr, 2);
-    if (!c.ready()) return;
+    if (!c.ready()) {
+        TRVO_bo_destroy(static_cast<TRVObranchobject>(bo));
+        return;
+    }
     PyObject* given = branchobj_wrap(bo, c.problem(), 1);
     if (!given) {
+        TRVO_bo_destroy(static_cast<TRVObranchobject>(bo));
         c.raised("Problem in chgbranchobject() callback, stopping optimization");
         return;
     }
@@ -407,7 +413,8 @@ void t_chgbranchobject(TRVOprob p, void* ctx, void* bo, void** newbo) {
     if (!r) return;
     PyRef hold(r);
     void* chosen = nullptr;
-    if (!branchobj_take(r, &chosen)) {
+    if (!branchobj_take(r, &chosen) || !chosen) {
+        // Another object, or a branching object already stored (it no longer has a handle).
         c.refused("returned object from chgbranchobject() should be a branching object");
         return;
     }

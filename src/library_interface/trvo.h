@@ -173,7 +173,9 @@ typedef void (*TRVOcbgapnotify)(TRVOprob prob, void* context, double* relgaptarg
 /* usersolnotify: status 0 the solution was accepted as feasible, 1 it is infeasible, 2 it
    could not be completed, 3 it was not better than the incumbent. */
 typedef void (*TRVOcbusersolnotify)(TRVOprob prob, void* context, const char* solname, int status);
-/* chgbranchobject: bo is the branching object the search proposes; *newbo may receive another. */
+/* chgbranchobject: bo is the branching object (TRVObranchobject) the search proposes, which the
+   callback takes over; *newbo (null on entry) receives the object to use, which the search then
+   owns: bo itself or another. Leaving it null means the callback failed. */
 typedef void (*TRVOcbchgbranchobject)(TRVOprob prob, void* context, void* bo, void** newbo);
 
 /* ---- environment */
@@ -628,6 +630,70 @@ int TRVOgetmessagestatus(TRVOprob prob, int errcode, int* status);
 int TRVOsetmessagestatus(TRVOprob prob, int errcode, int status);
 /* Writes the controls that differ from their defaults to the log (message TRVO_MSG_CONTROLS). */
 int TRVOdumpcontrols(TRVOprob prob);
+
+/* ---- branching objects (branchobj.cpp): how a node of the tree search is split. A branching
+   object has branches numbered from 0; each branch is a set of column bound changes (type 'L'
+   lower, 'U' upper, 'B' both) and rows (type 'L', 'G' or 'E' with a right-hand side, sparse
+   coefficients in the problem's columns). Its priority orders stored objects (lower first);
+   its preferred branch is the child explored first. An object returned to a chgbranchobject
+   callback, or stored with TRVO_bo_store, replaces the search's own choice at the next node
+   it branches on. Objects belong to the caller until stored (the library then owns them).
+   isoriginal says whether columns are the original problem's; the tree search works on the
+   original columns, so presolved and original columns coincide. */
+typedef struct trvo_bo_s* TRVObranchobject;
+int TRVO_bo_create(TRVObranchobject* bo, TRVOprob prob, int isoriginal);
+int TRVO_bo_destroy(TRVObranchobject bo);
+int TRVO_bo_addbranches(TRVObranchobject bo, int nbranches);
+int TRVO_bo_getbranches(TRVObranchobject bo, int* nbranches);
+int TRVO_bo_setpriority(TRVObranchobject bo, int priority);
+int TRVO_bo_setpreferredbranch(TRVObranchobject bo, int ibranch);
+int TRVO_bo_addbounds(TRVObranchobject bo, int ibranch, int nbounds, const char* bndtype,
+                      const int* bndcol, const double* bndval);
+/* *nbounds receives the branch's count; at most nbounds_size entries are written to the
+   arrays that are not null. */
+int TRVO_bo_getbounds(TRVObranchobject bo, int ibranch, int* nbounds, int nbounds_size,
+                      char* bndtype, int* bndcol, double* bndval);
+int TRVO_bo_addrows(TRVObranchobject bo, int ibranch, int nrows, int nelems, const char* rtype,
+                    const double* rhs, const int* rbeg, const int* mcol, const double* dval);
+/* rbeg receives the start of each row (nrows entries, as far as nrows_size allows); elements
+   beyond nelems_size are not written. */
+int TRVO_bo_getrows(TRVObranchobject bo, int ibranch, int* nrows, int nrows_size, int* nelems,
+                    int nelems_size, char* rtype, double* rrhs, int* rbeg, int* mcol, double* dval);
+/* Cut-pool cuts as branch content: refused until the cut pool can take part in branching. */
+int TRVO_bo_addcuts(TRVObranchobject bo, int ibranch, int ncuts, void* const* cutind);
+int TRVO_bo_getid(TRVObranchobject bo, int* id);
+/* Validates, hands the object to the library and gives its identifier. Stored during a tree
+   search (from a node callback), the object is used if that node is branched on; stored before
+   a solve, at the first node branched on. Objects not used are dropped when the search ends. */
+int TRVO_bo_store(TRVObranchobject bo, int* id);
+/* *status: 0 valid; 1 no branches; 2 a column outside the problem; 3 a bound type other than
+   'L', 'U', 'B' or a bound that is not finite; 4 a row type other than 'L', 'G', 'E', or a
+   right-hand side or coefficient that is not finite; 5 a preferred branch outside the object;
+   6 a branch without content (it would not change the node); 7 the problem is gone. */
+int TRVO_bo_validate(TRVObranchobject bo, int* status);
+int TRVO_bo_getlasterror(TRVObranchobject bo, int* code, char* msg, int maxbytes, int* nbytes);
+
+/* ---- branching directives (directives.cpp), honoured by the engine's tree search (a MIP with
+   directives runs there instead of HiGHS's MIP). Per integer column: a priority (lower is
+   branched first; columns without one count as 500), a preferred direction qbr ('U' up child
+   first, 'D' down child first, 'N' the search's choice) and pseudocost overrides (up dupc,
+   down ddpc; a negative value keeps the search's own estimate). Load replaces all directives;
+   null arrays give the defaults (priority 500, 'N', -1). */
+#define TRVO_DIR_DEFAULT_PRIORITY 500
+int TRVOloaddirs(TRVOprob prob, int ndirs, const int* mcols, const int* mpri, const char* qbr,
+                 const double* dupc, const double* ddpc);
+/* The search runs on the original columns: presolved directives are the same directives. */
+int TRVOloadpresolvedirs(TRVOprob prob, int ndirs, const int* mcols, const int* mpri, const char* qbr,
+                         const double* dupc, const double* ddpc);
+/* Sets or updates directives of the listed columns: priority 0 (ahead of the default) and, with
+   mbranch, the direction (positive up first, negative down first, zero the search's choice). */
+int TRVOloadbranchdirs(TRVOprob prob, int ncols, const int* mcols, const int* mbranch);
+/* *ndirs receives the count; arrays that are not null receive the directives in column order. */
+int TRVOgetdirs(TRVOprob prob, int* ndirs, int* mcols, int* mpri, char* qbr, double* dupc, double* ddpc);
+/* Text file, one directive a line: column name, priority, direction, up and down pseudocost
+   ('-' for none); '#' starts a comment (format described in directives.cpp). */
+int TRVOreaddirs(TRVOprob prob, const char* filename);
+int TRVOwritedirs(TRVOprob prob, const char* filename);
 
 #ifdef __cplusplus
 }

@@ -1,5 +1,6 @@
 // Error reporting shared by every method: a failed library call becomes a Python exception
 // carrying the library's own last-error text, unless a Python exception is already pending.
+#include "module/types.h"
 #include "problem/problem.h"
 
 #include <cstring>
@@ -45,6 +46,7 @@ PyObject* report_error(PyObject* owner, PyObject* result) {
     if (PyErr_Occurred()) return nullptr;
     if (!owner) return raise_global_error();
     if (is_problem(owner)) return raise_problem_error(as_prob(owner));
+    if (PyObject_TypeCheck(owner, &BranchObjType)) return branchobj_error(owner);
     PyErr_SetString(SolverError, "Unidentified error associated with a branching object");
     return nullptr;
 }

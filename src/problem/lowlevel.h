@@ -94,6 +94,7 @@ const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
 const PyMethodDef* save_methods();
+const PyMethodDef* directives_methods();
 const PyMethodDef* gencons_methods();
 const PyMethodDef* cut_methods();           // callbacks/cuts.cpp
 const PyMethodDef* lowlevel_cut_methods();  // lowlevel_cuts.cpp

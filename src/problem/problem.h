@@ -187,5 +187,7 @@ void callback_exception_discard(const void* key);
 // its library object, which it gives up (1), or 0 when o is not a branchobj.
 PyObject* branchobj_wrap(void* handle, PyObject* problem, int isoriginal);
 int branchobj_take(PyObject* o, void** handle);
+// Raises the library's last error of a branching object as SolverError; returns null.
+PyObject* branchobj_error(PyObject* o);
 
 }  // namespace tarvo

@@ -152,10 +152,13 @@ bool fire_preintsol(TRVOprob p, int soltype, double* cutoff) {
     return reject;
 }
 void* fire_chgbranchobject(TRVOprob p, void* bo) {
+    // Each callback takes the object over and hands back the one to use (which the caller then
+    // owns), or nothing when it failed.
     for (const auto& cb : snapshot(p, CB_CHGBRANCHOBJECT)) {
-        void* chosen = bo;
+        void* chosen = nullptr;
         reinterpret_cast<TRVOcbchgbranchobject>(cb.f)(p, cb.context, bo, &chosen);
-        if (chosen) bo = chosen;
+        bo = chosen;
+        if (!bo) break;
     }
     return bo;
 }

@@ -75,7 +75,8 @@ void fire_destroymt(TRVOprob p);
 // soltype: 0 node relaxation, 1 heuristic, 2 user solution. Returns true when rejected;
 // *cutoff may be changed.
 bool fire_preintsol(TRVOprob p, int soltype, double* cutoff);
-// Returns the branching object to use: bo, or the one a callback put in its place.
+// Hands bo (a TRVObranchobject) to the callbacks in turn, each taking it over; returns the
+// object the last one handed back, which the caller then owns, or null when one failed.
 void* fire_chgbranchobject(TRVOprob p, void* bo);
 
 }  // namespace trvo

@@ -245,6 +245,7 @@ void store_clear(TRVOprob p) {
     p->mip_start.clear();
     p->start_rbasis.clear();
     p->start_cbasis.clear();
+    p->branching.reset();
     results_resize(p);
 }
 
@@ -291,6 +292,7 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->matrix = src->matrix; dest->nnz = src->nnz;
         dest->qobj = src->qobj; dest->qrows = src->qrows; dest->sets = src->sets;
         dest->indicators = src->indicators;
+        branching_copy(dest, src);
         dest->gencons = src->gencons; dest->pwlcons = src->pwlcons;
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;

@@ -18,6 +18,7 @@
 namespace trvo {
 
 struct CutPool;  // cuts.h
+struct BranchingStore;  // directives and stored branching objects (branching.h)
 
 // A failure inside the engine; caught at the C boundary and recorded as the last error.
 struct Error : std::runtime_error {
@@ -195,6 +196,8 @@ struct trvo_problem_s {
     std::map<int, int> message_status;
     // The candidates TRVOtune tries (TRVOtunerreadmethod); empty: the built-in set.
     std::vector<trvo::TunerCandidate> tuner_method;
+    // Branching directives and stored branching objects, created on first use.
+    std::shared_ptr<trvo::BranchingStore> branching;
 
     // Solving.
     std::atomic<int> stop_request{0};     // a stop reason set by TRVOinterrupt, 0 none
@@ -262,6 +265,10 @@ std::vector<char> marks(int n, int count, const int* index, const char* what);
 void delete_rows(TRVOprob p, const std::vector<char>& drop);
 bool delete_last_rows(TRVOprob p, int count, const int* index);
 void delete_cols(TRVOprob p, const std::vector<char>& drop);
+// Directives follow their columns (newidx: new index of each old column, -1 deleted; directives.cpp).
+void branching_delete_cols(TRVOprob p, const std::vector<int>& newidx);
+// A problem copy takes the directives (not the stored branching objects, which belong to src).
+void branching_copy(TRVOprob dest, TRVOprob src);
 void set_coef(TRVOprob p, int i, int j, double v);
 
 // Values at a given point x (user's columns).

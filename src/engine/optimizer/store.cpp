@@ -259,6 +259,7 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
     p->coltype.resize(no);
     p->mipents = -1;
     p->colnames.erase(drop);
+    branching_delete_cols(p, newidx);
     int64_t nnz = 0;
     for (auto& row : p->matrix) {
         size_t o = 0;

@@ -2,6 +2,7 @@
 // integers), mixed-integer convex quadratic objectives, and MIPs whose user asked for it.
 #include "engine/optimizer/tree_search.h"
 
+#include "engine/optimizer/branching.h"
 #include "engine/optimizer/callbacks.h"
 #include "engine/optimizer/cuts.h"
 #include "engine/search/cuts.h"
@@ -119,13 +120,19 @@ search::Hooks node_hooks(TRVOprob p) {
             if (!stopping()) fire_intsol(p);
         };
     if (has_callbacks(p, CB_CHGBRANCHOBJECT))
-        h.chgbranchobject = [p, stopping](const search::NodeView&, search::Branch& b) {
+        h.chgbranchobject = [p, stopping](const search::NodeView& v, search::Branch& b) {
             if (stopping()) return;
-            // The branching-object type only wraps the search's own decision so far: a callback
-            // can keep it, and anything else cannot be carried out.
-            if (fire_chgbranchobject(p, &b) != &b)
-                fail("A chgbranchobject callback returned a branching object other than the one proposed; "
-                     "the tree search can only keep its own branching decision");
+            // The search's decision goes to the callbacks as a branching object; the object they
+            // hand back (the same one, changed or not, or another) becomes the decision. None
+            // comes back when a callback failed, and the solve is then stopping.
+            TRVObranchobject chosen = static_cast<TRVObranchobject>(
+                fire_chgbranchobject(p, branchobject_from_branch(p, b, v)));
+            if (!chosen) return;
+            struct Drop {
+                TRVObranchobject bo;
+                ~Drop() { TRVO_bo_destroy(bo); }
+            } drop{chosen};
+            branch_from_branchobject(p, chosen, v, p->ncols() + chosen->extra_cols, b);
         };
     if (has_callbacks(p, CB_MIPTHREAD)) h.mipthread = [p, stopping] {
         if (!stopping()) fire_mipthread(p, p);
@@ -140,6 +147,9 @@ search::Hooks node_hooks(TRVOprob p) {
 bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hooks& hooks) {
     const int64_t mode = ctl_int(p, TRVO_TREESEARCH);
     if (mode == 2) {
+        if (mip && branching_needs_search(p))
+            fail("TREESEARCH is 2 (never), but branching directives or stored branching objects are loaded, "
+                 "which only the tree search can honour: set TREESEARCH to 0 or 1, or clear them");
         if (hooks.any_node_hook())
             fail("TREESEARCH is 2 (never), but node callbacks are registered (a %s callback), which only "
                  "the tree search can call: set TREESEARCH to 0 or 1, or remove the callbacks",
@@ -153,8 +163,8 @@ bool use_tree_search(TRVOprob p, bool mip, bool needs_search, const search::Hook
     }
     // Node callbacks need the search even on an LP or QP (whose root is then its only node).
     if (needs_search || hooks.any_node_hook()) return true;
-    // Cuts of the pool are applied by the search only.
-    if (mip && cuts_need_search(p)) return true;
+    // Cuts of the pool, directives and stored branching objects are honoured by the search only.
+    if (mip && (cuts_need_search(p) || branching_needs_search(p))) return true;
     return mip && mode == 1;
 }
 
@@ -201,6 +211,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     s.lpiterlimit = ctl_int(p, TRVO_LPITERLIMIT);
     s.threads = scope.used;
     s.stop = &p->stop_request;
+    if (mip) search_directives(p, model.lp.ncol, s.directives);
     if (ctl_int(p, TRVO_OUTPUTLOG) != 0) s.log = [p](const std::string& line) { emit_message(p, line.c_str(), 1, TRVO_MSG_SEARCH_LOG); };
     if (mip) {
         for (const auto& e : p->mip_start)
@@ -211,12 +222,21 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     // The problem's own HiGHS instance no longer holds the last solve's LP.
     p->highs_has_lp = false;
     search::NodeCuts node_cuts;
-    search::Hooks with_cuts = hooks;
-    with_cuts.cuts = &node_cuts;
+    search::Hooks all = hooks;
+    all.cuts = &node_cuts;
+    if (mip) {
+        const int ncol = model.lp.ncol;
+        all.userbranch = [p, ncol](const search::NodeView& v, search::Branch& b) { take_stored_branch(p, v, ncol, b); };
+        all.nodestart = [p](const search::NodeView& v) { branching_node(p, v.node); };
+    }
+    struct DropStored {
+        TRVOprob p;
+        ~DropStored() { drop_stored_branchobjects(p); }
+    } drop_stored{p};
     search::Outcome o;
     {
         SearchCuts connect(p, model, node_cuts);
-        o = search::run(model, s, with_cuts);
+        o = search::run(model, s, all);
     }
 
     const size_t nn = static_cast<size_t>(n), mm = static_cast<size_t>(m);

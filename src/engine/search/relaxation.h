@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <memory>
+#include <unordered_map>
+#include <unordered_set>
 
 namespace trvo {
 namespace search {
@@ -28,6 +30,9 @@ public:
     // Sets the columns' bounds (model columns, the root bounds tightened by the node).
     void set_bounds(const std::vector<double>& lo, const std::vector<double>& up);
     void set_col_bounds(int j, double lo, double up);
+    // Makes the instance hold exactly these branching rows (those of the node to solve) switched
+    // on: rows of nodes left are switched off, new ones added (node_rows.cpp).
+    void set_node_rows(const std::vector<std::shared_ptr<const BranchRow>>& rows);
     const std::vector<double>& lower() const { return lo_; }
     const std::vector<double>& upper() const { return up_; }
     // Solves the relaxation, adding cuts until the quadratic rows hold or max_rounds cut rounds
@@ -85,6 +90,12 @@ private:
     std::vector<int> cut_row_;               // quadratic row index of each cut
     std::vector<int> cut_pos_;               // instance row of each cut
     std::vector<double> rlo_, rup_;          // bounds of every instance row
+    // Branching rows (node_rows.cpp): each added once, at the position recorded here, and switched
+    // off (made free) while the node being solved does not hold it, so that rows never move and
+    // the positions of cut rows stay valid.
+    std::unordered_map<const BranchRow*, int> branch_row_pos_;
+    std::vector<std::shared_ptr<const BranchRow>> branch_rows_;  // keeps the keys above alive
+    std::unordered_set<const BranchRow*> branch_rows_on_;
     std::vector<double> cut_scale_;          // 1 / the factor each cut was divided by
     std::vector<Cut> cuts_;
     std::vector<double> x_;

@@ -54,6 +54,13 @@ struct NodeView {
     double cutoff = INFINITY;   // the current cutoff
 };
 
+// A row lo <= a'x <= up that a branch adds to its child node and the child's subtree.
+struct BranchRow {
+    std::vector<int> idx;
+    std::vector<double> val;
+    double lo = -INFINITY, up = INFINITY;
+};
+
 // A branching decision: the children, each a list of column bound changes.
 struct Branch {
     struct Bound {
@@ -63,7 +70,25 @@ struct Branch {
     std::vector<std::vector<Bound>> children;
     int col = -1;        // the column branched on (-1 when the object was replaced)
     double value = 0;    // its relaxation value
+    std::vector<std::vector<BranchRow>> rows;  // rows of each child (empty: none)
+    int preferred = -1;  // the child explored first (-1: the search's choice)
 };
+
+// Branching directives in model columns (empty vectors: none; branching.cpp).
+struct Directives {
+    std::vector<int> priority;        // lower is branched first
+    std::vector<signed char> dir;     // +1 up child first, -1 down child first, 0 no preference
+    std::vector<double> up_pc, down_pc;  // objective gain per unit; < 0: the search's estimate
+    bool empty() const { return priority.empty(); }
+};
+// Among the columns cols, the best (lowest) priority.
+int first_priority(const Directives& d, const std::vector<int>& cols);
+int priority_of(const Directives& d, int col);
+// The pseudocost to use for col in direction d (0 down, 1 up): the override, else estimate.
+double directed_pseudocost(const Directives& d, int col, int dir, double estimate);
+bool pseudocosts_given(const Directives& d, int col);
+// The child to explore first: the directive's direction when it has one, else dir.
+int preferred_direction(const Directives& d, int col, int dir);
 
 // Optional hooks, called at the moments the node-level callbacks of the optimiser describe.
 // Unset hooks cost nothing. A hook that wants to stop the search asks through the stop flag.
@@ -87,6 +112,11 @@ struct Hooks {
     std::function<void(const NodeView&, const double* x, double obj)> intsol;
     // The branching decision about to be made: may be replaced.
     std::function<void(const NodeView&, Branch&)> chgbranchobject;
+    // Branching objects the user has stored replace the decision first (not a node hook: it
+    // only acts when objects are stored).
+    std::function<void(const NodeView&, Branch&)> userbranch;
+    // A node about to be processed (after the limits are checked; not a node hook either).
+    std::function<void(const NodeView&)> nodestart;
     // The single worker starting and ending.
     std::function<void()> mipthread, destroymt;
     // The cut rows of the search, shared with the owner's cut functions (null: the search
@@ -112,6 +142,7 @@ struct Settings {
     std::atomic<int>* stop = nullptr;            // non-zero: stop with that reason
     std::function<void(const std::string&)> log;  // progress lines (null: silent)
     std::vector<std::pair<int, double>> start;   // a starting solution to try (model columns)
+    Directives directives;                       // branching priorities, directions, pseudocosts
 };
 
 enum class Status { Optimal, Infeasible, Unbounded, Stopped, Failed };

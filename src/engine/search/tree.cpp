@@ -32,6 +32,7 @@ struct Node {
     double branch_dist = 0;                // distance of the parent's value to the new bound
     int dir = 0;                           // -1 down, +1 up
     std::vector<int> cuts;                 // keys of the cut rows active here (cuts.h)
+    std::vector<std::shared_ptr<const BranchRow>> rows;  // branching rows of the node and its ancestors
 };
 using NodePtr = std::unique_ptr<Node>;
 
@@ -344,6 +345,15 @@ int Search::select_branch(const Node& n, double obj, int* dir) {
         const double f = x[static_cast<size_t>(j)] - std::floor(x[static_cast<size_t>(j)]);
         if (f > set_.miptol && f < 1 - set_.miptol) cands.push_back({j, f});
     }
+    if (!set_.directives.empty() && !cands.empty()) {
+        // Only the columns of the best priority present are candidates.
+        std::vector<int> cols;
+        for (const Cand& c : cands) cols.push_back(c.col);
+        const int top = first_priority(set_.directives, cols);
+        cands.erase(std::remove_if(cands.begin(), cands.end(),
+                                   [&](const Cand& c) { return priority_of(set_.directives, c.col) != top; }),
+                    cands.end());
+    }
     if (cands.empty()) return -1;
     // Average pseudocosts stand in for columns never branched on.
     double avg[2] = {1, 1};
@@ -362,7 +372,8 @@ int Search::select_branch(const Node& n, double obj, int* dir) {
         std::vector<size_t> order;
         for (size_t k = 0; k < cands.size(); ++k) {
             const Pseudocost& p = pc_[static_cast<size_t>(cands[k].col)];
-            if (!p.count[0] || !p.count[1]) order.push_back(k);
+            if ((!p.count[0] || !p.count[1]) && !pseudocosts_given(set_.directives, cands[k].col))
+                order.push_back(k);
         }
         std::sort(order.begin(), order.end(), [&](size_t a, size_t b) {
             return std::fabs(cands[a].f - 0.5) < std::fabs(cands[b].f - 0.5);
@@ -402,8 +413,13 @@ int Search::select_branch(const Node& n, double obj, int* dir) {
     int best_dir = 1;
     for (size_t k = 0; k < cands.size(); ++k) {
         const Pseudocost& p = pc_[static_cast<size_t>(cands[k].col)];
-        double down = std::isnan(sb_down[k]) ? p.get(0, avg[0]) * cands[k].f : sb_down[k] - obj;
-        double up = std::isnan(sb_up[k]) ? p.get(1, avg[1]) * (1 - cands[k].f) : sb_up[k] - obj;
+        const int col = cands[k].col;
+        double down = std::isnan(sb_down[k])
+                          ? directed_pseudocost(set_.directives, col, 0, p.get(0, avg[0])) * cands[k].f
+                          : sb_down[k] - obj;
+        double up = std::isnan(sb_up[k])
+                        ? directed_pseudocost(set_.directives, col, 1, p.get(1, avg[1])) * (1 - cands[k].f)
+                        : sb_up[k] - obj;
         // An infeasible child makes the column the best choice: one side is pruned at once.
         const double big = 1e30;
         down = std::isinf(down) ? big : std::max(down, 0.0);
@@ -415,7 +431,7 @@ int Search::select_branch(const Node& n, double obj, int* dir) {
             best_dir = up <= down ? 1 : -1;
         }
     }
-    *dir = best_dir;
+    *dir = preferred_direction(set_.directives, best, best_dir);
     return best;
 }
 
@@ -495,6 +511,7 @@ Outcome Search::run() {
             break;
         }
         ++nodes_;
+        if (hooks_.nodestart) hooks_.nodestart(view);
         node_bound_ = node->bound;
         node_bounds(*node, lo, up);
         view.lower = lo.data();
@@ -504,6 +521,7 @@ Outcome Search::run() {
             node_bound_ = INFINITY;
             continue;
         }
+        rel_.set_node_rows(node->rows);
         rel_.set_bounds(lo, up);
         cuts_.enter(node->cuts);
         if (node->basis) rel_.set_basis(*node->basis);
@@ -691,6 +709,7 @@ Outcome Search::run() {
             br.value = xnode[s];
             br.children = {{{col, lo[s], std::floor(xnode[s])}}, {{col, std::ceil(xnode[s]), up[s]}}};
         }
+        if (hooks_.userbranch) hooks_.userbranch(view, br);
         if (hooks_.chgbranchobject) hooks_.chgbranchobject(view, br);
         std::shared_ptr<Basis> basis = rel_.basis();
         std::vector<NodePtr> kids;
@@ -711,6 +730,9 @@ Outcome Search::run() {
                 if (!found) kid->changes.push_back(b);
             }
             kid->basis = basis;
+            kid->rows = node->rows;
+            if (c < br.rows.size())
+                for (const auto& row : br.rows[c]) kid->rows.push_back(std::make_shared<const BranchRow>(row));
             if (br.col >= 0 && br.children.size() == 2 && br.children[c].size() == 1 && br.children[c][0].col == br.col) {
                 kid->branch_col = br.col;
                 kid->dir = c == 0 ? -1 : 1;
@@ -743,6 +765,7 @@ Outcome Search::run() {
         node_bound_ = INFINITY;
         // Dive into the preferred child; the others wait in the queue.
         size_t pick = kids.size() == 2 ? (dir > 0 ? 1 : 0) : 0;
+        if (br.preferred >= 0 && static_cast<size_t>(br.preferred) < kids.size()) pick = static_cast<size_t>(br.preferred);
         for (size_t c = 0; c < kids.size(); ++c) {
             if (c == pick) {
                 kids[c]->basis.reset();  // the instance holds it already
