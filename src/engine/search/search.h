@@ -17,6 +17,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,9 +34,13 @@ struct QuadRow {
     double lo = -INFINITY, up = INFINITY;
 };
 
+class NodeSolver;  // node_solver.h
+
 struct Model {
     HighsModel lp;  // integrality marks the integer columns; q_* the convex objective Hessian
     std::vector<QuadRow> qrows;
+    // Solves the node relaxations instead of HiGHS when set (mixed-integer nonlinear problems).
+    std::shared_ptr<NodeSolver> node_solver;
 };
 
 // What a hook sees of the node being processed.
