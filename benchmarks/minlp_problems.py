@@ -145,6 +145,13 @@ class PointKit:
         return v
 
 
+def sense(name):
+    """1 for a minimisation, -1 for a maximisation."""
+    s = Structure()
+    PROBLEMS[name](s)
+    return s.sense
+
+
 def evaluate(fn, x):
     """(objective, largest violation) of the statement at x."""
     s = Structure()
@@ -222,12 +229,12 @@ def _continuous(fn, s, x, ints, conts):
         cons.append({"type": "eq", "fun": lambda y: np.array(run(y).eqs)})
     rng = random.Random(1)
     starts = [[(a + b) / 2 for a, b in bounds], [a for a, b in bounds], [b for a, b in bounds]]
-    starts += [[rng.uniform(a, b) for a, b in bounds] for _ in range(12)]
+    starts += [[rng.uniform(a, b) for a, b in bounds] for _ in range(5)]
     best, arg = math.inf, None
     for y0 in starts:
         try:
             r = minimize(lambda y: s.sense * run(y).objective, y0, method="SLSQP", bounds=bounds,
-                         constraints=cons, options={"ftol": 1e-12, "maxiter": 500})
+                         constraints=cons, options={"ftol": 1e-12, "maxiter": 200})
         except (ValueError, OverflowError, ZeroDivisionError):
             continue
         z = full(r.x)
@@ -433,3 +440,34 @@ def solved(name, result, rtol=1e-5):
     best, _ = reference(name)
     ok_point = result["violation"] <= 1e-5
     return ok_point and abs(result["checked"] - best) <= rtol * max(1.0, abs(best))
+
+
+def run_benchmark(tv, maxtime=60.0):
+    """Prints one row per problem and the shares solved; returns 0."""
+    print("%-15s %-6s %-22s %14s %14s %9s %8s" % ("problem", "convex", "status", "objective", "reference",
+                                                  "result", "time"))
+    counts = {True: [0, 0], False: [0, 0]}
+    total = 0.0
+    for name, fn in PROBLEMS.items():
+        best, _ = reference(name)
+        try:
+            r = solve(name, tv, maxtime)
+        except Exception as e:  # noqa: BLE001 - a failure is one row of the table
+            print("%-15s %-6s failed: %s" % (name, "yes" if fn.convex else "no", e))
+            counts[fn.convex][1] += 1
+            continue
+        ok = solved(name, r)
+        # A convex problem counts only when its optimum is also reported as proven.
+        if fn.convex:
+            ok = ok and r["status"] == "nlp_globally_optimal"
+        counts[fn.convex][0] += ok
+        counts[fn.convex][1] += 1
+        total += r["time"]
+        print("%-15s %-6s %-22s %14.8g %14.8g %9s %7.3fs" % (name, "yes" if fn.convex else "no", r["status"],
+                                                            r["checked"], best, "solved" if ok else "missed",
+                                                            r["time"]))
+    c, n = counts[True], counts[False]
+    print("convex: %d of %d solved to the proven optimum" % (c[0], c[1]))
+    print("nonconvex: %d of %d reached the optimum (%.0f%%)" % (n[0], n[1], 100.0 * n[0] / max(1, n[1])))
+    print("total solve time %.2fs" % total)
+    return 0

@@ -84,6 +84,7 @@ public:
         }
         x = r.sol.x;
         x.resize(n);
+        last_ = std::move(r.sol);
         objective = sense_ * r.objval;
         warm_ = x;
         (void)cutoff;
@@ -100,6 +101,18 @@ public:
     const char* name() const override { return "SLP"; }
 
     int inexact() const { return inexact_; }
+    // Makes the last node solution the problem's current solution, so that the node callbacks
+    // can read it (the problem's own columns and rows only); the run's status is unfinished
+    // until the search ends.
+    void publish() {
+        if (last_.x.empty()) return;
+        Solution s = last_;
+        const int nc = host_cols(prob_), nr = host_rows(prob_);
+        if ((int)s.x.size() > nc) s.x.resize(nc), s.dj.resize(nc), s.cols.resize(nc);
+        if ((int)s.slack.size() > nr) s.slack.resize(nr), s.dual.resize(nr), s.rows.resize(nr);
+        prob_->sol = std::move(s);
+        prob_->nlpstatus = TSLP_NLP_UNFINISHED;
+    }
     const Evaluator& evaluator() const { return E_; }
 
 private:
@@ -110,6 +123,7 @@ private:
     std::vector<double> warm_;
     int64_t iterations_ = 0;
     int inexact_ = 0;
+    Solution last_;
 };
 
 trvo::search::Model search_model(const Model& m, const Evaluator& E, double sense) {
@@ -140,6 +154,26 @@ trvo::search::Model search_model(const Model& m, const Evaluator& E, double sens
         }
     }
     return sm;
+}
+
+// A result at the point x without a run: objective, violation and slacks, no multipliers.
+RunResult result_at(TSLPprob prob, const Model& m, const std::vector<double>& x) {
+    RunResult res;
+    Evaluator E(prob, m);
+    res.sol.x = x;
+    res.sol.slack.assign(m.nrows, 0.0);
+    res.sol.dual.assign(m.nrows, 0.0);
+    res.sol.dj.assign(m.ncols, 0.0);
+    res.sol.rows.assign(m.nrows, RowInfo());
+    res.sol.cols.assign(m.ncols, ColInfo());
+    for (int r = 0; r < m.nrows; ++r) {
+        double a = 0;
+        E.row_value(r, x.data(), &a);
+        res.sol.slack[r] = m.rhs[r] - a;
+    }
+    res.objval = E.objective(x.data(), nullptr);
+    res.maxviolation = max_violation(E, m, x.data());
+    return res;
 }
 
 const char* stop_name(int reason) {
@@ -213,9 +247,10 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
             return feas != 0;
         };
     if (prob->cb.slpnode.f || prob->cb.optnode.f)
-        hooks.optnode = [prob](const trvo::search::NodeView&) {
+        hooks.optnode = [prob, nodes](const trvo::search::NodeView&) {
             // slpnode after the node's SLP has ended, then optnode; either may declare the
-            // node infeasible.
+            // node infeasible. Both see the node's solution as the problem's solution.
+            nodes->publish();
             if (prob->cb.slpnode.f && prob->cb.slpnode.f(prob, prob->cb.slpnode.context) != 0) return true;
             int feas = 0;
             if (prob->cb.optnode.f) prob->cb.optnode.f(prob, prob->cb.optnode.context, &feas);
@@ -238,33 +273,23 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
                 fixed.lb[j] = fixed.ub[j] = std::round(o.x[j]);
                 fixed.coltype[j] = 'C';
             }
-        const int saved_interrupt = prob->interrupt.exchange(0);
-        try {
-            res = run_slp(prob, fixed, o.x);
-        } catch (abi::__forced_unwind&) {
-            throw;
-        } catch (const std::exception& e) {
-            logf(prob, 1, "The final run with the integers fixed failed: %s", e.what());
-            res = RunResult();
+        // An interrupted search (user, Ctrl-C, a failing callback) returns at once.
+        if (!prob->interrupt.load()) {
+            try {
+                res = run_slp(prob, fixed, o.x);
+            } catch (abi::__forced_unwind&) {
+                throw;
+            } catch (const std::exception& e) {
+                logf(prob, 1, "The final run with the integers fixed failed: %s", e.what());
+                res = RunResult();
+            }
         }
-        if (saved_interrupt) prob->interrupt.store(saved_interrupt);
         const double tol = 1e-6 * (1.0 + std::fabs(o.objective));
         if (!usable(res) || res.maxviolation > feastol || sense * res.objval > o.objective + tol) {
             // Keep the search's own solution, with the rows' activities at it.
-            Evaluator E(prob, fixed);
-            res.sol.x = o.x;
-            res.sol.slack.assign(m.nrows, 0.0);
-            res.sol.dual.assign(m.nrows, 0.0);
-            res.sol.dj.assign(m.ncols, 0.0);
-            res.sol.rows.assign(m.nrows, RowInfo());
-            res.sol.cols.assign(m.ncols, ColInfo());
-            for (int r = 0; r < m.nrows; ++r) {
-                double a = 0;
-                E.row_value(r, o.x.data(), &a);
-                res.sol.slack[r] = m.rhs[r] - a;
-            }
-            res.objval = E.objective(o.x.data(), nullptr);
-            res.maxviolation = max_violation(E, fixed, o.x.data());
+            const int iter = res.iter;
+            res = result_at(prob, fixed, o.x);
+            res.iter = iter;
         }
     }
     res.iter += static_cast<int>(std::min<int64_t>(nodes->iterations(), 1 << 30));
@@ -310,22 +335,12 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
     }
     if (!o.have_solution) {
         // No solution: report the start, as a continuous run that found nothing does.
-        Evaluator E(prob, m);
         std::vector<double> x = x0;
         x.resize(m.ncols, 0.0);
-        res.sol.x = x;
-        res.sol.slack.assign(m.nrows, 0.0);
-        res.sol.dual.assign(m.nrows, 0.0);
-        res.sol.dj.assign(m.ncols, 0.0);
-        res.sol.rows.assign(m.nrows, RowInfo());
-        res.sol.cols.assign(m.ncols, ColInfo());
-        for (int r = 0; r < m.nrows; ++r) {
-            double a = 0;
-            E.row_value(r, x.data(), &a);
-            res.sol.slack[r] = m.rhs[r] - a;
-        }
-        res.objval = E.objective(x.data(), nullptr);
-        res.maxviolation = max_violation(E, m, x.data());
+        RunResult at = result_at(prob, m, x);
+        res.sol = std::move(at.sol);
+        res.objval = at.objval;
+        res.maxviolation = at.maxviolation;
     }
     return res;
 }
