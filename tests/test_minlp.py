@@ -3,6 +3,7 @@ the integer assignments (benchmarks/minlp_problems.py), honest statuses, node ca
 limits."""
 import math
 import pathlib
+import re
 import sys
 
 import pytest
@@ -63,6 +64,9 @@ def test_the_log_says_whether_the_optimum_is_global():
     text = "\n".join(m for m in lines if m)
     assert "the problem is convex" in text and "Global optimum" in text
     assert "not proven convex" in text and "not proven globally optimal" in text
+    # The tangent cuts of plant4's convex rows close nodes before their SLP runs.
+    closed = re.search(r"Outer approximation: (\d+) cuts of convex rows; (\d+) nodes closed", text)
+    assert closed and int(closed.group(1)) > 0 and int(closed.group(2)) > 0
 
 
 def test_unbounded_integer_columns_are_branched_on():

@@ -201,7 +201,9 @@ enum {
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,
                               int msgtype);
 /* slpstart, slpend, iterstart, iterend, cascadestart, cascadeend, construct, destroy,
-   slpnode, intsol: a non-zero return from iterstart or iterend stops the solve. */
+   slpnode, intsol: a non-zero return from iterstart or iterend stops the solve.
+   slpnode is called at each node of the mixed-integer search after the node's SLP run; a
+   non-zero return marks the node infeasible. */
 typedef int (*TSLPcbsimple)(TSLPprob prob, void* context);
 /* optnode, prenode: *feas set non-zero marks the node infeasible. */
 typedef int (*TSLPcbnode)(TSLPprob prob, void* context, int* feas);

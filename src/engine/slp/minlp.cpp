@@ -16,6 +16,7 @@
 #include <cxxabi.h>
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 namespace slp {
 namespace {
@@ -46,13 +47,21 @@ public:
     Result solve(const std::vector<double>& lo, const std::vector<double>& up, double cutoff,
                  std::vector<double>& x, double& objective) override {
         const int n = relaxed_.ncols;
+        std::vector<double> blo = lo, bup = up;
+        if (oa_) {
+            switch (oa_->check(blo, bup, cutoff)) {
+            case OuterApproximation::Infeasible: return Infeasible;
+            case OuterApproximation::Cutoff: return Cutoff;
+            case OuterApproximation::Open: break;
+            }
+        }
         for (int j = 0; j < n; ++j) {
-            relaxed_.lb[j] = to_model_bound(lo[j]);
-            relaxed_.ub[j] = to_model_bound(up[j]);
+            relaxed_.lb[j] = to_model_bound(blo[j]);
+            relaxed_.ub[j] = to_model_bound(bup[j]);
         }
         std::vector<double> x0 = warm_;
         x0.resize(n, 0.0);
-        for (int j = 0; j < n; ++j) x0[j] = std::min(std::max(x0[j], lo[j]), up[j]);
+        for (int j = 0; j < n; ++j) x0[j] = std::min(std::max(x0[j], blo[j]), bup[j]);
         RunResult r;
         try {
             r = run_slp(prob_, relaxed_, x0);
@@ -87,7 +96,7 @@ public:
         last_ = std::move(r.sol);
         objective = sense_ * r.objval;
         warm_ = x;
-        (void)cutoff;
+        if (oa_) oa_->add_point(x.data());
         return Optimal;
     }
 
@@ -99,6 +108,17 @@ public:
     double max_violation(const double* x) override { return slp::max_violation(E_, relaxed_, x); }
     int64_t iterations() const override { return iterations_; }
     const char* name() const override { return "SLP"; }
+
+    // The curvature of the problem (m: with its integer columns) decides which rows give cuts.
+    void attach(const Model& m, Convexity cvx) {
+        cvx_ = std::move(cvx);
+        oa_ = std::make_unique<OuterApproximation>(prob_, m, E_, cvx_, sense_);
+        if (!oa_->active()) oa_.reset();
+    }
+    const Convexity& convexity() const { return cvx_; }
+    void log_summary() const {
+        if (oa_) oa_->log_summary();
+    }
 
     int inexact() const { return inexact_; }
     // Makes the last node solution the problem's current solution, so that the node callbacks
@@ -124,6 +144,8 @@ private:
     int64_t iterations_ = 0;
     int inexact_ = 0;
     Solution last_;
+    Convexity cvx_;
+    std::unique_ptr<OuterApproximation> oa_;
 };
 
 trvo::search::Model search_model(const Model& m, const Evaluator& E, double sense) {
@@ -207,7 +229,8 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
     const double sense = dbl_control(prob, TSLP_OBJSENSE) < 0 ? -1.0 : 1.0;
     const double feastol = dbl_control(prob, TSLP_FEASTOL);
     auto nodes = std::make_shared<SlpNodes>(prob, m, x0, sense);
-    const Convexity cvx = analyse_convexity(prob, m, nodes->evaluator());
+    nodes->attach(m, analyse_convexity(prob, m, nodes->evaluator()));
+    const Convexity& cvx = nodes->convexity();
     if (cvx.convex) logf(prob, 1, "Mixed-integer nonlinear search: the problem is convex");
     else
         logf(prob, 1, "Mixed-integer nonlinear search: the problem is not proven convex (%d row%s%s); "
@@ -262,6 +285,7 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
         };
 
     trvo::search::Outcome o = trvo::search::run(sm, s, hooks);
+    nodes->log_summary();
     const bool proven = cvx.convex && o.exact && nodes->inexact() == 0;
 
     RunResult res;

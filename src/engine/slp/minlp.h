@@ -27,6 +27,39 @@ struct Convexity {
     int nonconvex_rows = 0;     // rows not proven convex on their finite sides
     bool objective_convex = true;
     std::vector<char> row_convex;   // per row: linear, or proven convex on its finite sides
+    // Per nonlinear row whose linearisations are valid everywhere: 1 for a convex g <= up, -1
+    // for a concave g >= lo (a nonlinear objective's transfer row on its objective side); else 0.
+    std::vector<signed char> row_side;
+};
+
+// Outer approximation of the rows proven convex: their tangent cuts at node solutions, kept in
+// one LP with the linear rows. Before a node's SLP runs, the LP over the node's bounds may show
+// the node infeasible, or (with a linear objective that bounds the problem's) no better than
+// the cutoff, and its reduced costs tighten the integer columns' bounds for the node's run.
+class OuterApproximation {
+public:
+    OuterApproximation(TSLPprob prob, const Model& m, Evaluator& E, const Convexity& cvx, double sense);
+    ~OuterApproximation();
+    OuterApproximation(const OuterApproximation&) = delete;
+    OuterApproximation& operator=(const OuterApproximation&) = delete;
+
+    bool active() const { return h_ != nullptr; }
+    // Adds the tangent cuts at x of the convex rows that x does not satisfy strictly.
+    void add_point(const double* x);
+    enum Check { Open, Infeasible, Cutoff };
+    // lo, up: the node's column bounds (infinite as +-inf), tightened in place when Open.
+    Check check(std::vector<double>& lo, std::vector<double>& up, double cutoff);
+    void log_summary() const;
+
+private:
+    TSLPprob prob_;
+    const Model& m_;
+    Evaluator& E_;
+    const Convexity& cvx_;
+    double sense_;
+    bool bound_ = false;   // the LP's objective is a lower bound on the problem's
+    void* h_ = nullptr;
+    int ncuts_ = 0, closed_ = 0, tightened_ = 0;
 };
 Convexity analyse_convexity(TSLPprob prob, const Model& m, const Evaluator& E);
 

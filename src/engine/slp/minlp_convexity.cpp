@@ -260,6 +260,7 @@ Convexity analyse_convexity(TSLPprob prob, const Model& m, const Evaluator& E) {
     Convexity c;
     const double sense = dbl_control(prob, TSLP_OBJSENSE) < 0 ? -1.0 : 1.0;
     c.row_convex.assign(m.nrows, 1);
+    c.row_side.assign(m.nrows, 0);
     c.objective_convex = is_convex(scale(quad_curvature(m.qobj), sense));
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
         const int r = E.nlrows[k];
@@ -277,6 +278,8 @@ Convexity analyse_convexity(TSLPprob prob, const Model& m, const Evaluator& E) {
         }
         bool ok = g == CONST || g == AFFINE || (g == CONVEX && std::isinf(lo)) || (g == CONCAVE && std::isinf(up));
         if (std::isinf(lo) && std::isinf(up)) ok = true;
+        else if (g == CONVEX && std::isinf(lo)) c.row_side[r] = 1;
+        else if (g == CONCAVE && std::isinf(up)) c.row_side[r] = -1;
         c.row_convex[r] = ok;
         if (!ok) ++c.nonconvex_rows;
     }
