@@ -197,3 +197,10 @@ def test_reformulated_entities_still_solve_through_the_search():
     best = min(cands, key=lambda v: (v - 2.2) ** 2 + 0.5 * math.exp(0.2 * v))
     assert p.getSolution(s) == pytest.approx(best, abs=1e-6)
     assert p.getProbStatusString() == "nlp_globally_optimal"
+    # A partial integer column: integral below 3, continuous in [3, 8].
+    v = tv.var(vartype=tv.partiallyinteger, threshold=3, ub=8, name="v")
+    q = tv.problem(v, (v - 1.6) ** 2 + tv.exp(0.1 * v) + 0.3 * tv.exp(-(v - 5.2) ** 2))
+    q.solve()
+    f = lambda t: (t - 1.6) ** 2 + math.exp(0.1 * t) + 0.3 * math.exp(-(t - 5.2) ** 2)
+    grid = [0, 1, 2] + [3 + 5 * i / 20000 for i in range(20001)]
+    assert q.getObjVal() == pytest.approx(min(map(f, grid)), abs=1e-6)

@@ -100,7 +100,7 @@ enum {
 #define TSLP_MSJOBS 12008          /* multistart jobs waiting */
 #define TSLP_MSWINNER 12009        /* index (1-based) of the winning job, 0 none */
 #define TSLP_PENALTYERRORS 12010   /* rows with a positive penalty error at the end */
-#define TSLP_MIPITER 12011         /* SLP iterations solved as MIPs */
+#define TSLP_MIPITER 12011         /* SLP iterations of the node relaxations of mixed-integer solves */
 #define TSLP_EQUALSCOLUMN 12013    /* always -1: the constant column of coefficients */
 #define TSLP_NONLINEARROWS 12016   /* rows holding nonlinear coefficients */
 #define TSLP_NLPROWS 12026         /* rows the solver linearises (with quadratic rows) */

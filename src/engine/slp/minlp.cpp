@@ -316,7 +316,8 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
             res.iter = iter;
         }
     }
-    res.iter += static_cast<int>(std::min<int64_t>(nodes->iterations(), 1 << 30));
+    res.mipiter = static_cast<int>(std::min<int64_t>(nodes->iterations(), 1 << 30));
+    res.iter += res.mipiter;
     res.stopstatus = 0;
     switch (o.status) {
     case trvo::search::Status::Optimal:

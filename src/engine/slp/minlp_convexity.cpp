@@ -262,6 +262,9 @@ Convexity analyse_convexity(TSLPprob prob, const Model& m, const Evaluator& E) {
     c.row_convex.assign(m.nrows, 1);
     c.row_side.assign(m.nrows, 0);
     c.objective_convex = is_convex(scale(quad_curvature(m.qobj), sense));
+    std::vector<int> colrows(m.ncols, 0);   // linear rows each column is in
+    for (int r = 0; r < m.nrows; ++r)
+        for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) ++colrows[m.rcol[e]];
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
         const int r = E.nlrows[k];
         Curv g = tape_curvature(E.tapes[k], E.roots[k], m);
@@ -269,12 +272,18 @@ Convexity analyse_convexity(TSLPprob prob, const Model& m, const Evaluator& E) {
         if (q != m.qrows.end()) g = add(g, quad_curvature(q->second));
         double lo, up;
         row_bounds(m, r, &lo, &up);
-        // A nonlinear objective's transfer row f(x) - t = 0, t costed in the objective's
-        // direction, acts as f(x) <= t when minimising and f(x) >= t when maximising.
+        // A nonlinear objective's transfer row a t + h(x) = b, with t costed c in the objective
+        // and in no other row, acts as an inequality: the objective pushes t to the side where
+        // sense * c * t is least, so the row's other side is never active.
         auto st = prob->rowstatus.find(r);
         if (st != prob->rowstatus.end() && (st->second & TSLP_ROWSTATUS_TRANSFER) && lo == up) {
-            if (sense > 0) lo = -INFINITY;
-            else up = INFINITY;
+            for (int64_t e = m.rstart[r]; e < m.rstart[r + 1]; ++e) {
+                const int j = m.rcol[e];
+                if (m.obj[j] == 0.0 || m.rval[e] == 0.0 || colrows[j] != 1) continue;
+                if (sense * m.obj[j] * m.rval[e] > 0) up = INFINITY;
+                else lo = -INFINITY;
+                break;
+            }
         }
         bool ok = g == CONST || g == AFFINE || (g == CONVEX && std::isinf(lo)) || (g == CONCAVE && std::isinf(up));
         if (std::isinf(lo) && std::isinf(up)) ok = true;
