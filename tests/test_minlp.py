@@ -121,6 +121,22 @@ def test_node_callbacks_fire_at_every_node_of_the_search():
     assert any(abs(v - round(v)) > 1e-4 for v in root)
 
 
+def test_intsol_fires_for_each_new_incumbent():
+    p, xs = mp.build("knapsacklog", tv)
+    values = []
+
+    def intsol(prob, data):
+        x = []
+        prob.getslpsol(x)
+        values.append(mp.evaluate(mp.PROBLEMS["knapsacklog"], x[:len(xs)])[0])
+        return 0
+    p.setcbintsol(intsol)
+    p.solve()
+    # Each incumbent improves on the one before; the search's last is the optimum.
+    assert values and values == sorted(values)
+    assert values[-1] == pytest.approx(p.getObjVal(), rel=1e-4)
+
+
 @pytest.mark.parametrize("kind", ["prenode", "optnode", "slpnode"])
 def test_node_callbacks_can_declare_nodes_infeasible(kind):
     # Declaring every node infeasible leaves no solution; the run says so rather than

@@ -35,6 +35,36 @@ double to_model_bound(double v) {
     return v;
 }
 
+// A result at the point x without a run: objective, violation and slacks, no multipliers.
+RunResult result_at(TSLPprob prob, const Model& m, const std::vector<double>& x) {
+    RunResult res;
+    Evaluator E(prob, m);
+    res.sol.x = x;
+    res.sol.slack.assign(m.nrows, 0.0);
+    res.sol.dual.assign(m.nrows, 0.0);
+    res.sol.dj.assign(m.ncols, 0.0);
+    res.sol.rows.assign(m.nrows, RowInfo());
+    res.sol.cols.assign(m.ncols, ColInfo());
+    for (int r = 0; r < m.nrows; ++r) {
+        double a = 0;
+        E.row_value(r, x.data(), &a);
+        res.sol.slack[r] = m.rhs[r] - a;
+    }
+    res.objval = E.objective(x.data(), nullptr);
+    res.maxviolation = max_violation(E, m, x.data());
+    return res;
+}
+
+// Makes s the problem's current solution while the search runs, so that callbacks can read it
+// (the problem's own columns and rows only); the status stays unfinished until the search ends.
+void publish_solution(TSLPprob prob, Solution s) {
+    const int nc = host_cols(prob), nr = host_rows(prob);
+    if ((int)s.x.size() > nc) s.x.resize(nc), s.dj.resize(nc), s.cols.resize(nc);
+    if ((int)s.slack.size() > nr) s.slack.resize(nr), s.dual.resize(nr), s.rows.resize(nr);
+    prob->sol = std::move(s);
+    prob->nlpstatus = TSLP_NLP_UNFINISHED;
+}
+
 // Node relaxations by SLP on the model with its integer columns made continuous.
 class SlpNodes : public NodeSolver {
 public:
@@ -125,13 +155,7 @@ public:
     // can read it (the problem's own columns and rows only); the run's status is unfinished
     // until the search ends.
     void publish() {
-        if (last_.x.empty()) return;
-        Solution s = last_;
-        const int nc = host_cols(prob_), nr = host_rows(prob_);
-        if ((int)s.x.size() > nc) s.x.resize(nc), s.dj.resize(nc), s.cols.resize(nc);
-        if ((int)s.slack.size() > nr) s.slack.resize(nr), s.dual.resize(nr), s.rows.resize(nr);
-        prob_->sol = std::move(s);
-        prob_->nlpstatus = TSLP_NLP_UNFINISHED;
+        if (!last_.x.empty()) publish_solution(prob_, last_);
     }
     const Evaluator& evaluator() const { return E_; }
 
@@ -176,26 +200,6 @@ trvo::search::Model search_model(const Model& m, const Evaluator& E, double sens
         }
     }
     return sm;
-}
-
-// A result at the point x without a run: objective, violation and slacks, no multipliers.
-RunResult result_at(TSLPprob prob, const Model& m, const std::vector<double>& x) {
-    RunResult res;
-    Evaluator E(prob, m);
-    res.sol.x = x;
-    res.sol.slack.assign(m.nrows, 0.0);
-    res.sol.dual.assign(m.nrows, 0.0);
-    res.sol.dj.assign(m.ncols, 0.0);
-    res.sol.rows.assign(m.nrows, RowInfo());
-    res.sol.cols.assign(m.ncols, ColInfo());
-    for (int r = 0; r < m.nrows; ++r) {
-        double a = 0;
-        E.row_value(r, x.data(), &a);
-        res.sol.slack[r] = m.rhs[r] - a;
-    }
-    res.objval = E.objective(x.data(), nullptr);
-    res.maxviolation = max_violation(E, m, x.data());
-    return res;
 }
 
 const char* stop_name(int reason) {
@@ -280,7 +284,8 @@ RunResult solve_minlp(TSLPprob prob, const Model& m, const std::vector<double>& 
             return feas != 0;
         };
     if (prob->cb.intsol.f)
-        hooks.intsol = [prob](const trvo::search::NodeView&, const double*, double) {
+        hooks.intsol = [prob, &m](const trvo::search::NodeView&, const double* x, double) {
+            publish_solution(prob, result_at(prob, m, std::vector<double>(x, x + m.ncols)).sol);
             prob->cb.intsol.f(prob, prob->cb.intsol.context);
         };
 
