@@ -14,6 +14,7 @@ problem runs in a child interpreter with a time limit, so that a crash or a hang
     PYTHONPATH=. python3 benchmarks/nonlinear.py --check      # statements only, no solver
     PYTHONPATH=. python3 benchmarks/nonlinear.py --skip-large
     PYTHONPATH=. python3 benchmarks/nonlinear.py --large-only --rows 2000 --rows 10000
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --minlp      # mixed-integer set
     PYTHONPATH=. python3 benchmarks/nonlinear.py --scale                      # scaling table
     PYTHONPATH=. python3 benchmarks/nonlinear.py --scale --beam 1000 --beam 2000 --rows 2000
 
@@ -1694,7 +1695,14 @@ def main(argv=None):
                     help="leave out the comparison with Ipopt (through casadi)")
     ap.add_argument("--maxtime", type=float, default=MAXTIME,
                     help="time limit of the nonlinear optimiser per small problem (0: none)")
+    ap.add_argument("--minlp", action="store_true",
+                    help="the mixed-integer nonlinear set (benchmarks/minlp_problems.py) instead")
     args = ap.parse_args(argv)
+    if args.minlp:
+        sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+        import minlp_problems
+        tarvo.setOutputEnabled(False)
+        return minlp_problems.run_benchmark(tarvo, args.maxtime)
     global WITH_IPOPT
     WITH_IPOPT = not args.no_ipopt
     names = list(PROBLEMS)

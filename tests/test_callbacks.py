@@ -383,14 +383,6 @@ def test_node_level_kinds_are_refused_when_the_tree_search_is_forbidden(kind):
     assert p.getProbStatusString() == "mip_optimal"
 
 
-@pytest.mark.parametrize("kind", ["slpnode", "optnode", "prenode"])
-def test_nonlinear_node_kinds_are_refused(kind):
-    p = rosenbrock()
-    getattr(p, "setcb" + kind)(lambda *args: 0)
-    with pytest.raises(tv.SolverError, match=f"nonlinear {kind} callback"):
-        p.nlpoptimize()
-
-
 # ---------------------------------------------------------------- nonlinear callbacks
 
 def test_iterend_fires_once_per_iteration_and_can_stop():

@@ -149,7 +149,7 @@ def test_minlp_with_binaries_in_nonlinear_rows_matches_enumeration():
     with pytest.raises(tv.SolverError, match="flag string is full; cannot add 'g'"):
         p.solve("d" * 511)
     p.solve("d")
-    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getProbStatusString() == "nlp_globally_optimal"
     assert p.getObjVal() == pytest.approx(5, abs=TOL)
     assert p.getSolution([x, y, b1, b2]) == pytest.approx([3, 2, 1, 1], abs=1e-4)
     # Every fixed choice of the binaries (solved as continuous problems) is no better.
@@ -219,7 +219,7 @@ def test_discrete_entities_in_nonlinear_problems_are_enforced():
     s1, s2 = tv.var(ub=5, name="s1"), tv.var(ub=5, name="s2")
     p = tv.problem(s1, s2, tv.exp(s1 / 5) + tv.exp(s2 / 5) <= 10, tv.sos([s1, s2], [1, 2], 1), -s1 - 1.1 * s2)
     p.solve()
-    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getProbStatusString() == "nlp_globally_optimal"
     assert p.getSolution() == pytest.approx([0, 5], abs=1e-6)
     # Only the problem's own columns and rows come back.
     assert len(p.getSlack()) == 1 and len(p.getDual()) == 1
@@ -289,5 +289,5 @@ def test_convex_plant_choice_reaches_the_best_assignment(seed):
             q = build(z)
             q.solve()
             best = min(best, q.getObjVal())
-    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getProbStatusString() == "nlp_globally_optimal"
     assert p.getObjVal() == pytest.approx(best, rel=1e-6)

@@ -100,7 +100,7 @@ enum {
 #define TSLP_MSJOBS 12008          /* multistart jobs waiting */
 #define TSLP_MSWINNER 12009        /* index (1-based) of the winning job, 0 none */
 #define TSLP_PENALTYERRORS 12010   /* rows with a positive penalty error at the end */
-#define TSLP_MIPITER 12011         /* SLP iterations solved as MIPs */
+#define TSLP_MIPITER 12011         /* SLP iterations of the node relaxations of mixed-integer solves */
 #define TSLP_EQUALSCOLUMN 12013    /* always -1: the constant column of coefficients */
 #define TSLP_NONLINEARROWS 12016   /* rows holding nonlinear coefficients */
 #define TSLP_NLPROWS 12026         /* rows the solver linearises (with quadratic rows) */
@@ -201,7 +201,9 @@ enum {
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,
                               int msgtype);
 /* slpstart, slpend, iterstart, iterend, cascadestart, cascadeend, construct, destroy,
-   slpnode, intsol: a non-zero return from iterstart or iterend stops the solve. */
+   slpnode, intsol: a non-zero return from iterstart or iterend stops the solve.
+   slpnode is called at each node of the mixed-integer search after the node's SLP run; a
+   non-zero return marks the node infeasible. */
 typedef int (*TSLPcbsimple)(TSLPprob prob, void* context);
 /* optnode, prenode: *feas set non-zero marks the node infeasible. */
 typedef int (*TSLPcbnode)(TSLPprob prob, void* context, int* feas);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace trvo {
 namespace search {
@@ -54,6 +55,13 @@ Relaxation::Relaxation(const Model& model, const Settings& settings,
     const HighsModel& m = model.lp;
     ncol_ = m.ncol;
     nrow_ = m.nrow;
+    x_.assign(static_cast<size_t>(ncol_), 0.0);
+    if (model.node_solver) {
+        ns_ = model.node_solver.get();
+        lo_ = set_lo_ = m.col_lower;
+        up_ = set_up_ = m.col_upper;
+        return;
+    }
     hessian_ = !m.q_index.empty();
     h_ = highs_new_quiet();
     if (!h_) fail("Could not create a HiGHS instance");
@@ -121,6 +129,7 @@ void Relaxation::set_col_bounds(int j, double lo, double up) {
 }
 
 void Relaxation::apply_bounds() {
+    if (ns_) return;  // the node solver reads lo_ and up_ at each solve
     std::vector<HighsInt> idx;
     std::vector<double> l, u;
     for (int j = 0; j < ncol_; ++j) {
@@ -155,6 +164,7 @@ bool Relaxation::at_box(const double* x) const {
 }
 
 double Relaxation::max_violation(const double* x) const {
+    if (ns_) return ns_->max_violation(x);
     double worst = 0;
     for (const auto& q : model_.qrows) worst = std::max(worst, violation(q, x));
     return worst;
@@ -212,6 +222,18 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
 
 Relaxation::Result Relaxation::solve(double cutoff, int max_rounds) {
     converged_ = true;
+    if (ns_) {
+        if (settings_.stop && settings_.stop->load() != 0) return Limit;
+        if (settings_.maxtime > 0 && std::chrono::steady_clock::now() >= deadline_) return Limit;
+        switch (ns_->solve(lo_, up_, cutoff, x_, obj_)) {
+            case NodeSolver::Optimal: return obj_ >= cutoff ? Cutoff : Optimal;
+            case NodeSolver::Infeasible: return Infeasible;
+            case NodeSolver::Cutoff: return Cutoff;
+            case NodeSolver::Unbounded: return Unbounded;
+            case NodeSolver::Limit: return Limit;
+            case NodeSolver::Error: return Error;
+        }
+    }
     double last = INFINITY;
     int stalls = 0;
     for (int round = 0;; ++round) {
@@ -294,6 +316,7 @@ int Relaxation::add_cuts(const double* x) {
 }
 
 double Relaxation::probe(double cutoff, int64_t iteration_limit) {
+    if (ns_) return NAN;  // no estimate: see can_probe()
     Highs_setIntOptionValue(h_, "simplex_iteration_limit",
                             static_cast<HighsInt>(std::min<int64_t>(iteration_limit, 2147483647)));
     double left = INFINITY;
@@ -321,6 +344,12 @@ double Relaxation::probe(double cutoff, int64_t iteration_limit) {
 }
 
 std::shared_ptr<Basis> Relaxation::basis() const {
+    if (ns_) {
+        const std::vector<double> w = ns_->warm_start();
+        auto b = std::make_shared<Basis>((w.size() * sizeof(double) + sizeof(HighsInt) - 1) / sizeof(HighsInt));
+        if (!w.empty()) std::memcpy(b->data(), w.data(), w.size() * sizeof(double));
+        return b;
+    }
     HighsInt valid = 0;
     Highs_getIntInfoValue(h_, "basis_validity", &valid);
     if (valid != kHighsBasisValidityValid) return nullptr;
@@ -331,6 +360,12 @@ std::shared_ptr<Basis> Relaxation::basis() const {
 }
 
 void Relaxation::set_basis(const Basis& b) {
+    if (ns_) {
+        std::vector<double> w(b.size() * sizeof(HighsInt) / sizeof(double));
+        if (!w.empty()) std::memcpy(w.data(), b.data(), w.size() * sizeof(double));
+        ns_->set_warm_start(w);
+        return;
+    }
     const HighsInt nr = Highs_getNumRow(h_);
     Basis full(b);
     // Cuts added since the basis was taken enter as basic rows.
@@ -373,6 +408,7 @@ bool Relaxation::row_basic(int row) const {
 }
 
 bool Relaxation::duals(std::vector<double>& row_dual, std::vector<double>& col_dual) const {
+    if (ns_) return false;
     HighsInt ds = 0;
     Highs_getIntInfoValue(h_, "dual_solution_status", &ds);
     if (ds == kHighsSolutionStatusNone) return false;

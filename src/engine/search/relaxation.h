@@ -5,6 +5,7 @@
 // valid everywhere).
 #pragma once
 
+#include "engine/search/node_solver.h"
 #include "engine/search/search.h"
 
 #include <chrono>
@@ -15,7 +16,9 @@
 namespace trvo {
 namespace search {
 
-using Basis = std::vector<HighsInt>;  // column statuses then row statuses
+// Column statuses then row statuses; with a model's own node solver, the packed bytes of its
+// warm start instead (what a node keeps of its parent either way).
+using Basis = std::vector<HighsInt>;
 
 class Relaxation {
 public:
@@ -63,7 +66,11 @@ public:
     // row) and the reduced costs of the model's columns.
     bool duals(std::vector<double>& row_dual, std::vector<double>& col_dual) const;
 
-    int64_t iterations() const { return iterations_; }
+    int64_t iterations() const { return ns_ ? ns_->iterations() : iterations_; }
+    // Iteration-limited probes (strong branching) need the HiGHS relaxation.
+    bool can_probe() const { return ns_ == nullptr; }
+    // What solves the nodes, for the log.
+    const char* kind() const { return ns_ ? ns_->name() : hessian_ ? "QP" : "LP"; }
     int ncuts() const { return static_cast<int>(cut_row_.size()); }
     // The cut pool: every cut added so far, as rows lo <= a'x <= up.
     struct Cut {
@@ -82,6 +89,7 @@ private:
     const Settings& settings_;
     std::chrono::steady_clock::time_point deadline_;
     void* h_ = nullptr;
+    NodeSolver* ns_ = nullptr;  // the model's own node solver, or null for HiGHS
     bool hessian_ = false;
     int ncol_ = 0, nrow_ = 0;  // model dimensions (cuts follow the rows)
     std::vector<double> lo_, up_;            // bounds wanted

@@ -17,6 +17,7 @@
 #include <cmath>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -33,12 +34,16 @@ struct QuadRow {
     double lo = -INFINITY, up = INFINITY;
 };
 
+class NodeSolver;  // node_solver.h
+
 struct Model {
     HighsModel lp;  // integrality marks the integer columns; q_* the convex objective Hessian
     std::vector<QuadRow> qrows;
     // Per row (empty: none): 1 a delayed row, 2 a model cut; both stay out of the relaxation
     // until a solution violates them (cuts.h).
     std::vector<char> lazy;
+    // Solves the node relaxations instead of HiGHS when set (mixed-integer nonlinear problems).
+    std::shared_ptr<NodeSolver> node_solver;
 };
 
 class NodeCuts;

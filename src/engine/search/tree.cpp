@@ -131,6 +131,7 @@ private:
 };
 
 double Search::objective_at(const double* x) const {
+    if (model_.node_solver) return model_.node_solver->objective(x);
     double v = lp_.offset;
     for (int j = 0; j < lp_.ncol; ++j) v += lp_.cost[static_cast<size_t>(j)] * x[j];
     if (!lp_.q_index.empty()) {
@@ -368,7 +369,7 @@ int Search::select_branch(const Node& n, double obj, int* dir) {
         if (c) avg[d] = s / c;
     }
     std::vector<double> sb_down(cands.size(), NAN), sb_up(cands.size(), NAN);
-    if (!rel_.quadratic_objective() && model_.qrows.empty()) {
+    if (!rel_.quadratic_objective() && model_.qrows.empty() && rel_.can_probe()) {
         std::vector<size_t> order;
         for (size_t k = 0; k < cands.size(); ++k) {
             const Pseudocost& p = pc_[static_cast<size_t>(cands[k].col)];
@@ -471,7 +472,7 @@ Outcome Search::run() {
         std::snprintf(line, sizeof line,
                       "Tree search: %d columns (%d integer), %d rows (%d quadratic), %s relaxation",
                       lp_.ncol, static_cast<int>(ints_.size()), lp_.nrow, static_cast<int>(model_.qrows.size()),
-                      rel_.quadratic_objective() ? "QP" : "LP");
+                      rel_.kind());
         set_.log(line);
     }
     if (!set_.start.empty()) {

@@ -1,20 +1,8 @@
-// Callbacks of the nonlinear solver that depend on what the current run can serve.
+// Callbacks of the nonlinear solver that call into the optimisation problem it is bound to.
 #include "engine/slp/callbacks.h"
 #include "engine/optimizer/callbacks.h"
 
 namespace slp {
-
-bool node_callbacks_served() { return false; }
-
-void require_served_callbacks(TSLPprob prob) {
-    if (node_callbacks_served()) return;
-    const char* kind = prob->cb.slpnode.f ? "slpnode" : prob->cb.optnode.f ? "optnode"
-                     : prob->cb.prenode.f ? "prenode" : nullptr;
-    if (kind)
-        throw Error(std::string("A nonlinear ") + kind + " callback is set, but " + kind +
-                    " callbacks are called at the nodes of the engine's own tree search, which "
-                    "nonlinear solves do not run yet; remove the callback to solve");
-}
 
 bool checktime(TSLPprob prob) {
     if (!prob->trvo || !trvo::has_callbacks(prob->trvo, trvo::CB_CHECKTIME)) return false;

@@ -1,5 +1,6 @@
 // Multistart jobs and their execution.
 #include "engine/slp/multistart.h"
+#include "engine/slp/minlp.h"
 
 #include <cmath>
 #include <random>
@@ -138,7 +139,7 @@ RunResult run_multistart(TSLPprob prob, const Model& m, bool global) {
     bool have = false;
     int winner = 0;
     try {
-        best = run_slp(prob, m, x0);
+        best = solve_from(prob, m, x0, std::chrono::steady_clock::now());
         have = true;
     } catch (const Error&) {
         // The initial point may lie outside the formulas' domain: the jobs may still succeed.
@@ -178,7 +179,7 @@ RunResult run_multistart(TSLPprob prob, const Model& m, bool global) {
         RunResult r;
         bool ok = true;
         try {
-            r = run_slp(prob, m, x);
+            r = solve_from(prob, m, x, std::chrono::steady_clock::now());
         } catch (const Error& e) {
             ok = false;
             logf(prob, 2, "Multistart job %zu failed: %s", k + 1, e.what());

@@ -1,4 +1,5 @@
 // Solving: TSLPnlpoptimize and the solution queries.
+#include "engine/slp/minlp.h"
 #include "engine/slp/multistart.h"
 #include "engine/slp/callbacks.h"
 #include "engine/slp/presolve.h"
@@ -46,7 +47,6 @@ void optimize(TSLPprob prob, bool global) {
     auto t0 = std::chrono::steady_clock::now();
     prob->interrupt.store(0);
     prob->mswinner = 0;
-    require_served_callbacks(prob);
     Model m = read_model(prob);
     const int ncols = m.ncols, nrows = m.nrows;
     reformulate_entities(prob, m);
@@ -66,8 +66,7 @@ void optimize(TSLPprob prob, bool global) {
     RunResult r;
     bool jobs = !prob->msjobs.empty() && int_control(prob, TSLP_MULTISTART);
     if (global || jobs) r = run_multistart(prob, m, global);
-    else r = run_slp(prob, m, initial_point(prob, m));
-    if (!prob->interrupt.load()) r = improve_integer_assignment(prob, m, std::move(r), t0);
+    else r = solve_from(prob, m, initial_point(prob, m), t0);
     // Columns and rows the reformulation of entities added are not the problem's own.
     Solution& s = r.sol;
     if ((int)s.x.size() > ncols) s.x.resize(ncols), s.dj.resize(ncols), s.cols.resize(ncols);

@@ -24,12 +24,6 @@ struct RunResult {
 // problem fire during the run; failures of user functions at the start throw.
 RunResult run_slp(TSLPprob prob, const Model& m, const std::vector<double>& x0);
 
-// Mixed-integer problems: looks for better integer assignments than the one best has, by outer
-// approximation over the points solved so far, and returns the best solution found.
-// The search ends by the nonlinear time limit counted from start.
-RunResult improve_integer_assignment(TSLPprob prob, const Model& m, RunResult best,
-                                     std::chrono::steady_clock::time_point start);
-
 // Largest violation of any row at x (nonlinear parts included); rows that cannot be
 // evaluated count as infinitely violated.
 double max_violation(Evaluator& E, const Model& m, const double* x, double* sum = nullptr,
