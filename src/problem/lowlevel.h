@@ -89,6 +89,8 @@ const PyMethodDef* load_methods();
 const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
+const PyMethodDef* presolve_methods();
+const PyMethodDef* basis_methods();
 
 }  // namespace ll
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -171,6 +172,8 @@ struct trvo_problem_s {
     // Dimensions of the model last handed to HiGHS, to reuse its basis on a re-solve.
     int highs_cols = -1, highs_rows = -1;
     bool highs_has_lp = false;  // the instance holds the user's LP from the last lpoptimize
+    // Secure vectors, scaling factors and the last barrier solution (trvo::Views, views.h).
+    std::shared_ptr<void> views;
 
     int ncols() const { return static_cast<int>(lb.size()); }
     int nrows() const { return static_cast<int>(rowtype.size()); }
