@@ -158,7 +158,7 @@ PyObject* m_repairweightedinfeasbounds(PyObject* self, PyObject* args, PyObject*
 const PyMethodDef* basis_methods() {
     static const PyMethodDef t[] = {
         LL_METHOD(getpivotorder, DOC("getpivotorder($self, /, mpiv)", "Fill mpiv with the basic variables in the order of the basis matrix (rows i, columns rows + j). Returns None.")),
-        LL_METHOD(getpivots, DOC("getpivots($self, /, in, outlist, x, maxpiv)", "Ratio test of variable in entering the basis: fills outlist with the blocking variables, x with the values after the step; returns (objective after the step, number of blocking variables).")),
+        LL_METHOD(getpivots, DOC("getpivots($self, in_, /, outlist, x, maxpiv)", "Ratio test of variable in (keyword in, a Python keyword, so given by position) entering the basis: fills outlist with the blocking variables, x with the values after the step; returns (objective after the step, number of blocking variables).")),
         {"getunbvec", reinterpret_cast<PyCFunction>(m_getunbvec), METH_NOARGS, DOC("getunbvec($self, /)", "Return the row or column whose improving direction is unbounded after an LP solve found the problem unbounded.")},
         LL_METHOD(basisstability, DOC("basisstability($self, /, type, norm, ifscaled)", "Return the condition number (type 0), the norm of the inverse (1) or of the basis (2) in the infinity (norm 0), one (1) or Frobenius (2) norm.")),
         LL_METHOD(estimaterowdualranges, DOC("estimaterowdualranges($self, /, rowIndices, iterationLimit, minDualActivity, maxDualActivity)", "Fill the lists with the range of each row's dual over the optimal dual solutions. Returns None.")),

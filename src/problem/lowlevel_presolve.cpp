@@ -163,10 +163,10 @@ const PyMethodDef* presolve_methods() {
     static const PyMethodDef t[] = {
         LL_METHOD(getpresolvemap, DOC("getpresolvemap($self, /, rowmap, colmap)", "Fill rowmap and colmap with the problem's index of each row and column that presolve keeps (-1: the engine's own). Returns None.")),
         LL_METHOD(getpresolvesol, DOC("getpresolvesol($self, /, x=None, slack=None, dual=None, dj=None)", "Fill the given lists with the optimal solution of the presolved LP. Returns None.")),
-        LL_METHOD(getpresolvebasis, DOC("getpresolvebasis($self, /, rstatus, cstatus)", "Fill rstatus and cstatus with the optimal basis of the presolved LP. Returns None.")),
+        LL_METHOD(getpresolvebasis, DOC("getpresolvebasis($self, /, rstatus=None, cstatus=None)", "Fill rstatus and cstatus with the optimal basis of the presolved LP. Returns None.")),
         LL_METHOD(loadpresolvebasis, DOC("loadpresolvebasis($self, /, rstatus, cstatus)", "Load a basis of the presolved LP as the start of the next LP solve. Returns None.")),
         LL_METHOD(presolverow, DOC("presolverow($self, /, qrtype, mcolso, dvalo, drhso, maxcoeffs, mcolsp, dvalp)", "Carry a row over the problem's columns into the presolved columns; fills mcolsp and dvalp and returns (rhs, status), status -1 when it cannot be done.")),
-        LL_METHOD(loadsecurevecs, DOC("loadsecurevecs($self, /, mrow, mcol)", "Name the rows and columns presolve must keep (while any are named, solves run without presolve). Returns None.")),
+        LL_METHOD(loadsecurevecs, DOC("loadsecurevecs($self, /, mrow=None, mcol=None)", "Name the rows and columns presolve must keep (while any are named, solves run without presolve). Returns None.")),
         LL_METHOD(getlastbarsol, DOC("getlastbarsol($self, /, x=None, slack=None, dual=None, dj=None)", "Fill the given lists with the last interior-point solution before crossover. Returns None.")),
         {"crossoverlpsol", reinterpret_cast<PyCFunction>(m_crossoverlpsol), METH_NOARGS, DOC("crossoverlpsol($self, /)", "Turn the current LP solution into a basic one by crossover. Returns None.")},
         LL_METHOD(fixglobals, DOC("fixglobals($self, /, options)", "Fix the integer columns (options 1: also semi-continuous and partial-integer ones) at the best integer solution. Returns None.")),
