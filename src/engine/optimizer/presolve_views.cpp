@@ -247,6 +247,41 @@ void user_solution(TRVOprob p, void* h, const HighsModel& m, Results& r) {
     r.lpobjval = r.objval = objective_at(p, r.x.data());
 }
 
+// Turns the primal point x of the LP held by h into an optimal basic solution: HiGHS's
+// crossover from the primal point pushes it to a vertex (its primal-dual variant refuses the
+// duals of HiGHS's own interior solutions in this release), and the simplex method cleans the
+// vertex up to an optimal basis, usually in few iterations. False when that fails.
+bool basic_from_point(void* h, HighsInt n, HighsInt m, const double* x, int threads, std::atomic<int>* stop) {
+    std::vector<double> xv(x, x + n);
+    std::vector<HighsInt> cb(static_cast<size_t>(n) + 1), rb(static_cast<size_t>(m) + 1);
+    SolveScope scope(threads, stop);
+    Highs_setIntOptionValue(h, "threads", scope.used);
+    {
+        // HiGHS's crossover uses the task scheduler of the calling thread without setting it
+        // up; a run of a one-column LP on a quiet instance sets it up for this thread.
+        void* tiny = highs_new_quiet();
+        if (!tiny) return false;
+        double zero = 0, one = 1;
+        Highs_setIntOptionValue(tiny, "threads", scope.used);
+        Highs_passLp(tiny, 1, 0, 0, kHighsMatrixFormatColwise, kHighsObjSenseMinimize, 0.0, &one, &zero, &one,
+                     nullptr, nullptr, nullptr, nullptr, nullptr);
+        Highs_run(tiny);
+        highs_release(tiny);
+    }
+    Highs_zeroAllClocks(h);
+    if (Highs_crossover(h, n, m, xv.data(), nullptr, nullptr) == kHighsStatusError) return false;
+    if (Highs_getBasis(h, cb.data(), rb.data()) == kHighsStatusError ||
+        Highs_setBasis(h, cb.data(), rb.data()) == kHighsStatusError)
+        return false;
+    Highs_setStringOptionValue(h, "presolve", "off");
+    Highs_setStringOptionValue(h, "solver", "simplex");
+    Highs_zeroAllClocks(h);
+    if (Highs_run(h) == kHighsStatusError) return false;
+    HighsInt valid = 0;
+    Highs_getIntInfoValue(h, "basis_validity", &valid);
+    return valid == kHighsBasisValidityValid;
+}
+
 }  // namespace
 
 HighsInt finish_barrier(TRVOprob p, void* h, const HighsModel& m, HighsInt ms) {
@@ -271,8 +306,8 @@ HighsInt finish_barrier(TRVOprob p, void* h, const HighsModel& m, HighsInt ms) {
     if (ctl_int(p, TRVO_CROSSOVER) == 0) return ms;
     if (ms != kHighsModelStatusOptimal) return ms;  // crossover needs the interior optimum
     // Crossover from the interior point to an optimal basic solution (of the model as HiGHS
-    // holds it, so from the unscaled-back values only when no scaling is applied).
-    if (Highs_crossover(h, m.ncol, m.nrow, cv.data(), cd.data(), rd.data()) == kHighsStatusError) {
+    // holds it, scaled or not).
+    if (!basic_from_point(h, m.ncol, m.nrow, cv.data(), static_cast<int>(ctl_int(p, TRVO_THREADS)), nullptr)) {
         emit_message(p, "Crossover failed: the interior-point solution is kept", 3);
         return ms;
     }
@@ -367,8 +402,7 @@ int TRVOloadpresolvebasis(TRVOprob prob, const int rstatus[], const int cstatus[
                 size_t n = static_cast<size_t>(view.q.m.ncol), m = static_cast<size_t>(view.q.m.nrow);
                 std::vector<double> x(n + 1), xd(n + 1), y(m + 1), yd(m + 1);
                 Highs_getSolution(view.q.h, x.data(), xd.data(), y.data(), yd.data());
-                if (Highs_crossover(view.q.h, view.q.m.ncol, view.q.m.nrow, x.data(), xd.data(), yd.data()) ==
-                    kHighsStatusError)
+                if (!basic_from_point(view.q.h, view.q.m.ncol, view.q.m.nrow, x.data(), 1, nullptr))
                     fail("The presolved basis could not be carried back to the problem");
             }
             h = view.q.h;
@@ -446,7 +480,7 @@ int TRVOcrossoverlpsol(TRVOprob prob, int* status) {
     return guard(prob, [&] {
         void* h = lp_instance(prob);
         Results& r = prob->results;
-        if (!r.have_lp || !r.have_duals) fail("Crossover needs an LP solution with duals");
+        if (!r.have_lp) fail("Crossover needs an LP solution");
         HighsInt valid = 0;
         Highs_getIntInfoValue(h, "basis_validity", &valid);
         if (valid == kHighsBasisValidityValid) {
@@ -456,29 +490,8 @@ int TRVOcrossoverlpsol(TRVOprob prob, int* status) {
         size_t n = static_cast<size_t>(prob->ncols()), m = static_cast<size_t>(prob->nrows());
         double sign = prob->objsense > 0 ? 1.0 : -1.0;
         std::vector<double> x(r.x.begin(), r.x.begin() + static_cast<long>(n));
-        // HiGHS's crossover from the primal point pushes it to a vertex (its primal-dual
-        // variant refuses the duals of HiGHS's own interior solutions in this release); the
-        // simplex method then cleans the vertex up to an optimal basis, usually in few
-        // iterations.
-        HighsInt st;
-        std::vector<HighsInt> cb(n + 1), rb(m + 1);
-        {
-            SolveScope scope(static_cast<int>(ctl_int(prob, TRVO_THREADS)), &prob->stop_request);
-            Highs_setIntOptionValue(h, "threads", scope.used);
-            Highs_zeroAllClocks(h);
-            st = Highs_crossover(h, static_cast<HighsInt>(n), static_cast<HighsInt>(m), x.data(), nullptr, nullptr);
-            if (st != kHighsStatusError && Highs_getBasis(h, cb.data(), rb.data()) != kHighsStatusError &&
-                Highs_setBasis(h, cb.data(), rb.data()) != kHighsStatusError) {
-                Highs_setStringOptionValue(h, "presolve", "off");
-                Highs_setStringOptionValue(h, "solver", "simplex");
-                Highs_zeroAllClocks(h);
-                st = Highs_run(h);
-            } else {
-                st = kHighsStatusError;
-            }
-        }
-        Highs_getIntInfoValue(h, "basis_validity", &valid);
-        if (st == kHighsStatusError || valid != kHighsBasisValidityValid) {
+        if (!basic_from_point(h, static_cast<HighsInt>(n), static_cast<HighsInt>(m), x.data(),
+                              static_cast<int>(ctl_int(prob, TRVO_THREADS)), &prob->stop_request)) {
             if (status) *status = 1;
             fail("Crossover did not find a basic solution");
         }

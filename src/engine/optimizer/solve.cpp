@@ -465,7 +465,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     ctx.callbacks->start(h);
     struct CallbackOff {
         void* h;
-        ~CallbackOff() {
+        ~CallbackOff() { stop(); }
+        void stop() {
             if (!h) return;  // the run was abandoned with its instance
             Highs_stopCallback(h, kHighsCallbackLogging);
             Highs_stopCallback(h, kHighsCallbackSimplexInterrupt);
@@ -531,7 +532,12 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     } else {
         char solver[16] = {0};
         Highs_getStringOptionValue(h, "solver", solver);
-        if (std::strcmp(solver, "ipm") == 0) ms = finish_barrier(p, h, model, ms);
+        if (std::strcmp(solver, "ipm") == 0) {
+            // The interior run that needed the solve's callbacks is over: crossover runs on
+            // this thread without them.
+            off.stop();
+            ms = finish_barrier(p, h, model, ms);
+        }
     }
 
     HighsInt it = 0;
