@@ -115,9 +115,11 @@ PyObject* remove_callback(PyObject* self, PyObject* args, PyObject* kw, int kind
 
 int copy_callbacks(ProblemObject* dst, ProblemObject* src) {
     for (int k = 0; k < CALLBACK_KINDS; ++k) {
-        PyObject* list = src->callbacks[k];
-        if (!list) continue;
-        PyRef hold = PyRef::borrow(list);
+        if (!src->callbacks[k]) continue;
+        // A snapshot: copying a problem's callbacks onto itself adds to the list being read.
+        PyRef hold(PyList_GetSlice(src->callbacks[k], 0, PyList_GET_SIZE(src->callbacks[k])));
+        if (!hold) return 1;
+        PyObject* list = hold.get();
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
             PyObject* record = PyList_GET_ITEM(list, i);
             if (!PyList_Check(record) || PyList_GET_SIZE(record) != 4) {

@@ -215,9 +215,8 @@ int TRVOgetpivots(TRVOprob prob, int in, int outlist[], double x[], double* dobj
         Highs_getDoubleInfoValue(b.h, "objective_function_value", &obj);
         double step = blocking.empty() ? std::numeric_limits<double>::infinity() : blocking.front().first;
         // The objective in the user's sense after the step (infinite: the direction is unbounded).
-        double change = dj * dir * step;
-        double after = std::isinf(step) ? (dj * dir < 0 ? -kInf : kInf) : obj + change;
-        if (dobj) *dobj = std::isinf(step) ? b.sign * after : b.sign * after;
+        double after = std::isinf(step) ? (dj * dir < 0 ? -kInf : kInf) : obj + dj * dir * step;
+        if (dobj) *dobj = b.sign * after;
         if (npiv) *npiv = static_cast<int>(blocking.size());
         if (outlist)
             for (int k = 0; k < maxpiv && k < static_cast<int>(blocking.size()); ++k) outlist[k] = blocking[static_cast<size_t>(k)].second;

@@ -525,6 +525,12 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         p->nrows() != nrows_before)
         fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
              "its results are not available");
+    {
+        // Read before a crossover run of the engine's own resets HiGHS's counts.
+        HighsInt bar = 0;
+        Highs_getIntInfoValue(h, "ipm_iteration_count", &bar);
+        r.bariter = bar > 0 ? bar : 0;
+    }
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
         p->highs_cols = model.ncol;
@@ -543,9 +549,6 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     r.simplexiter = it > 0 ? it : 0;
-    it = 0;
-    Highs_getIntInfoValue(h, "ipm_iteration_count", &it);
-    r.bariter = it > 0 ? it : 0;
     r.stopstatus = stop_reason(p, ms, mip, h);
     if (ms == kHighsModelStatusSolveError || ms == kHighsModelStatusPresolveError ||
         ms == kHighsModelStatusPostsolveError || ms == kHighsModelStatusUnknown) {
