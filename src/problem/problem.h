@@ -5,6 +5,7 @@
 #include "module/types.h"
 #include "library_interface/trvo.h"
 #include "library_interface/tslp.h"
+#include "module/serial_map.h"
 
 #include <functional>
 #include <map>
@@ -13,9 +14,9 @@
 
 namespace tarvo {
 
-// Serial of a modelling object -> its column, row or set index in one problem. Hashed: every
-// term of every constraint added goes through a lookup, and nothing needs the serial order.
-using IndexMap = std::unordered_map<uint64_t, int>;
+
+// Serial of a modelling object -> its column, row or set index in one problem.
+using IndexMap = SerialMap<int>;
 
 constexpr int CALLBACK_KINDS = 40;
 

@@ -469,10 +469,23 @@ bool known_mps_section(const std::string& word) {
     return false;
 }
 
+// Sections of an MPS file that HiGHS's reader takes as they stand.
+bool highs_mps_section(const std::string& word) {
+    static const char* const names[] = {"NAME", "OBJSENSE", "OBJNAME", "ROWS", "COLUMNS", "RHS", "RANGES",
+                                        "BOUNDS", "QUADOBJ", "QMATRIX", "QSECTION", "QCMATRIX", "CSECTION",
+                                        "MAX", "MIN", "MAXIMIZE", "MINIMIZE", "ENDATA"};
+    for (const char* n : names)
+        if (word == n) return true;
+    return false;
+}
+
 // Checks a problem file before HiGHS reads it and returns the length of its longest line
 // (no name in it can be longer). Refused: binary content (NUL bytes), an MPS file without its
-// ENDATA line and an LP file without its closing "end" (both usually truncated).
-size_t check_problem_file(const std::string& name, bool lp) {
+// ENDATA line and an LP file without its closing "end" (both usually truncated). For an MPS
+// file, *engine_sections tells whether it opens any section HiGHS does not read itself (those
+// the engine takes out first), so that files without any skip that second pass.
+size_t check_problem_file(const std::string& name, bool lp, bool* engine_sections) {
+    *engine_sections = false;
     std::FILE* f = std::fopen(name.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", name.c_str());
     size_t longest = 0, current = 0;
@@ -499,6 +512,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
                 end_word();
                 ++lineno;
                 if (!lp && !first.empty() && !nonlinear) {
+                    if (!highs_mps_section(first)) *engine_sections = true;
                     if (first == "ENDATA") endata = true;
                     else if (first == kNonlinearSection) nonlinear = true;
                     else if (first == "ROWS") rows = true;
@@ -516,7 +530,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
             }
             ++current;
             if (lp && c == '\\') in_comment = true;
-            bool blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+            bool blank = c == ' ' || (c >= '\t' && c <= '\r');  // isspace in the C locale, inline
             if (blank) {
                 end_word();
                 at_line_start = false;
@@ -532,6 +546,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
     std::fclose(f);
     if (failed) fail("Could not read problem file %s", name.c_str());
     end_word();
+    if (!lp && !first.empty() && !nonlinear && !highs_mps_section(first)) *engine_sections = true;
     if (!nonlinear && first == "ENDATA") endata = true;
     longest = std::max(longest, current);
     if (!lp && !endata && !nonlinear)
@@ -547,10 +562,11 @@ size_t check_problem_file(const std::string& name, bool lp) {
 void read_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_to_read(filename, flags);
     const bool lp = read_as_lp(name, flags);
-    const size_t longest_line = check_problem_file(name, lp);
+    bool engine_sections = false;
+    const size_t longest_line = check_problem_file(name, lp, &engine_sections);
     EntitySections entities;
     std::string stripped;
-    if (!lp) stripped = strip_entity_sections(name, entities);
+    if (!lp && engine_sections) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
