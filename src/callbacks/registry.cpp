@@ -36,6 +36,13 @@ int register_callback(ProblemObject* p, int kind, PyObject* callback, PyObject* 
             p->callbacks[kind] = PyList_New(0);
             if (!p->callbacks[kind]) rc = -1;
         }
+        if (rc == 0 && kind >= FIRST_NONLINEAR_KIND) {
+            // The nonlinear library keeps one callback per kind: the new one replaced the
+            // earlier, whose record goes.
+            PyObject* list = p->callbacks[kind];
+            for (Py_ssize_t i = PyList_GET_SIZE(list) - 1; i >= 0; --i) retire_record(PyList_GET_ITEM(list, i));
+            if (PyList_SetSlice(list, 0, PyList_GET_SIZE(list), nullptr) < 0) rc = -1;
+        }
         if (rc == 0 && PyList_Append(p->callbacks[kind], record.get()) < 0) rc = -1;
         if (rc != 0) library_unregister(p, kind, record.get());
     }
@@ -114,12 +121,13 @@ PyObject* remove_callback(PyObject* self, PyObject* args, PyObject* kw, int kind
 }
 
 int copy_callbacks(ProblemObject* dst, ProblemObject* src) {
+    // A problem holds its own callbacks already (copying them onto itself would also read
+    // the list it appends to without end).
+    if (dst == src) return 0;
     for (int k = 0; k < CALLBACK_KINDS; ++k) {
-        if (!src->callbacks[k]) continue;
-        // A snapshot: copying a problem's callbacks onto itself adds to the list being read.
-        PyRef hold(PyList_GetSlice(src->callbacks[k], 0, PyList_GET_SIZE(src->callbacks[k])));
-        if (!hold) return 1;
-        PyObject* list = hold.get();
+        PyObject* list = src->callbacks[k];
+        if (!list) continue;
+        PyRef hold = PyRef::borrow(list);
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i) {
             PyObject* record = PyList_GET_ITEM(list, i);
             if (!PyList_Check(record) || PyList_GET_SIZE(record) != 4) {
