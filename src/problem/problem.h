@@ -110,7 +110,7 @@ int prob_dbl_attrib(ProblemObject* p, int id, double* value);
 int prob_cols(ProblemObject* p, int* n);
 int prob_rows(ProblemObject* p, int* n);
 int prob_sets(ProblemObject* p, int* n);
-// Mixed-integer test (attributes 1032, 1004, 1327, 1325): 1 yes, 0 no, -1 error.
+// Mixed-integer test (attributes 1032, 1004, 1327, 1325, 1009): 1 yes, 0 no, -1 error.
 int prob_is_mip(ProblemObject* p);
 // The serial keys used by the maps.
 uint64_t object_key(PyObject* o);

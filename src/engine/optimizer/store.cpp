@@ -1,6 +1,7 @@
 // The problem store: columns, rows and the row-wise sparse matrix. Appending rows or columns
 // costs O(new entries); deleting rows or columns is one compaction pass.
 #include "engine/optimizer/problem.h"
+#include "engine/optimizer/gencons.h"
 
 #include <algorithm>
 #include <cmath>
@@ -304,6 +305,7 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
             ++it;
         }
     }
+    gencons_delete_cols(p, newidx);
     results_invalidate(p);
 }
 
