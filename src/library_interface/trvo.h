@@ -488,8 +488,11 @@ int TRVOiisclear(TRVOprob prob);
 int TRVOiisstatus(TRVOprob prob, int* iiscount, int rowsizes[], int colsizes[],
                   double suminfeas[], int numinfeas[]);
 /* Rows with their sides in the IIS ('L' upper side, 'G' lower side, 'E' both), columns with
-   their bounds ('L', 'U', 'B'); duals and rdcs are the multipliers (0 when unknown);
-   isolation flags are 0. */
+   their bounds ('L', 'U', 'B'); duals (rows) and rdcs (column bounds) are Farkas multipliers:
+   with d = rdcs on the IIS columns and 0 elsewhere, A'duals + d = 0 over the IIS rows, and
+   summing each multiplier times its side (the lower side or bound for a positive one, the
+   upper for a negative one) gives 1, so the weighted subsystem reads 0 >= 1 (0 when HiGHS
+   gives no certificate); isolation flags are 0. */
 int TRVOgetiisdata(TRVOprob prob, int num, int* rownumber, int* colnumber, int miisrow[],
                    int miiscol[], char constrainttype[], char colbndtype[], double duals[],
                    double rdcs[], char isolationrows[], char isolationcols[]);
@@ -694,6 +697,83 @@ int TRVOgetdirs(TRVOprob prob, int* ndirs, int* mcols, int* mpri, char* qbr, dou
    ('-' for none); '#' starts a comment (format described in directives.cpp). */
 int TRVOreaddirs(TRVOprob prob, const char* filename);
 int TRVOwritedirs(TRVOprob prob, const char* filename);
+/* ---- presolve views, secure vectors, interior-point solutions (presolve_views.cpp). A
+   presolve view is computed from the current problem at each call, by HiGHS's presolve under
+   the rules of a solve (PRESOLVE off or secure vectors loaded: nothing is removed). */
+/* Presolved index -> the problem's row/column (-1: a column or row of the engine's own
+   reformulation); null arrays to learn the counts. */
+int TRVOgetpresolvemap(TRVOprob prob, int rowmap[], int* nrows, int colmap[], int* ncols);
+/* Solution and basis of the presolved LP (LPs only); arrays of the presolved counts. The
+   slack is taken against the row's upper side (its lower side when it has none). */
+int TRVOgetpresolvesol(TRVOprob prob, double x[], double slack[], double dual[], double dj[]);
+int TRVOgetpresolvebasis(TRVOprob prob, int rstatus[], int cstatus[]);
+/* A basis of the presolved LP, carried back through HiGHS's postsolve: becomes the start
+   basis of the next LP solve, as TRVOloadbasis. */
+int TRVOloadpresolvebasis(TRVOprob prob, const int rstatus[], const int cstatus[]);
+/* Carries a row (qrtype 'L', 'G', 'E') over the problem's columns into the presolved columns:
+   columns fixed in the problem move to the right-hand side. status 0 done, -1 the row uses a
+   column that presolve removed otherwise, or has more than maxcoeffs entries (nothing
+   returned then). */
+int TRVOpresolverow(TRVOprob prob, char qrtype, int nzo, const int mcolso[], const double dvalo[],
+                    double drhso, int maxcoeffs, double* drhsp, int* nzp, int mcolsp[],
+                    double dvalp[], int* status);
+/* Rows and columns presolve must keep. HiGHS cannot be told to keep given ones, so while any
+   are loaded every solve runs without presolve (the log says so). Empty lists: none. */
+int TRVOloadsecurevecs(TRVOprob prob, int nrows, int ncols, const int mrow[], const int mcol[]);
+/* The last LP solve by the barrier (DEFAULTALG 4 or flag 'b'): its interior solution before
+   crossover; the crossover itself runs only when CROSSOVER is non-zero. */
+int TRVOgetlastbarsol(TRVOprob prob, double x[], double slack[], double dual[], double dj[]);
+/* HiGHS's crossover from the current LP solution to a basic one (status 0; already basic:
+   nothing to do). */
+int TRVOcrossoverlpsol(TRVOprob prob, int* status);
+/* Fixes the integer columns (option 1: also semi-continuous and partial-integer ones) at the
+   values of the best integer solution. */
+int TRVOfixglobals(TRVOprob prob, int options);
+/* The LP with the integer columns fixed at their values in solution, re-optimised over the
+   continuous columns (flags: 'p' primal, 'd' dual simplex, 'b' barrier). status 0 refined,
+   1 no feasible completion (refined is the solution unchanged). options must be 0. */
+int TRVOrefinemipsol(TRVOprob prob, int options, const char* flags, const double solution[],
+                     double refined[], int* status);
+
+/* ---- analyses of the last LP basis (basis_analysis.cpp). Combined index space: rows
+   0..rows-1, then column j at rows + j. */
+/* The basic variables in the order of the basis matrix (rows entries). */
+int TRVOgetpivotorder(TRVOprob prob, int mpiv[]);
+/* Ratio test of nonbasic variable in entering the basis (moving away from its bound, or in
+   its improving direction when free): outlist the blocking variables by increasing step (at
+   most maxpiv; the entering one itself when its own range blocks), *npiv their number, x the
+   values of all rows (activities) and columns after the step, *dobj the objective then
+   (+-1e20 when nothing blocks). */
+int TRVOgetpivots(TRVOprob prob, int in, int outlist[], double x[], double* dobj, int* npiv,
+                  int maxpiv);
+/* After an LP solve found the problem unbounded with a basis: the nonbasic variable whose
+   improving direction is unbounded; -1 when there is none. */
+int TRVOgetunbvec(TRVOprob prob, int* seq);
+/* type 0 condition number of the basis, 1 norm of its inverse, 2 norm of the basis; norm 0
+   infinity norm, 1 one norm, 2 Frobenius norm; ifscaled 1: of the basis of the problem
+   scaled by the factors of TRVOscale. */
+int TRVObasisstability(TRVOprob prob, int type, int norm, int ifscaled, double* value);
+/* For each row, the range of its dual value over the optimal dual solutions, estimated by
+   re-solving with the right-hand side moved a little each way from the optimal basis (at
+   most iterlim simplex iterations each). */
+int TRVOestimaterowdualranges(TRVOprob prob, int nrows, const int rowindices[], int iterlim,
+                              double mindual[], double maxdual[]);
+/* Scaling exponents: row i is multiplied by 2^mrscal[i], column j by 2^mcscal[j] (continuous
+   columns only) in the model HiGHS solves; HiGHS's own scaling is off then. Results are
+   always unscaled. Null arrays: no scaling of that kind. */
+int TRVOscale(TRVOprob prob, const int mrscal[], const int mcscal[]);
+/* TRVOgetinfeas measured on the problem scaled by the factors of TRVOscale. */
+int TRVOgetscaledinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[],
+                        int mslack[], int mdual[], int mdj[]);
+/* TRVOrepairweightedinfeas with a limit on each violation (null array, negative or infinite
+   entry: unlimited); the lrp penalties apply to the lower side of every row that has one and
+   grp to the upper side. phase2 and delta are accepted but not used. */
+int TRVOrepairweightedinfeasbounds(TRVOprob prob, int* scode, const double lrp_array[],
+                                   const double grp_array[], const double lbp_array[],
+                                   const double ubp_array[], const double lrb_array[],
+                                   const double grb_array[], const double lbb_array[],
+                                   const double ubb_array[], char phase2, double delta,
+                                   const char* optflags);
 
 #ifdef __cplusplus
 }

@@ -18,10 +18,9 @@ struct Assemble {
         int k = 0;
         for (const PyMethodDef* t : {ll::load_methods(), ll::matrix_methods(), ll::solve_methods(),
                                      ll::analysis_methods(), ll::files_methods(), ll::gencons_methods(),
-                                     ll::cut_methods(), ll::lowlevel_cut_methods(), ll::save_methods()})
+                                     ll::cut_methods(), ll::lowlevel_cut_methods(), ll::save_methods(),
+                                     ll::presolve_methods(), ll::basis_methods(), ll::directives_methods()})
             for (const PyMethodDef* d = t; d->ml_name && k < MAX_LOWLEVEL; ++d) problem_lowlevel_methods[k++] = *d;
-        for (const PyMethodDef* d = ll::directives_methods(); d->ml_name && k < MAX_LOWLEVEL; ++d)
-            problem_lowlevel_methods[k++] = *d;
         problem_lowlevel_methods[k] = PyMethodDef{nullptr, nullptr, 0, nullptr};
     }
 } assemble;

@@ -100,6 +100,8 @@ const PyMethodDef* cut_methods();           // callbacks/cuts.cpp
 const PyMethodDef* lowlevel_cut_methods();  // lowlevel_cuts.cpp
 // strongbranch(...), sharing its body with strongbranchcb (callbacks/cuts.cpp).
 PyObject* strongbranch_method(PyObject* self, PyObject* args, PyObject* kw);
+const PyMethodDef* presolve_methods();
+const PyMethodDef* basis_methods();
 
 }  // namespace ll
 

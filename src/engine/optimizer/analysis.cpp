@@ -1,6 +1,6 @@
 // Analysis of the last LP solve (bases, rays, ftran/btran, ranging, infeasibilities) and
 // computations on given solution vectors.
-#include "engine/optimizer/formulate.h"
+#include "engine/optimizer/views.h"
 
 #include <algorithm>
 #include <cmath>
@@ -34,15 +34,14 @@ void slacks_at(TRVOprob p, const double* x, double* slack) {
         slack[i] = p->rhs[static_cast<size_t>(i)] - activity_at(p, i, x);
 }
 
-namespace {
-
-// The HiGHS instance holding the user's LP as last solved.
 void* lp_instance(TRVOprob p) {
     if (!p->highs || !p->highs_has_lp || Highs_getNumCol(p->highs) != p->ncols() ||
         Highs_getNumRow(p->highs) != p->nrows())
         fail("No LP solve of the current problem is available");
     return p->highs;
 }
+
+namespace {
 
 int from_highs_status(HighsInt s) {
     switch (s) {
@@ -253,35 +252,45 @@ int TRVOrhssa(TRVOprob prob, int n, const int mindex[], double lower[], double u
     return ranging(prob, n, mindex, lower, upper, false);
 }
 
-int TRVOgetinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[],
-                  int mslack[], int mdual[], int mdj[]) {
+// Infeasibilities of the current LP solution; scaled: measured on the problem scaled by the
+// factors of TRVOscale (column j divided by c_j, row i multiplied by r_i; duals follow).
+static int infeasibilities(TRVOprob prob, bool scaled, int* npv, int* nps, int* nds, int* ndj, int mx[],
+                           int mslack[], int mdual[], int mdj[]) {
     return guard(prob, [&] {
         const Results& r = prob->results;
         if (!r.have_lp) fail("No LP solution available");
         double ftol = ctl_dbl(prob, TRVO_FEASTOL), otol = ctl_dbl(prob, TRVO_OPTIMALITYTOL);
         double sense = prob->objsense;
+        const Views* v = scaled ? views_if(prob) : nullptr;
+        auto cf = [&](int j) { return v && !v->col_scale.empty() ? std::ldexp(1.0, v->col_scale[static_cast<size_t>(j)]) : 1.0; };
+        auto rf = [&](int i) { return v && !v->row_scale.empty() ? std::ldexp(1.0, v->row_scale[static_cast<size_t>(i)]) : 1.0; };
+        auto sc = [](double bound, double f) { return is_inf(bound) ? bound : bound * f; };
         int a = 0, b = 0, c = 0, d = 0;
         for (int j = 0; j < prob->ncols(); ++j) {
             size_t s = static_cast<size_t>(j);
-            double x = r.x[s];
-            if (x < prob->lb[s] - ftol || x > prob->ub[s] + ftol) {
+            double f = 1.0 / cf(j);
+            double x = r.x[s] * f, lb = sc(prob->lb[s], f), ub = sc(prob->ub[s], f);
+            if (x < lb - ftol || x > ub + ftol) {
                 if (mx) mx[a] = j;
                 ++a;
             }
-            if (r.have_duals && dual_violation(r.dj[s], x, prob->lb[s], prob->ub[s], sense, ftol) > otol) {
+            if (r.have_duals && dual_violation(r.dj[s] / f, x, lb, ub, sense, ftol) > otol) {
                 if (mdj) mdj[d] = j;
                 ++d;
             }
         }
         for (int i = 0; i < prob->nrows(); ++i) {
             size_t s = static_cast<size_t>(i);
-            double lo, up, act = prob->rhs[s] - r.slack[s];
+            double f = rf(i);
+            double lo, up, act = (prob->rhs[s] - r.slack[s]) * f;
             row_limits(prob, i, lo, up);
+            lo = sc(lo, f);
+            up = sc(up, f);
             if (act < lo - ftol || act > up + ftol) {
                 if (mslack) mslack[b] = i;
                 ++b;
             }
-            if (r.have_duals && dual_violation(r.dual[s], act, lo, up, sense, ftol) > otol) {
+            if (r.have_duals && dual_violation(r.dual[s] / f, act, lo, up, sense, ftol) > otol) {
                 if (mdual) mdual[c] = i;
                 ++c;
             }
@@ -291,6 +300,16 @@ int TRVOgetinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[
         if (nds) *nds = c;
         if (ndj) *ndj = d;
     });
+}
+
+int TRVOgetinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[],
+                  int mslack[], int mdual[], int mdj[]) {
+    return infeasibilities(prob, false, npv, nps, nds, ndj, mx, mslack, mdual, mdj);
+}
+
+int TRVOgetscaledinfeas(TRVOprob prob, int* npv, int* nps, int* nds, int* ndj, int mx[],
+                        int mslack[], int mdual[], int mdj[]) {
+    return infeasibilities(prob, true, npv, nps, nds, ndj, mx, mslack, mdual, mdj);
 }
 
 int TRVOcalcobjective(TRVOprob prob, const double solution[], double* objval) {

@@ -1,6 +1,6 @@
 // Infeasibility analysis of the continuous relaxation: irreducible infeasible subsystems
 // (HiGHS's IIS search) and repair by penalised relaxation (HiGHS's feasibility relaxation).
-#include "engine/optimizer/formulate.h"
+#include "engine/optimizer/views.h"
 #include "engine/optimizer/highs_instances.h"
 
 #include <cmath>
@@ -53,6 +53,76 @@ char side(HighsInt bound, bool row) {
     return row ? 'N' : 'F';
 }
 
+// Farkas multipliers of a subsystem: y for its rows and d for its column bounds with
+// A'y + d = 0 and sum over rows of (y_i > 0 ? y_i lo_i : y_i up_i) plus sum over columns of
+// (d_j > 0 ? d_j l_j : d_j u_j) = 1, only the subsystem's sides and bounds counting: adding up
+// the subsystem with these weights gives 0 >= 1. Taken from HiGHS's dual ray of the subsystem
+// alone, checked, and scaled; left at 0 when HiGHS gives no valid certificate.
+void farkas(const HighsModel& m, Iis& iis) {
+    size_t n = static_cast<size_t>(m.ncol);
+    std::vector<double> clo(n, -kHighsInf), cup(n, kHighsInf), cost(n, 0.0);
+    for (size_t k = 0; k < iis.cols.size(); ++k) {
+        size_t j = static_cast<size_t>(iis.cols[k]);
+        char b = iis.colbound[k];
+        if (b == 'L' || b == 'B') clo[j] = m.col_lower[j];
+        if (b == 'U' || b == 'B') cup[j] = m.col_upper[j];
+    }
+    std::vector<double> rlo, rup, aval;
+    std::vector<HighsInt> astart{0}, aidx;
+    for (size_t k = 0; k < iis.rows.size(); ++k) {
+        size_t i = static_cast<size_t>(iis.rows[k]);
+        char sd = iis.rowside[k];
+        rlo.push_back(sd == 'G' || sd == 'E' ? m.row_lower[i] : -kHighsInf);
+        rup.push_back(sd == 'L' || sd == 'E' ? m.row_upper[i] : kHighsInf);
+        for (HighsInt e = m.a_start[i]; e < row_end(m, i); ++e) {
+            aidx.push_back(m.a_index[static_cast<size_t>(e)]);
+            aval.push_back(m.a_value[static_cast<size_t>(e)]);
+        }
+        astart.push_back(static_cast<HighsInt>(aidx.size()));
+    }
+    HighsInt nr = static_cast<HighsInt>(rlo.size());
+    void* h = highs_new_quiet();
+    if (!h) return;
+    struct Release { void* h; ~Release() { highs_release(h); } } release{h};
+    if (Highs_passLp(h, m.ncol, nr, static_cast<HighsInt>(aidx.size()), kHighsMatrixFormatRowwise,
+                     kHighsObjSenseMinimize, 0.0, cost.data(), clo.data(), cup.data(),
+                     nr ? rlo.data() : nullptr, nr ? rup.data() : nullptr, nr ? astart.data() : nullptr,
+                     aidx.empty() ? nullptr : aidx.data(), aval.empty() ? nullptr : aval.data()) == kHighsStatusError)
+        return;
+    Highs_setStringOptionValue(h, "presolve", "off");
+    Highs_setStringOptionValue(h, "solver", "simplex");
+    Highs_setIntOptionValue(h, "threads", 1);
+    Highs_run(h);
+    HighsInt has = 0;
+    std::vector<double> ray(static_cast<size_t>(nr) + 1);
+    if (nr == 0 || Highs_getDualRay(h, &has, ray.data()) == kHighsStatusError || !has) return;
+    // d = -A'y over the subsystem's rows, then the value of the combination for y and for -y.
+    for (int flip = 0; flip < 2; ++flip) {
+        std::vector<double> y(ray.begin(), ray.begin() + nr), d(n, 0.0);
+        if (flip) for (double& v : y) v = -v;
+        for (HighsInt k = 0; k < nr; ++k)
+            for (HighsInt e = astart[static_cast<size_t>(k)]; e < astart[static_cast<size_t>(k) + 1]; ++e)
+                d[static_cast<size_t>(aidx[static_cast<size_t>(e)])] -= y[static_cast<size_t>(k)] * aval[static_cast<size_t>(e)];
+        double big = 0;
+        for (double v : y) big = std::max(big, std::fabs(v));
+        const double ztol = 1e-9 * std::max(1.0, big);
+        double value = 0;
+        bool valid = true;
+        auto side = [&](double mult, double lo, double up) {
+            if (std::fabs(mult) <= ztol) return;
+            double b = mult > 0 ? lo : up;
+            if (b <= -kHighsInf || b >= kHighsInf) valid = false;
+            else value += mult * b;
+        };
+        for (HighsInt k = 0; k < nr; ++k) side(y[static_cast<size_t>(k)], rlo[static_cast<size_t>(k)], rup[static_cast<size_t>(k)]);
+        for (size_t j = 0; j < n; ++j) side(d[j], clo[j], cup[j]);
+        if (!valid || value <= ztol) continue;
+        for (size_t k = 0; k < iis.rows.size(); ++k) iis.duals[k] = y[k] / value;
+        for (size_t k = 0; k < iis.cols.size(); ++k) iis.rdcs[k] = d[static_cast<size_t>(iis.cols[k])] / value;
+        return;
+    }
+}
+
 // Finds the IIS of the relaxation; false when the relaxation is feasible.
 bool find_iis(TRVOprob p) {
     p->iis.clear();
@@ -83,6 +153,7 @@ bool find_iis(TRVOprob p) {
     }
     iis.duals.assign(iis.rows.size(), 0.0);
     iis.rdcs.assign(iis.cols.size(), 0.0);
+    farkas(rel.m, iis);
     // The subsystem's total violation: the optimum of its L1 feasibility relaxation.
     iis.numinfeas = 0;
     iis.suminfeas = 0;
@@ -230,6 +301,66 @@ void repair(TRVOprob p, int* scode, const double* lrp, const double* grp, const 
     if (scode) *scode = 0;
 }
 
+// The weighted repair with a limit on each violation (HiGHS's feasibility relaxation takes no
+// limits, so the relaxation is built here): every relaxable row side gets a violation column
+// (cost its penalty, upper bound its limit) and every relaxable column bound a row
+// x_j + u_j >= lb_j or x_j - v_j <= ub_j with the bound itself dropped. A limit that is null,
+// negative or infinite leaves that violation unlimited.
+void repair_bounded(TRVOprob p, int* scode, const double* lrp, const double* grp, const double* lbp,
+                    const double* ubp, const double* lrb, const double* grb, const double* lbb, const double* ubb) {
+    Relaxation rel(p);
+    Solving solving;
+    const HighsInt n = p->ncols(), m = p->nrows();
+    std::vector<double> zero(rel.m.cost.size(), 0.0);
+    if (!zero.empty()) Highs_changeColsCostByRange(rel.h, 0, static_cast<HighsInt>(zero.size()) - 1, zero.data());
+    auto cap = [](const double* a, HighsInt k) { return a && a[k] >= 0 && a[k] < kInf ? a[k] : kHighsInf; };
+    auto add_violation = [&](HighsInt row, double coef, double cost, double limit) {
+        Highs_addCol(rel.h, cost, 0.0, limit, 1, &row, &coef);
+    };
+    for (HighsInt i = 0; i < m; ++i) {
+        size_t s = static_cast<size_t>(i);
+        if (lrp && lrp[i] > 0 && !is_inf(rel.m.row_lower[s])) add_violation(i, 1.0, lrp[i], cap(lrb, i));
+        if (grp && grp[i] > 0 && !is_inf(rel.m.row_upper[s])) add_violation(i, -1.0, grp[i], cap(grb, i));
+    }
+    const double one = 1.0;
+    for (HighsInt j = 0; j < n; ++j) {
+        size_t s = static_cast<size_t>(j);
+        double lo = rel.m.col_lower[s], up = rel.m.col_upper[s];
+        bool rl = lbp && lbp[j] > 0 && !is_inf(lo), ru = ubp && ubp[j] > 0 && !is_inf(up);
+        if (!rl && !ru) continue;
+        Highs_changeColBounds(rel.h, j, rl ? -kHighsInf : lo, ru ? kHighsInf : up);
+        if (rl) {
+            Highs_addRow(rel.h, lo, kHighsInf, 1, &j, &one);
+            add_violation(Highs_getNumRow(rel.h) - 1, 1.0, lbp[j], cap(lbb, j));
+        }
+        if (ru) {
+            Highs_addRow(rel.h, -kHighsInf, up, 1, &j, &one);
+            add_violation(Highs_getNumRow(rel.h) - 1, -1.0, ubp[j], cap(ubb, j));
+        }
+    }
+    Highs_setStringOptionValue(rel.h, "presolve", "off");
+    Highs_zeroAllClocks(rel.h);
+    Highs_run(rel.h);
+    HighsInt ms = Highs_getModelStatus(rel.h);
+    if (ms != kHighsModelStatusOptimal) {
+        if (scode) *scode = ms == kHighsModelStatusInfeasible ? 1 : 3;
+        return;
+    }
+    HighsInt nc = Highs_getNumCol(rel.h), nr = Highs_getNumRow(rel.h);
+    std::vector<double> cv(static_cast<size_t>(nc)), cd(cv.size()), rv(static_cast<size_t>(nr)), rd(rv.size());
+    Highs_getSolution(rel.h, cv.data(), cd.data(), rv.data(), rd.data());
+    results_resize(p);
+    Results& r = p->results;
+    r.x.assign(cv.begin(), cv.begin() + n);
+    slacks_at(p, r.x.data(), r.slack.data());
+    std::fill(r.dual.begin(), r.dual.end(), 0.0);
+    std::fill(r.dj.begin(), r.dj.end(), 0.0);
+    r.have_lp = true;
+    r.have_duals = false;
+    r.lpobjval = r.objval = objective_at(p, r.x.data());
+    if (scode) *scode = 0;
+}
+
 }  // namespace
 }  // namespace trvo
 
@@ -309,6 +440,17 @@ int TRVOrepairweightedinfeas(TRVOprob prob, int* scode, const double lrp_array[]
                              const double grp_array[], const double lbp_array[],
                              const double ubp_array[], char, double, const char*) {
     return guard(prob, [&] { repair(prob, scode, lrp_array, grp_array, lbp_array, ubp_array); });
+}
+
+int TRVOrepairweightedinfeasbounds(TRVOprob prob, int* scode, const double lrp_array[],
+                                   const double grp_array[], const double lbp_array[],
+                                   const double ubp_array[], const double lrb_array[],
+                                   const double grb_array[], const double lbb_array[],
+                                   const double ubb_array[], char, double, const char*) {
+    return guard(prob, [&] {
+        repair_bounded(prob, scode, lrp_array, grp_array, lbp_array, ubp_array, lrb_array, grb_array,
+                       lbb_array, ubb_array);
+    });
 }
 
 int TRVOrepairinfeas(TRVOprob prob, int* scode, char pflags, char, char, double lrp, double grp,

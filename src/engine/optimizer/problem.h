@@ -207,6 +207,8 @@ struct trvo_problem_s {
     bool highs_has_lp = false;  // the instance holds the user's LP from the last lpoptimize
     // The cut pool, stored bounds and lazy rows (cuts.cpp), made on first use.
     std::shared_ptr<trvo::CutPool> cutpool;
+    // Secure vectors, scaling factors and the last barrier solution (trvo::Views, views.h).
+    std::shared_ptr<void> views;
 
     int ncols() const { return static_cast<int>(lb.size()); }
     int nrows() const { return static_cast<int>(rowtype.size()); }

@@ -6,6 +6,7 @@
 #include "engine/optimizer/highs_instances.h"
 #include "engine/optimizer/solve_callbacks.h"
 #include "engine/optimizer/tree_search.h"
+#include "engine/optimizer/views.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -88,7 +89,7 @@ void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, 
     check(Highs_setBoolOptionValue(h, "output_flag", log), "set its options");
     check(Highs_setBoolOptionValue(h, "log_to_console", 0), "set its options");
     Highs_setIntOptionValue(h, "threads", threads);
-    Highs_setStringOptionValue(h, "presolve", ctl_int(p, TRVO_PRESOLVE) ? "choose" : "off");
+    Highs_setStringOptionValue(h, "presolve", ctl_int(p, TRVO_PRESOLVE) && presolve_allowed(p) ? "choose" : "off");
     double maxtime = ctl_dbl(p, TRVO_MAXTIME);
     Highs_setDoubleOptionValue(h, "time_limit", maxtime > 0 ? maxtime : INFINITY);
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", ctl_dbl(p, TRVO_FEASTOL));
@@ -132,6 +133,9 @@ void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, 
             break;
         case 4:
             Highs_setStringOptionValue(h, "solver", "ipm");
+            // An LP's interior solution is kept before crossover, which the engine then runs
+            // itself when CROSSOVER asks for it (finish_barrier).
+            if (!mip) Highs_setStringOptionValue(h, "run_crossover", "off");
             break;
         default:
             Highs_setStringOptionValue(h, "solver", "choose");
@@ -199,6 +203,24 @@ HighsInt run(void* h) {
         }
     }
     return ms;
+}
+
+// After a solve of the scaled LP: the instance is given the unscaled LP with the basis found
+// (basis statuses do not change with scaling), so that the analyses of the last basis see the
+// problem's own matrix.
+void unscaled_basis_instance(TRVOprob p, void* h) {
+    HighsInt valid = 0;
+    Highs_getIntInfoValue(h, "basis_validity", &valid);
+    std::vector<HighsInt> cb(static_cast<size_t>(p->ncols()) + 1), rb(static_cast<size_t>(p->nrows()) + 1);
+    bool basis = valid == kHighsBasisValidityValid && Highs_getBasis(h, cb.data(), rb.data()) != kHighsStatusError;
+    HighsModel plain;
+    formulate(p, false, plain);
+    pass_model(h, plain);
+    if (!basis) return;
+    Highs_setBasis(h, cb.data(), rb.data());
+    Highs_setIntOptionValue(h, "simplex_scale_strategy", ctl_int(p, TRVO_SCALING) ? 1 : 0);
+    HighsInt st = run(h);
+    (void)st;
 }
 
 // How long a run may ignore a stop request (HiGHS's presolve and QP solver do not look at the
@@ -410,6 +432,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
 
     HighsModel model;
     formulate(p, mip, model);
+    const bool scaled = scale_model(p, model);
     const int ncols_before = p->ncols(), nrows_before = p->nrows();
 
     SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
@@ -439,6 +462,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     if (mip) ctx.maxsol = ctl_int(p, TRVO_MAXMIPSOL);
     ctx.callbacks.reset(new SolveCallbacks(p, mip, model));
     set_options(p, h, flags, mip, scope.used, ctx.callbacks->needs_output());
+    if (scaled) Highs_setIntOptionValue(h, "simplex_scale_strategy", 0);  // the user's factors instead
     check(Highs_setCallback(h, highs_callback, &ctx), "install its callback");
     Highs_startCallback(h, kHighsCallbackLogging);
     Highs_startCallback(h, kHighsCallbackSimplexInterrupt);
@@ -448,7 +472,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     ctx.callbacks->start(h);
     struct CallbackOff {
         void* h;
-        ~CallbackOff() {
+        ~CallbackOff() { stop(); }
+        void stop() {
             if (!h) return;  // the run was abandoned with its instance
             Highs_stopCallback(h, kHighsCallbackLogging);
             Highs_stopCallback(h, kHighsCallbackSimplexInterrupt);
@@ -507,18 +532,30 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         p->nrows() != nrows_before)
         fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
              "its results are not available");
+    {
+        // Read before a crossover run of the engine's own resets HiGHS's counts.
+        HighsInt bar = 0;
+        Highs_getIntInfoValue(h, "ipm_iteration_count", &bar);
+        r.bariter = bar > 0 ? bar : 0;
+    }
     if (mip) {
         ms = check_uncapped_semicontinuous(p, ms, flags, scope.used, h, model);
         p->highs_cols = model.ncol;
         p->highs_rows = model.nrow;
+    } else {
+        char solver[16] = {0};
+        Highs_getStringOptionValue(h, "solver", solver);
+        if (std::strcmp(solver, "ipm") == 0) {
+            // The interior run that needed the solve's callbacks is over: crossover runs on
+            // this thread without them.
+            off.stop();
+            ms = finish_barrier(p, h, model, ms);
+        }
     }
 
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     r.simplexiter = it > 0 ? it : 0;
-    it = 0;
-    Highs_getIntInfoValue(h, "ipm_iteration_count", &it);
-    r.bariter = it > 0 ? it : 0;
     r.stopstatus = stop_reason(p, ms, mip, h);
     if (ms == kHighsModelStatusSolveError || ms == kHighsModelStatusPresolveError ||
         ms == kHighsModelStatusPostsolveError || ms == kHighsModelStatusUnknown) {
@@ -548,6 +585,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         r.stopstatus = TRVO_STOP_SOLLIMIT;
         r.solvestatus = TRVO_SOLVESTATUS_STOPPED;
     }
+    if (scaled) unscale_solution(p, model, cv.data(), cd.data(), rv.data(), rd.data());
 
     if (!mip) {
         switch (ms) {
@@ -651,6 +689,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
                      : r.mipstatus == TRVO_MIP_UNBOUNDED ? TRVO_LP_UNBOUNDED
                                                          : TRVO_LP_OPTIMAL;
     }
+    if (scaled && p->highs_has_lp) unscaled_basis_instance(p, h);
     r.time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     p->stop_request.store(0);
 }
