@@ -203,6 +203,21 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         vstart[v + 1] = (int)vrow.size();
     }
 
+    // Rows whose columns are all fixed: met already (to a tolerance) or the step problem is
+    // infeasible, which the simplex method is left to report. Met ones stay in the system
+    // with a unit diagonal and a zero right-hand side, so that their duals stay zero.
+    std::vector<char> empty(m, 1);
+    for (int i : vrow) empty[i] = 0;
+    {
+        double bmax = 0.0;
+        for (int i = 0; i < m; ++i) bmax = std::max(bmax, std::fabs(b[i]));
+        for (int i = 0; i < m; ++i)
+            if (empty[i]) {
+                if (std::fabs(b[i]) > 1e-9 * (1.0 + bmax)) return SparseStatus::Declined;
+                b[i] = 0.0;
+            }
+    }
+
     // Ordering and envelope of A D A'.
     std::vector<std::vector<int>> adj(m);
     for (int v = 0; v < nv; ++v)
@@ -394,7 +409,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         }
         double maxdiag = 0.0;
         for (int i = 0; i < m; ++i) maxdiag = std::max(maxdiag, E.at(i, i));
-        for (int i = 0; i < m; ++i) E.at(i, i) += 1e-20 * maxdiag;
+        for (int i = 0; i < m; ++i) E.at(i, i) += empty[order[i]] ? 1.0 : 1e-20 * maxdiag;
         factor(E, m);
         // Predictor.
         for (int v = 0; v < nv; ++v) {
