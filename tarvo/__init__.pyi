@@ -739,6 +739,43 @@ class problem:
     def copycontrols(self, src: _Value) -> Any: ...
     def delindicators(self, start: _Index | None = ..., end: _Index | None = ...) -> Any: ...
     def delqmatrix(self, row: _Index) -> Any: ...
+    # general and piecewise-linear constraints
+    def addgencons(
+        self,
+        type: _Value,
+        resultant: _Value,
+        colstart: _Value,
+        col: _Value,
+        valstart: _Value | None = ...,
+        val: _Value | None = ...,
+    ) -> Any: ...
+    def getgencons(
+        self,
+        type: _Value,
+        resultant: _Value,
+        colstart: _Value,
+        col: _Value,
+        colsize: int,
+        valstart: _Value,
+        val: _Value,
+        valsize: int,
+        first: int,
+        last: int,
+    ) -> Any: ...
+    def delgencons(self, mindex: _Value) -> Any: ...
+    def addpwlcons(self, col: _Value, resultant: _Value, start: _Value, xval: _Value, yval: _Value) -> Any: ...
+    def getpwlcons(
+        self,
+        col: _Value,
+        resultant: _Value,
+        start: _Value,
+        xval: _Value,
+        yval: _Value,
+        size: int,
+        first: int,
+        last: int,
+    ) -> Any: ...
+    def delpwlcons(self, mindex: _Value) -> Any: ...
     def ftran(self, vec: _Value) -> Any: ...
     def getattribinfo(self, name: str) -> Any: ...
     def getbasis(self, rstatus: _Value | None = None, cstatus: _Value | None = None) -> Any: ...

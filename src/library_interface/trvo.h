@@ -84,6 +84,11 @@ enum {
 #define TRVO_ORIGINALCOLS 1214
 #define TRVO_INDICATORS 1325
 #define TRVO_GENCONS 1327
+#define TRVO_GENCONS_MAX 0
+#define TRVO_GENCONS_MIN 1
+#define TRVO_GENCONS_AND 2
+#define TRVO_GENCONS_OR 3
+#define TRVO_GENCONS_ABS 4
 /* ---- double attributes */
 #define TRVO_LPOBJVAL 2001
 #define TRVO_BESTBOUND 2002
@@ -319,6 +324,32 @@ int TRVOsetindicators(TRVOprob prob, int nrows, const int mrows[], const int ind
                       const int comps[]);
 int TRVOgetindicators(TRVOprob prob, int inds[], int comps[], int first, int last);
 int TRVOdelindicators(TRVOprob prob, int first, int last);
+/* General constraints resultant = f(arguments), f by contype: 0 max, 1 min, 2 and, 3 or, 4 abs.
+   Constraint i takes the columns col[colstart[i] .. colstart[i+1]-1] (the last runs to ncols)
+   and, for max and min only, the constants val[valstart[i] ..] (the last runs to nvals;
+   valstart may be null when nvals is 0). and/or take binary columns; abs takes one column. */
+int TRVOaddgencons64(TRVOprob prob, int ncons, int64_t ncols, int64_t nvals, const int contype[],
+                     const int resultant[], const int64_t colstart[], const int col[],
+                     const int64_t valstart[], const double val[]);
+/* Constraints first..last. colstart and valstart get last-first+2 entries; col and val at most
+   colsize and valsize entries; *ncols and *nvals the totals in the range. Null arrays are
+   skipped. */
+int TRVOgetgencons64(TRVOprob prob, int contype[], int resultant[], int64_t colstart[], int col[],
+                     int64_t colsize, int64_t* ncols, int64_t valstart[], double val[],
+                     int64_t valsize, int64_t* nvals, int first, int last);
+int TRVOdelgencons(TRVOprob prob, int ncons, const int mindex[]);
+/* Piecewise-linear constraints resultant[i] = f_i(col[i]), f_i through the breakpoints
+   (xval[k], yval[k]) for k in start[i] .. start[i+1]-1 (the last runs to npoints), xval
+   non-decreasing; two equal x values make a jump. The first and last segments extend beyond
+   the breakpoints. */
+int TRVOaddpwlcons64(TRVOprob prob, int npwls, int64_t npoints, const int col[],
+                     const int resultant[], const int64_t start[], const double xval[],
+                     const double yval[]);
+/* Constraints first..last; start gets last-first+2 entries, xval and yval at most size
+   entries, *npoints the total in the range. */
+int TRVOgetpwlcons64(TRVOprob prob, int col[], int resultant[], int64_t start[], double xval[],
+                     double yval[], int64_t size, int64_t* npoints, int first, int last);
+int TRVOdelpwlcons(TRVOprob prob, int npwls, const int mindex[]);
 
 /* ---- changing */
 int TRVOchgcoltype(TRVOprob prob, int ncols, const int mindex[], const char coltype[]);

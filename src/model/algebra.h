@@ -3,6 +3,7 @@
 #pragma once
 #include "model/model.h"
 #include "nonlinear/node.h"
+#include "module/serial_map.h"
 
 #include <map>
 #include <string>
@@ -12,18 +13,17 @@ namespace tarvo {
 // Process-wide side tables keyed by serial, created at import and destroyed at teardown.
 // Name tables own one reference to every stored object.
 struct SideTables {
-    std::map<uint64_t, double> var_lb, var_ub, var_threshold;
-    std::map<uint64_t, PyObject*> var_name;
-    std::map<uint64_t, double> con_lb, con_ub;
-    std::map<uint64_t, PyObject*> con_name;
+    SerialMap<double> var_lb, var_ub, var_threshold;
+    SerialMap<PyObject*> var_name;
+    SerialMap<double> con_lb, con_ub;
+    SerialMap<PyObject*> con_name;
     uint64_t var_counter = 1, con_counter = 1, sos_counter = 1;
 };
 extern SideTables* side_tables;
 
-// Side-table helpers shared by variables and constraints. Serials grow, so new entries are
-// inserted with an end hint when they follow the last key.
-using ValueTable = std::map<uint64_t, double>;
-using NameTable = std::map<uint64_t, PyObject*>;
+// Side-table helpers shared by variables and constraints.
+using ValueTable = SerialMap<double>;
+using NameTable = SerialMap<PyObject*>;
 // Replaces the two-bit bound code at shift in word; the table holds an entry for serial exactly
 // while the code is 3 (then stored_bit is set too).
 void store_bound(uint64_t* word, uint64_t serial, int shift, uint64_t stored_bit, ValueTable& table,
@@ -90,7 +90,7 @@ std::string format_g(const char* fmt, double v);
 
 // linterm, quadterm, expression or nonlinear: the types a var hands its operations over to.
 inline bool is_compound(PyObject* o) {
-    return is_linterm(o) || is_quadterm(o) || is_expression(o) || PyObject_TypeCheck(o, &NonlinearType);
+    return is_linterm(o) || is_quadterm(o) || is_expression(o) || layout_type_check(o, &NonlinearType);
 }
 
 }  // namespace tarvo

@@ -74,7 +74,7 @@ void con_set_name(uint64_t* word, PyObject* name) {
 
 bool con_default_name_text(uint64_t word, char* buf) {
     if (word & NAME_STORED) return false;
-    std::snprintf(buf, 24, "R%d", static_cast<int>(serial_of(word)));
+    numbered_name('R', static_cast<int>(serial_of(word)), buf);
     return true;
 }
 

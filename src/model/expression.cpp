@@ -59,7 +59,8 @@ size_t term_count(PyObject* e) {
 }
 
 // Copy of a map with every coefficient multiplied by f; products equal to 0 are dropped.
-void scale_linear_into(const LinearMap& src, double f, LinearMap& dst) {
+void scale_linear_into(const LinearMap& src, double f, LinearMap& dst, size_t extra = 0) {
+    dst.reserve(src.size() + extra);
     for (auto& entry : src) {
         double c = entry.second * f;
         if (c == 0.0) continue;
@@ -109,7 +110,8 @@ PyObject* expr_new() { return ExpressionType.tp_alloc(&ExpressionType, 0); }
 
 namespace {
 
-PyObject* copy_scaled(PyObject* obj, double f) {
+// extra: room to leave in the linear part for terms the caller adds next.
+PyObject* copy_scaled(PyObject* obj, double f, size_t extra = 0) {
     PyRef e(expr_new());
     if (!e || f == 0.0) return e.release();
     ExpressionObject* x = as_expr(e.get());
@@ -117,7 +119,7 @@ PyObject* copy_scaled(PyObject* obj, double f) {
         ExpressionObject* src = as_expr(obj);
         x->constant = src->constant * f;
         if (std::fabs(f - 1.0) > 1e-15) {
-            if (src->linear) scale_linear_into(*src->linear, f, linear_part(e.get()));
+            if (src->linear) scale_linear_into(*src->linear, f, linear_part(e.get()), extra);
             if (src->quadratic) {
                 x->quadratic = new QuadraticMap();
                 for (auto& outer : *src->quadratic) {
@@ -134,7 +136,7 @@ PyObject* copy_scaled(PyObject* obj, double f) {
                 }
             }
         } else {
-            if (src->linear) x->linear = lin_copy(*src->linear);
+            if (src->linear) x->linear = lin_copy(*src->linear, extra);
             if (src->quadratic) x->quadratic = quad_copy(*src->quadratic);
         }
         if (src->quadratic_vars) x->quadratic_vars = new SerialSet(*src->quadratic_vars);
@@ -150,13 +152,19 @@ PyObject* copy_scaled(PyObject* obj, double f) {
 
 }  // namespace
 
-PyObject* expr_copy_scaled(PyObject* obj, double f) {
+namespace {
+
+PyObject* copy_expression(PyObject* obj, double f, size_t extra) {
     if (is_nonlinear(obj) && f != 0.0) return nl_scaled_copy(obj, f);
     const char* message = is_quadterm(obj)                  ? "Cannot copy quadratic term into expression"
                           : (is_var(obj) || is_linterm(obj)) ? "Cannot copy linear term into expression"
                                                              : "Cannot copy expression";
-    return alloc_guard(message, [&] { return copy_scaled(obj, f); });
+    return alloc_guard(message, [&] { return copy_scaled(obj, f, extra); });
 }
+
+}  // namespace
+
+PyObject* expr_copy_scaled(PyObject* obj, double f) { return copy_expression(obj, f, 0); }
 
 int expr_add_linear(PyObject* e, PyObject* v, double c) {
     return alloc_guard_status("Error amending linear expression", [&] {
@@ -231,7 +239,10 @@ PyObject* expression_sum(PyObject* a, PyObject* b, double s) {
     if (ka < 0 || kb < 0) return model_error("Invalid object in operation");
     // Copy the expression operand (scaled by s when it is b) and add the other one into it.
     bool copy_a = is_expression(a) || !is_expression(b);
-    PyRef r(copy_a ? expr_copy_scaled(a, 1.0) : expr_copy_scaled(b, s));
+    PyObject* other = copy_a ? b : a;
+    size_t extra = is_expression(other) ? (as_expr(other)->linear ? as_expr(other)->linear->size() : 0)
+                                        : (is_var(other) || is_linterm(other) ? 1 : 0);
+    PyRef r(copy_a ? copy_expression(a, 1.0, extra) : copy_expression(b, s, extra));
     if (!r) return nullptr;
     return alloc_guard("Error adding expressions", [&]() -> PyObject* {
         if (!add_polynomial(r.get(), copy_a ? b : a, copy_a ? s : 1.0)) return model_error("Error adding expressions");

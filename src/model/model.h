@@ -8,6 +8,7 @@
 #include <new>
 #include <set>
 #include <stdexcept>
+#include <vector>
 
 namespace tarvo {
 
@@ -21,7 +22,7 @@ struct VarObject {
     uint64_t word;  // serial, bound codes, side-table flags, name flag, type (bits 60-62)
 };
 
-inline bool is_var(PyObject* o) { return PyObject_TypeCheck(o, &VarType); }
+inline bool is_var(PyObject* o) { return layout_type_check(o, &VarType); }
 inline uint64_t var_serial(PyObject* v) { return reinterpret_cast<VarObject*>(v)->word & VAR_SERIAL_MASK; }
 inline int var_type_code(PyObject* v) { return static_cast<int>((reinterpret_cast<VarObject*>(v)->word >> 60) & 7); }
 
@@ -39,6 +40,24 @@ PyObject* var_default_name(uint64_t serial);
 // The default name "C%d" of a variable without a stored name, written into buf (at least 24
 // bytes) without creating an object; returns false when the variable has a stored name.
 bool var_default_name_text(uint64_t word, char* buf);
+
+// Writes prefix followed by n in decimal (as "%c%d" would) and a NUL into buf (at least 24
+// bytes): default names are made for every unnamed row and column handed to the library, so
+// they are formatted without printf.
+inline void numbered_name(char prefix, int n, char* buf) {
+    char digits[12];
+    int k = 0;
+    uint32_t u = n < 0 ? 0u - static_cast<uint32_t>(n) : static_cast<uint32_t>(n);
+    do {
+        digits[k++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u);
+    char* out = buf;
+    *out++ = prefix;
+    if (n < 0) *out++ = '-';
+    while (k) *out++ = digits[--k];
+    *out = '\0';
+}
 
 // Operand kinds: number 0, var 1, linterm 2, quadterm 3, expression 4, nonlinear 5;
 // anything else -1 with ModelError "Invalid object in operation: <%S>" set.
@@ -63,7 +82,102 @@ PyObject* model_array_ufunc(PyObject* self, PyObject* args, PyObject* kw);
 struct SerialLess {
     bool operator()(PyObject* a, PyObject* b) const { return var_serial(a) < var_serial(b); }
 };
-using LinearMap = std::map<PyObject*, double, SerialLess>;
+
+// Allocator of the term maps: CPython's small-object allocator, which is much faster than
+// malloc for the few-term blocks most expressions hold (larger blocks fall through to malloc).
+// Term maps are only built, changed and freed with the GIL held, as the allocator requires.
+template <class T>
+struct PyObjectAllocator {
+    using value_type = T;
+    PyObjectAllocator() = default;
+    template <class U>
+    PyObjectAllocator(const PyObjectAllocator<U>&) {}
+    T* allocate(size_t n) {
+        if (n > PY_SSIZE_T_MAX / sizeof(T)) throw std::bad_alloc();
+        void* p = PyObject_Malloc(n * sizeof(T));
+        if (!p) throw std::bad_alloc();
+        return static_cast<T*>(p);
+    }
+    void deallocate(T* p, size_t) { PyObject_Free(p); }
+    template <class U>
+    bool operator==(const PyObjectAllocator<U>&) const { return true; }
+    template <class U>
+    bool operator!=(const PyObjectAllocator<U>&) const { return false; }
+};
+
+// One linear term: the variable (owned reference) and its coefficient.
+struct LinEntry {
+    PyObject* first;
+    double second;
+};
+
+// Linear term map stored flat: a vector sorted by serial, so that copying, scanning and
+// freeing an expression touch one block instead of one tree node per term. Terms added out of
+// order to a large map go to an unsorted tail first (each holding its own reference) and are
+// sorted and merged into the sorted part in one pass when the map is next read, or when the
+// tail grows as large as the sorted part: lookup and insertion stay logarithmic amortised,
+// whatever the order in which a sum is built. The merge sums coefficients in the order they
+// were added and drops sums that are exactly 0, so the result equals adding term by term.
+// Every accessor settles the tail first; only add() appends to it.
+class LinearMap {
+public:
+    using iterator = LinEntry*;
+    using const_iterator = const LinEntry*;
+
+    LinearMap() = default;
+    LinearMap(const LinearMap& o) : items_((o.settle(), o.items_)), sorted_(items_.size()) {}  // no references taken
+    LinearMap(LinearMap&& o) noexcept : items_(std::move(o.items_)), sorted_(o.sorted_) { o.sorted_ = 0; }
+    LinearMap& operator=(LinearMap&& o) noexcept {
+        items_.swap(o.items_);
+        std::swap(sorted_, o.sorted_);
+        return *this;
+    }
+    LinearMap& operator=(const LinearMap&) = delete;
+
+    size_t size() const { settle(); return items_.size(); }
+    bool empty() const { settle(); return items_.empty(); }
+    iterator begin() { settle(); return items_.data(); }
+    iterator end() { settle(); return items_.data() + items_.size(); }
+    const_iterator begin() const { settle(); return items_.data(); }
+    const_iterator end() const { settle(); return items_.data() + items_.size(); }
+    // First entry whose serial is not below v's, and the entry of v's serial (or end()).
+    iterator lower_bound(PyObject* v);
+    iterator find(PyObject* v);
+    // Inserts (v, c) before pos, which must keep the order; no reference is taken.
+    iterator emplace_hint(iterator pos, PyObject* v, double c);
+    // Removes the entry without releasing its key; returns the entry that followed it.
+    iterator erase(iterator pos);
+    void reserve(size_t n) { items_.reserve(n); }
+    // Makes this (empty) map a copy of o with room for extra more terms; no references taken.
+    void assign_copy(const LinearMap& o, size_t extra) {
+        o.settle();
+        items_.reserve(o.items_.size() + extra);
+        items_.insert(items_.end(), o.items_.begin(), o.items_.end());
+        sorted_ = items_.size();
+    }
+    static void* operator new(size_t n) {
+        void* p = PyObject_Malloc(n);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    static void operator delete(void* p) { PyObject_Free(p); }
+    void swap(LinearMap& o) noexcept {
+        items_.swap(o.items_);
+        std::swap(sorted_, o.sorted_);
+    }
+    // Adds c (not 0) to v's coefficient, taking a reference for a new entry and releasing the
+    // key of an entry whose sum becomes exactly 0.
+    void add(PyObject* v, double c);
+
+private:
+    void settle() const {
+        if (sorted_ != items_.size()) merge_tail();
+    }
+    void merge_tail() const;
+    mutable std::vector<LinEntry, PyObjectAllocator<LinEntry>> items_;
+    mutable size_t sorted_ = 0;  // items_[0, sorted_) is sorted by serial, without duplicates
+};
+
 using QuadraticMap = std::map<PyObject*, LinearMap, SerialLess>;
 using SerialSet = std::set<uint64_t>;
 
@@ -71,7 +185,7 @@ void lin_add(LinearMap& m, PyObject* v, double c);
 void lin_set(LinearMap& m, PyObject* v, double c);
 void lin_erase(LinearMap& m, PyObject* v);
 void lin_clear(LinearMap& m);  // releases every key
-LinearMap* lin_copy(const LinearMap& m);
+LinearMap* lin_copy(const LinearMap& m, size_t extra = 0);  // room for extra more terms
 void quad_clear(QuadraticMap& m);
 QuadraticMap* quad_copy(const QuadraticMap& m);
 size_t quad_count(const QuadraticMap& m);
@@ -91,10 +205,10 @@ struct QuadTermObject {
 // A term allocated from Python with type.__new__ has no variables: it is no term at all, so
 // every operation (and operand_kind) treats it as an invalid object.
 inline bool is_linterm(PyObject* o) {
-    return PyObject_TypeCheck(o, &LinTermType) && reinterpret_cast<LinTermObject*>(o)->var;
+    return layout_type_check(o, &LinTermType) && reinterpret_cast<LinTermObject*>(o)->var;
 }
 inline bool is_quadterm(PyObject* o) {
-    return PyObject_TypeCheck(o, &QuadTermType) && reinterpret_cast<QuadTermObject*>(o)->var1 &&
+    return layout_type_check(o, &QuadTermType) && reinterpret_cast<QuadTermObject*>(o)->var1 &&
            reinterpret_cast<QuadTermObject*>(o)->var2;
 }
 
@@ -110,7 +224,7 @@ struct ExpressionObject {
     QuadraticMap* quadratic;     // null until the first quadratic term
     SerialSet* quadratic_vars;   // created with quadratic
 };
-inline bool is_expression(PyObject* o) { return PyObject_TypeCheck(o, &ExpressionType); }
+inline bool is_expression(PyObject* o) { return layout_type_check(o, &ExpressionType); }
 inline ExpressionObject* as_expr(PyObject* o) { return reinterpret_cast<ExpressionObject*>(o); }
 // A constant expression has neither a linear nor a quadratic part.
 inline bool is_constant_expression(PyObject* o) {
@@ -143,7 +257,7 @@ struct ConstraintObject {
     uint64_t word;   // serial (57 bits), bound codes, flags, name flag (bit 63)
     PyObject* body;  // owned, may be null
 };
-inline bool is_constraint(PyObject* o) { return PyObject_TypeCheck(o, &ConstraintType); }
+inline bool is_constraint(PyObject* o) { return layout_type_check(o, &ConstraintType); }
 inline uint64_t con_serial(PyObject* c) { return reinterpret_cast<ConstraintObject*>(c)->word & CON_SERIAL_MASK; }
 
 uint64_t next_con_serial();
@@ -168,7 +282,7 @@ struct SosObject {
     PyObject* indices;  // the caller's list
     PyObject* weights;  // the caller's list
 };
-inline bool is_sos(PyObject* o) { return PyObject_TypeCheck(o, &SosType); }
+inline bool is_sos(PyObject* o) { return layout_type_check(o, &SosType); }
 uint64_t next_sos_serial();
 
 // ---------------------------------------------------------------- result check

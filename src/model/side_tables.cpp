@@ -6,13 +6,7 @@ namespace tarvo {
 
 SideTables* side_tables = nullptr;
 
-void table_store(ValueTable& table, uint64_t serial, double v) {
-    if (table.empty() || table.rbegin()->first < serial) {
-        table.emplace_hint(table.end(), serial, v);
-        return;
-    }
-    table[serial] = v;
-}
+void table_store(ValueTable& table, uint64_t serial, double v) { table[serial] = v; }
 
 double table_lookup(const ValueTable& table, uint64_t serial) {
     auto it = table.find(serial);
@@ -33,13 +27,14 @@ void store_bound(uint64_t* word, uint64_t serial, int shift, uint64_t stored_bit
 
 void name_store(NameTable& table, uint64_t serial, PyObject* name) {
     Py_INCREF(name);
-    PyObject* old = nullptr;
-    if (table.empty() || table.rbegin()->first < serial) {
-        table.emplace_hint(table.end(), serial, name);
-    } else {
-        PyObject*& slot = table[serial];
+    PyObject* old;
+    try {
+        PyObject*& slot = table[serial];  // null when new
         old = slot;
         slot = name;
+    } catch (...) {
+        Py_DECREF(name);
+        throw;
     }
     Py_XDECREF(old);  // last: releasing may run arbitrary code
 }

@@ -1,30 +1,122 @@
 // Term maps: variable -> coefficient, ordered by serial, owning one reference to every key
 // and never holding an exact zero. A reference is taken only once its entry exists, so that a
-// failed allocation (std::bad_alloc, turned into a Python exception by the callers) leaks none. Insertion past the largest key uses an end hint, so that
-// building an expression from fresh variables costs constant time per term.
+// failed allocation (std::bad_alloc, turned into a Python exception by the callers) leaks none.
+// Appending past the largest key is a push onto the flat vector, so that building an
+// expression from fresh variables costs constant time per term.
 #include "model/algebra.h"
+
+#include <algorithm>
+#include <memory>
 
 namespace tarvo {
 
+namespace {
+
+// Maps up to this size insert out-of-order terms directly (a short move); larger ones defer
+// them to the tail.
+constexpr size_t SMALL_MAP = 32;
+
+bool serial_before(const LinEntry& a, const LinEntry& b) { return var_serial(a.first) < var_serial(b.first); }
+
+}  // namespace
+
+LinearMap::iterator LinearMap::lower_bound(PyObject* v) {
+    settle();
+    uint64_t s = var_serial(v);
+    return std::lower_bound(items_.data(), items_.data() + items_.size(), s,
+                            [](const LinEntry& e, uint64_t key) { return var_serial(e.first) < key; });
+}
+
+LinearMap::iterator LinearMap::find(PyObject* v) {
+    iterator it = lower_bound(v);
+    iterator last = items_.data() + items_.size();
+    return it != last && var_serial(it->first) == var_serial(v) ? it : last;
+}
+
+LinearMap::iterator LinearMap::emplace_hint(iterator pos, PyObject* v, double c) {
+    settle();
+    size_t at = static_cast<size_t>(pos - items_.data());
+    items_.insert(items_.begin() + static_cast<std::ptrdiff_t>(at), LinEntry{v, c});
+    sorted_ = items_.size();
+    return items_.data() + at;
+}
+
+LinearMap::iterator LinearMap::erase(iterator pos) {
+    settle();
+    size_t at = static_cast<size_t>(pos - items_.data());
+    items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(at));
+    sorted_ = items_.size();
+    return items_.data() + at;
+}
+
+void LinearMap::add(PyObject* v, double c) {
+    if (sorted_ == items_.size()) {
+        if (items_.empty() || var_serial(items_.back().first) < var_serial(v)) {
+            items_.push_back(LinEntry{v, c});
+            Py_INCREF(v);
+            ++sorted_;
+            return;
+        }
+        if (items_.size() <= SMALL_MAP) {
+            iterator it = lower_bound(v);
+            if (var_serial(it->first) == var_serial(v)) {  // it is not end(): v is not past the back
+                it->second += c;
+                if (it->second == 0.0) {
+                    PyObject* key = it->first;
+                    erase(it);
+                    Py_DECREF(key);
+                }
+                return;
+            }
+            emplace_hint(it, v, c);
+            Py_INCREF(v);
+            return;
+        }
+    }
+    items_.push_back(LinEntry{v, c});
+    Py_INCREF(v);
+    if (items_.size() - sorted_ > std::max(SMALL_MAP, sorted_)) merge_tail();
+}
+
+void LinearMap::merge_tail() const {
+    // Sort the tail stably (equal serials keep their order of addition), merge it behind the
+    // sorted part (stable: the sorted part's entry comes first), then sum each run of equal
+    // serials in that order. Neither step needs memory (both fall back to in-place algorithms),
+    // so settling never fails.
+    LinEntry* first = items_.data();
+    LinEntry* middle = first + sorted_;
+    LinEntry* last = first + items_.size();
+    std::stable_sort(middle, last, serial_before);
+    std::inplace_merge(first, middle, last, serial_before);
+    std::vector<PyObject*> released;  // keys whose entry vanished, released once the map is whole
+    size_t w = 0, n = items_.size();
+    for (size_t r = 0; r < n;) {
+        LinEntry e = items_[r++];
+        while (r < n && var_serial(items_[r].first) == var_serial(e.first)) {
+            e.second += items_[r].second;
+            PyObject* extra = items_[r++].first;
+            // The run's own entry still holds a reference, so this one never frees the variable;
+            // if the sum vanished and a later term revives it, the coefficient restarts from 0.
+            Py_DECREF(extra);
+        }
+        if (e.second == 0.0) {
+            try {
+                released.push_back(e.first);
+            } catch (...) {
+                Py_DECREF(e.first);
+            }
+            continue;
+        }
+        items_[w++] = e;
+    }
+    items_.resize(w);
+    sorted_ = w;
+    for (PyObject* key : released) Py_DECREF(key);
+}
+
 void lin_add(LinearMap& m, PyObject* v, double c) {
     if (c == 0.0) return;
-    if (m.empty() || var_serial(m.rbegin()->first) < var_serial(v)) {
-        m.emplace_hint(m.end(), v, c);
-        Py_INCREF(v);
-        return;
-    }
-    auto it = m.lower_bound(v);
-    if (it != m.end() && var_serial(it->first) == var_serial(v)) {
-        it->second += c;
-        if (it->second == 0.0) {
-            PyObject* key = it->first;
-            m.erase(it);
-            Py_DECREF(key);
-        }
-        return;
-    }
-    m.emplace_hint(it, v, c);
-    Py_INCREF(v);
+    m.add(v, c);
 }
 
 void lin_set(LinearMap& m, PyObject* v, double c) {
@@ -59,10 +151,11 @@ void lin_clear(LinearMap& m) {
     for (auto& entry : old) Py_DECREF(entry.first);
 }
 
-LinearMap* lin_copy(const LinearMap& m) {
-    auto* copy = new LinearMap(m);
+LinearMap* lin_copy(const LinearMap& m, size_t extra) {
+    std::unique_ptr<LinearMap> copy(new LinearMap());
+    copy->assign_copy(m, extra);  // one block; references are taken below
     for (auto& entry : *copy) Py_INCREF(entry.first);
-    return copy;
+    return copy.release();
 }
 
 void quad_clear(QuadraticMap& m) {

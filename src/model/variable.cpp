@@ -90,7 +90,7 @@ PyObject* var_default_name(uint64_t serial) {
 
 bool var_default_name_text(uint64_t word, char* buf) {
     if (word & NAME_STORED) return false;
-    std::snprintf(buf, 24, "C%d", static_cast<int>(serial_of(word)));
+    numbered_name('C', static_cast<int>(serial_of(word)), buf);
     return true;
 }
 

@@ -112,6 +112,16 @@ double number_value(PyObject* o);
 bool is_integer_value(PyObject* o);
 // Numeric test: the integer-value test plus Python float and subclasses.
 bool is_numeric_value(PyObject* o);
+// PyObject_TypeCheck for a type that adds fields to object (every type of this module): the
+// exact type is tested first, and an object whose type derives from object directly cannot be
+// an instance of another such type (its layout would have to extend the type's), so the walk
+// over the type's ancestry is needed only for true subclasses.
+inline bool layout_type_check(PyObject* o, PyTypeObject* t) {
+    PyTypeObject* ot = Py_TYPE(o);
+    if (ot == t) return true;
+    if (ot->tp_base == &PyBaseObject_Type) return false;
+    return PyType_IsSubtype(ot, t);
+}
 // True for numpy.ndarray and subclasses.
 inline bool is_ndarray(PyObject* o) { return PyArray_Check(o); }
 

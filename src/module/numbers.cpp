@@ -4,7 +4,13 @@
 namespace tarvo {
 
 bool is_number(PyObject* o) {
-    if (PyFloat_Check(o) || PyLong_Check(o)) return true;
+    PyTypeObject* t = Py_TYPE(o);
+    if (t == &PyFloat_Type || PyLong_Check(o)) return true;
+    // Every other accepted type derives from float or from a NumPy abstract scalar type: an
+    // object whose type derives from object directly (a modelling object, say) is no number,
+    // and the subtype walks below are skipped for it.
+    if (t->tp_base == &PyBaseObject_Type) return false;
+    if (PyFloat_Check(o)) return true;
     return PyArray_IsScalar(o, Float) || PyArray_IsScalar(o, Double) || PyArray_IsScalar(o, Int) ||
            PyArray_IsScalar(o, Long) || PyArray_IsScalar(o, LongLong);
 }

@@ -18,7 +18,7 @@ struct NonlinearObject {
     PyObject* args;  // single operand, 2-tuple, or list/tuple
     int op;          // -1 while under construction
 };
-inline bool is_nonlinear(PyObject* o) { return PyObject_TypeCheck(o, &NonlinearType); }
+inline bool is_nonlinear(PyObject* o) { return layout_type_check(o, &NonlinearType); }
 inline NonlinearObject* as_nl(PyObject* o) { return reinterpret_cast<NonlinearObject*>(o); }
 
 // Constructors: new reference, or null with ModelError set.

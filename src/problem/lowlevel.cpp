@@ -17,7 +17,7 @@ struct Assemble {
     Assemble() {
         int k = 0;
         for (const PyMethodDef* t : {ll::load_methods(), ll::matrix_methods(), ll::solve_methods(),
-                                     ll::analysis_methods(), ll::files_methods()})
+                                     ll::analysis_methods(), ll::files_methods(), ll::gencons_methods()})
             for (const PyMethodDef* d = t; d->ml_name && k < MAX_LOWLEVEL; ++d) problem_lowlevel_methods[k++] = *d;
         problem_lowlevel_methods[k] = PyMethodDef{nullptr, nullptr, 0, nullptr};
     }

@@ -66,6 +66,10 @@ int char_arg(PyObject* o, const char* name, char* value);
 const char* str_arg(PyObject* o, const char* name, PyRef& holder);
 // Optional flags string: None or absent gives "".
 const char* flags_arg(PyObject* o, PyRef& holder);
+// Start array of n columns (rows) over `total` entries: n starts, to which `total` is added as
+// the end, or n + 1 starts ending at `total`. Checked to be non-decreasing from 0
+// (problem/lowlevel_load.cpp).
+int starts_arg(ProblemObject* p, PyObject* src, int n, int64_t total, std::vector<int64_t>& out);
 // Row/column counts read from the library at each call.
 int rows(ProblemObject* p, int* n);
 int cols(ProblemObject* p, int* n);
@@ -89,6 +93,7 @@ const PyMethodDef* load_methods();
 const PyMethodDef* solve_methods();
 const PyMethodDef* analysis_methods();
 const PyMethodDef* files_methods();
+const PyMethodDef* gencons_methods();
 
 }  // namespace ll
 

@@ -16,10 +16,7 @@ void problem_clear_lists(ProblemObject* p);
 int problem_reload_from_library(ProblemObject* p);
 
 namespace ll {
-namespace {
 
-// Start array of n columns (rows) over `total` entries: n starts, to which `total` is added as
-// the end, or n + 1 starts ending at `total`. Checked to be non-decreasing from 0.
 int starts_arg(ProblemObject* p, PyObject* src, int n, int64_t total, std::vector<int64_t>& out) {
     out.clear();
     if (src == Py_None) {
@@ -49,6 +46,8 @@ int starts_arg(ProblemObject* p, PyObject* src, int n, int64_t total, std::vecto
     }
     return 0;
 }
+
+namespace {
 
 PyObject* m_addcols(PyObject* self, PyObject* args, PyObject* kw) {
     Args a(self, args, kw, "addcols", {"?objx", "?mstart", "?mrwind", "?dmatval", "?bdl", "?bdu", "?names", "?types"});

@@ -359,6 +359,12 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
         for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = c0 + i;
         if (TRVOchgcoltype(p->prob, n, idx.data(), types.data()) != 0) return problem_error(p), undo();
     }
+    try {
+        p->colmap->reserve(p->colmap->size() + static_cast<size_t>(n));
+    } catch (...) {
+        PyErr_SetString(ModelError, "Could not amend variable map");
+        return undo();
+    }
     for (int i = 0; i < n; ++i) {
         PyRef v(new_var());
         if (!v) return undo();
@@ -390,6 +396,12 @@ int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrt
         std::string buf;
         if (name_buffer(names, buf) < 0) return undo();
         if (n > 0 && TRVOaddnames(p->prob, 1, buf.data(), r0, r0 + n - 1) != 0) return problem_error(p), undo();
+    }
+    try {
+        p->rowmap->reserve(p->rowmap->size() + static_cast<size_t>(n));
+    } catch (...) {
+        PyErr_SetString(ModelError, "Internal error -- Could not amend constraint map");
+        return undo();
     }
     for (int i = 0; i < n; ++i) {
         PyRef c(con_new());

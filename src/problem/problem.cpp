@@ -38,7 +38,7 @@ int prob_rows(ProblemObject* p, int* n) { return prob_int_attrib(p, 1124, n); }
 int prob_sets(ProblemObject* p, int* n) { return prob_int_attrib(p, 1194, n); }
 
 int prob_is_mip(ProblemObject* p) {
-    for (int id : {1032, 1004, 1327, 1325}) {
+    for (int id : {1032, 1004, 1327, 1325, 1009}) {
         int v = 0;
         if (prob_int_attrib(p, id, &v) < 0) return -1;
         if (v != 0) return 1;

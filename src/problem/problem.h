@@ -5,6 +5,7 @@
 #include "module/types.h"
 #include "library_interface/trvo.h"
 #include "library_interface/tslp.h"
+#include "module/serial_map.h"
 
 #include <functional>
 #include <map>
@@ -13,9 +14,9 @@
 
 namespace tarvo {
 
-// Serial of a modelling object -> its column, row or set index in one problem. Hashed: every
-// term of every constraint added goes through a lookup, and nothing needs the serial order.
-using IndexMap = std::unordered_map<uint64_t, int>;
+
+// Serial of a modelling object -> its column, row or set index in one problem.
+using IndexMap = SerialMap<int>;
 
 constexpr int CALLBACK_KINDS = 40;
 
@@ -109,7 +110,7 @@ int prob_dbl_attrib(ProblemObject* p, int id, double* value);
 int prob_cols(ProblemObject* p, int* n);
 int prob_rows(ProblemObject* p, int* n);
 int prob_sets(ProblemObject* p, int* n);
-// Mixed-integer test (attributes 1032, 1004, 1327, 1325): 1 yes, 0 no, -1 error.
+// Mixed-integer test (attributes 1032, 1004, 1327, 1325, 1009): 1 yes, 0 no, -1 error.
 int prob_is_mip(ProblemObject* p);
 // The serial keys used by the maps.
 uint64_t object_key(PyObject* o);

@@ -136,7 +136,9 @@ int64_t int_attrib(TRVOprob p, int id) {
         case TRVO_ELEMS: return p->nnz;
         case TRVO_QELEMS: return static_cast<int64_t>(p->qobj.size());
         case TRVO_QCONSTRAINTS: return static_cast<int64_t>(p->qrows.size());
-        case TRVO_PWLCONS: case TRVO_GENCONS: case TRVO_SPAREROWS: return 0;
+        case TRVO_PWLCONS: return static_cast<int64_t>(p->pwlcons.size());
+        case TRVO_GENCONS: return static_cast<int64_t>(p->gencons.size());
+        case TRVO_SPAREROWS: return 0;
         case TRVO_LPSTATUS: return r.lpstatus;
         case TRVO_MIPSTATUS: return r.mipstatus;
         case TRVO_SOLVESTATUS: return r.solvestatus;

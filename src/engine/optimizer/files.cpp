@@ -1,6 +1,7 @@
 // Problem files (MPS, free MPS, LP) through HiGHS's reader and writer, names kept.
 #include "engine/optimizer/files.h"
 #include "engine/optimizer/formulate.h"
+#include "engine/optimizer/gencons.h"
 #include "engine/optimizer/highs_instances.h"
 
 #include <algorithm>
@@ -92,6 +93,8 @@ std::vector<std::string> names_for_file(const NameList& list, int n, char prefix
 // entry gives the limit below which it is integer. A free row is written as a G row with a
 // right-hand side of -1e19 (HiGHS drops every N row but the objective when it reads, and a
 // reader without this section still sees a row that never binds); its entry makes it free.
+// General and piecewise-linear constraints follow in sections GENCONS and PWLCONS (their form
+// is described in gencons.h).
 std::string entity_sections(TRVOprob p, const std::vector<std::string>& cn,
                             const std::vector<std::string>& rn) {
     std::string out;
@@ -129,6 +132,7 @@ std::string entity_sections(TRVOprob p, const std::vector<std::string>& cn,
             out += " IF " + rn[static_cast<size_t>(kv.first)] + " " +
                    cn[static_cast<size_t>(kv.second.col)] + (kv.second.comp > 0 ? " 1\n" : " 0\n");
     }
+    for (const std::string& line : gencons_file_lines(p, cn)) out += line + "\n";
     return out;
 }
 
@@ -175,6 +179,7 @@ struct EntitySections {
     std::vector<IndicatorEntry> indicators;
     std::vector<PartialEntry> partial;
     std::vector<std::string> free_rows;
+    std::vector<std::vector<std::string>> gencons;  // lines of GENCONS and PWLCONS, as tokens
     bool any = false;
 };
 
@@ -197,7 +202,7 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
     std::FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string rest, line;
-    enum { kOther, kSos, kIndicators, kPartial, kFree } section = kOther;
+    enum { kOther, kSos, kIndicators, kPartial, kFree, kGencons } section = kOther;
     int c, lineno = 0;
     bool more = true;
     while (more) {
@@ -215,7 +220,8 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
         }
         if (header) {
             section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators
-                    : t[0] == "PARTIALINTEGER" ? kPartial : t[0] == "FREEROWS" ? kFree : kOther;
+                    : t[0] == "PARTIALINTEGER" ? kPartial : t[0] == "FREEROWS" ? kFree
+                    : is_gencons_section(t[0]) ? kGencons : kOther;
             if (section != kOther) {
                 found.any = true;
                 continue;
@@ -226,7 +232,9 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
             rest += '\n';
             continue;
         }
-        if (section == kFree) {
+        if (section == kGencons) {
+            found.gencons.push_back(t);
+        } else if (section == kFree) {
             if (t.size() != 1) {
                 std::fclose(f);
                 fail("Unreadable FREEROWS line in %s: %.80s", file.c_str(), line.c_str());
@@ -306,6 +314,7 @@ void load_entity_sections(const EntitySections& found, trvo_problem_s& target) {
         if (e.value != 0 && e.value != 1) fail("Indicator value of row %s must be 0 or 1", e.row.c_str());
         target.indicators[row] = Indicator{col, e.value == 1 ? 1 : -1};
     }
+    if (!found.gencons.empty()) gencons_from_file_lines(found.gencons, target);
     for (const auto& r : found.free_rows) {
         int row = target.rownames.find(r);
         if (row < 0) fail("Free row %s is not a row", r.c_str());
@@ -463,7 +472,18 @@ bool known_mps_section(const std::string& word) {
     static const char* const names[] = {"NAME", "OBJSENSE", "OBJSENSE", "OBJNAME", "ROWS", "COLUMNS", "RHS",
                                         "RANGES", "BOUNDS", "SOS", "QUADOBJ", "QMATRIX", "QSECTION",
                                         "QCMATRIX", "CSECTION", "INDICATORS", "PARTIALINTEGER", "FREEROWS",
+                                        "GENCONS", "PWLCONS",
                                         "MAX", "MIN", "MAXIMIZE", "MINIMIZE"};
+    for (const char* n : names)
+        if (word == n) return true;
+    return false;
+}
+
+// Sections of an MPS file that HiGHS's reader takes as they stand.
+bool highs_mps_section(const std::string& word) {
+    static const char* const names[] = {"NAME", "OBJSENSE", "OBJNAME", "ROWS", "COLUMNS", "RHS", "RANGES",
+                                        "BOUNDS", "QUADOBJ", "QMATRIX", "QSECTION", "QCMATRIX", "CSECTION",
+                                        "MAX", "MIN", "MAXIMIZE", "MINIMIZE", "ENDATA"};
     for (const char* n : names)
         if (word == n) return true;
     return false;
@@ -471,8 +491,11 @@ bool known_mps_section(const std::string& word) {
 
 // Checks a problem file before HiGHS reads it and returns the length of its longest line
 // (no name in it can be longer). Refused: binary content (NUL bytes), an MPS file without its
-// ENDATA line and an LP file without its closing "end" (both usually truncated).
-size_t check_problem_file(const std::string& name, bool lp) {
+// ENDATA line and an LP file without its closing "end" (both usually truncated). For an MPS
+// file, *engine_sections tells whether it opens any section HiGHS does not read itself (those
+// the engine takes out first), so that files without any skip that second pass.
+size_t check_problem_file(const std::string& name, bool lp, bool* engine_sections) {
+    *engine_sections = false;
     std::FILE* f = std::fopen(name.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", name.c_str());
     size_t longest = 0, current = 0;
@@ -499,6 +522,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
                 end_word();
                 ++lineno;
                 if (!lp && !first.empty() && !nonlinear) {
+                    if (!highs_mps_section(first)) *engine_sections = true;
                     if (first == "ENDATA") endata = true;
                     else if (first == kNonlinearSection) nonlinear = true;
                     else if (first == "ROWS") rows = true;
@@ -516,7 +540,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
             }
             ++current;
             if (lp && c == '\\') in_comment = true;
-            bool blank = std::isspace(static_cast<unsigned char>(c)) != 0;
+            bool blank = c == ' ' || (c >= '\t' && c <= '\r');  // isspace in the C locale, inline
             if (blank) {
                 end_word();
                 at_line_start = false;
@@ -532,6 +556,7 @@ size_t check_problem_file(const std::string& name, bool lp) {
     std::fclose(f);
     if (failed) fail("Could not read problem file %s", name.c_str());
     end_word();
+    if (!lp && !first.empty() && !nonlinear && !highs_mps_section(first)) *engine_sections = true;
     if (!nonlinear && first == "ENDATA") endata = true;
     longest = std::max(longest, current);
     if (!lp && !endata && !nonlinear)
@@ -547,10 +572,11 @@ size_t check_problem_file(const std::string& name, bool lp) {
 void read_problem(TRVOprob p, const char* filename, const char* flags) {
     std::string name = file_to_read(filename, flags);
     const bool lp = read_as_lp(name, flags);
-    const size_t longest_line = check_problem_file(name, lp);
+    bool engine_sections = false;
+    const size_t longest_line = check_problem_file(name, lp, &engine_sections);
     EntitySections entities;
     std::string stripped;
-    if (!lp) stripped = strip_entity_sections(name, entities);
+    if (!lp && engine_sections) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
@@ -639,6 +665,8 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->sets.swap(scratch.sets);
     p->setnames = std::move(scratch.setnames);
     p->indicators.swap(scratch.indicators);
+    p->gencons.swap(scratch.gencons);
+    p->pwlcons.swap(scratch.pwlcons);
     results_resize(p);
 }
 
@@ -667,6 +695,7 @@ std::shared_ptr<ModelSnapshot> snapshot_model(TRVOprob p) {
     s.rowtype = p->rowtype; s.rhs = p->rhs; s.range = p->range;
     s.matrix = p->matrix; s.nnz = p->nnz;
     s.qobj = p->qobj; s.qrows = p->qrows; s.sets = p->sets; s.indicators = p->indicators;
+    s.gencons = p->gencons; s.pwlcons = p->pwlcons;
     s.rownames = p->rownames; s.colnames = p->colnames; s.setnames = p->setnames;
     s.results = p->results;
     s.start_rbasis = p->start_rbasis; s.start_cbasis = p->start_cbasis;
@@ -683,6 +712,7 @@ void restore_model(TRVOprob p, ModelSnapshot& snap) {
     p->rowtype.swap(s.rowtype); p->rhs.swap(s.rhs); p->range.swap(s.range);
     p->matrix.swap(s.matrix); p->nnz = s.nnz;
     p->qobj.swap(s.qobj); p->qrows.swap(s.qrows); p->sets.swap(s.sets); p->indicators.swap(s.indicators);
+    p->gencons.swap(s.gencons); p->pwlcons.swap(s.pwlcons);
     p->rownames = std::move(s.rownames); p->colnames = std::move(s.colnames); p->setnames = std::move(s.setnames);
     p->results = std::move(s.results);
     p->start_rbasis.swap(s.start_rbasis); p->start_cbasis.swap(s.start_cbasis);

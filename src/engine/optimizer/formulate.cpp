@@ -1,5 +1,6 @@
 // Builds the HiGHS model of a problem, reformulating the entities HiGHS does not support.
 #include "engine/optimizer/formulate.h"
+#include "engine/optimizer/gencons.h"
 
 #include <algorithm>
 #include <cmath>
@@ -244,7 +245,7 @@ void indicator(TRVOprob p, int i, const Indicator& ind, Builder& b) {
 }  // namespace
 
 bool has_entities(TRVOprob p) {
-    if (!p->sets.empty() || !p->indicators.empty()) return true;
+    if (!p->sets.empty() || !p->indicators.empty() || has_gencons(p)) return true;
     for (char t : p->coltype)
         if (t != 'C') return true;
     return false;
@@ -290,6 +291,7 @@ void formulate(TRVOprob p, bool mip, HighsModel& out) {
                 case 'P': partial_integer(p, j, b); break;
             }
         }
+        if (has_gencons(p)) formulate_gencons(p, ModelParts{b.cost, b.lo, b.up, b.integ, b.extra, b.rlo, b.rup});
         for (int k = 0; k < static_cast<int>(p->sets.size()); ++k) sos(p, k, b);
         for (const auto& kv : p->indicators) indicator(p, kv.first, kv.second, b);
     } else {

@@ -6,9 +6,12 @@
 // order, and carries what LP syntax cannot express in comment lines of its own:
 //   \ range: <row> <range>             the row is written as "<= rhs"; its range is <range>
 //   \ partial-integer: <column> <limit>  integer below <limit>, continuous above
+//   \ gencons: <line>                   a line of the general and piecewise-linear
+//                                        constraints (their form is described in gencons.h)
 // HiGHS (and any other LP reader) skips those comments; the engine's reader applies them.
 #include "engine/optimizer/files.h"
 #include "engine/optimizer/formulate.h"
+#include "engine/optimizer/gencons.h"
 #include "engine/optimizer/problem.h"
 
 #include <cctype>
@@ -155,6 +158,8 @@ std::string lp_file_text(TRVOprob p, const HighsModel& m, const std::vector<std:
     section("binary", binary);
     section("semi-continuous", semi);
     out += notes;
+    for (const std::string& line : gencons_file_lines(p, cn))
+        out += std::string("\\ ") + kGenconsLpTag + " " + line.substr(line.find_first_not_of(' ')) + "\n";
     out += "end\n";
     return out;
 }
@@ -163,6 +168,7 @@ void apply_lp_notes(const std::string& file, trvo_problem_s& target) {
     std::FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string line;
+    std::vector<std::vector<std::string>> gencons;
     int c;
     bool more = true;
     while (more) {
@@ -177,6 +183,10 @@ void apply_lp_notes(const std::string& file, trvo_problem_s& target) {
             while (e < line.size() && !std::isspace(static_cast<unsigned char>(line[e]))) ++e;
             if (e > k) t.push_back(line.substr(k, e - k));
             k = e;
+        }
+        if (!t.empty() && t[0] == kGenconsLpTag) {
+            gencons.emplace_back(t.begin() + 1, t.end());
+            continue;
         }
         if (t.size() != 3 || (t[0] != kRangeTag && t[0] != kPartialTag)) continue;
         char* end = nullptr;
@@ -209,6 +219,7 @@ void apply_lp_notes(const std::string& file, trvo_problem_s& target) {
         }
     }
     std::fclose(f);
+    if (!gencons.empty()) gencons_from_file_lines(gencons, target);
 }
 
 }  // namespace trvo

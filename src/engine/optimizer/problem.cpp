@@ -237,6 +237,7 @@ void store_clear(TRVOprob p) {
     p->rowtype.clear(); p->rhs.clear(); p->range.clear();
     p->matrix.clear(); p->nnz = 0;
     p->qobj.clear(); p->qrows.clear(); p->sets.clear(); p->indicators.clear();
+    p->gencons.clear(); p->pwlcons.clear();
     p->rownames = NameList(); p->colnames = NameList(); p->setnames = NameList();
     p->results = Results();
     p->iis.clear();
@@ -289,6 +290,7 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->matrix = src->matrix; dest->nnz = src->nnz;
         dest->qobj = src->qobj; dest->qrows = src->qrows; dest->sets = src->sets;
         dest->indicators = src->indicators;
+        dest->gencons = src->gencons; dest->pwlcons = src->pwlcons;
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;
         dest->controls = src->controls;

@@ -70,6 +70,20 @@ struct Indicator {
     int comp = 0;  // 1: row holds when col is 1; -1: when col is 0
 };
 
+// A general constraint resultant = f(cols, vals), f by type (0 max, 1 min, 2 and, 3 or, 4 abs).
+struct GenCons {
+    int type = 0;
+    int resultant = -1;
+    std::vector<int> cols;
+    std::vector<double> vals;
+};
+
+// A piecewise-linear constraint resultant = f(col) through the breakpoints (x[k], y[k]).
+struct PwlCons {
+    int col = -1, resultant = -1;
+    std::vector<double> x, y;
+};
+
 struct Iis {
     std::vector<int> rows, cols;
     std::vector<char> rowside, colbound;  // 'L', 'G', 'E' / 'L', 'U', 'B'
@@ -149,6 +163,8 @@ struct trvo_problem_s {
     std::map<int, trvo::QMap> qrows;
     std::vector<trvo::Sos> sets;
     std::map<int, trvo::Indicator> indicators;
+    std::vector<trvo::GenCons> gencons;
+    std::vector<trvo::PwlCons> pwlcons;
     trvo::NameList rownames, colnames, setnames;
 
     trvo::Controls controls;

@@ -14,7 +14,8 @@ extern "C" int TRVOgetsolentry(TRVOprob prob, int mip, int what, int index, doub
         else check_row(prob, index);
         const size_t k = static_cast<size_t>(index);
         if (mip < 0)
-            mip = mip_entities(prob) > 0 || !prob->sets.empty() || !prob->indicators.empty();
+            mip = mip_entities(prob) > 0 || !prob->sets.empty() || !prob->indicators.empty() ||
+                  !prob->gencons.empty() || !prob->pwlcons.empty();
         if (mip) {
             if (what == 2 || what == 3) fail("No dual solution in an integer solution");
             if (!r.have_mip) fail("No integer solution available");

@@ -2,6 +2,7 @@
 // through the problem's message callbacks, the stop flag is polled from HiGHS's interrupt
 // callbacks, and the results are mapped back to the user's rows and columns.
 #include "engine/optimizer/formulate.h"
+#include "engine/optimizer/gencons.h"
 #include "engine/optimizer/highs_instances.h"
 #include "engine/optimizer/solve_callbacks.h"
 #include "engine/optimizer/tree_search.h"
@@ -390,6 +391,9 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     // A MIP solve of a problem without entities is an LP solve reported as both.
     const bool mip_call = mip;
     if (mip) mip = has_entities(p);
+    if (!mip_call && has_gencons(p))
+        emit_message(p, "The LP relaxation leaves out the general and piecewise linear constraints; "
+                        "solve the problem as a MIP to enforce them", 3);
     bool needs_search = false;
     std::string why = quadratic_obstacle(p, mip, &needs_search);
     if (!why.empty()) record_nonconvex(p, mip, why);

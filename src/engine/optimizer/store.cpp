@@ -1,6 +1,7 @@
 // The problem store: columns, rows and the row-wise sparse matrix. Appending rows or columns
 // costs O(new entries); deleting rows or columns is one compaction pass.
 #include "engine/optimizer/problem.h"
+#include "engine/optimizer/gencons.h"
 
 #include <algorithm>
 #include <cmath>
@@ -79,6 +80,15 @@ static void append_row_entries(TRVOprob p, int r0, int nrows, int64_t ncoefs,
         int64_t b = mstart ? mstart[i] : 0, e = mstart ? list_end(mstart, nullptr, i, nrows, ncoefs) : 0;
         row.reserve(static_cast<size_t>(e - b));
         for (int64_t k = b; k < e; ++k) row.emplace_back(mclind[k], dmatval[k]);
+        // Rows usually arrive ordered by column without zeros (a transposed matrix, a body in
+        // variable order): one scan confirms it and skips the sort and the compaction.
+        bool plain = true;
+        for (size_t k = 0; plain && k < row.size(); ++k)
+            plain = row[k].second != 0.0 && (k == 0 || row[k - 1].first < row[k].first);
+        if (plain) {
+            p->nnz += static_cast<int64_t>(row.size());
+            continue;
+        }
         std::sort(row.begin(), row.end(),
                   [](const std::pair<int, double>& a, const std::pair<int, double>& c) {
                       return a.first < c.first;
@@ -295,6 +305,7 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
             ++it;
         }
     }
+    gencons_delete_cols(p, newidx);
     results_invalidate(p);
 }
 

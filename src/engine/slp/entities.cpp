@@ -1,5 +1,5 @@
 // Discrete entities in nonlinear problems. Semi-continuous, semi-integer and partial-integer
-// columns, special ordered sets and indicator constraints are turned into binary columns and
+// columns, special ordered sets, indicator, general and piecewise-linear constraints are turned into binary columns and
 // linear rows by the optimiser's own reformulation; the nonlinear solver then sees a plain
 // mixed-integer model whose first columns and rows are the problem's own, so its results map
 // back by truncation.
@@ -14,11 +14,13 @@ namespace {
 bool needs_reformulation(TSLPprob prob, const Model& m) {
     for (char t : m.coltype)
         if (t == 'S' || t == 'R' || t == 'P') return true;
-    int sets = 0, indicators = 0;
+    int sets = 0, indicators = 0, gencons = 0, pwlcons = 0;
     if (TRVOgetintattrib(prob->trvo, TRVO_SETS, &sets) != 0 ||
-        TRVOgetintattrib(prob->trvo, TRVO_INDICATORS, &indicators) != 0)
+        TRVOgetintattrib(prob->trvo, TRVO_INDICATORS, &indicators) != 0 ||
+        TRVOgetintattrib(prob->trvo, TRVO_GENCONS, &gencons) != 0 ||
+        TRVOgetintattrib(prob->trvo, TRVO_PWLCONS, &pwlcons) != 0)
         throw Error("Could not read the problem's entities");
-    return sets > 0 || indicators > 0;
+    return sets > 0 || indicators > 0 || gencons > 0 || pwlcons > 0;
 }
 
 bool row_is_nonlinear(TSLPprob prob, const Model& m, int row) {

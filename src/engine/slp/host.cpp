@@ -41,15 +41,6 @@ int host_cols(TSLPprob prob) {
     return n;
 }
 
-void check_supported_entities(TSLPprob prob) {
-    int n = 0;
-    check(prob, TRVOgetintattrib(prob->trvo, TRVO_GENCONS, &n), "general constraints");
-    if (n > 0)
-        throw Error("The problem has " + std::to_string(n) +
-                    " general constraints, which the nonlinear optimiser does not handle; write them as nonlinear "
-                    "expressions (max, min, abs) instead");
-}
-
 int host_nlp_rows(TSLPprob prob) {
     int qmn = 0;
     check(prob, TRVOgetqrows(prob->trvo, &qmn, nullptr), "quadratic rows");

@@ -33,9 +33,6 @@ int host_rows(TSLPprob prob);
 int host_cols(TSLPprob prob);
 int host_nlp_rows(TSLPprob prob);   // rows with nonlinear coefficients or a quadratic part
 Model read_model(TSLPprob prob);
-// Throws when the optimiser problem holds entities the nonlinear optimiser cannot solve with
-// (general constraints), so that they are never ignored.
-void check_supported_entities(TSLPprob prob);
 // Turns semi-continuous, semi-integer and partial-integer columns, special ordered sets and
 // indicator rows of the model into binary columns and linear rows appended after the
 // problem's own (which keep their positions). Throws for what cannot be reformulated.

@@ -46,7 +46,6 @@ void optimize(TSLPprob prob, bool global) {
     auto t0 = std::chrono::steady_clock::now();
     prob->interrupt.store(0);
     prob->mswinner = 0;
-    check_supported_entities(prob);
     require_served_callbacks(prob);
     Model m = read_model(prob);
     const int ncols = m.ncols, nrows = m.nrows;
