@@ -21,9 +21,10 @@ problem runs in a child interpreter with a time limit, so that a crash or a hang
 `--scale` builds and solves the beam control model (clnlbeam: 3(N+1) columns, 2N rows, sin and
 cos terms) for N = 1000, 2000, 5000, 10000 and the Van der Pol model with 2,000 and 10,000 rows,
 each in a child interpreter so that its peak memory (ru_maxrss) is its own. It prints build time,
-solve time, iterations, time per iteration, peak memory and objective, the growth exponent of
-time per iteration and of memory between successive sizes, and Ipopt's time on the same model
-(through casadi, also in a child) when casadi is importable.
+solve time (wall-clock and CPU), iterations, time per iteration, simplex iterations of the step
+problems (0 when the interior-point step solver took them all), peak memory and objective, the
+growth exponent of time per iteration and of memory between successive sizes, and Ipopt's time
+on the same model (through casadi, also in a child) when casadi is importable.
 
 Every problem is written once, as a function of a "kit" that supplies the variables, the
 elementary functions and the constraint and objective calls. The tarvo kit builds a problem from
@@ -1586,9 +1587,10 @@ def scale_child(model, size, solver, maxtime):
         s = ca.nlpsol("s", "ipopt", nlp, {"ipopt.print_level": 0, "print_time": 0, "ipopt.sb": "yes",
                                             "ipopt.max_cpu_time": maxtime})
         out["build"] = time.perf_counter() - start
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         r = s(**args)
         out["solve"] = time.perf_counter() - start
+        out["cpu"] = time.process_time() - cpu
         out["objective"] = float(r["f"])
         out["iterations"] = int(s.stats().get("iter_count", -1))
         out["status"] = s.stats().get("return_status", "?")
@@ -1599,10 +1601,12 @@ def scale_child(model, size, solver, maxtime):
         out["build"] = time.perf_counter() - start
         if maxtime:
             p.setControl("tslp_maxtime", float(maxtime))
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         p.solve()
         out["solve"] = time.perf_counter() - start
+        out["cpu"] = time.process_time() - cpu
         out["objective"] = p.getObjVal()
+        out["simplex"] = int(_attribute(p, "tslp_simplexiter", -1))
         out["iterations"] = int(_attribute(p, "tslp_iter", -1))
         out["status"] = p.getProbStatusString()
     out["peak_mb"] = _peak_mb()
@@ -1640,9 +1644,9 @@ def run_scale(beams, vdp_rows, maxtime):
             continue
         title = "clnlbeam (3(N+1) columns, 2N rows)" if model == "beam" else "Van der Pol control"
         print("\n%s" % title)
-        print("  %6s %8s %8s %5s %9s %8s %16s %9s %9s  %s" % (
-            label, "build s", "solve s", "iter", "ms/iter", "peak MB", "objective", "ipopt s", "ipopt MB",
-            "status"))
+        print("  %6s %8s %8s %8s %5s %9s %8s %8s %16s %9s %9s %9s  %s" % (
+            label, "build s", "solve s", "cpu s", "iter", "ms/iter", "pivots", "peak MB", "objective", "ipopt s",
+            "ipopt cpu", "ipopt MB", "status"))
         rows = []
         for size in sizes:
             r = _run_scale_child(model, size, "tarvo", maxtime)
@@ -1652,23 +1656,28 @@ def run_scale(beams, vdp_rows, maxtime):
                 continue
             r["per_iter"] = r["solve"] / max(1, r["iterations"])
             rows.append(r)
+            r["cpu_per_iter"] = r.get("cpu", 0.0) / max(1, r["iterations"])
             ipt = ("%9.2f" % ip["solve"]) if "solve" in ip else "%9s" % ("-" if not ip else "failed")
+            ipc = ("%9.2f" % ip["cpu"]) if "cpu" in ip else "%9s" % "-"
             ipm = ("%9.0f" % ip["peak_mb"]) if "peak_mb" in ip else "%9s" % "-"
             rel = ""
             if "objective" in ip:
                 rel = ", objective vs ipopt %.1e" % (abs(r["objective"] - ip["objective"]) /
                                                       max(1.0, abs(ip["objective"])))
-            print("  %6d %8.2f %8.2f %5d %9.1f %8.0f %16.10g %s %s  %s%s" % (
-                size, r["build"], r["solve"], r["iterations"], 1000 * r["per_iter"], r["peak_mb"],
-                r["objective"], ipt, ipm, r["status"], rel))
+            print("  %6d %8.2f %8.2f %8.2f %5d %9.1f %8d %8.0f %16.10g %s %s %s  %s%s" % (
+                size, r["build"], r["solve"], r.get("cpu", float("nan")), r["iterations"], 1000 * r["per_iter"],
+                r.get("simplex", -1), r["peak_mb"], r["objective"], ipt, ipc, ipm, r["status"], rel))
+        # Time per iteration is read in CPU time as well: on a shared machine wall-clock time
+        # carries other processes' time slices.
         for a, b in zip(rows, rows[1:]):
-            print("  growth %d -> %d: time/iter exponent %.2f, solve time %.2f, build %.2f, memory %.2f" % (
-                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "solve"),
-                _exponent(a, b, "build"), _exponent(a, b, "peak_mb")))
+            print("  growth %d -> %d: time/iter exponent %.2f (cpu %.2f), solve time %.2f, build %.2f, memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "cpu_per_iter"),
+                _exponent(a, b, "solve"), _exponent(a, b, "build"), _exponent(a, b, "peak_mb")))
         if len(rows) > 2:
             a, b = rows[0], rows[-1]
-            print("  growth %d -> %d: time/iter exponent %.2f, memory %.2f" % (
-                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "peak_mb")))
+            print("  growth %d -> %d: time/iter exponent %.2f (cpu %.2f), memory %.2f" % (
+                a["size"], b["size"], _exponent(a, b, "per_iter"), _exponent(a, b, "cpu_per_iter"),
+                _exponent(a, b, "peak_mb")))
 
 
 def main(argv=None):

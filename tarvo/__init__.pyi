@@ -226,6 +226,7 @@ class control:
     tslp_postsolve: int
     tslp_presolve: int
     tslp_quasinewton: int
+    tslp_stepsolver: int
     tslp_samecount: int
     tslp_stol_a: float
     tslp_stol_r: float

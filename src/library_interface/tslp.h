@@ -196,6 +196,11 @@ enum {
                                       Lagrangian's curvature: a quasi-Newton (BFGS) QP for up
                                       to 100 curved columns, separable piecewise-linear costs
                                       above that; 0: pure linear steps */
+#define TSLP_STEPSOLVER 12417     /* solver of the continuous step problems: 0 automatic (the
+                                      sparse interior-point solver for large curved models whose
+                                      rows couple few neighbours, else the simplex method), 1 the
+                                      simplex method, 2 the interior-point solver wherever the
+                                      structure suits it */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

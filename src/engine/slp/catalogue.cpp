@@ -93,6 +93,7 @@ const Entry entries[] = {
     {"TSLP_MIPFIXSTEPS", TSLP_MIPFIXSTEPS, INT | CONTROL, 1},
     {"TSLP_THREADSAFEUSERFUNC", TSLP_THREADSAFEUSERFUNC, INT | CONTROL, 0},
     {"TSLP_QUASINEWTON", TSLP_QUASINEWTON, INT | CONTROL, 1},
+    {"TSLP_STEPSOLVER", TSLP_STEPSOLVER, INT | CONTROL, 0},
     {"", 0, 0, 0},
 };
 const int n_entries = sizeof entries / sizeof entries[0];

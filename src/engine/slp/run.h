@@ -103,6 +103,16 @@ private:
     void update_lp();
     int solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
                  double* errsum);
+    int finish_lp(const std::vector<double>& cv, const std::vector<double>& cd, const std::vector<double>& rv,
+                  const std::vector<double>& rd, std::vector<double>& xlp, std::vector<double>& rowdual,
+                  std::vector<double>& coldual, double* errsum);
+    // The sparse interior-point step solver (sparse_step.h): still to be tried on this run's
+    // step problems, its failures so far, its iterations.
+    bool sparse_ok = true;
+    int sparse_failures = 0;
+    long ipm_total = 0;
+    int sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                     std::vector<double>& rd);
     void tolerances(int j, double* atol_a, double* atol_r) const;
     void set_mip(bool on);
     bool out_of_time() const;

@@ -2,6 +2,7 @@
 // bounds, row bounds, costs (and the curvature's segments or Hessian) change between
 // iterations, so that each solve starts from the previous basis.
 #include "engine/slp/run.h"
+#include "engine/slp/sparse_step.h"
 
 #include "engine/optimizer/highs_instances.h"
 #include "interfaces/highs_c_api.h"
@@ -299,6 +300,10 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         double left = maxtime - std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
     }
+    std::vector<double> cv, cd, rv, rd;
+    int sparse = sparse_step(cv, cd, rv, rd);
+    if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
+    if (sparse == 2) return 3;
     HighsInt rc = Highs_run(h);
     HighsInt ms = Highs_getModelStatus(h);
     HighsInt it = 0;
@@ -318,8 +323,18 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
         return 4;
     }
-    std::vector<double> cv(ncolLP), cd(ncolLP), rv(nrowLP), rd(nrowLP);
+    cv.resize(ncolLP);
+    cd.resize(ncolLP);
+    rv.resize(nrowLP);
+    rd.resize(nrowLP);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
+}
+
+// Takes the step problem's solution (column values and duals, row activities and duals).
+int Run::finish_lp(const std::vector<double>& cv, const std::vector<double>& cd, const std::vector<double>&,
+                   const std::vector<double>& rd, std::vector<double>& xlp, std::vector<double>& rowdual,
+                   std::vector<double>& coldual, double* errsum) {
     xlp.resize(n);
     for (int j = 0; j < n; ++j) xlp[j] = x[j] + cv[j];
     rowdual = rd;
@@ -334,6 +349,66 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     *errsum = es;
     errvals.assign(cv.begin() + n, cv.end());
     return 0;
+}
+
+}  // namespace slp
+
+namespace slp {
+
+// Solves the step problem with the sparse interior-point solver when the step solver control
+// asks for it (automatically: the continuous step problems of large curved models) and the
+// problem suits it. Returns 1 solved, 2 stopped (interrupt or time limit), 0 when HiGHS is to
+// solve it instead.
+int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                      std::vector<double>& rd) {
+    int choice = int_control(prob, TSLP_STEPSOLVER);
+    if (!sparse_ok || mip_phase || hessian_passed || choice == 1 || (choice == 0 && !use_h)) return 0;
+    SparseLp lp;
+    HighsInt nc = 0, nr = 0, nz = Highs_getNumNz(h), sense_out = 0;
+    double offset = 0.0;
+    lp.ncol = ncolLP;
+    lp.nrow = nrowLP;
+    lp.cost.resize(ncolLP);
+    lp.collo.resize(ncolLP);
+    lp.colup.resize(ncolLP);
+    lp.rowlo.resize(nrowLP);
+    lp.rowup.resize(nrowLP);
+    std::vector<HighsInt> start(ncolLP + 1), index(std::max<HighsInt>(nz, 1));
+    lp.value.resize(std::max<HighsInt>(nz, 1));
+    if (Highs_getLp(h, kHighsMatrixFormatColwise, &nc, &nr, &nz, &sense_out, &offset, lp.cost.data(),
+                    lp.collo.data(), lp.colup.data(), lp.rowlo.data(), lp.rowup.data(), start.data(), index.data(),
+                    lp.value.data(), nullptr) != kHighsStatusOk ||
+        nc != ncolLP || nr != nrowLP) {
+        sparse_ok = false;
+        return 0;
+    }
+    start[ncolLP] = nz;
+    lp.start.assign(start.begin(), start.end());
+    lp.index.assign(index.begin(), index.begin() + nz);
+    lp.value.resize(nz);
+    for (auto* v : {&lp.collo, &lp.colup, &lp.rowlo, &lp.rowup})
+        for (double& b : *v) b = bound_inf(b);
+    SparseLpSolution sol;
+    double tol = std::min(1e-10, dbl_control(prob, TSLP_FEASTOL) * 1e-2);
+    SparseStatus st = sparse_lp_solve(lp, tol, [&]() { return prob->interrupt.load() != 0 || out_of_time(); }, sol);
+    if (st == SparseStatus::Declined) {
+        logf(prob, 2, "    step problems go to the simplex method: their structure does not suit the interior-point solver");
+        sparse_ok = false;
+        return 0;
+    }
+    if (st == SparseStatus::Stopped) return 2;
+    if (st == SparseStatus::Failed) {
+        logf(prob, 2, "    interior-point step solve did not converge; simplex method instead");
+        if (++sparse_failures >= 3) sparse_ok = false;
+        return 0;
+    }
+    ipm_total += sol.iterations;
+    logf(prob, 3, "    interior-point step problem: %d iterations", sol.iterations);
+    cv.swap(sol.colval);
+    cd.swap(sol.coldual);
+    rv.swap(sol.rowval);
+    rd.swap(sol.rowdual);
+    return 1;
 }
 
 }  // namespace slp
