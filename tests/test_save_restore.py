@@ -455,6 +455,26 @@ def test_restore_replaces_the_search_data_of_the_target():
     assert len(pool_of(p)[0]) == 2
 
 
+def test_search_data_follows_deletions():
+    p, x, c, rows = mip_with_search_data()
+    p.delConstraint(rows[1])
+    p.delVariable(x[0])
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"
+    # The cut over the deleted column left the pool; the other one moved with its column.
+    assert pool_of(p) == ([2], ["G"], [0, 1], ["x2"], [1.0], [0.0])
+    assert dirs_of(p)[0] == ["x2"]
+    # Row 'cap' keeps its factor 4 after a later row went.
+    plain, scaled = scaled_rows(p, [0.0, 0.0, 60.5 + 6e-7])
+    assert "cap" not in plain and "cap" in scaled
+    # The secure vectors still name rows and columns of the problem, so it can be saved.
+    p.save("deleted.svf")
+    q = tv.problem()
+    q.restore("deleted")
+    assert any("loadsecurevecs" in line for line in log_lines(q, q.lpoptimize))
+    assert scaled_rows(q, [0.0, 0.0, 60.5 + 6e-7]) == (plain, scaled)
+
+
 def test_stored_branching_objects_make_save_fail():
     p, x, c, rows = mip_with_search_data()
     tv.branchobj(p, [x[0] <= 3, x[0] >= 4]).store()

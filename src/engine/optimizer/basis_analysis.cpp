@@ -125,9 +125,10 @@ double factor(const std::vector<int>& e, int k) {
 bool scale_model(TRVOprob p, HighsModel& m) {
     Views* v = views_if(p);
     if (!v || (v->row_scale.empty() && v->col_scale.empty())) return false;
-    if (v->row_scale.size() != static_cast<size_t>(p->nrows()) && !v->row_scale.empty()) v->row_scale.clear();
-    if (v->col_scale.size() != static_cast<size_t>(p->ncols()) && !v->col_scale.empty()) v->col_scale.clear();
-    if (v->row_scale.empty() && v->col_scale.empty()) return false;
+    // Rows and columns added since the factors were given are unscaled (exponent 0); deletions
+    // keep the factors on the rows and columns left (views_rows_deleted / views_cols_deleted).
+    if (!v->row_scale.empty()) v->row_scale.resize(static_cast<size_t>(p->nrows()), 0);
+    if (!v->col_scale.empty()) v->col_scale.resize(static_cast<size_t>(p->ncols()), 0);
     const int n = p->ncols(), mm = p->nrows();
     auto cf = [&](HighsInt j) { return j < n ? factor(v->col_scale, static_cast<int>(j)) : 1.0; };
     for (HighsInt j = 0; j < m.ncol; ++j) {

@@ -170,6 +170,50 @@ void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop) {
     lazy.swap(kept);
 }
 
+void cuts_cols_deleted(TRVOprob p, const std::vector<int>& newidx) {
+    if (!p->cutpool) return;
+    CutPool& pool = *p->cutpool;
+    // A cut over a deleted column says nothing about the columns left: it leaves the pool (its
+    // handle is refused from then on). Columns of the cuts kept follow their new positions.
+    for (auto it = pool.cuts.begin(); it != pool.cuts.end();) {
+        Cut& c = it->second;
+        bool lost = false;
+        for (size_t k = 0; k < c.cols.size(); ++k) {
+            const int nj = newidx[static_cast<size_t>(c.cols[k])];
+            if (nj < 0 && c.vals[k] != 0.0) lost = true;
+            c.cols[k] = nj;
+        }
+        if (lost) {
+            it = pool.cuts.erase(it);
+            continue;
+        }
+        size_t o = 0;
+        for (size_t k = 0; k < c.cols.size(); ++k)
+            if (c.cols[k] >= 0) {
+                c.cols[o] = c.cols[k];
+                c.vals[o++] = c.vals[k];
+            }
+        c.cols.resize(o);
+        c.vals.resize(o);
+        ++it;
+    }
+    // Stored bound changes on deleted columns no longer apply to anything.
+    for (auto& kv : pool.bounds) {
+        StoredBounds& b = kv.second;
+        size_t o = 0;
+        for (size_t k = 0; k < b.cols.size(); ++k) {
+            const int nj = newidx[static_cast<size_t>(b.cols[k])];
+            if (nj < 0) continue;
+            b.cols[o] = nj;
+            b.types[o] = b.types[k];
+            b.values[o++] = b.values[k];
+        }
+        b.cols.resize(o);
+        b.types.resize(o);
+        b.values.resize(o);
+    }
+}
+
 bool cuts_need_search(TRVOprob p) {
     if (!p->cutpool) return false;
     for (const auto& kv : p->cutpool->cuts)

@@ -39,6 +39,9 @@ struct CutPool {
 CutPool& cut_pool(TRVOprob p);
 // Keeps the lazy marks on the rows left by a deletion.
 void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop);
+// Moves pool cuts and stored bounds to the columns left by a deletion (newidx: new position of
+// each old column, -1 deleted); cuts over a deleted column leave the pool.
+void cuts_cols_deleted(TRVOprob p, const std::vector<int>& newidx);
 // Whether a MIP solve should use the tree search for the pool's sake.
 bool cuts_need_search(TRVOprob p);
 // Connects a tree search about to run to the problem's cuts (lazy rows into the model, pool

@@ -64,6 +64,44 @@ HighsInt QuietModel::run() {
     return Highs_getModelStatus(h);
 }
 
+namespace {
+void remap_indices(std::vector<int>& list, const std::vector<int>& newidx) {
+    size_t o = 0;
+    for (int k : list) {
+        const int nk = k >= 0 && static_cast<size_t>(k) < newidx.size() ? newidx[static_cast<size_t>(k)] : -1;
+        if (nk >= 0) list[o++] = nk;
+    }
+    list.resize(o);
+}
+void keep_entries(std::vector<int>& values, const std::vector<int>& newidx) {
+    if (values.empty()) return;
+    std::vector<int> kept;
+    for (size_t k = 0; k < newidx.size() && k < values.size(); ++k)
+        if (newidx[k] >= 0) kept.push_back(values[k]);
+    values.swap(kept);
+}
+}  // namespace
+
+void views_rows_deleted(TRVOprob p, const std::vector<char>& drop) {
+    Views* v = views_if(p);
+    if (!v) return;
+    std::vector<int> newidx(drop.size(), -1);
+    int out = 0;
+    for (size_t i = 0; i < drop.size(); ++i)
+        if (!drop[i]) newidx[i] = out++;
+    remap_indices(v->secure_rows, newidx);
+    keep_entries(v->row_scale, newidx);
+    v->have_bar = false;
+}
+
+void views_cols_deleted(TRVOprob p, const std::vector<int>& newidx) {
+    Views* v = views_if(p);
+    if (!v) return;
+    remap_indices(v->secure_cols, newidx);
+    keep_entries(v->col_scale, newidx);
+    v->have_bar = false;
+}
+
 bool presolve_allowed(TRVOprob p) {
     Views* v = views_if(p);
     if (!v || (v->secure_rows.empty() && v->secure_cols.empty())) return true;

@@ -3,6 +3,7 @@
 #include "engine/optimizer/problem.h"
 #include "engine/optimizer/gencons.h"
 #include "engine/optimizer/cuts.h"
+#include "engine/optimizer/views.h"
 
 #include <algorithm>
 #include <cmath>
@@ -228,6 +229,7 @@ void delete_rows(TRVOprob p, const std::vector<char>& drop) {
     p->matrix.resize(static_cast<size_t>(out));
     p->rownames.erase(drop);
     cuts_rows_deleted(p, drop);
+    views_rows_deleted(p, drop);
     std::map<int, QMap> qr;
     for (auto& kv : p->qrows)
         if (newidx[static_cast<size_t>(kv.first)] >= 0)
@@ -260,6 +262,8 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
     p->mipents = -1;
     p->colnames.erase(drop);
     branching_delete_cols(p, newidx);
+    cuts_cols_deleted(p, newidx);
+    views_cols_deleted(p, newidx);
     int64_t nnz = 0;
     for (auto& row : p->matrix) {
         size_t o = 0;

@@ -38,6 +38,12 @@ Views& views(TRVOprob p);
 // The problem's views if it has any, else null.
 Views* views_if(TRVOprob p);
 
+// Keep secure vectors and scaling factors on the rows and columns left by a deletion
+// (drop: one mark per old row; newidx: new position of each old column, -1 deleted). The last
+// interior-point solution no longer fits the model and is forgotten.
+void views_rows_deleted(TRVOprob p, const std::vector<char>& drop);
+void views_cols_deleted(TRVOprob p, const std::vector<int>& newidx);
+
 // A quiet HiGHS instance holding the problem's model (mip false: the continuous relaxation),
 // released with the object. The HiGHS objective is sign * the user's objective.
 struct QuietModel {
