@@ -356,3 +356,23 @@ def test_nonlinear_problem_file_keeps_them(tmp_path):
     assert q.attributes.gencons == 1
     q.solve()
     assert q.getObjVal() == pytest.approx(math.e, rel=1e-4)
+
+
+def test_iis_file_leaves_out_general_and_piecewise_linear_constraints(tmp_path):
+    """The IIS file holds the linear subsystem only: the general and piecewise-linear
+    constraints over its columns are not part of it."""
+    x, y, z = var("x", ub=2), var("y", ub=2), var("z", ub=2)
+    p = tv.problem(x, y, z, x + y + z >= 7, name="iisgc")
+    p.addgencons([tv.gencons_max], [y], [0], [x], [0], [0.5])
+    p.addpwlcons([x], [z], [0], [0, 2], [0, 2])
+    p.iisall()
+    rows, cols, *_ = [], [], [], []
+    p.iisstatus(rows, cols, [], [])
+    assert rows == [1] and cols[0] >= 1
+    fn = tmp_path / "iis.lp"
+    p.iiswrite(1, str(fn), 0, "")
+    text = fn.read_text()
+    assert "x" in text and "y" in text
+    assert "gencons" not in text.lower() and "pwl" not in text.lower()
+    # The problem itself keeps them.
+    assert (p.attributes.gencons, p.attributes.pwlcons) == (1, 1)

@@ -341,3 +341,147 @@ def test_general_and_piecewise_linear_constraints_round_trip():
     assert [round(v, 4) for v in q.getSolution()] == [3.0, 6.0, 5.0]
     # (the binaries of the reformulation hold to the integrality tolerance)
     assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-4)
+
+
+def mip_with_search_data():
+    """A MIP carrying directives, a delayed row, a model cut, stored pool cuts, secure vectors
+    and scaling factors. Its LP relaxation (x0 = 10, x1 = 10, ...) violates both lazy rows."""
+    x = [tv.var(vartype=tv.integer, ub=10, name=f"x{i}") for i in range(3)]
+    c = tv.var(name="c", ub=50)
+    rows = [tv.constraint(2 * x[0] + 3 * x[1] + 4 * x[2] + c <= 60.5, name="cap"),
+            tv.constraint(x[0] + x[1] <= 13, name="late"),
+            tv.constraint(x[1] + 3 * x[2] <= 20, name="mcut")]
+    p = tv.problem(x, c, rows, 5 * x[0] + 4 * x[1] + 6 * x[2] + c, sense=tv.maximize, name="searchdata")
+    p.loaddirs([x[0], x[2]], [3, 7], ["U", "D"], [1.5, -1.0], [2.0, 0.25])
+    p.loaddelayedrows([rows[1]])
+    p.loadmodelcuts([rows[2]])
+    handles = []
+    # Valid for every integer solution: they leave the optimum alone.
+    p.storecuts(0, [1, 2], ["L", "G"], [30.0, 0.0], [0, 2, 3], handles, [x[0], x[1], x[2]], [1.0, 1.0, 1.0])
+    p.loadsecurevecs([rows[0]], [x[1]])
+    p.scale([2, 0, 0], [0, 0, 0, 1])
+    return p, x, c, rows
+
+
+def dirs_of(p):
+    out = [[], [], [], [], []]
+    p.getdirs(*out)
+    return [v.name for v in out[0]], out[1], out[2], out[3], out[4]
+
+
+def pool_of(p):
+    listed, viol = [], []
+    p.getcpcutlist(-1, -1, -1.0, 10, listed, viol)
+    mtype, rtype, start, cols, vals, rhs = [], [], [], [], [], []
+    p.getcpcuts(listed, 10, mtype, rtype, start, cols, vals, rhs)
+    return mtype, rtype, start, [v.name for v in cols], vals, rhs
+
+
+def scaled_rows(p, point):
+    """Rows reported infeasible at a point a little beyond 'cap', unscaled and scaled."""
+    p.loadlpsol(point, None, None, None)
+    out = [[], [], [], []]
+    p.getinfeas(*out)
+    plain = sorted(r.name for r in out[1])
+    p.getscaledinfeas(*out)
+    return plain, sorted(r.name for r in out[1])
+
+
+def lazy_rows_seen_violated(p):
+    """Names of the lazy rows some node relaxation seen by optnode violates: delayed rows wait
+    for candidates, model cuts join the relaxation before optnode sees it."""
+    seen = set()
+
+    def optnode(prob, data):
+        xs = []
+        prob.getlpsol(xs)
+        if xs[0] + xs[1] > 13 + 1e-6:
+            seen.add("late")
+        if xs[1] + 3 * xs[2] > 20 + 1e-6:
+            seen.add("mcut")
+        return 0
+
+    p.addcboptnode(optnode)
+    p.controls.treesearch = 1
+    p.solve()
+    p.removecboptnode(optnode)
+    return seen
+
+
+def test_search_data_round_trip():
+    p, x, c, rows = mip_with_search_data()
+    p.solve()
+    assert p.getProbStatusString() == "mip_optimal"
+    expected = {"dirs": dirs_of(p), "pool": pool_of(p)}
+    assert expected["dirs"] == (["x0", "x2"], [3, 7], ["U", "D"], [1.5, -1.0], [2.0, 0.25])
+    assert expected["pool"] == ([1, 2], ["L", "G"], [0, 2, 3], ["x0", "x1", "x2"], [1.0, 1.0, 1.0], [30.0, 0.0])
+    p.save("search.svf")
+
+    q = tv.problem()
+    q.restore("search")
+    assert dirs_of(q) == expected["dirs"]
+    assert pool_of(q) == expected["pool"]
+    assert structure(q) == structure(p)
+    # The secure vectors turn HiGHS's presolve off (and the log says so).
+    assert any("loadsecurevecs" in line for line in log_lines(q, q.lpoptimize))
+    # Re-solving gives the same optimum.
+    q.solve()
+    assert q.getProbStatusString() == "mip_optimal"
+    assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-6)
+    # The lazy marks came back: the delayed row is seen violated at a node, the model cut not.
+    assert lazy_rows_seen_violated(q) == {"late"}
+    assert q.getObjVal() == pytest.approx(p.getObjVal(), abs=1e-6)
+    # Scaling: row 'cap' is scaled by 4, so a violation below the tolerance shows when scaled.
+    point = [0.0, 0.0, 0.0, 60.5 + 6e-7]
+    plain, scaled = scaled_rows(p, point)
+    assert "cap" not in plain and "cap" in scaled
+    assert scaled_rows(q, point) == (plain, scaled)
+
+
+def test_restore_replaces_the_search_data_of_the_target():
+    p, *_ = mip_with_search_data()
+    p.solve()  # (the pool's cuts are listed against a solution)
+    p.save("full.svf")
+    bare = lp_model()
+    bare.save("bare.svf")
+    p.restore("bare")
+    assert dirs_of(p)[0] == []
+    listed = []
+    p.getcpcutlist(-1, -1, -1.0, 10, listed, [])
+    assert listed == []
+    assert not any("loadsecurevecs" in line for line in log_lines(p, p.lpoptimize))
+    p.restore("full")
+    assert dirs_of(p)[0] == ["x0", "x2"]
+    assert len(pool_of(p)[0]) == 2
+
+
+def test_stored_branching_objects_make_save_fail():
+    p, x, c, rows = mip_with_search_data()
+    tv.branchobj(p, [x[0] <= 3, x[0] >= 4]).store()
+    with pytest.raises(tv.SolverError, match="stored branching objects"):
+        p.save("bo.svf")
+    assert not os.path.exists("bo.svf")
+
+
+def test_copy_keeps_message_statuses_and_the_tuner_method():
+    p = lp_model()
+    p.setmessagestatus(1, 0)
+    p.tunerwritemethod("builtin.txt")
+    # A method of its own: the first two candidates of the built-in set.
+    lines = open("builtin.txt").read().splitlines()
+    header, candidates = lines[0], [ln for ln in lines[1:] if ln.strip() and not ln.startswith("#")]
+    with open("method.txt", "w") as f:
+        f.write("\n".join([header] + candidates[:2]) + "\n")
+    p.tunerreadmethod("method.txt")
+    q = p.copy()
+    assert q.getmessagestatus(1) == 0
+    assert log_lines(q, q.solve) == []
+    q.tunerwritemethod("copied.txt")
+    copied = [ln for ln in open("copied.txt").read().splitlines()[1:] if ln.strip() and not ln.startswith("#")]
+    assert copied == candidates[:2] and len(candidates) > 2
+    # ... and so does a saved problem.
+    p.save("tuned.svf")
+    r = tv.problem()
+    r.restore("tuned")
+    r.tunerwritemethod("restored.txt")
+    assert open("restored.txt").read() == open("copied.txt").read()

@@ -228,6 +228,10 @@ void write_iis(TRVOprob p, int num, const char* fn, int type) {
     }
     sub.indicators.clear();
     sub.sets.clear();
+    // General and piecewise-linear constraints are not part of the linear subsystem (and would
+    // be written over the columns left after the deletion below).
+    sub.gencons.clear();
+    sub.pwlcons.clear();
     sub.qobj.clear();
     std::fill(sub.obj.begin(), sub.obj.end(), 0.0);
     std::vector<char> drop_row(keep_row.size()), drop_col(keep_col.size());

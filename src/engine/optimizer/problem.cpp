@@ -297,6 +297,8 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;
         dest->controls = src->controls;
+        dest->message_status = src->message_status;
+        dest->tuner_method = src->tuner_method;
         dest->results = Results();
         results_resize(dest);
     });

@@ -33,7 +33,23 @@
 //         (int32), argument columns (int32 array) and values (double array)
 //   PWLC  piecewise-linear constraints: count, then per constraint its argument and resultant
 //         columns (int32) and breakpoints (x and y double arrays)
+//   DIRS  branching directives: count, then (int32 column, int32 priority, char direction U D
+//         or N, double up pseudocost, double down pseudocost; -1: the search's own estimate)
+//   LAZY  per row its lazy mark (char array: 0 none, 1 delayed row, 2 model cut); rows beyond
+//         the array have none. Written only when some row is marked
+//   CUTP  the cut pool's stored cuts, in the order stored: count, then per cut its type
+//         (int32), row type (char L G E), right-hand side (double), columns (int32 array) and
+//         coefficients (double array). Restored cuts get new handles (getcpcutlist lists them)
+//   SECV  secure vectors: rows and columns presolve must keep (int32 arrays)
+//   SCAL  scaling exponents of TRVOscale: per row and per column (int32 arrays, either empty)
+//   TUNM  the tuner's method (TRVOtunerreadmethod): count, then per candidate its kind (int32)
+//         and settings (count, then int32 control id and double value); absent: the built-in set
 //   NL..  the nonlinear library's sections (engine/slp/save_restore.cpp)
+// Not saved, because they only have a meaning inside this process or during one solve: the
+// cut pool's stored bound sets (TRVOstorebounds; only their handles name them), cuts added at
+// the nodes of a running search, the last interior-point solution before crossover, callbacks
+// and the log file. Branching objects stored for the next solve (TRVO_bo_store) cannot be
+// saved: save fails while any are held, rather than writing a file without them.
 // Store members added later get sections of their own, written after PWLC and read in
 // Staged::read (a reader refuses a section it does not know, so an older version never drops
 // part of a newer file silently).
@@ -43,6 +59,11 @@
 // without duals) when flag 1 is set and MIPS (x, slack) when flag 4 is set.
 #include "engine/optimizer/save_restore.h"
 
+#include "engine/optimizer/branching.h"
+#include "engine/optimizer/cuts.h"
+#include "engine/optimizer/views.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -189,6 +210,96 @@ NameList get_names(Reader& r, size_t expected, const char* kind) {
 template <class T>
 bool sized(const std::vector<T>& v, size_t n) {
     return v.empty() || v.size() == n;
+}
+
+// Directives, lazy rows, pool cuts, secure vectors, scaling and the tuner's method.
+void write_extras(TRVOprob p, Writer& w) {
+    if (has_stored_branchobjects(p))
+        fail("The problem holds stored branching objects, which cannot be saved: solve the problem (the search "
+             "uses them) before saving it");
+    if (has_directives(p)) {
+        w.begin("DIRS");
+        w.put<uint64_t>(p->branching->dirs.size());
+        for (const auto& kv : p->branching->dirs) {
+            w.put<int32_t>(kv.first);
+            w.put<int32_t>(kv.second.priority);
+            w.put<char>(kv.second.dir);
+            w.put<double>(kv.second.uppc);
+            w.put<double>(kv.second.downpc);
+        }
+        w.end();
+    }
+    if (p->cutpool) {
+        const CutPool& pool = *p->cutpool;
+        std::vector<char> lazy(pool.lazy.begin(),
+                               pool.lazy.begin() + static_cast<long>(std::min(pool.lazy.size(),
+                                                                              static_cast<size_t>(p->nrows()))));
+        if (std::any_of(lazy.begin(), lazy.end(), [](char c) { return c != 0; })) {
+            w.begin("LAZY");
+            w.put_vec(lazy);
+            w.end();
+        }
+        uint64_t stored = 0;
+        for (const auto& kv : pool.cuts) stored += kv.second.in_pool;
+        if (stored) {
+            w.begin("CUTP");
+            w.put<uint64_t>(stored);
+            for (const auto& kv : pool.cuts) {
+                const Cut& c = kv.second;
+                if (!c.in_pool) continue;
+                for (int j : c.cols)
+                    if (j < 0 || j >= p->ncols())
+                        fail("A cut of the cut pool names column %d, which the problem no longer has", j);
+                w.put<int32_t>(c.type);
+                w.put<char>(c.rtype);
+                w.put<double>(c.rhs);
+                std::vector<int32_t> cols(c.cols.begin(), c.cols.end());
+                w.put_vec(cols);
+                w.put_vec(c.vals);
+            }
+            w.end();
+        }
+    }
+    if (const Views* v = views_if(p)) {
+        if (!v->secure_rows.empty() || !v->secure_cols.empty()) {
+            for (int i : v->secure_rows)
+                if (i < 0 || i >= p->nrows())
+                    fail("The secure vectors name row %d, which the problem no longer has: load them again", i);
+            for (int j : v->secure_cols)
+                if (j < 0 || j >= p->ncols())
+                    fail("The secure vectors name column %d, which the problem no longer has: load them again", j);
+            w.begin("SECV");
+            std::vector<int32_t> rows(v->secure_rows.begin(), v->secure_rows.end());
+            std::vector<int32_t> cols(v->secure_cols.begin(), v->secure_cols.end());
+            w.put_vec(rows);
+            w.put_vec(cols);
+            w.end();
+        }
+        // Factors that no longer fit the problem are ignored by the solve; they are not saved.
+        const bool rs = v->row_scale.size() == static_cast<size_t>(p->nrows());
+        const bool cs = v->col_scale.size() == static_cast<size_t>(p->ncols());
+        if ((rs && !v->row_scale.empty()) || (cs && !v->col_scale.empty())) {
+            w.begin("SCAL");
+            std::vector<int32_t> r(rs ? v->row_scale.begin() : v->row_scale.end(), v->row_scale.end());
+            std::vector<int32_t> c(cs ? v->col_scale.begin() : v->col_scale.end(), v->col_scale.end());
+            w.put_vec(r);
+            w.put_vec(c);
+            w.end();
+        }
+    }
+    if (!p->tuner_method.empty()) {
+        w.begin("TUNM");
+        w.put<uint64_t>(p->tuner_method.size());
+        for (const auto& cand : p->tuner_method) {
+            w.put<int32_t>(cand.kind);
+            w.put<uint64_t>(cand.settings.size());
+            for (const auto& st : cand.settings) {
+                w.put<int32_t>(st.first);
+                w.put<double>(st.second);
+            }
+        }
+        w.end();
+    }
 }
 
 }  // namespace
@@ -383,6 +494,7 @@ void write_optimizer(TRVOprob p, Writer& w) {
         w.put_vec(c.y);
     }
     w.end();
+    write_extras(p, w);
     // New store members: their sections go here.
 }
 
@@ -583,6 +695,80 @@ void Staged::read(const File& f) {
                 if (c.x.size() != c.y.size() || c.x.empty())
                     fail("The saved file is damaged: a piecewise-linear constraint's breakpoints");
             }
+        } else if (t == "DIRS") {
+            need_shape();
+            size_t n = r.get_count(25);
+            std::vector<int> cols(n), pri(n);
+            std::vector<char> dir(n);
+            std::vector<double> up(n), down(n);
+            for (size_t k = 0; k < n; ++k) {
+                cols[k] = r.get<int32_t>();
+                pri[k] = r.get<int32_t>();
+                dir[k] = r.get<char>();
+                up[k] = r.get<double>();
+                down[k] = r.get<double>();
+            }
+            // Through the loader: a directive on a column that is not integer is refused.
+            if (TRVOloaddirs(s, static_cast<int>(n), cols.data(), pri.data(), dir.data(), up.data(), down.data()) != 0)
+                fail("The saved file is damaged: %s", s->last_error.c_str());
+        } else if (t == "LAZY") {
+            need_shape();
+            auto lazy = r.get_vec<char>();
+            if (lazy.size() > s->rowtype.size()) fail("The saved file is damaged: lazy marks for %zu rows", lazy.size());
+            for (char c : lazy)
+                if (c < 0 || c > 2) fail("The saved file is damaged: lazy mark %d", c);
+            cut_pool(s).lazy.swap(lazy);
+        } else if (t == "CUTP") {
+            need_shape();
+            size_t n = r.get_count(29);
+            std::vector<int> type(n), cols;
+            std::vector<char> rtype(n);
+            std::vector<double> rhs(n), vals;
+            std::vector<int64_t> start(1, 0);
+            for (size_t k = 0; k < n; ++k) {
+                type[k] = r.get<int32_t>();
+                rtype[k] = r.get<char>();
+                rhs[k] = r.get<double>();
+                auto c = r.get_vec<int32_t>();
+                auto v = r.get_vec<double>();
+                if (c.size() != v.size()) fail("The saved file is damaged: cut %zu", k);
+                cols.insert(cols.end(), c.begin(), c.end());
+                vals.insert(vals.end(), v.begin(), v.end());
+                start.push_back(static_cast<int64_t>(cols.size()));
+            }
+            // Stored as TRVOstorecuts64 stores them (checked, with new handles), duplicates kept.
+            if (n && TRVOstorecuts64(s, static_cast<int>(n), 0, type.data(), rtype.data(), rhs.data(), start.data(),
+                                     nullptr, cols.data(), vals.data()) != 0)
+                fail("The saved file is damaged: %s", s->last_error.c_str());
+        } else if (t == "SECV") {
+            need_shape();
+            auto rows = r.get_vec<int32_t>();
+            auto cols = r.get_vec<int32_t>();
+            if (TRVOloadsecurevecs(s, static_cast<int>(rows.size()), static_cast<int>(cols.size()), rows.data(),
+                                   cols.data()) != 0)
+                fail("The saved file is damaged: %s", s->last_error.c_str());
+        } else if (t == "SCAL") {
+            need_shape();
+            auto rows = r.get_vec<int32_t>();
+            auto cols = r.get_vec<int32_t>();
+            if ((!rows.empty() && rows.size() != s->rowtype.size()) || (!cols.empty() && cols.size() != s->lb.size()))
+                fail("The saved file is damaged: scaling factors do not fit the problem");
+            // Types are read before (COLS): the scaling check of integer columns holds.
+            if (TRVOscale(s, rows.empty() ? nullptr : rows.data(), cols.empty() ? nullptr : cols.data()) != 0)
+                fail("The saved file is damaged: %s", s->last_error.c_str());
+        } else if (t == "TUNM") {
+            size_t n = r.get_count(12);
+            s->tuner_method.assign(n, TunerCandidate());
+            for (auto& cand : s->tuner_method) {
+                cand.kind = r.get<int32_t>();
+                if (cand.kind < 0 || cand.kind > 2) fail("The saved file is damaged: tuner candidate kind %d", cand.kind);
+                size_t m = r.get_count(12);
+                for (size_t k = 0; k < m; ++k) {
+                    int id = r.get<int32_t>();
+                    double v = r.get<double>();
+                    cand.settings.emplace_back(id, v);
+                }
+            }
         // New store members: read their sections here.
         } else {
             unread.push_back(t);
@@ -615,6 +801,12 @@ void Staged::apply(TRVOprob p) {
     p->setnames = std::move(s->setnames);
     p->controls = std::move(s->controls);
     p->message_status.swap(s->message_status);
+    // Directives, the cut pool with its lazy marks, secure vectors and scaling replace the
+    // target's (store_clear dropped its directives and stored branching objects).
+    p->branching.swap(s->branching);
+    p->cutpool.swap(s->cutpool);
+    p->views.swap(s->views);
+    p->tuner_method.swap(s->tuner_method);
     p->results = std::move(s->results);
     results_resize(p);  // a file without a solution: vectors of the problem's size
     p->start_rbasis.swap(s->start_rbasis);
