@@ -465,8 +465,9 @@ PyMethodDef branchobj_methods[] = {
          "and the rows' columns and coefficients. Returns None.")},
     {"addcuts", KW(m_addcuts), METH_VARARGS | METH_KEYWORDS,
      DOC("addcuts($self, /, ibranch, cutind)",
-         "Add cut-pool cuts to branch ibranch; refused with SolverError while the cut pool does not take part in "
-         "branching (add the cut as a row with addrows). Returns None.")},
+         "Add cuts (poolcut objects of this problem) to branch ibranch: when the object drives a branching of "
+         "the tree search, they become active rows of that child and its subtree. Returns None; raises "
+         "SolverError for an unknown or deleted cut or a branch that does not exist.")},
     {"getbounds", KW(m_getbounds), METH_VARARGS | METH_KEYWORDS,
      DOC("getbounds($self, /, ibranch, nbounds_size, bndtype=None, bndcol=None, bndval=None)",
          "Fill the given lists with up to nbounds_size bound changes of branch ibranch. Returns the number of "

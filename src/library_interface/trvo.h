@@ -662,7 +662,7 @@ int TRVO_bo_addrows(TRVObranchobject bo, int ibranch, int nrows, int nelems, con
    beyond nelems_size are not written. */
 int TRVO_bo_getrows(TRVObranchobject bo, int ibranch, int* nrows, int nrows_size, int* nelems,
                     int nelems_size, char* rtype, double* rrhs, int* rbeg, int* mcol, double* dval);
-/* Cut-pool cuts as branch content: refused until the cut pool can take part in branching. */
+/* Cuts (handles of the problem's cuts) as branch content: active rows of the child and its subtree. */
 int TRVO_bo_addcuts(TRVObranchobject bo, int ibranch, int ncuts, void* const* cutind);
 int TRVO_bo_getid(TRVObranchobject bo, int* id);
 /* Validates, hands the object to the library and gives its identifier. Stored during a tree

@@ -32,6 +32,7 @@ struct trvo_bo_s {
     struct Branch {
         std::vector<Bound> bounds;
         std::vector<Row> rows;
+        std::vector<void*> cuts;  // cut handles (cuts.h), made active in the child and its subtree
     };
     std::vector<Branch> branches;
     int errcode = 0;

@@ -3,6 +3,8 @@
 // their translation to and from the search's own branching decisions.
 #include "engine/optimizer/branching.h"
 
+#include "engine/optimizer/cuts.h"
+
 #include <cxxabi.h>
 #include <algorithm>
 #include <cmath>
@@ -66,7 +68,8 @@ int check(TRVObranchobject bo, std::string* why) {
     for (size_t b = 0; b < bo->branches.size(); ++b) {
         const auto& br = bo->branches[b];
         const std::string at = "branch " + std::to_string(b);
-        if (br.bounds.empty() && br.rows.empty()) return say(6, at + " has neither bounds nor rows");
+        if (br.bounds.empty() && br.rows.empty() && br.cuts.empty())
+            return say(6, at + " has neither bounds, rows nor cuts");
         for (const auto& x : br.bounds) {
             if (x.col < 0 || x.col >= n) return say(2, at + " has a bound on a column outside the problem");
             if ((x.type != 'L' && x.type != 'U' && x.type != 'B') || !std::isfinite(x.val))
@@ -135,6 +138,8 @@ TRVObranchobject branchobject_from_branch(TRVOprob p, const search::Branch& b, c
                 if (std::isfinite(r.lo)) out.rows.push_back({'G', r.lo, cols, r.val});
                 if (std::isfinite(r.up)) out.rows.push_back({'L', r.up, cols, r.val});
             }
+        if (c < b.cuts.size())
+            for (int key : b.cuts[c]) out.cuts.push_back(cut_handle_of_key(p, key));
         bo->branches.push_back(std::move(out));
     }
     bo->preferred = b.preferred;
@@ -165,8 +170,12 @@ void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::Nod
         }
         // A branch whose bounds leave nothing of the node has no child.
         if (empty) continue;
+        // The branch's cuts, checked again: they may have been deleted since they were added.
+        bool new_cuts = false;
+        std::vector<int> cut_keys = branch_cut_keys(p, static_cast<int>(br.cuts.size()), br.cuts.data(),
+                                                     "Cuts of a branching object", &new_cuts);
         std::vector<search::Branch::Bound> changes;
-        bool tighter = !br.rows.empty();
+        bool tighter = !br.rows.empty() || new_cuts;
         for (const auto& kv : bounds) {
             if (kv.first >= ncol) continue;
             const size_t s = static_cast<size_t>(kv.first);
@@ -176,7 +185,7 @@ void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::Nod
         // A child equal to its node would be branched on in the same way without end.
         if (!tighter)
             fail("Branch %d of branching object %d does not change the node it branches: its bounds are the "
-                 "node's already",
+                 "node's already and it brings no rows or new cuts",
                  static_cast<int>(c), bo->id);
         std::vector<search::BranchRow> rows;
         for (const auto& r : br.rows) {
@@ -190,6 +199,7 @@ void branch_from_branchobject(TRVOprob p, TRVObranchobject bo, const search::Nod
         if (bo->preferred == static_cast<int>(c)) b.preferred = static_cast<int>(b.children.size());
         b.children.push_back(std::move(changes));
         b.rows.push_back(std::move(rows));
+        b.cuts.push_back(std::move(cut_keys));
     }
     b.col = -1;
     out = std::move(b);
@@ -369,13 +379,13 @@ int TRVO_bo_getrows(TRVObranchobject bo, int ibranch, int* nrows, int nrows_size
 }
 
 int TRVO_bo_addcuts(TRVObranchobject bo, int ibranch, int ncuts, void* const* cutind) {
-    (void)cutind;
     return bo_guard(bo, [&] {
-        branch_at(bo, ibranch);
+        auto& br = branch_at(bo, ibranch);
         if (ncuts < 0) fail("The number of cuts must not be negative (%d given)", ncuts);
-        if (ncuts > 0)
-            fail("Cuts of the cut pool cannot be part of a branch: the tree search does not take pool cuts "
-                 "into branching objects; add the cut's row with addrows instead");
+        if (ncuts == 0) return;
+        check_cut_handles(live_problem(bo), ncuts, cutind);
+        for (int k = 0; k < ncuts; ++k)
+            if (std::find(br.cuts.begin(), br.cuts.end(), cutind[k]) == br.cuts.end()) br.cuts.push_back(cutind[k]);
     });
 }
 

@@ -156,6 +156,35 @@ std::vector<int64_t> node_ids(const search::NodeCuts& nc) {
 
 }  // namespace
 
+void check_cut_handles(TRVOprob p, int n, const void* const* handles) {
+    if (n < 0) fail("Invalid number of cuts %d", n);
+    if (n > 0 && !handles) fail("The cuts are needed");
+    CutPool& pool = cut_pool(p);
+    for (int k = 0; k < n; ++k) find_cut(pool, handles[k]);
+}
+
+std::vector<int> branch_cut_keys(TRVOprob p, int n, const void* const* handles, const char* what, bool* adds_new) {
+    search::NodeCuts& nc = at_node(p, what);
+    check_cut_handles(p, n, handles);
+    CutPool& pool = cut_pool(p);
+    std::vector<int> keys;
+    if (adds_new) *adds_new = false;
+    for (int k = 0; k < n; ++k) {
+        const int64_t id = id_of(handles[k]);
+        const int key = search_key(nc, id, pool.cuts[id]);
+        if (std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
+        if (adds_new && nc.position(key) < 0) *adds_new = true;
+        keys.push_back(key);
+    }
+    return keys;
+}
+
+void* cut_handle_of_key(TRVOprob p, int key) {
+    CutPool& pool = cut_pool(p);
+    if (!pool.node) fail("No tree search is running");
+    return cut_handle(pool.node->row(key).tag);
+}
+
 CutPool& cut_pool(TRVOprob p) {
     if (!p->cutpool) p->cutpool = std::make_shared<CutPool>();
     return *p->cutpool;
@@ -432,13 +461,13 @@ int TRVOgetcutslack(TRVOprob prob, TRVOcut cut, double* slack) {
 
 int TRVOsetbranchcuts(TRVOprob prob, int nbcuts, const TRVOcut mindex[]) {
     return guard(prob, [&] {
-        search::NodeCuts& nc = at_node(prob, "TRVOsetbranchcuts");
-        CutPool& pool = cut_pool(prob);
-        for (int64_t id : chosen(pool, nbcuts < 0 ? 0 : nbcuts, mindex, {})) {
-            const int key = search_key(nc, id, pool.cuts[id]);
-            std::vector<int>& to = nc.child_cuts ? *nc.child_cuts : nc.branch_cuts;
+        const std::vector<int> keys = branch_cut_keys(prob, nbcuts < 0 ? 0 : nbcuts,
+                                                      reinterpret_cast<const void* const*>(mindex),
+                                                      "TRVOsetbranchcuts");
+        search::NodeCuts& nc = *cut_pool(prob).node;
+        std::vector<int>& to = nc.child_cuts ? *nc.child_cuts : nc.branch_cuts;
+        for (int key : keys)
             if (std::find(to.begin(), to.end(), key) == to.end()) to.push_back(key);
-        }
     });
 }
 

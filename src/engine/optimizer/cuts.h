@@ -44,6 +44,15 @@ void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop);
 void cuts_cols_deleted(TRVOprob p, const std::vector<int>& newidx);
 // Whether a MIP solve should use the tree search for the pool's sake.
 bool cuts_need_search(TRVOprob p);
+// Fails unless each of the n handles names a cut of p's pool or of its running search.
+void check_cut_handles(TRVOprob p, int n, const void* const* handles);
+// The running search's keys of the cuts that a branch gives to its children (rows the search
+// does not know yet are added to it). Only at a node of the search; what names the caller.
+// *adds_new (when given) tells whether some of them are not active at the current node.
+std::vector<int> branch_cut_keys(TRVOprob p, int n, const void* const* handles, const char* what,
+                                 bool* adds_new = nullptr);
+// The handle of the running search's cut row with this key.
+void* cut_handle_of_key(TRVOprob p, int key);
 // Connects a tree search about to run to the problem's cuts (lazy rows into the model, pool
 // cuts separated at nodes), and disconnects it when the object goes; cuts added at nodes are
 // forgotten then.

@@ -76,6 +76,8 @@ struct Branch {
     int col = -1;        // the column branched on (-1 when the object was replaced)
     double value = 0;    // its relaxation value
     std::vector<std::vector<BranchRow>> rows;  // rows of each child (empty: none)
+    // Cut rows (keys of the search's NodeCuts) each child and its subtree start with (empty: none).
+    std::vector<std::vector<int>> cuts;
     int preferred = -1;  // the child explored first (-1: the search's choice)
 };
 

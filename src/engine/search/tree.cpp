@@ -517,14 +517,15 @@ Outcome Search::run() {
         node_bounds(*node, lo, up);
         view.lower = lo.data();
         view.upper = up.data();
+        // The node's rows and cuts are in place before prenode, whose callbacks may list them.
+        rel_.set_node_rows(node->rows);
+        rel_.set_bounds(lo, up);
+        cuts_.enter(node->cuts);
         if (hooks_.prenode && hooks_.prenode(view)) {
             if (hooks_.infnode) hooks_.infnode(view);
             node_bound_ = INFINITY;
             continue;
         }
-        rel_.set_node_rows(node->rows);
-        rel_.set_bounds(lo, up);
-        cuts_.enter(node->cuts);
         if (node->basis) rel_.set_basis(*node->basis);
         const bool is_root = node->parent == 0;
         int cut_rounds = 0;  // solves of this node after rows joined it
@@ -739,7 +740,7 @@ Outcome Search::run() {
                 kid->dir = c == 0 ? -1 : 1;
                 kid->branch_dist = c == 0 ? br.value - br.children[c][0].up : br.children[c][0].lo - br.value;
             }
-            std::vector<int> kid_cuts;
+            std::vector<int> kid_cuts = c < br.cuts.size() ? br.cuts[c] : std::vector<int>();
             std::vector<Branch::Bound> kid_bounds = cuts_.branch_bounds;
             cuts_.child_cuts = &kid_cuts;
             cuts_.child_bounds = &kid_bounds;
