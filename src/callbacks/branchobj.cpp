@@ -450,7 +450,6 @@ PyObject* m_getlasterror(PyObject* self, PyObject*) {
 }
 
 #define KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
-#define DOC(sig, text) sig "\n--\n\n" text
 
 PyMethodDef branchobj_methods[] = {
     {"addbranches", KW(m_addbranches), METH_VARARGS | METH_KEYWORDS,

@@ -338,8 +338,6 @@ PyObject* strong(PyObject* self, PyObject* args, PyObject* kw, bool with_cb) {
 
 PyObject* m_strongbranchcb(PyObject* self, PyObject* args, PyObject* kw) { return strong(self, args, kw, true); }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 const PyMethodDef methods[] = {
     LL_METHOD(addcuts, DOC("addcuts($self, /, mtype, rtype, rhs, mstart, mcols, dmatval)",
                            "Add cuts to the current node of the tree search and its subtree (only from a node "

@@ -107,5 +107,7 @@ const PyMethodDef* basis_methods();
 
 #define LL_KW(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
 #define LL_METHOD(name, doc) {#name, LL_KW(m_##name), METH_VARARGS | METH_KEYWORDS, doc}
+// A docstring with its text signature, so that inspect.signature reads the method.
+#define DOC(sig, text) sig "\n--\n\n" text
 
 }  // namespace tarvo

@@ -212,7 +212,6 @@ PyObject* m_repairweightedinfeas(PyObject* self, PyObject* args, PyObject* kw) {
     return PyLong_FromLong(scode);
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
 #define NOARGS(name, doc) {#name, reinterpret_cast<PyCFunction>(m_##name), METH_NOARGS, doc}
 
 }  // namespace

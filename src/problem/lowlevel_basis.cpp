@@ -151,8 +151,6 @@ PyObject* m_repairweightedinfeasbounds(PyObject* self, PyObject* args, PyObject*
     return PyLong_FromLong(scode);
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 }  // namespace
 
 const PyMethodDef* basis_methods() {

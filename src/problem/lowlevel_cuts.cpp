@@ -25,8 +25,6 @@ PyObject* m_loadmodelcuts(PyObject* self, PyObject* args, PyObject* kw) {
 }
 PyObject* m_strongbranch(PyObject* self, PyObject* args, PyObject* kw) { return strongbranch_method(self, args, kw); }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 const PyMethodDef methods[] = {
     LL_METHOD(loaddelayedrows, DOC("loaddelayedrows($self, /, mrows)",
                                    "Make rows delayed rows: the tree search keeps them out of its relaxations until a "

@@ -83,8 +83,6 @@ PyObject* m_writedirs(PyObject* self, PyObject* args, PyObject* kw) {
     return dirs_file(self, args, kw, "writedirs", TRVOwritedirs);
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 }  // namespace
 
 const PyMethodDef* directives_methods() {

@@ -60,8 +60,6 @@ PyObject* m_setlogfile(PyObject* self, PyObject* args, PyObject* kw) {
     return done(a.p, TRVOsetlogfile(a.p->prob, fn));
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 }  // namespace
 
 const PyMethodDef* files_methods() {

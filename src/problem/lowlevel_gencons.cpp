@@ -157,8 +157,6 @@ PyObject* m_getpwlcons(PyObject* self, PyObject* args, PyObject* kw) {
     Py_RETURN_NONE;
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 const PyMethodDef* table() {
     static const PyMethodDef t[] = {
     LL_METHOD(addgencons, DOC("addgencons($self, /, type, resultant, colstart, col, valstart=None, val=None)",

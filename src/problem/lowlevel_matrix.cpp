@@ -488,7 +488,6 @@ PyObject* m_setprobname(PyObject* self, PyObject* args, PyObject* kw) {
     return done(a.p, TRVOsetprobname(a.p->prob, name));
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
 const PyMethodDef* table() {
     static const PyMethodDef t[] = {
     LL_METHOD(chgbounds, DOC("chgbounds($self, /, mindex, qbtype, bnd)", "Change bounds: qbtype 'L' lower, 'U' upper, 'B' both. Returns None.")),

@@ -155,8 +155,6 @@ PyObject* m_refinemipsol(PyObject* self, PyObject* args, PyObject* kw) {
     return PyLong_FromLong(status);
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 }  // namespace
 
 const PyMethodDef* presolve_methods() {

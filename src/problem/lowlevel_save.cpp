@@ -143,8 +143,6 @@ PyObject* m_dumpcontrols(PyObject* self, PyObject* args, PyObject* kw) {
     return done(a.p, TRVOdumpcontrols(a.p->prob));
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
-
 }  // namespace
 
 const PyMethodDef* save_methods() {

@@ -342,7 +342,6 @@ PyObject* m_interrupt(PyObject* self, PyObject* args, PyObject* kw) {
     return done(a.p, TRVOinterrupt(a.p->prob, reason));
 }
 
-#define DOC(sig, text) sig "\n--\n\n" text
 #define NOARGS(name, doc) {#name, reinterpret_cast<PyCFunction>(m_##name), METH_NOARGS, doc}
 
 }  // namespace
