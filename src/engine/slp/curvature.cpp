@@ -320,12 +320,17 @@ void Run::diag_curvature() {
 
 double Run::quad_model(const std::vector<double>& xt) const {
     if (pwl_on) {
-        // The step problem's own piecewise-linear curvature cost of the step.
+        // The step problem's own curvature cost of the step: piecewise linear on segments, or
+        // the quadratic itself when the step problem carried it as a diagonal.
         double v = 0.0;
         for (int j = 0; j < n; ++j) {
             double wj = segw[j];
             if (!(wj > 0.0)) continue;
             double d = std::fabs(xt[j] - x[j]);
+            if (diag_qp) {
+                v += 0.5 * hd[j] * d * d;
+                continue;
+            }
             double t = std::min(std::floor(d / wj), (double)nseg);
             v += hd[j] * (0.5 * wj * wj * t * t + (t + 0.5) * wj * std::max(0.0, d - t * wj));
         }

@@ -111,6 +111,9 @@ private:
     bool sparse_ok = true;
     int sparse_failures = 0;
     long ipm_total = 0;
+    // The last step problem went to the interior-point solver with the curvature as its
+    // diagonal quadratic term (instead of the segments): its model of a step is h d^2 / 2.
+    bool diag_qp = false;
     int sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                      std::vector<double>& rd);
     void tolerances(int j, double* atol_a, double* atol_r) const;

@@ -1,5 +1,7 @@
 // Mehrotra predictor-corrector interior-point method on the normal equations, with an
-// envelope Cholesky factorisation in reverse Cuthill-McKee order (see sparse_step.h).
+// envelope Cholesky factorisation in reverse Cuthill-McKee order (see sparse_step.h). A
+// separable quadratic term only adds its diagonal to the scaling of each column, so the normal
+// matrix keeps the pattern of the LP's.
 //
 // Formulation: every column that is not fixed is a variable x (shifted by its lower bound
 // when it has one, so that x >= 0 there; an upper bound U is x + su = U, su >= 0); every row
@@ -24,6 +26,7 @@ constexpr double kProximal = 1e-8;
 
 struct Variable {
     double cost = 0.0, shift = 0.0, U = INFINITY;   // x + shift is the column's value
+    double q = 0.0;                                  // quadratic cost 1/2 q (x + shift)^2
     bool has_l = false, has_u = false;
     int col = -1;   // LP column, or -1 for a row slack
     int row = -1;   // the slack's row (compact index)
@@ -142,24 +145,32 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     var.reserve(nc + m);
     std::vector<double> fixedval(nc, 0.0);
     std::vector<char> isfixed(nc, 0);
+    const bool quadratic = !lp.qdiag.empty();
+    if (quadratic && (int)lp.qdiag.size() != nc) return SparseStatus::Declined;
+    double objconst = 0.0;   // the objective's share of the shifts and the fixed columns
     for (int j = 0; j < nc; ++j) {
         double l = lp.collo[j], u = lp.colup[j];
-        if (l > u) return SparseStatus::Declined;
+        double q = quadratic ? lp.qdiag[j] : 0.0;
+        if (l > u || !(q >= 0.0) || !std::isfinite(q)) return SparseStatus::Declined;
         if (lp.start[j + 1] - lp.start[j] > kMaxColumnRows) return SparseStatus::Declined;
         if (l == u) {
             isfixed[j] = 1;
             fixedval[j] = l;
+            objconst += (lp.cost[j] + 0.5 * q * l) * l;
             for (int e = lp.start[j]; e < lp.start[j + 1]; ++e)
                 if (rowmap[lp.index[e]] >= 0) b[rowmap[lp.index[e]]] -= lp.value[e] * l;
             continue;
         }
         Variable v;
         v.col = j;
-        v.cost = lp.cost[j];
         v.has_l = std::isfinite(l);
         v.has_u = std::isfinite(u);
         v.shift = v.has_l ? l : 0.0;
         v.U = v.has_u ? u - v.shift : INFINITY;
+        v.q = q;
+        // c (x + shift) + q/2 (x + shift)^2 = (c + q shift) x + q/2 x^2 + constant
+        v.cost = lp.cost[j] + q * v.shift;
+        objconst += lp.cost[j] * v.shift + 0.5 * q * v.shift * v.shift;
         if (v.shift != 0.0)
             for (int e = lp.start[j]; e < lp.start[j + 1]; ++e)
                 if (rowmap[lp.index[e]] >= 0) b[rowmap[lp.index[e]]] -= lp.value[e] * v.shift;
@@ -282,6 +293,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     for (int v = 0; v < nv; ++v) {
         const Variable& V = var[v];
         cnorm = std::max(cnorm, std::fabs(V.cost));
+        if (V.has_u) cnorm = std::max(cnorm, V.q * V.U);
         if (V.has_l && V.has_u) x[v] = 0.5 * V.U;
         else if (V.has_l) x[v] = 1.0;
         else if (V.has_u) x[v] = V.U - 1.0;
@@ -356,6 +368,8 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
                 if (dzu[v] < 0) d = std::min(d, -zu[v] / dzu[v]);
             }
         }
+        // With a quadratic term the dual residual depends on x: both move by one step length.
+        if (quadratic) a = d = std::min(a, d);
         *ap = a;
         *ad = d;
     };
@@ -374,14 +388,15 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         double pres = 0.0, dres = 0.0, comp = 0.0, obj = 0.0;
         for (int i = 0; i < m; ++i) pres = std::max(pres, std::fabs(rp[i]));
         for (int v = 0; v < nv; ++v) {
-            rd[v] = var[v].cost - Atv(y, v) - zl[v] + zu[v];
+            rd[v] = var[v].cost + var[v].q * x[v] - Atv(y, v) - zl[v] + zu[v];
             dres = std::max(dres, std::fabs(rd[v]));
             rb[v] = var[v].has_u ? var[v].U - x[v] - su[v] : 0.0;
             pres = std::max(pres, std::fabs(rb[v]));
             if (var[v].has_l) comp += x[v] * zl[v];
             if (var[v].has_u) comp += su[v] * zu[v];
-            obj += var[v].cost * (x[v] + var[v].shift);
+            obj += (var[v].cost + 0.5 * var[v].q * x[v]) * x[v];
         }
+        obj += objconst;
         if (!std::isfinite(pres) || !std::isfinite(dres) || !std::isfinite(comp)) return SparseStatus::Failed;
         if (pres <= tol * (1.0 + bnorm) && dres <= tol * (1.0 + cnorm) && comp <= tol * (1.0 + std::fabs(obj))) {
             converged = true;
@@ -397,7 +412,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
             if (var[v].has_u) ti += zu[v] / su[v];
             // A free column (the transfer column of an objective, say) gets a small proximal
             // term in the Newton system only; the residuals stay exact.
-            theta[v] = 1.0 / (ti + kProximal);
+            theta[v] = 1.0 / (ti + var[v].q + kProximal);
             for (int p = vstart[v]; p < vstart[v + 1]; ++p) {
                 int i = vrow[p];
                 double a = vval[p] * theta[v];
@@ -470,7 +485,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     sol.rowval.assign(nr, 0.0);
     sol.coldual.assign(nc, 0.0);
     for (int j = 0; j < nc; ++j) {
-        double d = lp.cost[j];
+        double d = lp.cost[j] + (quadratic ? lp.qdiag[j] * sol.colval[j] : 0.0);
         for (int e = lp.start[j]; e < lp.start[j + 1]; ++e) {
             sol.rowval[lp.index[e]] += lp.value[e] * sol.colval[j];
             d -= lp.value[e] * sol.rowdual[lp.index[e]];

@@ -14,16 +14,17 @@
 
 namespace slp {
 
-// A minimisation LP: cost, column bounds, row bounds (infinite bounds as +-INFINITY) and the
-// matrix column-wise.
+// A minimisation problem: cost, column bounds, row bounds (infinite bounds as +-INFINITY), the
+// matrix column-wise and, when qdiag is not empty, a separable convex quadratic term
+// 1/2 sum qdiag[j] x_j^2 (qdiag >= 0, one entry per column).
 struct SparseLp {
     int ncol = 0, nrow = 0;
-    std::vector<double> cost, collo, colup, rowlo, rowup;
+    std::vector<double> cost, collo, colup, rowlo, rowup, qdiag;
     std::vector<int> start, index;
     std::vector<double> value;
 };
 
-// A solution in HiGHS's conventions: column values, reduced costs c - A'y, row activities
+// A solution in HiGHS's conventions: column values, reduced costs c + Qx - A'y, row activities
 // and row duals y (positive on a row at its lower bound).
 struct SparseLpSolution {
     std::vector<double> colval, coldual, rowval, rowdual;

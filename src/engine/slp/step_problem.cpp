@@ -301,6 +301,7 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
     }
     std::vector<double> cv, cd, rv, rd;
+    diag_qp = false;
     int sparse = sparse_step(cv, cd, rv, rd);
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
@@ -383,9 +384,41 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         return 0;
     }
     start[ncolLP] = nz;
-    lp.start.assign(start.begin(), start.end());
-    lp.index.assign(index.begin(), index.begin() + nz);
-    lp.value.resize(nz);
+    // With curvature on segments, the interior-point solver takes the curvature as a diagonal
+    // quadratic term instead: the segment columns and their linking rows are left out, which
+    // cuts the step problem to the model's columns and rows.
+    const bool diag = pwl_on && seg0 < ncolLP;
+    const int ncq = diag ? seg0 : ncolLP, nrq = diag ? m.nrows : nrowLP;
+    lp.ncol = ncq;
+    lp.nrow = nrq;
+    lp.start.assign(ncq + 1, 0);
+    lp.index.clear();
+    lp.index.reserve(nz);
+    int w = 0;
+    for (int j = 0; j < ncq; ++j) {
+        for (HighsInt e = start[j]; e < start[j + 1]; ++e)
+            if (index[e] < nrq) {
+                lp.index.push_back(index[e]);
+                lp.value[w++] = lp.value[e];
+            }
+        lp.start[j + 1] = w;
+    }
+    lp.value.resize(w);
+    std::vector<HighsInt>().swap(index);
+    std::vector<HighsInt>().swap(start);
+    lp.cost.resize(ncq);
+    lp.collo.resize(ncq);
+    lp.colup.resize(ncq);
+    lp.rowlo.resize(nrq);
+    lp.rowup.resize(nrq);
+    if (diag) {
+        lp.qdiag.assign(ncq, 0.0);
+        for (int j = 0; j < n; ++j)
+            if (segw[j] > 0.0) {
+                lp.cost[j] = sense * gf[j];
+                lp.qdiag[j] = hd[j];
+            }
+    }
     for (auto* v : {&lp.collo, &lp.colup, &lp.rowlo, &lp.rowup})
         for (double& b : *v) b = bound_inf(b);
     SparseLpSolution sol;
@@ -408,6 +441,28 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
     cd.swap(sol.coldual);
     rv.swap(sol.rowval);
     rd.swap(sol.rowdual);
+    if (diag) {
+        // The solution as the step problem with segments sees it: the step of a curved column
+        // fills its segments in order, and its linking row's dual is minus the marginal cost
+        // s g + h d of the step.
+        cv.resize(ncolLP, 0.0);
+        cd.resize(ncolLP, 0.0);
+        rv.resize(nrowLP, 0.0);
+        rd.resize(nrowLP, 0.0);
+        for (int j = 0; j < n; ++j) {
+            if (segcol[j] < 0 || !(segw[j] > 0.0)) continue;
+            double d = cv[j], wj = segw[j], yl = -(sense * gf[j] + hd[j] * d);
+            rd[linkrow[j]] = yl;
+            for (int t = 0; t < nseg; ++t) {
+                double curv = hd[j] * (t + 0.5) * wj;
+                cv[segcol[j] + t] = std::min(wj, std::max(0.0, d - t * wj));
+                cv[segcol[j] + nseg + t] = std::min(wj, std::max(0.0, -d - t * wj));
+                cd[segcol[j] + t] = sense * gf[j] + curv + yl;
+                cd[segcol[j] + nseg + t] = -sense * gf[j] + curv - yl;
+            }
+        }
+        diag_qp = true;
+    }
     return 1;
 }
 
