@@ -125,3 +125,101 @@ def test_dense_column_is_left_to_the_simplex_method():
     q.addConstraint([tv.sin(y[i]) + 0.5 * y[i + 1] + 0.01 * t == 0.1 for i in range(n - 1)])
     q.setObjective(tv.Sum((y[i] - 0.2) ** 2 for i in range(n)) + t ** 2)
     assert value == pytest.approx(solve(q, 1)[0], rel=1e-7)
+
+
+# ---------------------------------------------------------------- random sparse step problems
+
+def banded_model(n, seed, curved):
+    """A separable convex objective (quadratic, plus exp terms when `curved`) under random
+    three-column rows of all three senses, built around an interior point so that it is
+    feasible; also returns the data, for a reference solver."""
+    np = pytest.importorskip("numpy")
+    rng = np.random.default_rng(seed)
+    q, c = rng.uniform(0.5, 3.0, n), rng.uniform(-2.0, 2.0, n)
+    lb, ub = rng.uniform(-1.5, -0.2, n), rng.uniform(0.2, 1.5, n)
+    x0 = rng.uniform(0.5 * lb, 0.5 * ub)
+    rows = []
+    for i in range(n - 2):
+        a = rng.uniform(-1.0, 1.0, 3)
+        kind = int(rng.integers(3))
+        act = float(a @ x0[i:i + 3])
+        rows.append((i, a, kind, act + (0.1, -0.1, 0.0)[kind]))
+    x = [tv.var(lb=lb[i], ub=ub[i]) for i in range(n)]
+    p = tv.problem()
+    p.addVariable(x)
+    cons = []
+    for i, a, kind, rhs in rows:
+        body = tv.Sum(a[k] * x[i + k] for k in range(3))
+        if curved:
+            body = body + 0.2 * tv.sin(x[i + 1])
+        cons.append((body <= rhs, body >= rhs, body == rhs)[kind])
+    p.addConstraint(cons)
+    obj = tv.Sum(0.5 * q[i] * x[i] ** 2 + c[i] * x[i] for i in range(n))
+    if curved:
+        obj = obj + 0.1 * tv.Sum(tv.exp(x[i]) for i in range(0, n, 3))
+    p.setObjective(obj)
+    return p, x, (q, c, lb, ub, rows)
+
+
+def max_violation(p, x, rows, lb, ub, curved):
+    v = p.getSolution(x)
+    worst = max(max(lb[i] - v[i], v[i] - ub[i]) for i in range(len(v)))
+    for i, a, kind, rhs in rows:
+        act = sum(a[k] * v[i + k] for k in range(3)) + (0.2 * math.sin(v[i + 1]) if curved else 0.0)
+        worst = max(worst, (act - rhs, rhs - act, abs(act - rhs))[kind])
+    return worst
+
+
+@pytest.mark.parametrize("seed", [0, 1, 2])
+def test_diagonal_curvature_steps_solve_a_separable_qp_exactly(seed):
+    # The curvature of a separable quadratic objective goes into the interior-point step
+    # problem as its exact diagonal, so the nonlinear solver lands on the QP optimum in a
+    # few steps, where the segments of the simplex path need more.
+    highspy = pytest.importorskip("highspy")
+    np = pytest.importorskip("numpy")
+    n = 150
+    p, x, (q, c, lb, ub, rows) = banded_model(n, seed, curved=False)
+    p.setControl("tslp_stepsolver", 2)
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getAttrib("tslp_simplexiter") == 0
+    s, _, _ = banded_model(n, seed, curved=False)
+    s.setControl("tslp_stepsolver", 1)
+    s.nlpoptimize()
+    assert p.getAttrib("tslp_iter") < s.getAttrib("tslp_iter")
+
+    h = highspy.Highs()
+    h.setOptionValue("output_flag", False)
+    inf = highspy.kHighsInf
+    for i in range(n):
+        h.addVar(lb[i], ub[i])
+        h.changeColCost(i, c[i])
+    for i, a, kind, rhs in rows:
+        lo, up = ((-inf, rhs), (rhs, inf), (rhs, rhs))[kind]
+        h.addRow(lo, up, 3, np.arange(i, i + 3, dtype=np.int32), a)
+    h.passHessian(n, n, 1, np.arange(n + 1, dtype=np.int32), np.arange(n, dtype=np.int32), q)
+    h.run()
+    assert h.getModelStatus() == highspy.HighsModelStatus.kOptimal
+    ref = h.getInfo().objective_function_value
+    assert p.getObjVal() == pytest.approx(ref, rel=1e-9, abs=1e-9)
+    assert s.getObjVal() == pytest.approx(ref, rel=1e-7, abs=1e-9)
+    assert p.getSolution(x) == pytest.approx(list(h.getSolution().col_value), abs=1e-5)
+    assert max_violation(p, x, rows, lb, ub, False) < 1e-7
+
+
+@pytest.mark.parametrize("seed", [3, 4, 5, 6])
+def test_random_curved_models_reach_the_simplex_optimum(seed):
+    # Nonlinear rows and objective over random banded rows: the interior-point steps with
+    # diagonal curvature and the simplex steps with segments meet at the same feasible point.
+    n = 150
+    runs = {}
+    for choice in (2, 1):
+        p, x, (q, c, lb, ub, rows) = banded_model(n, seed, curved=True)
+        p.setControl("tslp_stepsolver", choice)
+        p.nlpoptimize()
+        assert p.getProbStatusString() == "nlp_solution"
+        assert max_violation(p, x, rows, lb, ub, True) < 1e-6
+        runs[choice] = (p.getObjVal(), p.getAttrib("tslp_simplexiter"), p.getSolution(x))
+    assert runs[2][1] == 0 and runs[1][1] > 0
+    assert runs[2][0] == pytest.approx(runs[1][0], rel=1e-7, abs=1e-9)
+    assert runs[2][2] == pytest.approx(runs[1][2], abs=1e-4)
