@@ -106,25 +106,36 @@ def test_small_models_keep_the_simplex_method_unless_asked():
     assert forced == pytest.approx(auto, rel=1e-7)
 
 
-def test_dense_column_is_left_to_the_simplex_method():
-    # One column in every row fills the normal matrix: the interior-point solver declines
-    # and the simplex method solves the step problems.
-    n = 120
+def dense_columns_model(n, ndense):
+    # ndense columns in every row: without the low-rank correction they would fill the
+    # normal matrix.
     x = [tv.var(lb=-1, ub=1) for _ in range(n)]
-    s = tv.var(lb=-10, ub=10)
+    s = [tv.var(lb=-10, ub=10) for _ in range(ndense)]
     p = tv.problem()
     p.addVariable(x, s)
-    p.addConstraint([tv.sin(x[i]) + 0.5 * x[i + 1] + 0.01 * s == 0.1 for i in range(n - 1)])
-    p.setObjective(tv.Sum((x[i] - 0.2) ** 2 for i in range(n)) + s ** 2)
+    p.addConstraint([tv.sin(x[i]) + 0.5 * x[i + 1] + tv.Sum(0.3 * (k + 1) * s[k] for k in range(ndense)) == 0.1
+                     for i in range(n - 1)])
+    p.setObjective(tv.Sum((x[i] - 0.2) ** 2 for i in range(n)) + tv.Sum(s[k] ** 2 for k in range(ndense)))
+    return p, x, s
+
+
+@pytest.mark.parametrize("ndense", [1, 3])
+def test_dense_columns_go_through_a_low_rank_correction(ndense):
+    n = 120
+    p, x, s = dense_columns_model(n, ndense)
     value, pivots = solve(p, 2)
+    assert pivots == 0
+    assert value == pytest.approx(solve(dense_columns_model(n, ndense)[0], 1)[0], rel=1e-7)
+    xv, sv = p.getSolution(x), p.getSolution(s)
+    coupling = sum(0.3 * (k + 1) * sv[k] for k in range(ndense))
+    worst = max(abs(math.sin(xv[i]) + 0.5 * xv[i + 1] + coupling - 0.1) for i in range(n - 1))
+    assert worst < 1e-6
+
+
+def test_many_dense_columns_are_left_to_the_simplex_method():
+    value, pivots = solve(dense_columns_model(120, 12)[0], 2)
     assert pivots > 0
-    q = tv.problem()
-    y = [tv.var(lb=-1, ub=1) for _ in range(n)]
-    t = tv.var(lb=-10, ub=10)
-    q.addVariable(y, t)
-    q.addConstraint([tv.sin(y[i]) + 0.5 * y[i + 1] + 0.01 * t == 0.1 for i in range(n - 1)])
-    q.setObjective(tv.Sum((y[i] - 0.2) ** 2 for i in range(n)) + t ** 2)
-    assert value == pytest.approx(solve(q, 1)[0], rel=1e-7)
+    assert value == pytest.approx(solve(dense_columns_model(120, 12)[0], 1)[0], rel=1e-7)
 
 
 # ---------------------------------------------------------------- random sparse step problems

@@ -5,8 +5,10 @@
 // interior-point iteration factors the normal matrix A D A' in a bandwidth-reducing (reverse
 // Cuthill-McKee) order with an envelope Cholesky factorisation: time and memory are linear
 // in the size of the model for a bounded envelope width, and some 20-40 iterations solve a
-// step problem to high accuracy. Problems whose normal matrix would fill in (dense columns,
-// wide envelopes) or that have free columns are declined; the caller then uses HiGHS.
+// step problem to high accuracy. A few dense columns (one in every row, say) stay out of the
+// normal matrix and come back through a low-rank correction of each solve. Problems whose
+// normal matrix would still fill in (many dense columns, wide envelopes) are declined; the
+// caller then uses HiGHS.
 #pragma once
 
 #include <functional>
