@@ -436,7 +436,7 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         return 0;
     }
     ipm_total += sol.iterations;
-    logf(prob, 3, "    interior-point step problem: %d iterations", sol.iterations);
+    logf(prob, 2, "    interior-point step problem: %d iterations", sol.iterations);
     cv.swap(sol.colval);
     cd.swap(sol.coldual);
     rv.swap(sol.rowval);
