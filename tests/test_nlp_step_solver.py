@@ -41,7 +41,7 @@ def van_der_pol(steps):
     return p, (x1, x2, u)
 
 
-def beam(n):
+def beam(n, with_vars=False):
     # The beam control model: sin terms in the rows, cos terms and squares in the objective.
     h, alpha = 1.0 / n, 350.0
     t = [tv.var(lb=-1.0, ub=1.0) for _ in range(n + 1)]
@@ -58,7 +58,7 @@ def beam(n):
         c = 0.05 * math.cos(i * h)
         p.chgvar(colindex=t[i], initvalue=c)
         p.chgvar(colindex=x[i], initvalue=c)
-    return p
+    return (p, (t, x, u)) if with_vars else p
 
 
 def solve(p, choice):
@@ -87,6 +87,18 @@ def test_dynamics_rows_hold_at_the_interior_point_answer():
                     abs(b[k + 1] - b[k] - h * (-a[k] + (1 - a[k] ** 2) * b[k] + c[k]))) for k in range(150))
     assert worst < 1e-6
     assert min(c) >= -0.3 - 1e-9 and max(c) <= 1.0 + 1e-9
+
+
+def test_beam_rows_and_bounds_hold_at_the_interior_point_answer():
+    n = 120
+    p, (t, x, u) = beam(n, with_vars=True)
+    solve(p, 0)
+    h = 1.0 / n
+    tv_, xv, uv = (p.getSolution(v) for v in (t, x, u))
+    worst = max(max(abs(xv[i + 1] - xv[i] - 0.5 * h * (math.sin(tv_[i + 1]) + math.sin(tv_[i]))),
+                    abs(tv_[i + 1] - tv_[i] - 0.5 * h * (uv[i + 1] + uv[i]))) for i in range(n))
+    assert worst < 1e-6
+    assert max(abs(v) for v in tv_) <= 1.0 + 1e-9 and max(abs(v) for v in xv) <= 0.05 + 1e-9
 
 
 def test_small_models_keep_the_simplex_method_unless_asked():
