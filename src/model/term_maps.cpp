@@ -6,6 +6,7 @@
 #include "model/algebra.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 
 namespace tarvo {
@@ -23,41 +24,68 @@ bool serial_before(const LinEntry& a, const LinEntry& b) { return var_serial(a.f
 LinearMap::iterator LinearMap::lower_bound(PyObject* v) {
     settle();
     uint64_t s = var_serial(v);
-    return std::lower_bound(items_.data(), items_.data() + items_.size(), s,
+    return std::lower_bound(data_, data_ + size_, s,
                             [](const LinEntry& e, uint64_t key) { return var_serial(e.first) < key; });
 }
 
 LinearMap::iterator LinearMap::find(PyObject* v) {
     iterator it = lower_bound(v);
-    iterator last = items_.data() + items_.size();
+    iterator last = data_ + size_;
     return it != last && var_serial(it->first) == var_serial(v) ? it : last;
+}
+
+void LinearMap::grow_to(size_t n) {
+    if (n > UINT32_MAX) throw std::bad_alloc();
+    void* block = PyObject_Malloc(n * sizeof(LinEntry));
+    if (!block) throw std::bad_alloc();
+    if (size_) std::memcpy(block, static_cast<void*>(data_), size_t(size_) * sizeof(LinEntry));
+    release_block();
+    data_ = static_cast<LinEntry*>(block);
+    cap_ = static_cast<uint32_t>(n);
+    borrowed_ = false;
 }
 
 LinearMap::iterator LinearMap::emplace_hint(iterator pos, PyObject* v, double c) {
     settle();
-    size_t at = static_cast<size_t>(pos - items_.data());
-    items_.insert(items_.begin() + static_cast<std::ptrdiff_t>(at), LinEntry{v, c});
-    sorted_ = items_.size();
-    return items_.data() + at;
+    size_t at = static_cast<size_t>(pos - data_);
+    if (size_ == cap_) grow_to(size_t(cap_) < 2 ? 4 : 2 * size_t(cap_));
+    std::memmove(static_cast<void*>(data_ + at + 1), data_ + at, (size_ - at) * sizeof(LinEntry));
+    data_[at] = LinEntry{v, c};
+    sorted_ = ++size_;
+    return data_ + at;
 }
 
 LinearMap::iterator LinearMap::erase(iterator pos) {
     settle();
-    size_t at = static_cast<size_t>(pos - items_.data());
-    items_.erase(items_.begin() + static_cast<std::ptrdiff_t>(at));
-    sorted_ = items_.size();
-    return items_.data() + at;
+    size_t at = static_cast<size_t>(pos - data_);
+    std::memmove(static_cast<void*>(data_ + at), data_ + at + 1, (size_ - at - 1) * sizeof(LinEntry));
+    sorted_ = --size_;
+    return data_ + at;
+}
+
+void LinearMap::detach_into(LinearMap& o) noexcept {
+    o.release_block();
+    o.data_ = data_;
+    o.size_ = size_;
+    o.cap_ = cap_;
+    o.sorted_ = sorted_;
+    o.borrowed_ = borrowed_;
+    // A borrowed buffer is left to o too (o only reads it while this map's owner is alive), so
+    // that terms added to this map meanwhile cannot overwrite the entries o is releasing.
+    data_ = nullptr;
+    size_ = cap_ = sorted_ = 0;
+    borrowed_ = false;
 }
 
 void LinearMap::add(PyObject* v, double c) {
-    if (sorted_ == items_.size()) {
-        if (items_.empty() || var_serial(items_.back().first) < var_serial(v)) {
-            items_.push_back(LinEntry{v, c});
+    if (sorted_ == size_) {
+        if (size_ == 0 || var_serial(data_[size_ - 1].first) < var_serial(v)) {
+            push_back(v, c);
             Py_INCREF(v);
             ++sorted_;
             return;
         }
-        if (items_.size() <= SMALL_MAP) {
+        if (size_ <= SMALL_MAP) {
             iterator it = lower_bound(v);
             if (var_serial(it->first) == var_serial(v)) {  // it is not end(): v is not past the back
                 it->second += c;
@@ -73,9 +101,9 @@ void LinearMap::add(PyObject* v, double c) {
             return;
         }
     }
-    items_.push_back(LinEntry{v, c});
+    push_back(v, c);
     Py_INCREF(v);
-    if (items_.size() - sorted_ > std::max(SMALL_MAP, sorted_)) merge_tail();
+    if (size_ - sorted_ > std::max<size_t>(SMALL_MAP, sorted_)) merge_tail();
 }
 
 void LinearMap::merge_tail() const {
@@ -83,18 +111,18 @@ void LinearMap::merge_tail() const {
     // sorted part (stable: the sorted part's entry comes first), then sum each run of equal
     // serials in that order. Neither step needs memory (both fall back to in-place algorithms),
     // so settling never fails.
-    LinEntry* first = items_.data();
+    LinEntry* first = data_;
     LinEntry* middle = first + sorted_;
-    LinEntry* last = first + items_.size();
+    LinEntry* last = first + size_;
     std::stable_sort(middle, last, serial_before);
     std::inplace_merge(first, middle, last, serial_before);
     std::vector<PyObject*> released;  // keys whose entry vanished, released once the map is whole
-    size_t w = 0, n = items_.size();
+    size_t w = 0, n = size_;
     for (size_t r = 0; r < n;) {
-        LinEntry e = items_[r++];
-        while (r < n && var_serial(items_[r].first) == var_serial(e.first)) {
-            e.second += items_[r].second;
-            PyObject* extra = items_[r++].first;
+        LinEntry e = data_[r++];
+        while (r < n && var_serial(data_[r].first) == var_serial(e.first)) {
+            e.second += data_[r].second;
+            PyObject* extra = data_[r++].first;
             // The run's own entry still holds a reference, so this one never frees the variable;
             // if the sum vanished and a later term revives it, the coefficient restarts from 0.
             Py_DECREF(extra);
@@ -107,10 +135,9 @@ void LinearMap::merge_tail() const {
             }
             continue;
         }
-        items_[w++] = e;
+        data_[w++] = e;
     }
-    items_.resize(w);
-    sorted_ = w;
+    size_ = sorted_ = static_cast<uint32_t>(w);
     for (PyObject* key : released) Py_DECREF(key);
 }
 
@@ -147,15 +174,8 @@ void lin_erase(LinearMap& m, PyObject* v) {
 void lin_clear(LinearMap& m) {
     // Detach first: releasing a key may free a variable, which must not see a half-cleared map.
     LinearMap old;
-    old.swap(m);
+    m.detach_into(old);
     for (auto& entry : old) Py_DECREF(entry.first);
-}
-
-LinearMap* lin_copy(const LinearMap& m, size_t extra) {
-    std::unique_ptr<LinearMap> copy(new LinearMap());
-    copy->assign_copy(m, extra);  // one block; references are taken below
-    for (auto& entry : *copy) Py_INCREF(entry.first);
-    return copy.release();
 }
 
 void quad_clear(QuadraticMap& m) {
