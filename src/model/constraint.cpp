@@ -200,8 +200,13 @@ static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
     if (!c) return nullptr;
     double r;
     if (!normalise_body(body, &r, &op)) return nullptr;
-    ConstraintObject* con = as_con(c.get());
-    con->body = body.release();
+    return con_bound_body(c.release(), body.release(), r, op);
+}
+
+PyObject* con_bound_body(PyObject* c, PyObject* body, double r, int op) {
+    PyRef owned(c);
+    ConstraintObject* con = as_con(c);
+    Py_XSETREF(con->body, body);
     switch (op) {
         case Py_LE: con_set_ub(&con->word, r); break;
         case Py_GE: con_set_lb(&con->word, r); break;
@@ -218,7 +223,7 @@ static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
             PyErr_SetString(ModelError, "Invalid constraint: unrecognized comparison operator");
             return nullptr;
     }
-    return c.release();
+    return owned.release();
 }
 
 PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {

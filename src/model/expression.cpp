@@ -385,6 +385,23 @@ PyObject* expression_product(PyObject* a, PyObject* b) {
     return model_error("Invalid object in operation");
 }
 
+PyObject* expression_compare_number(PyObject* e, double b, int op) {
+    // The comparison builder computes d = e - b (a copy of e with b taken off its constant),
+    // moves d's constant to the bound and leaves d as the body: the same arithmetic here,
+    // without the float object and the operand dispatch.
+    return alloc_guard(nullptr, [&]() -> PyObject* {
+        PyRef body(copy_expression(e, 1.0, 0));
+        if (!body) return nullptr;
+        ExpressionObject* x = as_expr(body.get());
+        x->constant += -1.0 * b;
+        double r = -x->constant;
+        x->constant = 0.0;
+        PyObject* c = con_new();
+        if (!c) return nullptr;
+        return con_bound_body(c, body.release(), r, op);
+    });
+}
+
 PyObject* expression_divide(PyObject* a, PyObject* b) {
     if (is_ndarray(b)) return array_right(ARRAY_DIV, a, b);
     double c;

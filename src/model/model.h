@@ -305,6 +305,9 @@ PyObject* expression_sum(PyObject* a, PyObject* b, double s);
 PyObject* quadterm_sum(PyObject* a, PyObject* b, double s);
 PyObject* linterm_sum(PyObject* a, PyObject* b, double s);
 PyObject* expression_product(PyObject* a, PyObject* b);
+// The constraint e <= b, e >= b or e == b (op Py_LE, Py_GE, Py_EQ) for an expression e of the
+// exact expression type and a number b, equal to what the rich comparison builds.
+PyObject* expression_compare_number(PyObject* e, double b, int op);
 
 // ---------------------------------------------------------------- constraint
 struct ConstraintObject {
@@ -327,6 +330,10 @@ PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
 bool con_default_name_text(uint64_t word, char* buf);
 // The rich comparison of every modelling type: builds a constraint.
 PyObject* constraint_compare(PyObject* a, PyObject* b, int op);
+// The last step of the comparison builder: gives the new constraint c (stolen) the normalised
+// body (stolen) and the bound r by the comparison op (Py_LE, Py_GE, Py_EQ; the others raise
+// their ModelError). Returns c, or null with c released.
+PyObject* con_bound_body(PyObject* c, PyObject* body, double r, int op);
 
 // ---------------------------------------------------------------- special ordered set
 struct SosObject {
