@@ -194,6 +194,7 @@ static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
         }
         return array_compare(b, a, reflected(op));
     }
+    if (Py_TYPE(a) == &ExpressionType && is_number(b)) return expression_compare_number(a, number_value(b), op);
     PyRef body(difference(a, b));
     if (!body) return nullptr;
     PyRef c(con_new());
