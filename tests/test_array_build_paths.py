@@ -226,3 +226,99 @@ def test_array_and_element_built_models_are_the_same_model():
     assert a.getProbStatusString() == b.getProbStatusString()
     assert a.attributes.objval == b.attributes.objval
     assert a.getSolution() == b.getSolution()
+
+
+# ---------------------------------------------------------------- quadratic forms
+
+def dense_quadratic(expr, index, n):
+    """The upper-triangular matrix U of the quadratic part (x'Ux), from extractQuadratic."""
+    u = np.zeros((n, n))
+    v1, v2, c = expr.extractQuadratic()
+    pairs = set()
+    for a, b, k in zip(v1, v2, c):
+        i, j = index[id(a)], index[id(b)]
+        assert i <= j and (i, j) not in pairs and k != 0.0
+        pairs.add((i, j))
+        u[i, j] = k
+    return u
+
+
+def upper(q):
+    return np.triu(q + q.T) - np.diag(np.diag(q))
+
+
+@pytest.mark.parametrize("n", [4, 40])
+def test_quadratic_forms_equal_the_dense_computation(n):
+    rng = np.random.default_rng(n)
+    q = rng.standard_normal((n, n))
+    x = tv.vars(n, name="")
+    index = {id(v): i for i, v in enumerate(x)}
+    order = rng.permutation(n * n)
+    forms = {
+        "Dot": tv.Dot(x, q, x),
+        "matmul": x @ q @ x,
+        "shuffled Sum": tv.Sum(float(q[k // n, k % n]) * x[k // n] * x[k % n] for k in order),
+        "product of sums": tv.Sum(float(q[i, j]) * x[i] for i in range(n) for j in [0])
+                           * tv.Sum(x[j] for j in range(n)),
+    }
+    for name, form in forms.items():
+        got = dense_quadratic(form, index, n)
+        want = upper(q) if name != "product of sums" else upper(np.outer(q[:, 0], np.ones(n)))
+        assert got == pytest.approx(want, rel=1e-12, abs=1e-12), name
+        point = rng.standard_normal(n)
+        value = tv.evaluate(form, solution={v: float(p) for v, p in zip(x, point)})
+        wmat = q if name != "product of sums" else np.outer(q[:, 0], np.ones(n))
+        assert value == pytest.approx(point @ wmat @ point, rel=1e-9)
+
+
+@pytest.mark.parametrize("n", [6, 3000])
+def test_quadratic_sums_in_any_order_equal_term_by_term_addition(n):
+    # Small quadratic parts insert in place, large ones sort their pending terms once: either
+    # way the coefficients are the sums in the order the terms came, and exact zeros vanish.
+    x = [tv.var() for _ in range(40)]
+    rnd = np.random.default_rng(n)
+    terms = [(float(rnd.choice([1.0, -1.0, 0.5, 3.0])), int(rnd.integers(40)), int(rnd.integers(40)))
+             for _ in range(n)]
+    terms += [(-c, j, i) for c, i, j in terms[: n // 3]]  # some cancel, written the other way round
+    e = tv.Sum(c * x[i] * x[j] for c, i, j in terms)
+    acc = x[0] - x[0]
+    for c, i, j in terms:
+        acc += c * x[i] * x[j]
+    ref = {}
+    for c, i, j in terms:
+        key = (min(i, j), max(i, j))
+        k = ref.get(key, 0.0) + c
+        if k == 0.0:
+            ref.pop(key, None)
+        else:
+            ref[key] = k
+    index = {id(v): i for i, v in enumerate(x)}
+    for expr in (e, acc, 2.0 * e / 2.0):
+        v1, v2, c = expr.extractQuadratic()
+        got = [(index[id(a)], index[id(b)]) for a, b in zip(v1, v2)]
+        assert got == sorted(ref)
+        assert c == [ref[k] for k in got]
+
+
+def test_scaling_a_quadratic_part_drops_products_that_vanish():
+    x, y, z = tv.var(name="x"), tv.var(name="y"), tv.var(name="z")
+    e = 1e-200 * x * y + 1.0 * y * z + 3 * x
+    f = e * 1e-200  # x*y underflows to 0 and leaves; y*z stays
+    assert [str(v) for v in f.extractQuadratic()[0]] == ["y"]
+    e *= 1e-200
+    assert e.extractQuadratic()[2] == [1e-200]
+    assert str(e * 0) == "0"
+
+
+def test_quadratic_parts_release_their_variables():
+    x = tv.vars(30, name="")
+    v = x[3]
+    before = sys.getrefcount(v)
+    for _ in range(2):
+        a = tv.Dot(x, np.ones((30, 30)), x)
+        b = a - tv.Dot(x, np.ones((30, 30)), x)  # every term cancels
+        c = (x[3] - 1) * (x[3] + x[4]) * 2.5
+        d = np.array([x[3] * x[5]] * 40, dtype=object).sum()
+        assert b.extractQuadratic() == ([], [], [])
+        del a, b, c, d
+    assert sys.getrefcount(v) == before

@@ -24,37 +24,10 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
     if (var_serial(y) < var_serial(x)) std::swap(x, y);
     if (!ex->quadratic) ex->quadratic = new QuadraticMap();
     if (!ex->quadratic_vars) ex->quadratic_vars = new SerialSet();
-    // Sums over fresh variables append past the largest key: insert with an end hint then, so
-    // that building a large quadratic part costs no tree search per term.
-    QuadraticMap& q = *ex->quadratic;
-    bool past_end = q.empty() || var_serial(q.rbegin()->first) < var_serial(x);
-    auto it = past_end ? q.end() : q.lower_bound(x);
-    bool new_outer = it == q.end() || var_serial(it->first) != var_serial(x);
-    if (new_outer) {
-        it = q.emplace_hint(it, x, LinearMap());
-        Py_INCREF(x);
-    }
-    size_t before = it->second.size();
-    try {
-        lin_add(it->second, y, c);
-        // Every variable that enters the quadratic part is remembered; one that already has its
-        // entry was remembered when the entry was made (a wrong end hint only costs a search).
-        if (new_outer) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
-        if (it->second.size() > before && var_serial(y) != var_serial(x))
-            ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
-    } catch (...) {
-        if (it->second.empty()) {  // keep inner maps non-empty
-            PyObject* key = it->first;
-            q.erase(it);
-            Py_DECREF(key);
-        }
-        throw;
-    }
-    if (it->second.empty()) {
-        PyObject* key = it->first;
-        q.erase(it);
-        Py_DECREF(key);
-    }
+    ex->quadratic->add(x, y, c);
+    // Every variable that enters the quadratic part is remembered (a set: repeats are free).
+    ex->quadratic_vars->insert(var_serial(x));
+    if (y != x) ex->quadratic_vars->insert(var_serial(y));
 }
 
 size_t term_count(PyObject* e) {
@@ -99,8 +72,8 @@ bool add_polynomial(PyObject* e, PyObject* b, double s) {
         if (y->linear)
             for (auto& entry : *y->linear) lin_add(linear_part(e), entry.first, s * entry.second);
         if (y->quadratic)
-            for (auto& outer : *y->quadratic)
-                for (auto& inner : outer.second) quad_add(e, outer.first, inner.first, s * inner.second);
+            for (const QuadEntry* q = y->quadratic->entries_begin(); q != y->quadratic->entries_end(); ++q)
+                quad_add(e, q->row, q->term.first, s * q->term.second);
     } else {
         return false;
     }
@@ -174,18 +147,7 @@ PyObject* copy_scaled(PyObject* obj, double f, size_t extra = 0) {
             if (src->linear) scale_linear_into(*src->linear, f, linear_part(e.get()), extra);
             if (src->quadratic) {
                 x->quadratic = new QuadraticMap();
-                for (auto& outer : *src->quadratic) {
-                    LinearMap inner;
-                    try {
-                        scale_linear_into(outer.second, f, inner);
-                        if (inner.empty()) continue;
-                        x->quadratic->emplace_hint(x->quadratic->end(), outer.first, std::move(inner));
-                    } catch (...) {
-                        lin_clear(inner);
-                        throw;
-                    }
-                    Py_INCREF(outer.first);
-                }
+                x->quadratic->assign_scaled(*src->quadratic, f);
             }
         } else {
             if (src->linear) {
@@ -193,7 +155,10 @@ PyObject* copy_scaled(PyObject* obj, double f, size_t extra = 0) {
                 dst.assign_copy(*src->linear, extra);  // references are taken below
                 for (auto& entry : dst) Py_INCREF(entry.first);
             }
-            if (src->quadratic) x->quadratic = quad_copy(*src->quadratic);
+            if (src->quadratic) {
+                x->quadratic = new QuadraticMap();
+                x->quadratic->assign_scaled(*src->quadratic, 1.0);
+            }
         }
         if (src->quadratic_vars) x->quadratic_vars = new SerialSet(*src->quadratic_vars);
         else if (x->quadratic) x->quadratic_vars = new SerialSet();
@@ -257,17 +222,7 @@ PyObject* expr_scale_in_place(PyObject* e, double f) {
         }
     };
     if (x->linear) scale(*x->linear);
-    if (x->quadratic)
-        for (auto it = x->quadratic->begin(); it != x->quadratic->end();) {
-            scale(it->second);
-            if (it->second.empty()) {
-                PyObject* key = it->first;
-                it = x->quadratic->erase(it);
-                Py_DECREF(key);
-            } else {
-                ++it;
-            }
-        }
+    if (x->quadratic) x->quadratic->scale(f);
     return e;
 }
 

@@ -4,6 +4,7 @@
 #include "module/common.h"
 #include "module/types.h"
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <new>
@@ -227,15 +228,162 @@ private:
     bool borrowed_ = false;        // data_ belongs to the map's owner, not to the map
 };
 
-using QuadraticMap = std::map<PyObject*, LinearMap, SerialLess>;
-using SerialSet = std::set<uint64_t>;
+// One quadratic term: the first variable (smaller serial) and, in term, the second variable and
+// the coefficient. The entry owns one reference to each of its two variables.
+struct QuadEntry {
+    PyObject* row;
+    LinEntry term;
+};
+
+// Quadratic term map stored flat: entries sorted by (serial of the first variable, serial of
+// the second), without duplicates or exact zeros. As in LinearMap, terms added out of order to
+// a large map wait in an unsorted tail, and are sorted and merged in one pass (summing in the
+// order of addition, dropping exact zeros) when the map is next read or the tail outgrows the
+// sorted part, so that a sum or a product of many terms is sorted once rather than searched per
+// term. Read as rows: each row is the first variable with the run of its (second variable,
+// coefficient) terms, in the shape of a map of maps.
+class QuadraticMap {
+public:
+    // The terms of one row, as LinEntry (second variable, coefficient).
+    class Terms {
+    public:
+        class iterator {
+        public:
+            explicit iterator(QuadEntry* p) : p_(p) {}
+            LinEntry& operator*() const { return p_->term; }
+            LinEntry* operator->() const { return &p_->term; }
+            iterator& operator++() {
+                ++p_;
+                return *this;
+            }
+            bool operator!=(const iterator& o) const { return p_ != o.p_; }
+            bool operator==(const iterator& o) const { return p_ == o.p_; }
+
+        private:
+            QuadEntry* p_;
+        };
+        Terms(QuadEntry* b, QuadEntry* e) : b_(b), e_(e) {}
+        iterator begin() const { return iterator(b_); }
+        iterator end() const { return iterator(e_); }
+        size_t size() const { return static_cast<size_t>(e_ - b_); }
+        bool empty() const { return b_ == e_; }
+
+    private:
+        QuadEntry* b_;
+        QuadEntry* e_;
+    };
+    struct Row {
+        PyObject* first;
+        Terms second;
+    };
+    // Iterates over rows; the row it yields lives in the iterator (valid until it moves on).
+    class row_iterator {
+    public:
+        row_iterator(QuadEntry* p, QuadEntry* end) : end_(end), row_{nullptr, Terms(p, p)} { load(p); }
+        Row& operator*() { return row_; }
+        Row* operator->() { return &row_; }
+        row_iterator& operator++() {
+            load(stop_);
+            return *this;
+        }
+        bool operator!=(const row_iterator& o) const { return start_ != o.start_; }
+        bool operator==(const row_iterator& o) const { return start_ == o.start_; }
+
+    private:
+        void load(QuadEntry* p) {
+            start_ = p;
+            QuadEntry* q = p;
+            while (q != end_ && q->row == p->row) ++q;
+            stop_ = q;
+            row_ = Row{p != end_ ? p->row : nullptr, Terms(p, q)};
+        }
+        QuadEntry* end_;
+        QuadEntry* start_ = nullptr;
+        QuadEntry* stop_ = nullptr;
+        Row row_;
+    };
+
+    QuadraticMap() = default;
+    QuadraticMap(const QuadraticMap&) = delete;
+    QuadraticMap& operator=(const QuadraticMap&) = delete;
+    ~QuadraticMap() { PyObject_Free(data_); }
+
+    row_iterator begin() const { settle(); return row_iterator(data_, data_ + size_); }
+    row_iterator end() const { settle(); return row_iterator(data_ + size_, data_ + size_); }
+    // Number of terms.
+    size_t size() const { settle(); return size_; }
+    bool empty() const { settle(); return size_ == 0; }
+    // The entries in order.
+    QuadEntry* entries_begin() const { settle(); return data_; }
+    QuadEntry* entries_end() const { settle(); return data_ + size_; }
+
+    // Adds c (not 0) to the term of (x, y), serial(x) <= serial(y), taking references for a
+    // new entry and releasing those of an entry whose sum becomes exactly 0.
+    void add(PyObject* x, PyObject* y, double c);
+    // Makes this (empty) map hold the entries of o with every coefficient times f, dropping
+    // products that are 0 (f == 1 copies them as they are); references are taken.
+    void assign_scaled(const QuadraticMap& o, double f);
+    // Multiplies every coefficient by f in place, dropping (and releasing) products that are 0.
+    void scale(double f);
+    // Releases every entry's references and empties the map.
+    void clear();
+    void reserve(size_t n) {
+        if (n > cap_) grow_to(n);
+    }
+    static void* operator new(size_t n) {
+        void* p = PyObject_Malloc(n);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    static void operator delete(void* p) { PyObject_Free(p); }
+
+private:
+    void settle() const {
+        if (sorted_ != size_) merge_tail();
+    }
+    void merge_tail() const;
+    void grow_to(size_t n);
+    mutable QuadEntry* data_ = nullptr;
+    mutable size_t size_ = 0, cap_ = 0;
+    mutable size_t sorted_ = 0;  // data_[0, sorted_) is sorted, without duplicates
+};
+
+// Set of variable serials stored flat (sorted, without duplicates); values inserted out of
+// order wait in an unsorted tail that is merged when it outgrows the sorted part.
+class SerialSet {
+public:
+    SerialSet() = default;
+    SerialSet(const SerialSet& o) : items_((o.settle(), o.items_)), sorted_(items_.size()) {}
+    SerialSet& operator=(const SerialSet&) = delete;
+    void insert(uint64_t s) {
+        if (sorted_ == items_.size() && (items_.empty() || items_.back() < s)) {
+            items_.push_back(s);
+            ++sorted_;
+            return;
+        }
+        if (std::binary_search(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(sorted_), s)) return;
+        items_.push_back(s);
+        if (items_.size() - sorted_ > std::max<size_t>(32, sorted_)) settle();
+    }
+    size_t size() const { settle(); return items_.size(); }
+    static void* operator new(size_t n) {
+        void* p = PyObject_Malloc(n);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    static void operator delete(void* p) { PyObject_Free(p); }
+
+private:
+    void settle() const;
+    mutable std::vector<uint64_t, PyObjectAllocator<uint64_t>> items_;
+    mutable size_t sorted_ = 0;
+};
 
 void lin_add(LinearMap& m, PyObject* v, double c);
 void lin_set(LinearMap& m, PyObject* v, double c);
 void lin_erase(LinearMap& m, PyObject* v);
 void lin_clear(LinearMap& m);  // releases every key
 void quad_clear(QuadraticMap& m);
-QuadraticMap* quad_copy(const QuadraticMap& m);
 size_t quad_count(const QuadraticMap& m);
 
 // ---------------------------------------------------------------- terms

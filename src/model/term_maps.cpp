@@ -178,29 +178,164 @@ void lin_clear(LinearMap& m) {
     for (auto& entry : old) Py_DECREF(entry.first);
 }
 
-void quad_clear(QuadraticMap& m) {
-    QuadraticMap old;
-    old.swap(m);
-    for (auto& entry : old) {
-        lin_clear(entry.second);
-        Py_DECREF(entry.first);
+// ---------------------------------------------------------------- quadratic map
+
+namespace {
+
+inline bool quad_before(const QuadEntry& a, const QuadEntry& b) {
+    uint64_t ra = var_serial(a.row), rb = var_serial(b.row);
+    return ra < rb || (ra == rb && var_serial(a.term.first) < var_serial(b.term.first));
+}
+
+inline bool same_key(const QuadEntry& a, const QuadEntry& b) {
+    return var_serial(a.row) == var_serial(b.row) && var_serial(a.term.first) == var_serial(b.term.first);
+}
+
+inline void release_entry(const QuadEntry& e) {
+    Py_DECREF(e.row);
+    Py_DECREF(e.term.first);
+}
+
+}  // namespace
+
+void QuadraticMap::grow_to(size_t n) {
+    if (n > PY_SSIZE_T_MAX / sizeof(QuadEntry)) throw std::bad_alloc();
+    void* block = PyObject_Malloc(n * sizeof(QuadEntry));
+    if (!block) throw std::bad_alloc();
+    if (size_) std::memcpy(block, static_cast<void*>(data_), size_ * sizeof(QuadEntry));
+    PyObject_Free(data_);
+    data_ = static_cast<QuadEntry*>(block);
+    cap_ = n;
+}
+
+void QuadraticMap::add(PyObject* x, PyObject* y, double c) {
+    QuadEntry e{x, LinEntry{y, c}};
+    if (sorted_ == size_) {
+        if (size_ == 0 || quad_before(data_[size_ - 1], e)) {
+            if (size_ == cap_) grow_to(cap_ < 2 ? 4 : 2 * cap_);
+            data_[size_++] = e;
+            ++sorted_;
+            Py_INCREF(x);
+            Py_INCREF(y);
+            return;
+        }
+        if (size_ <= SMALL_MAP) {
+            QuadEntry* at = std::lower_bound(data_, data_ + size_, e, quad_before);
+            if (same_key(*at, e)) {  // at is not the end: e is not past the back
+                at->term.second += c;
+                if (at->term.second == 0.0) {
+                    QuadEntry gone = *at;
+                    std::memmove(static_cast<void*>(at), at + 1, (data_ + size_ - at - 1) * sizeof(QuadEntry));
+                    sorted_ = --size_;
+                    release_entry(gone);
+                }
+                return;
+            }
+            size_t pos = static_cast<size_t>(at - data_);
+            if (size_ == cap_) grow_to(cap_ < 2 ? 4 : 2 * cap_);
+            std::memmove(static_cast<void*>(data_ + pos + 1), data_ + pos, (size_ - pos) * sizeof(QuadEntry));
+            data_[pos] = e;
+            sorted_ = ++size_;
+            Py_INCREF(x);
+            Py_INCREF(y);
+            return;
+        }
+    }
+    if (size_ == cap_) grow_to(cap_ < 2 ? 4 : 2 * cap_);
+    data_[size_++] = e;
+    Py_INCREF(x);
+    Py_INCREF(y);
+    if (size_ - sorted_ > std::max(SMALL_MAP, sorted_)) merge_tail();
+}
+
+void QuadraticMap::merge_tail() const {
+    // As LinearMap::merge_tail: stable sort of the tail, stable merge, then each run of equal
+    // keys summed in the order of addition; entries that sum to exactly 0 are released last.
+    QuadEntry* first = data_;
+    QuadEntry* middle = first + sorted_;
+    QuadEntry* last = first + size_;
+    std::stable_sort(middle, last, quad_before);
+    std::inplace_merge(first, middle, last, quad_before);
+    std::vector<QuadEntry> released;
+    size_t w = 0, n = size_;
+    for (size_t r = 0; r < n;) {
+        QuadEntry e = data_[r++];
+        while (r < n && same_key(data_[r], e)) {
+            e.term.second += data_[r].term.second;
+            release_entry(data_[r++]);  // the run's own entry still holds both variables
+        }
+        if (e.term.second == 0.0) {
+            try {
+                released.push_back(e);
+            } catch (...) {
+                release_entry(e);
+            }
+            continue;
+        }
+        data_[w++] = e;
+    }
+    size_ = sorted_ = w;
+    for (const QuadEntry& e : released) release_entry(e);
+}
+
+void QuadraticMap::assign_scaled(const QuadraticMap& o, double f) {
+    o.settle();
+    reserve(size_ + o.size_);
+    for (size_t i = 0; i < o.size_; ++i) {
+        QuadEntry e = o.data_[i];
+        if (f != 1.0) {
+            e.term.second *= f;
+            if (e.term.second == 0.0) continue;
+        }
+        data_[size_++] = e;
+        ++sorted_;
+        Py_INCREF(e.row);
+        Py_INCREF(e.term.first);
     }
 }
 
-QuadraticMap* quad_copy(const QuadraticMap& m) {
-    auto* copy = new QuadraticMap(m);
-    for (auto& entry : *copy) {
-        Py_INCREF(entry.first);
-        for (auto& inner : entry.second) Py_INCREF(inner.first);
+void QuadraticMap::scale(double f) {
+    settle();
+    std::vector<QuadEntry> released;
+    size_t w = 0;
+    for (size_t r = 0; r < size_; ++r) {
+        QuadEntry e = data_[r];
+        e.term.second *= f;
+        if (e.term.second == 0.0) {
+            try {
+                released.push_back(e);
+            } catch (...) {
+                release_entry(e);
+            }
+            continue;
+        }
+        data_[w++] = e;
     }
-    return copy;
+    size_ = sorted_ = w;
+    for (const QuadEntry& e : released) release_entry(e);
 }
 
-size_t quad_count(const QuadraticMap& m) {
-    size_t n = 0;
-    for (auto& entry : m) n += entry.second.size();
-    return n;
+void QuadraticMap::clear() {
+    // Detach first, as lin_clear does.
+    QuadEntry* block = data_;
+    size_t n = size_;
+    data_ = nullptr;
+    size_ = cap_ = sorted_ = 0;
+    for (size_t i = 0; i < n; ++i) release_entry(block[i]);
+    PyObject_Free(block);
 }
+
+void SerialSet::settle() const {
+    if (sorted_ == items_.size()) return;
+    std::sort(items_.begin() + static_cast<std::ptrdiff_t>(sorted_), items_.end());
+    std::inplace_merge(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(sorted_), items_.end());
+    items_.erase(std::unique(items_.begin(), items_.end()), items_.end());
+    sorted_ = items_.size();
+}
+
+void quad_clear(QuadraticMap& m) { m.clear(); }
+
+size_t quad_count(const QuadraticMap& m) { return m.size(); }
 
 PyObject* linear_map_to_lists(const LinearMap* m) {
     Py_ssize_t n = m ? static_cast<Py_ssize_t>(m->size()) : 0;
@@ -225,15 +360,13 @@ PyObject* quadratic_map_to_lists(const QuadraticMap* m) {
     if (!vars1 || !vars2 || !coefs) return nullptr;
     if (m) {
         Py_ssize_t i = 0;
-        for (auto& outer : *m)
-            for (auto& inner : outer.second) {
-                PyObject* c = PyFloat_FromDouble(inner.second);
-                if (!c) return nullptr;
-                PyList_SET_ITEM(vars1.get(), i, new_ref(outer.first));
-                PyList_SET_ITEM(vars2.get(), i, new_ref(inner.first));
-                PyList_SET_ITEM(coefs.get(), i, c);
-                ++i;
-            }
+        for (const QuadEntry* e = m->entries_begin(); e != m->entries_end(); ++e, ++i) {
+            PyObject* c = PyFloat_FromDouble(e->term.second);
+            if (!c) return nullptr;
+            PyList_SET_ITEM(vars1.get(), i, new_ref(e->row));
+            PyList_SET_ITEM(vars2.get(), i, new_ref(e->term.first));
+            PyList_SET_ITEM(coefs.get(), i, c);
+        }
     }
     return PyTuple_Pack(3, vars1.get(), vars2.get(), coefs.get());
 }
