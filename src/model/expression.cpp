@@ -92,10 +92,6 @@ constexpr size_t INLINE_TERMS_MAX = 8;
 // Room for the terms of x - y, x + 2*y and the like in a fresh expression.
 constexpr size_t INLINE_TERMS_DEFAULT = 2;
 
-}  // namespace
-
-namespace {
-
 // Expression objects live in blocks of the system allocator rather than the interpreter's
 // small-object arenas. Array arithmetic makes and drops whole arrays of temporary expressions
 // of many sizes: the arenas of a dropped array go back to the system as soon as they empty, and
