@@ -1370,6 +1370,12 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     solved = sum(r["solved"] for r in results)
     print("\nsolved %d of %d (%.1f%%) to the published optimum within %.0e relative"
           % (solved, len(results), 100.0 * solved / max(1, len(results)), SOLVED_RTOL))
+    hs_results = [r for r in results if r["name"].startswith("HS")]
+    others = [r for r in results if not r["name"].startswith("HS")]
+    if hs_results and others:
+        print("  Hock-Schittkowski set: %d of %d; chained Rosenbrock and others: %d of %d (%s)"
+              % (sum(r["solved"] for r in hs_results), len(hs_results), sum(r["solved"] for r in others),
+                 len(others), ", ".join("%s %d it" % (r["name"], r["iterations"]) for r in others)))
     kinds = {}
     for r in results:
         if not r["solved"]:
