@@ -365,7 +365,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     double infinity = dbl_control(prob, TSLP_INFINITY);
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
-    int err_iters = 0;
+    int err_iters = 0, flat_rejects = 0;
     bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
@@ -692,6 +692,16 @@ RunResult Run::solve(const std::vector<double>& x0) {
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
         if (model_converged && accept && rho > 0.5) converged = true;
+        // The step problem sees no reduction at all and its step does not reduce the merit
+        // function either: a feasible point is as stationary as the model can tell, and only the
+        // certificate below decides (rejected steps add nothing to the stall history, so such a
+        // run would otherwise go on to its iteration limit). A few such steps in a row are
+        // allowed: the step bounds shrink with each, and a shorter step may still descend.
+        flat_rejects = stationary && !accept && feasible_k && !errors ? flat_rejects + 1 : 0;
+        if (flat_rejects >= 10) {
+            flat_rejects = 0;
+            converged = true;
+        }
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
                 logf(prob, 4, "    col %d  x %.12g  lp %.12g  trial %.12g  sb %.3g  g %.6g", j, x[j], xlp[j], trial[j],
@@ -769,7 +779,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
         }
-        // Penalty updates.
+        // Penalty updates (with the multipliers of the step taken: a second-order correction
+        // replaces those of the first step problem).
+        lmax = 0.0;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0 && w[r] > 0) lmax = std::max(lmax, std::fabs(rowdual[r]) / w[r]);
         if (errors) {
             if (++err_iters >= penaltycount && mu < maxmu) {
                 mu = std::min(mu * penaltyinc, maxmu);
