@@ -91,7 +91,8 @@ enum {
 #define TSLP_ROWS 11999
 #define TSLP_COLS 12000
 #define TSLP_ITER 12001            /* SLP iterations of the last solve */
-#define TSLP_SIMPLEXITER 12002     /* LP iterations of the last solve */
+#define TSLP_SIMPLEXITER 12002     /* LP (and QP active-set) iterations of the step
+                                      problems of the last solve */
 #define TSLP_STOPSTATUS 12003      /* stop reason (as the optimisation library's) */
 #define TSLP_COEFFICIENTS 12004    /* nonlinear coefficients */
 #define TSLP_VARIABLES 12005       /* columns with SLP variable data */

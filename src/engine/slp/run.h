@@ -105,6 +105,8 @@ private:
     void update_lp();
     int solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
                  double* errsum);
+    int solve_step(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                   double* errsum);   // solve_lp, retried once with a looser tolerance (solver.cpp)
     int finish_lp(const std::vector<double>& cv, const std::vector<double>& cd, const std::vector<double>& rv,
                   const std::vector<double>& rd, std::vector<double>& xlp, std::vector<double>& rowdual,
                   std::vector<double>& coldual, double* errsum);

@@ -162,6 +162,22 @@ bool Run::evaluate(const std::vector<double>& at, double* f, std::vector<double>
     return true;
 }
 
+// Solves the step problem. When the QP solver gives up (numerical trouble, usually a solution
+// it finds slightly infeasible at the tight tolerance) it tries again with a looser
+// feasibility tolerance: the merit function judges the step anyway.
+int Run::solve_step(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                    double* errsum) {
+    int lps = solve_lp(xlp, rowdual, coldual, errsum);
+    if (lps == 4 && hessian_passed && last_highs != "QP iteration limit") {
+        double tol = 1e-9;
+        Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
+        Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-5);
+        lps = solve_lp(xlp, rowdual, coldual, errsum);
+        Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+    }
+    return lps;
+}
+
 // phi at a point: s f + mu sum w viol over every row (linear rows read from the matrix).
 double Run::merit(const std::vector<double>& at, bool* ok, double* viol_sum) {
     *ok = false;
@@ -212,7 +228,7 @@ bool Run::second_order_correction(const std::vector<double>& lintrial, std::vect
     }
     std::vector<double> saved_err = errvals, xs, rd, cd;
     double es = 0.0;
-    int lps = solve_lp(xs, rd, cd, &es);
+    int lps = solve_step(xs, rd, cd, &es);
     for (size_t k = 0; k < K; ++k) {
         int r = E.nlrows[k];
         Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r], rowup[r] - rowbase[r]);
@@ -451,25 +467,14 @@ RunResult Run::solve(const std::vector<double>& x0) {
         double viol_k = 0.0;
         double phi_k = merit(x, &ok, &viol_k);
         update_lp();
-        int lps = solve_lp(xlp, rowdual, coldual, &errsum);
+        int lps = solve_step(xlp, rowdual, coldual, &errsum);
         if (lps == 4 && hessian_passed) {
-            // The QP solver gave up (numerical trouble, usually a solution it finds slightly
-            // infeasible): try again with a looser feasibility tolerance (the merit function
-            // judges the step anyway), then take a linear step this time, keeping the
-            // curvature model.
-            double tol = 1e-9;
-            Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
-            if (last_highs != "QP iteration limit") {
-                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-5);
-                lps = solve_lp(xlp, rowdual, coldual, &errsum);
-                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
-            }
-            if (lps == 4) {
-                skip_b = true;
-                update_lp();
-                lps = solve_lp(xlp, rowdual, coldual, &errsum);
-                skip_b = false;
-            }
+            // The QP solver gave up even with the looser tolerance: take a linear step this
+            // time, keeping the curvature model.
+            skip_b = true;
+            update_lp();
+            lps = solve_lp(xlp, rowdual, coldual, &errsum);
+            skip_b = false;
         }
         if (lps == 4 || (lps == 1 && iter > 1)) {
             // HiGHS lost its way from the previous basis (or calls the always feasible step

@@ -287,6 +287,11 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     simplex_total += it;
+    if (hessian_passed) {   // a QP step problem's active-set iterations count as its pivots
+        it = 0;
+        Highs_getIntInfoValue(h, "qp_iteration_count", &it);
+        simplex_total += it;
+    }
     if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
         // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
         last_highs = "QP iteration limit";
