@@ -64,9 +64,9 @@ def test_chained_rosenbrock_converges_in_tens_of_iterations(n, bound):
     assert kkt_residual(f, [], x, point, []) <= 1e-5
 
 
-def test_linear_steps_remain_available_and_are_slower():
-    # The quasi-Newton control switched off gives pure linear steps (and trust-region steps
-    # of the old kind): the run is honest about not getting there.
+def test_linear_steps_report_an_honest_status():
+    # The quasi-Newton control switched off gives pure linear steps with the per-column step
+    # bounds: whatever the iteration limit leaves, the status agrees with the gradient.
     p, x, f = chained_rosenbrock(20)
     p.setControl("tslp_quasinewton", 0)
     p.setControl("tslp_iterlimit", 150)
@@ -98,32 +98,18 @@ def hs46():
     return p, x, f, rows
 
 
-def test_degenerate_optimum_converges_to_the_tolerance():
-    # hs26: objective 0 at (1, 1, 1) with a singular Hessian (a quartic term); the run used to
-    # stop 1e-3 short, unfinished at the iteration limit.
-    p, x, f, rows = hs26()
-    status, point, dual, _ = solve(p, x)
+@pytest.mark.parametrize("build", [hs26, hs46])
+def test_degenerate_optima_converge_to_the_tolerance(build):
+    # Both optima have objective 0 with a singular Hessian (quartic and sextic terms): the
+    # runs used to stop 1e-3 short, unfinished at the iteration limit of 1000.
+    p, x, f, rows = build()
+    status, point, dual, iters = solve(p, x)
     assert status == "nlp_solution"
+    assert iters < 200
     at = dict(zip(x, point))
     assert tv.evaluate(f, solution=at) <= 1e-6
-    assert abs(tv.evaluate(rows[0], solution=at)) <= 1e-6
-    assert kkt_residual(f, rows, x, point, dual) <= p.getControl("tslp_kkttol")
-
-
-def test_sextic_degenerate_optimum_status_is_honest():
-    # hs46 (sextic and quartic terms) gets within 1e-5 of its optimum value; a run that stops
-    # there before its KKT residual meets the tolerance must say so.
-    p, x, f, rows = hs46()
-    status, point, dual, _ = solve(p, x)
-    at = dict(zip(x, point))
-    assert tv.evaluate(f, solution=at) <= 1e-5
     assert max(abs(tv.evaluate(r, solution=at)) for r in rows) <= 1e-6
-    residual = kkt_residual(f, rows, x, point, dual)
-    if status == "nlp_solution":
-        assert residual <= p.getControl("tslp_kkttol")
-    else:
-        assert status == "nlp_unfinished"
-        assert p.getAttrib("tslp_kktresidual") > p.getControl("tslp_kkttol")
+    assert kkt_residual(f, rows, x, point, dual) <= p.getControl("tslp_kkttol")
 
 
 def test_constrained_qp_step_multipliers_meet_the_gradients():
