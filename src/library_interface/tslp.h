@@ -195,9 +195,11 @@ enum {
 #define TSLP_MIPFIXSTEPS 12414     /* mixed-integer solves always finish with an SLP solve
                                       with their integers fixed: only 1 is accepted */
 #define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a model of the
-                                      Lagrangian's curvature: a quasi-Newton (BFGS) QP for up
-                                      to 100 curved columns, separable piecewise-linear costs
-                                      above that; 0: pure linear steps */
+                                      Lagrangian's curvature: a QP with its exact Hessian
+                                      (convexified) for up to 200 curved columns, separable
+                                      piecewise-linear costs above that; 2: as 1 with a
+                                      quasi-Newton (BFGS) matrix instead of the exact
+                                      Hessian; 0: pure linear steps */
 #define TSLP_STEPSOLVER 12417     /* solver of the continuous step problems: 0 automatic (the
                                       sparse interior-point solver for large curved models whose
                                       rows couple few neighbours, else the simplex method), 1 the

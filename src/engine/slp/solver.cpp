@@ -297,12 +297,18 @@ RunResult Run::solve(const std::vector<double>& x0) {
 
     for (int j = 0; j < n; ++j)
         if (nonlin[j]) qcols.push_back(j);
-    // Small problems learn their curvature by BFGS on a dense matrix; large ones take the
-    // separable part of it from the Hessians of their rows and objective.
-    bool curved = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty();
-    use_b = curved && qcols.size() <= 100;
+    // Small problems (up to kDenseCurved curved columns) step by a convex QP with a dense
+    // model of the Lagrangian's Hessian: the exact one, differenced from the AD gradients at
+    // every iteration (second_order.cpp), or with TSLP_QUASINEWTON = 2 a damped BFGS matrix.
+    // Large ones take the separable part of the Hessian as piecewise-linear costs in an LP
+    // (solved by the simplex method or the sparse interior-point solver): a dense QP there
+    // costs a gradient per curved column and a dense Hessian in HiGHS per iteration.
+    const size_t kDenseCurved = 200;
+    int qn = int_control(prob, TSLP_QUASINEWTON);
+    bool curved = qn != 0 && !qcols.empty();
+    use_b = curved && qcols.size() <= kDenseCurved;
     use_h = curved && !use_b;
-    exact_h = use_b;
+    exact_h = use_b && qn != 2;
     hcurved.assign(n, 0);
     segw.assign(n, 0.0);
     if (use_h) {
