@@ -1187,14 +1187,15 @@ def run_ipopt(name, maxtime=MAXTIME):
     args = {"x0": k.x0, "lbx": k.lbx, "ubx": k.ubx}
     if k.g:
         args.update(lbg=k.lbg, ubg=k.ubg)
-    start = time.perf_counter()
+    start, cpu = time.perf_counter(), time.process_time()
     sol = solver(**args)
     elapsed = time.perf_counter() - start
+    cpu = time.process_time() - cpu
     stats = solver.stats()
     point = [float(v) for v in sol["x"].full().ravel()]
     at = PROBLEMS[name](PointKit(point))
     error = relative_error(at.objective, PROBLEMS[name](_OptimumOnly()))
-    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed,
+    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed, "cpu": cpu,
             "success": bool(stats.get("success")),
             "solved": bool(stats.get("success")) and error <= SOLVED_RTOL and at.violation <= FEAS_TOL}
 
@@ -1213,7 +1214,7 @@ def run_problem(name, maxtime=MAXTIME):
         x = built.variables
         if maxtime:
             p.setControl("tslp_maxtime", float(maxtime))
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         path = "solve"
         try:
             p.solve()
@@ -1231,6 +1232,7 @@ def run_problem(name, maxtime=MAXTIME):
                       note="%s: %s" % (type(e).__name__, e))
         return result
     result["time"] = time.perf_counter() - start
+    result["cpu"] = time.process_time() - cpu
 
     if path == "solve":
         status = p.getProbStatusString()
@@ -1357,6 +1359,10 @@ def print_comparison(results):
         ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in both) / len(both))
         print("time tarvo / Ipopt, geometric mean over the %d problems both solved: %.2fx"
               % (len(both), ratio))
+        timed = [r for r in both if r.get("cpu", 0) > 0 and r["ipopt"].get("cpu", 0) > 0]
+        if timed:
+            ratio = math.exp(sum(math.log(r["cpu"] / r["ipopt"]["cpu"]) for r in timed) / len(timed))
+            print("  CPU time tarvo / Ipopt, geometric mean over %d of them: %.2fx" % (len(timed), ratio))
         small = [r for r in both if r["name"].startswith("HS")]
         if small and len(small) != len(both):
             ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in small) / len(small))
@@ -1375,6 +1381,12 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     solved = sum(r["solved"] for r in results)
     print("\nsolved %d of %d (%.1f%%) to the published optimum within %.0e relative"
           % (solved, len(results), 100.0 * solved / max(1, len(results)), SOLVED_RTOL))
+    hs_results = [r for r in results if r["name"].startswith("HS")]
+    others = [r for r in results if not r["name"].startswith("HS")]
+    if hs_results and others:
+        print("  Hock-Schittkowski set: %d of %d; chained Rosenbrock and others: %d of %d (%s)"
+              % (sum(r["solved"] for r in hs_results), len(hs_results), sum(r["solved"] for r in others),
+                 len(others), ", ".join("%s %d it" % (r["name"], r["iterations"]) for r in others)))
     kinds = {}
     for r in results:
         if not r["solved"]:

@@ -136,7 +136,7 @@ void Run::objective_curvature() {
         while (parent[j] != j) j = parent[j] = parent[parent[j]];
         return j;
     };
-    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j] && !isint[j]; };
+    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j]; };
     for (size_t q = 0; q < P; ++q) {
         int i = E.qobj.i[q], j = E.qobj.j[q];
         if (usable(i) && usable(j)) parent[find(i)] = find(j);
@@ -336,7 +336,7 @@ double Run::quad_model(const std::vector<double>& xt) const {
         }
         return v;
     }
-    if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
+    if (!(use_b && have_b && hessian_passed)) return 0.0;
     size_t K = qcols.size();
     double v = 0.0;
     for (size_t a = 0; a < K; ++a) {

@@ -37,15 +37,6 @@ Run::~Run() {
     }
 }
 
-void Run::set_mip(bool on) {
-    std::vector<HighsInt> integ(n, kHighsVarTypeContinuous);
-    if (on)
-        for (int j = 0; j < n; ++j)
-            if (isint[j]) integ[j] = kHighsVarTypeInteger;
-    Highs_changeColsIntegralityByRange(h, 0, n - 1, integ.data());
-    mip_phase = on;
-}
-
 void Run::build() {
     h = trvo::highs_new_quiet();
     if (!h) throw Error("Could not create a HiGHS instance");
@@ -68,8 +59,6 @@ void Run::build() {
     if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
     Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
-    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
-    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
                                std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
 
@@ -138,16 +127,12 @@ void Run::build() {
         cu[j] = bound_inf(m.ub[j]);
     }
     for (int c = seg0; c < ncolLP; ++c) cu[c] = 0.0;
-    bool anyint = false;
-    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
-    std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
     HighsInt rc = Highs_passModel(h, ncolLP, nrowLP, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
                                   1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
                                   start.data(), index.empty() ? nullptr : index.data(),
                                   value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
-                                  anyint ? integ.data() : nullptr);
+                                  nullptr);
     if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
-    if (anyint) set_mip(true);
 }
 
 // The segments have been re-cut around the new point, where steps are expected to be shorter
@@ -182,7 +167,7 @@ void Run::update_lp() {
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
-    pwl_on = use_h && !mip_phase && !skip_b;
+    pwl_on = use_h && !skip_b;
     if (use_h) {
         // Piecewise-linear curvature: segment t of width w each way costs s g_j + h_j (t + 1/2) w,
         // so that the cost of a step of k whole segments is s g_j d + h_j d^2 / 2.
@@ -215,7 +200,7 @@ void Run::update_lp() {
         if (pwl_on) reset_segment_basis();
         if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
     }
-    bool curvature = use_b && have_b && !mip_phase && !skip_b;
+    bool curvature = use_b && have_b && !skip_b;
     if (curvature) {
         // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
         // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
@@ -274,16 +259,9 @@ void Run::update_lp() {
     std::vector<double> lo(n), up(n);
     for (int j = 0; j < n; ++j) {
         double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
-        if (fixed_int[j]) {
-            l = u = x[j];
-        } else if (nonlin[j]) {
+        if (nonlin[j]) {
             l = std::max(l, x[j] - delta[j]);
             u = std::min(u, x[j] + delta[j]);
-            if (isint[j]) {
-                l = std::ceil(l - 1e-9);
-                u = std::floor(u + 1e-9);
-                if (l > u) l = u = std::round(x[j]);
-            }
         }
         lo[j] = l - x[j];
         up[j] = u - x[j];
@@ -310,6 +288,11 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     simplex_total += it;
+    if (hessian_passed) {   // a QP step problem's active-set iterations count as its pivots
+        it = 0;
+        Highs_getIntInfoValue(h, "qp_iteration_count", &it);
+        simplex_total += it;
+    }
     if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
         // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
         last_highs = "QP iteration limit";
@@ -363,7 +346,7 @@ namespace slp {
 int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                       std::vector<double>& rd) {
     int choice = int_control(prob, TSLP_STEPSOLVER);
-    if (!sparse_ok || mip_phase || hessian_passed || choice == 1 || (choice == 0 && !use_h)) return 0;
+    if (!sparse_ok || hessian_passed || choice == 1 || (choice == 0 && !use_h)) return 0;
     SparseLp lp;
     HighsInt nc = 0, nr = 0, nz = Highs_getNumNz(h), sense_out = 0;
     double offset = 0.0;
