@@ -204,7 +204,8 @@ enum {
                                       sparse interior-point solver for large curved models whose
                                       rows couple few neighbours, else the simplex method), 1 the
                                       simplex method, 2 the interior-point solver wherever the
-                                      structure suits it */
+                                      structure suits it (small models then step by separable
+                                      LPs instead of dense second-order QPs) */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

@@ -306,7 +306,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
     const size_t kDenseCurved = 200;
     int qn = int_control(prob, TSLP_QUASINEWTON);
     bool curved = qn != 0 && !qcols.empty();
-    use_b = curved && qcols.size() <= kDenseCurved;
+    // Asking for the interior-point step solver (TSLP_STEPSOLVER = 2) takes the separable LP
+    // steps it solves on small problems too.
+    use_b = curved && qcols.size() <= kDenseCurved && int_control(prob, TSLP_STEPSOLVER) != 2;
     use_h = curved && !use_b;
     exact_h = use_b && qn != 2;
     hcurved.assign(n, 0);
