@@ -246,3 +246,61 @@ def test_random_curved_models_reach_the_simplex_optimum(seed):
     assert runs[2][1] == 0 and runs[1][1] > 0
     assert runs[2][0] == pytest.approx(runs[1][0], rel=1e-7, abs=1e-9)
     assert runs[2][2] == pytest.approx(runs[1][2], abs=1e-4)
+
+
+def estimated_multipliers(p, choice):
+    # Multipliers that validatekkt fits to the rows active at the solution, by the solver the
+    # step-solver choice names, and the KKT residual they give.
+    p.setControl("tslp_stepsolver", choice)
+    p.validatekkt(0, 0, 1, 0.0)
+    dual = []
+    p.getslpsol(dual=dual)
+    return dual, p.getAttrib("tslp_kktresidual")
+
+
+@pytest.mark.parametrize("seed", [7, 8, 9])
+def test_sparse_multiplier_estimates_agree_with_the_simplex_ones(seed):
+    # Random banded curved models: a third of the rows are equalities (free multipliers). At
+    # the optimum the sparse least-violation fit must certify the point as the simplex one
+    # does, with the same multipliers (they are unique: the active gradients are independent).
+    p, x, _ = banded_model(300, seed, curved=True)
+    p.setControl("tslp_stepsolver", 1)
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    tol = p.getControl("tslp_kkttol")
+    simplex, r_simplex = estimated_multipliers(p, 1)
+    sparse, r_sparse = estimated_multipliers(p, 2)
+    assert r_simplex <= tol and r_sparse <= tol
+    assert any(d != 0.0 for d in sparse)
+    scale = max(1.0, max(abs(d) for d in simplex))
+    assert max(abs(a - b) for a, b in zip(sparse, simplex)) <= tol * scale
+    # Away from an optimum no fit certifies the point, whichever solver computes it.
+    q, _, _ = banded_model(300, seed, curved=True)
+    q.setControl("tslp_iterlimit", 1)
+    q.setControl("tslp_stepsolver", 1)
+    q.nlpoptimize()
+    assert estimated_multipliers(q, 1)[1] > tol and estimated_multipliers(q, 2)[1] > tol
+
+
+def test_multiplier_estimate_falls_back_when_the_sparse_solver_declines():
+    # Twelve equality rows over all 100 columns: the multiplier of each is in every row of the
+    # fit, too many dense columns for the interior-point solver, so the simplex method fits
+    # them, and the result is the same as asking for it directly.
+    np = pytest.importorskip("numpy")
+    rng = np.random.default_rng(11)
+    n, m = 100, 12
+    a = rng.uniform(-1.0, 1.0, (m, n))
+    x = [tv.var(lb=-5.0, ub=5.0) for _ in range(n)]
+    p = tv.problem()
+    p.addVariable(x)
+    p.addConstraint([tv.Sum(float(a[i, k]) * x[k] for k in range(n)) == i / 10.0
+                     for i in range(m)])
+    p.setObjective(tv.Sum((x[k] - (k % 5) / 5.0) ** 2 + 0.1 * tv.exp(x[k] / 3.0) for k in range(n)))
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    simplex, r_simplex = estimated_multipliers(p, 1)
+    sparse, r_sparse = estimated_multipliers(p, 2)
+    assert r_simplex <= p.getControl("tslp_kkttol")
+    assert r_sparse == pytest.approx(r_simplex, rel=1e-12, abs=1e-15)
+    assert sparse == pytest.approx(simplex, rel=1e-12, abs=1e-12)
+    assert any(d != 0.0 for d in sparse)

@@ -3,10 +3,12 @@
 
 #include "engine/optimizer/highs_instances.h"
 #include "engine/slp/solver.h"
+#include "engine/slp/sparse_step.h"
 #include "interfaces/highs_c_api.h"
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 namespace slp {
 
@@ -44,6 +46,77 @@ double col_bound(double v) {
     if (v <= -TRVO_INFINITY) return -INFINITY;
     if (v >= TRVO_INFINITY) return INFINITY;
     return v;
+}
+
+// Multipliers LPs with at least this many rows go to the sparse interior-point solver first
+// under the automatic step-solver choice: on chain models the simplex method needs about one
+// pivot per row, each O(rows), while the interior-point solver stays linear.
+constexpr int kSparseMultiplierRows = 2000;
+
+// The interior-point solver takes the least-violation problem in its l1 form: one row per
+// stationary column, a'y + p - q = c_j with p, q >= 0 priced 1 (0 on the side the column's
+// bound absorbs), min sum p + q. The l-infinity form the simplex method solves pairs two rows
+// with the same a' per column and couples them all through t: the normal matrix is then
+// singular but for the row slacks, which vanish at the optimum, and the iterations stall. At
+// a KKT point both optima are 0; elsewhere the certificate measures the residual again from
+// the multipliers, so the form only decides how small it gets, never whether it is reported.
+constexpr double kSparseMultiplierTol = 1e-9;
+
+// Multipliers by the sparse interior-point solver from the l-infinity LP's arrays (columns:
+// the multipliers, then t; rows: two per stationary column, see estimate_multipliers); false
+// when it declines the problem, or when on a small LP its (best) point does not certify x
+// within the KKT tolerance (the caller then uses HiGHS).
+bool sparse_multipliers(TSLPprob prob, int ny, const std::vector<HighsInt>& start, const std::vector<HighsInt>& index,
+                        const std::vector<double>& value, const std::vector<double>& clo,
+                        const std::vector<double>& cup, const std::vector<double>& rlo,
+                        const std::vector<double>& rup, const std::function<bool(const std::vector<double>&)>& good,
+                        bool large, std::vector<double>& y) {
+    const int nstat = (int)rlo.size() / 2;
+    SparseLp lp;
+    lp.ncol = ny + 2 * nstat;
+    lp.nrow = nstat;
+    lp.cost.assign(lp.ncol, 0.0);
+    lp.collo.assign(lp.ncol, 0.0);
+    lp.colup.assign(lp.ncol, INFINITY);
+    lp.rowlo.resize(nstat);
+    lp.rowup.resize(nstat);
+    lp.start.assign(1, 0);
+    for (int i = 0; i < ny; ++i) {
+        lp.collo[i] = clo[i];
+        lp.colup[i] = cup[i];
+        for (HighsInt e = start[i]; e < start[i + 1]; ++e)
+            if (index[e] % 2 == 0) {
+                lp.index.push_back((int)(index[e] / 2));
+                lp.value.push_back(value[e]);
+            }
+        lp.start.push_back((int)lp.index.size());
+    }
+    for (int k = 0; k < nstat; ++k) {
+        // d = c_j - a'y = p - q; rup[2k] infinite lets d go below 0 freely, rlo[2k+1] above.
+        double cj = std::isfinite(rup[2 * k]) ? rup[2 * k] : rlo[2 * k + 1];
+        lp.rowlo[k] = lp.rowup[k] = cj;
+        lp.cost[ny + 2 * k] = std::isfinite(rlo[2 * k + 1]) ? 1.0 : 0.0;       // p: d > 0
+        lp.cost[ny + 2 * k + 1] = std::isfinite(rup[2 * k]) ? 1.0 : 0.0;       // q: d < 0
+        lp.index.push_back(k);
+        lp.value.push_back(1.0);
+        lp.start.push_back((int)lp.index.size());
+        lp.index.push_back(k);
+        lp.value.push_back(-1.0);
+        lp.start.push_back((int)lp.index.size());
+    }
+    SparseLpSolution sol;
+    auto stop = [prob]() { return prob->interrupt.load() != 0; };
+    auto st = sparse_lp_solve(lp, kSparseMultiplierTol, stop, sol, true);
+    if (st != SparseStatus::Optimal && (st != SparseStatus::Failed || (int)sol.colval.size() < ny)) return false;
+    y.assign(sol.colval.begin(), sol.colval.begin() + ny);
+    // Multipliers that certify x are as good as any (a run that stalled near the optimum, with
+    // free multipliers of dependent rows drifting along the optimal face, gives such too).
+    if (good(y)) return true;
+    // Otherwise the l1 fit may leave a larger worst violation than the l-infinity one: on a
+    // small LP the simplex method decides; on a large one the fit is the better buy (the
+    // simplex method needs about one pivot per row, each O(rows)), and the caller measures
+    // the residual again from whatever multipliers it gets.
+    return large;
 }
 
 }  // namespace
@@ -154,6 +227,30 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
     if (nrowLP == 0) {
         dual.assign(m.nrows, 0.0);
         return true;
+    }
+    // The step-solver control picks the solver here too: 1 the simplex method only, 2 the
+    // interior-point solver wherever it takes the LP, 0 the interior-point solver on large LPs.
+    const int choice = int_control(prob, TSLP_STEPSOLVER);
+    const bool large = nrowLP >= kSparseMultiplierRows;
+    if (choice == 2 || (choice == 0 && large)) {
+        std::vector<double> cv;
+        auto to_dual = [&](const std::vector<double>& yv, std::vector<double>& d) {
+            d.assign(m.nrows, 0.0);
+            for (int i = 0; i < ny; ++i) d[rows[i]] = sense * yv[i];
+        };
+        auto good = [&](const std::vector<double>& yv) {
+            std::vector<double> d;
+            to_dual(yv, d);
+            KktCheck chk;
+            return kkt_residual(E, m, sense, x, d.data(), feastol, &chk, nullptr, skip) &&
+                   chk.residual <= dbl_control(prob, TSLP_KKTTOL);
+        };
+        if (sparse_multipliers(prob, ny, start, index, value, clo, cup, rlo, rup, good, large, cv)) {
+            to_dual(cv, dual);
+            return true;
+        }
+        if (prob->interrupt.load() != 0) return false;
+        logf(prob, 2, "    multipliers: the interior-point solver did not take the LP (%d rows), the simplex method does", nrowLP);
     }
     void* h = trvo::highs_new_quiet();
     if (!h) return false;

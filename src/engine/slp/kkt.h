@@ -26,7 +26,9 @@ bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, c
                   double feastol, KktCheck* out, double* dj = nullptr, const char* skip = nullptr);
 
 // The multipliers of the rows active at x (within feastol) that minimise the largest
-// stationarity violation, by a small LP; the others are zero. Returns false when the LP
+// stationarity violation, by a small LP; the others are zero. Large LPs (and all under step
+// solver choice 2) go to the sparse interior-point solver in least-total-violation form,
+// whose best point is returned even when it stalls short of the optimum. Returns false when the LP
 // cannot be solved (dual is then left alone).
 bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double sense, const double* x,
                           double feastol, std::vector<double>& dual, const char* skip = nullptr);

@@ -26,6 +26,8 @@ constexpr int kMaxColumnRows = 48;
 constexpr int kMaxDense = 8;
 constexpr double kMaxEnvelopePerRow = 200.0;
 constexpr double kProximal = 1e-8;
+// With keep_best, a run whose best iterate is this many iterations old has stalled.
+constexpr int kStallIterations = 12;
 
 struct Variable {
     double cost = 0.0, shift = 0.0, U = INFINITY;   // x + shift is the column's value
@@ -134,7 +136,7 @@ void solve(const Envelope& E, int n, std::vector<double>& r) {
 }  // namespace
 
 SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function<bool()>& stop,
-                             SparseLpSolution& sol) {
+                             SparseLpSolution& sol, bool keep_best) {
     const int nc = lp.ncol, nr = lp.nrow;
     // Rows kept (compact index, -1 left out) and their right-hand sides.
     std::vector<int> rowmap(nr, -1);
@@ -448,7 +450,9 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         *ad = d;
     };
 
-    std::vector<double> rl(nv), ru(nv);
+    std::vector<double> rl(nv), ru(nv), best_x;
+    double best_merit = INFINITY;
+    int best_it = 0;
     const int maxiter = 200;
     int it = 0;
     bool converged = false;
@@ -472,6 +476,16 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         }
         obj += objconst;
         if (!std::isfinite(pres) || !std::isfinite(dres) || !std::isfinite(comp)) return SparseStatus::Failed;
+        if (keep_best) {
+            double merit = std::max({pres / (1.0 + bnorm), dres / (1.0 + cnorm), comp / (1.0 + std::fabs(obj))});
+            if (merit < best_merit) {
+                best_merit = merit;
+                best_it = it;
+                best_x = x;
+            } else if (it - best_it >= kStallIterations) {
+                break;
+            }
+        }
         if (pres <= tol * (1.0 + bnorm) && dres <= tol * (1.0 + cnorm) && comp <= tol * (1.0 + std::fabs(obj))) {
             converged = true;
             break;
@@ -546,15 +560,22 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         for (int i = 0; i < m; ++i) y[i] += ad * dy[i];
     }
     sol.iterations = it;
-    if (!converged) return SparseStatus::Failed;
+    if (!converged && keep_best && !best_x.empty()) x.swap(best_x);
+    // Column values of x (the final or, failing convergence, the best iterate).
+    auto column_values = [&]() {
+        sol.colval.assign(nc, 0.0);
+        for (int j = 0; j < nc; ++j)
+            if (isfixed[j]) sol.colval[j] = fixedval[j];
+        for (int v = 0; v < nv; ++v)
+            if (var[v].col >= 0) sol.colval[var[v].col] = x[v] + var[v].shift;
+    };
+    if (!converged) {
+        if (keep_best && best_merit < INFINITY) column_values();
+        return SparseStatus::Failed;
+    }
 
     // Solution in the LP's terms.
-    sol.iterations = it;
-    sol.colval.assign(nc, 0.0);
-    for (int j = 0; j < nc; ++j)
-        if (isfixed[j]) sol.colval[j] = fixedval[j];
-    for (int v = 0; v < nv; ++v)
-        if (var[v].col >= 0) sol.colval[var[v].col] = x[v] + var[v].shift;
+    column_values();
     sol.rowdual.assign(nr, 0.0);
     for (int r = 0; r < nr; ++r)
         if (rowmap[r] >= 0) sol.rowdual[r] = y[inv[rowmap[r]]];

@@ -36,8 +36,10 @@ struct SparseLpSolution {
 enum class SparseStatus { Optimal, Declined, Failed, Stopped };
 
 // Solves lp to relative primal and dual residuals and a relative gap of `tol`. `stop` is
-// polled once per iteration.
+// polled once per iteration. With `keep_best`, a run that makes no progress for a while stops
+// (Failed) and leaves the column values of its best iterate (least of the three relative
+// measures) in sol.colval, for callers that can judge such a point themselves.
 SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function<bool()>& stop,
-                             SparseLpSolution& sol);
+                             SparseLpSolution& sol, bool keep_best = false);
 
 }  // namespace slp
