@@ -1697,6 +1697,8 @@ def run_scale(beams, vdp_rows, maxtime):
             ipc = ("%9.2f" % ip["cpu"]) if "cpu" in ip else "%9s" % "-"
             ipm = ("%9.0f" % ip["peak_mb"]) if "peak_mb" in ip else "%9s" % "-"
             rel = ""
+            if "error" in ip:
+                rel = ", ipopt failed: %s" % ip["error"]
             if "objective" in ip:
                 rel = ", objective vs ipopt %.1e" % (abs(r["objective"] - ip["objective"]) /
                                                       max(1.0, abs(ip["objective"])))
