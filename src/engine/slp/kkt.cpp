@@ -50,6 +50,7 @@ double col_bound(double v) {
 
 bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, const double* dual,
                   double feastol, KktCheck* out, double* dj, const char* skip) {
+    PhaseScope timed(E.prob->profile, PH_KKT);
     KktCheck c;
     const int n = m.ncols;
     std::vector<double> d(n, 0.0), scratch(n, 0.0), vals;
@@ -94,6 +95,7 @@ bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, c
 
 bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double sense, const double* x,
                           double feastol, std::vector<double>& dual, const char* skip) {
+    PhaseScope timed(prob->profile, PH_KKT);
     const int n = m.ncols;
     std::vector<double> c(n, 0.0), scratch(n, 0.0), vals;
     std::vector<int> cols;

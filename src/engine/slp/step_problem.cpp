@@ -31,6 +31,7 @@ void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, High
 }  // namespace
 
 Run::~Run() {
+    PhaseScope timed(prob->profile, PH_TEARDOWN);
     if (h) {
         trvo::highs_release(h);   // deferred while this solve counts as running
         trvo::highs_solve_end(&prob->interrupt);
@@ -47,6 +48,7 @@ void Run::set_mip(bool on) {
 }
 
 void Run::build() {
+    PhaseScope timed(prob->profile, PH_HIGHS_SETUP);
     h = trvo::highs_new_quiet();
     if (!h) throw Error("Could not create a HiGHS instance");
     int threads = 1;
@@ -178,6 +180,7 @@ void Run::reset_segment_basis() {
 
 // Writes the linearisation at x into the step problem.
 void Run::update_lp() {
+    PhaseScope timed(prob->profile, PH_UPDATE);
     std::vector<double> cost(ncolLP, 0.0);
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
@@ -294,6 +297,8 @@ void Run::update_lp() {
 // 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
 int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
                   double* errsum) {
+    PhaseScope timed(prob->profile, PH_HIGHS_SOLVE);
+    ++prob->profile.solves;
     Highs_zeroAllClocks(h);
     double maxtime = dbl_control(prob, TSLP_MAXTIME);
     if (maxtime > 0) {
