@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include <pthread.h>
@@ -96,6 +97,11 @@ void highs_release(void* highs) {
     std::lock_guard<std::mutex> g(pool_mutex);
     if (active_solves > 0) deferred.push_back(highs);
     else Highs_destroy(highs);
+}
+
+int highs_automatic_threads() {
+    static const int count = std::max(1, (int)(std::thread::hardware_concurrency() + 1) / 2);
+    return count;
 }
 
 void* highs_new_quiet() {

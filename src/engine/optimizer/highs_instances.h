@@ -23,6 +23,10 @@ struct SolveScope {
     std::atomic<int>* stop;
     int used;
 };
+// The thread count HiGHS's scheduler takes when an instance runs with "threads" 0, (hardware
+// threads + 1) / 2, found once. HiGHS asks the system for it at every run told 0; giving it
+// this count instead spares that.
+int highs_automatic_threads();
 // Destroys an instance now, or when no solve is running any more.
 void highs_release(void* highs);
 // Creates an instance whose log goes nowhere until a callback is installed.

@@ -54,7 +54,11 @@ void Run::build() {
     int threads = 1;
     TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
     int th = trvo::highs_solve_begin(threads, &prob->interrupt);
-    Highs_setIntOptionValue(h, "threads", th);
+    // Told 0, HiGHS asks the system for its thread count at every run, which costs a small step
+    // problem a good part of its solve: it is given the count it would find instead (a
+    // scheduler started with another count is caught in solve_lp).
+    auto_threads = th == 0;
+    Highs_setIntOptionValue(h, "threads", auto_threads ? trvo::highs_automatic_threads() : th);
     bool log = int_control(prob, TSLP_LOG) >= 3;
     Highs_setBoolOptionValue(h, "output_flag", log);
     Highs_setBoolOptionValue(h, "log_to_console", 0);
@@ -310,6 +314,13 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
     HighsInt rc = Highs_run(h);
+    if (rc == kHighsStatusError && auto_threads) {
+        // HiGHS's scheduler was started with another thread count than its automatic one:
+        // leave the count to HiGHS from now on.
+        auto_threads = false;
+        Highs_setIntOptionValue(h, "threads", 0);
+        rc = Highs_run(h);
+    }
     HighsInt ms = Highs_getModelStatus(h);
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
