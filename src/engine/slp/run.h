@@ -39,8 +39,6 @@ private:
     Evaluator E;
     void* h = nullptr;
     bool auto_threads = false;       // HiGHS runs with the automatic thread count, given explicitly
-    bool qp_start();                 // a feasible start and active set for the QP step solver
-    bool qp_solution_optimal();      // the QP solver's answer solves the step problem
     int n = 0, ncolLP = 0;
     double sense = 1.0, mu = 1.0;
     std::vector<char> isint, nonlin, fixed_int;

@@ -74,8 +74,6 @@ void Run::build() {
     if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
     Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
-    // Curved step problems start the QP solver from the point and active set qp_start() gives.
-    if (use_b) Highs_setBoolOptionValue(h, "qp_allow_hot_start", 1);
     Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
     Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
@@ -315,7 +313,6 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     int sparse = sparse_step(cv, cd, rv, rd);
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
-    bool hot = hessian_passed && qp_start();
     HighsInt rc = Highs_run(h);
     if (rc == kHighsStatusError && auto_threads) {
         // HiGHS's scheduler was started with another thread count than its automatic one:
@@ -323,14 +320,6 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         auto_threads = false;
         Highs_setIntOptionValue(h, "threads", 0);
         rc = Highs_run(h);
-    }
-    if (hot && rc != kHighsStatusError && !qp_solution_optimal()) {
-        // The QP solver takes no step much shorter than 1e-5: from no step it stops where the
-        // curvature calls for a tiny one (near a solution, where such steps are the rule).
-        // Solved again from its own starting point, a vertex, it ends on the tiny step.
-        Highs_setBoolOptionValue(h, "qp_allow_hot_start", 0);
-        rc = Highs_run(h);
-        Highs_setBoolOptionValue(h, "qp_allow_hot_start", 1);
     }
     HighsInt ms = Highs_getModelStatus(h);
     HighsInt it = 0;
@@ -356,90 +345,6 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     rd.resize(nrowLP);
     Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
     return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
-}
-
-// Without a start, HiGHS's active-set QP solver finds a feasible point by solving an LP in a
-// new HiGHS instance, with presolve, at every solve: most of the time of a small curved step
-// problem. The step problem always has a feasible point at hand: no step (d = 0, inside the
-// step bounds since x_k lies within its bounds) with the error columns taking up each row's
-// violation. Its active set is consistent with it: columns at a bound of theirs are active
-// there (error columns at zero), the others inactive; a row whose error column is in use is
-// active at the violated side with that error column in the basis, the other rows basic. The
-// QP's solution is unique (its Hessian is positive definite), so the start changes only the
-// way to it. Nothing is given when d = 0 lies outside some column's bounds.
-bool Run::qp_start() {
-    std::vector<double> clo(ncolLP), cup(ncolLP), rlo(nrowLP), rup(nrowLP), value(ncolLP, 0.0);
-    HighsInt got = 0, nz = 0;
-    if (Highs_getColsByRange(h, 0, ncolLP - 1, &got, nullptr, clo.data(), cup.data(), &nz, nullptr, nullptr,
-                             nullptr) != kHighsStatusOk || got != ncolLP)
-        return false;
-    if (nrowLP > 0 && (Highs_getRowsByRange(h, 0, nrowLP - 1, &got, rlo.data(), rup.data(), &nz, nullptr, nullptr,
-                                            nullptr) != kHighsStatusOk || got != nrowLP))
-        return false;
-    std::vector<HighsInt> cs(ncolLP), rs(nrowLP, kHighsBasisStatusBasic);
-    for (int c = 0; c < ncolLP; ++c) {
-        if (!(clo[c] <= 0.0 && 0.0 <= cup[c])) return false;
-        cs[c] = clo[c] == 0.0 ? kHighsBasisStatusLower
-              : cup[c] == 0.0 ? kHighsBasisStatusUpper
-                              : kHighsBasisStatusNonbasic;   // inactive, free to move
-    }
-    for (int r = 0; r < nrowLP; ++r) {
-        if (rlo[r] <= 0.0 && 0.0 <= rup[r]) continue;
-        int e = r < m.nrows ? errcol[r] : -1;
-        if (e < 0) return false;
-        if (rlo[r] > 0.0) {
-            value[e] = rlo[r];
-            cs[e] = kHighsBasisStatusBasic;
-            rs[r] = kHighsBasisStatusLower;
-        } else {
-            value[e + 1] = -rup[r];
-            cs[e + 1] = kHighsBasisStatusBasic;
-            rs[r] = kHighsBasisStatusUpper;
-        }
-    }
-    // The point first: setting a solution drops the basis, setting a basis keeps the solution.
-    return Highs_setSolution(h, value.data(), nullptr, nullptr, nullptr) != kHighsStatusError &&
-           Highs_setBasis(h, cs.data(), rs.data()) != kHighsStatusError;
-}
-
-// Whether the QP solver's answer is the QP's solution: the reduced costs it reports are those
-// of its point (cost + H d - A'y, H the step problem's Hessian) to a small tolerance. The
-// solver stops short of a solution when the last step it would take is very short.
-bool Run::qp_solution_optimal() {
-    std::vector<double> cv(ncolLP), cd(ncolLP), rv(nrowLP), rd(nrowLP), cost(ncolLP), lo(ncolLP), up(ncolLP);
-    HighsInt got = 0, nz = 0;
-    if (Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data()) != kHighsStatusOk) return false;
-    if (Highs_getColsByRange(h, 0, ncolLP - 1, &got, cost.data(), lo.data(), up.data(), &nz, nullptr, nullptr,
-                             nullptr) != kHighsStatusOk)
-        return false;
-    std::vector<HighsInt> start(ncolLP + 1), index(std::max<HighsInt>(nz, 1));
-    std::vector<double> value(std::max<HighsInt>(nz, 1));
-    if (Highs_getColsByRange(h, 0, ncolLP - 1, &got, nullptr, nullptr, nullptr, &nz, start.data(), index.data(),
-                             value.data()) != kHighsStatusOk)
-        return false;
-    start[ncolLP] = nz;
-    // H d: the curvature model on its columns, the regularisation on every diagonal.
-    const double reg = 1e-8;
-    std::vector<double> hd(ncolLP);
-    for (int j = 0; j < ncolLP; ++j) hd[j] = reg * cv[j];
-    size_t K = qcols.size();
-    for (size_t a = 0; a < K; ++a) {
-        double sum = 0.0;
-        for (size_t b = 0; b < K; ++b) {
-            double v = B[a * K + b];
-            if (a == b) v = std::max(v, reg);
-            sum += v * cv[qcols[b]];
-        }
-        hd[qcols[a]] = sum;
-    }
-    double worst = 0.0, scale = 1.0;
-    for (int j = 0; j < ncolLP; ++j) {
-        double r = cost[j] + hd[j];
-        for (HighsInt e = start[j]; e < start[j + 1]; ++e) r -= value[e] * rd[index[e]];
-        worst = std::max(worst, std::fabs(r - cd[j]));
-        scale = std::max(scale, std::fabs(cost[j]));
-    }
-    return worst <= 1e-9 * scale;
 }
 
 // Takes the step problem's solution (column values and duals, row activities and duals).
