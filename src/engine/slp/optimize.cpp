@@ -109,7 +109,6 @@ void optimize(TSLPprob prob, bool global) {
     log_profile(prob);
 }
 
-
 }  // namespace slp
 
 using slp::guard;

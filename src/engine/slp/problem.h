@@ -165,8 +165,8 @@ struct tslp_problem_s {
            time = 0.0, kktresidual = 0.0, validation_a = 0.0, validation_r = 0.0;
     slp::Solution sol;
     std::atomic<int> interrupt{0};
-    std::mutex userfunc_mutex;
-    slp::Profile profile;        // time by phase of the running solve (kept at log level 2 and above)   // serialises user-function calls when they are not thread safe
+    std::mutex userfunc_mutex;   // serialises user-function calls when they are not thread safe
+    slp::Profile profile;        // time by phase of the running solve (kept at log level 2 and above)
 };
 
 namespace slp {

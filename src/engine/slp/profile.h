@@ -3,8 +3,11 @@
 // the step problems, checking KKT conditions, returning results, logging). The account is
 // kept only when the log level asks for it (TSLP_LOG >= 2), is exclusive (a phase entered
 // inside another one pauses it), and is written to the log at the end of the solve. It counts
-// the CPU time of the solving thread, which a machine shared with other work does not inflate.
+// the CPU time of the solving thread, which a machine shared with other work does not inflate;
+// scopes entered on other threads (HiGHS's, calling back) are not counted.
 #pragma once
+
+#include <thread>
 
 #include <time.h>
 
@@ -28,6 +31,7 @@ enum Phase {
 
 struct Profile {
     bool on = false;
+    std::thread::id owner;   // the solving thread
     int current = PH_ENGINE;
     double last = 0.0;
     double secs[PH_COUNT] = {};
@@ -35,6 +39,7 @@ struct Profile {
 
     void begin() {
         on = true;
+        owner = std::this_thread::get_id();
         current = PH_ENGINE;
         for (double& s : secs) s = 0.0;
         solves = 0;
@@ -61,7 +66,7 @@ struct Profile {
 // Charges the time until the end of the scope to a phase, then returns to the enclosing one.
 class PhaseScope {
 public:
-    PhaseScope(Profile& p, int phase) : p_(p.on ? &p : nullptr) {
+    PhaseScope(Profile& p, int phase) : p_(p.on && std::this_thread::get_id() == p.owner ? &p : nullptr) {
         if (p_) {
             saved_ = p_->current;
             p_->switch_to(phase);
