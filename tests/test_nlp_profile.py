@@ -110,3 +110,31 @@ def test_step_problems_reach_the_same_answer_with_any_thread_count(threads):
     p.setControl("threads", threads)
     p.nlpoptimize()
     assert result(p, x) == reference
+
+
+def small_linear_steps():
+    """A nonlinear problem whose step problems stay linear (no curvature model): min x + y over
+    x * y >= 4 in [1, 10]^2, from (5, 1); optimum 4 at (2, 2)."""
+    x, y = tv.var(lb=1, ub=10, name="x"), tv.var(lb=1, ub=10, name="y")
+    p = tv.problem([x, y], x * y >= 4, x + y)
+    p.chgvar(colindex=x, initvalue=5.0)
+    p.chgvar(colindex=y, initvalue=1.0)
+    p.setControl("tslp_quasinewton", 0)
+    return p, [x, y]
+
+
+def test_step_problem_instances_carry_nothing_from_one_solve_to_the_next():
+    # HiGHS instances of finished solves are cleared and reused: a solve must reach exactly the
+    # answer it reaches without the earlier solves (a Hessian, bounds or options left behind
+    # would change its path or break it).
+    p, x = small_linear_steps()
+    p.nlpoptimize()
+    before = result(p, x)
+    assert before[0] == 1 and before[2] == pytest.approx(4.0, abs=1e-7)
+    for _ in range(3):
+        q, y = hs71()
+        q.nlpoptimize()
+        assert result(q, y)[2] == pytest.approx(17.0140173, rel=1e-7)
+        p, x = small_linear_steps()
+        p.nlpoptimize()
+        assert result(p, x) == before

@@ -31,5 +31,12 @@ int highs_automatic_threads();
 void highs_release(void* highs);
 // Creates an instance whose log goes nowhere until a callback is installed.
 void* highs_new_quiet();
+// Like highs_new_quiet, but takes an instance a finished solve handed back when there is one:
+// creating an instance (a few hundred option records) and destroying it costs a small model
+// more than a solve.
+void* highs_reuse_quiet();
+// Hands an instance back for highs_reuse_quiet: its model, solution, basis and callbacks are
+// cleared and its options reset. Beyond a few spare instances it is released instead.
+void highs_recycle(void* highs);
 
 }  // namespace trvo

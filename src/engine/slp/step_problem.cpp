@@ -33,7 +33,7 @@ void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, High
 Run::~Run() {
     PhaseScope timed(prob->profile, PH_TEARDOWN);
     if (h) {
-        trvo::highs_release(h);   // deferred while this solve counts as running
+        trvo::highs_recycle(h);   // kept for the next run, or released (deferred while this solve counts as running)
         trvo::highs_solve_end(&prob->interrupt);
     }
 }
@@ -49,7 +49,7 @@ void Run::set_mip(bool on) {
 
 void Run::build() {
     PhaseScope timed(prob->profile, PH_HIGHS_SETUP);
-    h = trvo::highs_new_quiet();
+    h = trvo::highs_reuse_quiet();
     if (!h) throw Error("Could not create a HiGHS instance");
     int threads = 1;
     TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
