@@ -157,7 +157,7 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
         dual.assign(m.nrows, 0.0);
         return true;
     }
-    void* h = trvo::highs_new_quiet();
+    void* h = trvo::highs_reuse_quiet();
     if (!h) return false;
     int th = trvo::highs_solve_begin(1, &prob->interrupt);
     Highs_setIntOptionValue(h, "threads", th);
@@ -173,7 +173,7 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
         dual.assign(m.nrows, 0.0);
         for (int i = 0; i < ny; ++i) dual[rows[i]] = sense * cv[i];
     }
-    trvo::highs_release(h);
+    trvo::highs_recycle(h);
     trvo::highs_solve_end(&prob->interrupt);
     return ok;
 }
