@@ -95,6 +95,33 @@ PyObject* con_new() {
     return c;
 }
 
+PyObject* new_con_list(Py_ssize_t n, const char* qrtype, const double* rhs, const double* rng) {
+    PyRef list(PyList_New(n));
+    if (!list || n == 0) return list.release();
+    uint64_t serial = next_con_serials(static_cast<uint64_t>(n));
+    const size_t size = static_cast<size_t>(ConstraintType.tp_basicsize);
+    for (Py_ssize_t i = 0; i < n; ++i, ++serial) {
+        // The generic allocation without its zero fill and type tests: both fields are set here.
+        PyObject* c = static_cast<PyObject*>(PyObject_Malloc(size));
+        if (!c) return PyErr_NoMemory();  // the list's remaining null items are skipped when it goes
+        PyObject_Init(c, &ConstraintType);
+        ConstraintObject* con = as_con(c);
+        con->word = serial & CON_SERIAL_MASK;  // codes 0: bounds -1e20 and 1e20
+        con->body = nullptr;
+        PyList_SET_ITEM(list.get(), i, c);
+        if (!qrtype || !rhs) continue;
+        double r = rhs[i];
+        switch (qrtype[i]) {
+            case 'E': con_set_lb(&con->word, r); con_set_ub(&con->word, r); break;
+            case 'G': con_set_lb(&con->word, r); break;
+            case 'L': con_set_ub(&con->word, r); break;
+            case 'R': con_set_lb(&con->word, r - (rng ? rng[i] : 0.0)); con_set_ub(&con->word, r); break;
+            default: break;
+        }
+    }
+    return list.release();
+}
+
 // ---------------------------------------------------------------- comparison builder
 
 namespace {

@@ -131,6 +131,40 @@ PyObject* new_var() {
     return v;
 }
 
+PyObject* new_var_list(Py_ssize_t n, const double* lb, const double* ub, const char* types) {
+    PyRef list(PyList_New(n));
+    if (!list || n == 0) return list.release();
+    uint64_t serial = next_var_serials(static_cast<uint64_t>(n));
+    const size_t size = static_cast<size_t>(VarType.tp_basicsize);
+    for (Py_ssize_t i = 0; i < n; ++i, ++serial) {
+        // The generic allocation without its zero fill and type tests: the one field is set here.
+        PyObject* v = static_cast<PyObject*>(PyObject_Malloc(size));
+        if (!v) {
+            // The list's remaining items are still null, which list deallocation skips.
+            return PyErr_NoMemory();
+        }
+        PyObject_Init(v, &VarType);
+        as_var(v)->word = serial & VAR_SERIAL_MASK;
+        PyList_SET_ITEM(list.get(), i, v);
+        uint64_t* word = &as_var(v)->word;
+        if (lb && lb[i] != 0.0) var_set_lb(word, lb[i]);
+        if (ub && ub[i] < INF) var_set_ub(word, ub[i]);
+        if (types) {
+            uint64_t code;
+            switch (types[i]) {
+                case 'B': code = 1; break;
+                case 'I': code = 2; break;
+                case 'S': code = 3; break;
+                case 'R': code = 4; break;
+                case 'P': code = 5; break;
+                default: code = 0;
+            }
+            *word |= code << TYPE_SHIFT;
+        }
+    }
+    return list.release();
+}
+
 // ---------------------------------------------------------------- arithmetic
 
 namespace {

@@ -78,6 +78,13 @@ public:
     }
     // The value of key, inserting V() when absent (may throw std::bad_alloc when growing).
     V& operator[](uint64_t key);
+    // Inserts a key known to be absent (a fresh serial), without looking it up first (may
+    // throw std::bad_alloc when growing).
+    void insert_absent(uint64_t key, const V& value) {
+        if ((count_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 16 : slots_.size() * 2);
+        ++count_;
+        place(key, value);
+    }
     size_t erase(uint64_t key) {
         Slot* s = lookup(key);
         if (!s) return 0;

@@ -534,6 +534,26 @@ int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sort
     return 0;
 }
 
+int append_new_objects(PyObject* list, IndexMap* map, PyObject* made, int first_index, const char* message) {
+    const Py_ssize_t n = PyList_GET_SIZE(made);
+    const size_t before = map->size();
+    try {
+        map->reserve(before + static_cast<size_t>(n));
+        for (Py_ssize_t i = 0; i < n; ++i)
+            map->insert_absent(object_key(PyList_GET_ITEM(made, i)), first_index + static_cast<int>(i));
+    } catch (const std::bad_alloc&) {
+        for (Py_ssize_t i = 0; i < n && map->size() > before; ++i) map->erase(object_key(PyList_GET_ITEM(made, i)));
+        PyErr_SetString(ModelError, message);
+        return -1;
+    }
+    const Py_ssize_t len = PyList_GET_SIZE(list);
+    if (PyList_SetSlice(list, len, len, made) < 0) {
+        for (Py_ssize_t i = 0; i < n; ++i) map->erase(object_key(PyList_GET_ITEM(made, i)));
+        return -1;
+    }
+    return 0;
+}
+
 PyObject* problem_addVariable(PyObject* self, PyObject* args) {
     if (!args) {
         PyErr_SetString(ModelError, BAD_NESTING);

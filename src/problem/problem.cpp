@@ -451,30 +451,17 @@ int load_from_library(ProblemObject* p) {
             return -1;
         }
         if (fetch_names(2, ncols, names) < 0) return -1;
+        // Objects made in one pass, named in another, mapped in a third.
+        PyRef made(alloc_guard(nullptr, [&] { return new_var_list(ncols, lb.data(), ub.data(), ct.data()); }));
+        if (!made) return -1;
         for (int i = 0; i < ncols; ++i) {
-            PyRef v(new_var());
             PyRef name(PyUnicode_FromString(names[i].c_str()));
-            if (!v || !name) {
-                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Could not read problem");
+            if (!name) return -1;
+            uint64_t* word = &reinterpret_cast<VarObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status("Could not read problem", [&] { var_set_name(word, name.get()); return 0; }) < 0)
                 return -1;
-            }
-            uint64_t* word = &reinterpret_cast<VarObject*>(v.get())->word;
-            var_set_name(word, name.get());
-            var_set_lb(word, lb[i]);
-            var_set_ub(word, ub[i]);
-            uint64_t code = 0;
-            switch (ct[i]) {
-                case 'B': code = 1; break;
-                case 'I': code = 2; break;
-                case 'S': code = 3; break;
-                case 'R': code = 4; break;
-                case 'P': code = 5; break;
-                default: code = 0;
-            }
-            *word = (*word & ~(uint64_t(7) << 60)) | (code << 60);
-            if (PyList_Append(p->vars, v.get()) < 0) return -1;
-            (*p->colmap)[var_serial(v.get())] = i;
         }
+        if (append_new_objects(p->vars, p->colmap, made.get(), 0, "Could not read problem") < 0) return -1;
     }
     if (nrows > 0) {
         std::vector<double> rhs(nrows), rng(nrows);
@@ -485,25 +472,16 @@ int load_from_library(ProblemObject* p) {
             return -1;
         }
         if (fetch_names(1, nrows, names) < 0) return -1;
+        PyRef made(alloc_guard(nullptr, [&] { return new_con_list(nrows, rt.data(), rhs.data(), rng.data()); }));
+        if (!made) return -1;
         for (int i = 0; i < nrows; ++i) {
-            PyRef c(con_new());
             PyRef name(PyUnicode_FromString(names[i].c_str()));
-            if (!c || !name) {
-                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Cannot read constraint from problem");
+            if (!name) return -1;
+            uint64_t* word = &reinterpret_cast<ConstraintObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status("Cannot read constraint from problem", [&] { con_set_name(word, name.get()); return 0; }) < 0)
                 return -1;
-            }
-            uint64_t* word = &reinterpret_cast<ConstraintObject*>(c.get())->word;
-            con_set_name(word, name.get());
-            switch (rt[i]) {
-                case 'E': con_set_lb(word, rhs[i]); con_set_ub(word, rhs[i]); break;
-                case 'G': con_set_lb(word, rhs[i]); break;
-                case 'L': con_set_ub(word, rhs[i]); break;
-                case 'R': con_set_lb(word, rhs[i] - rng[i]); con_set_ub(word, rhs[i]); break;
-                default: break;
-            }
-            if (PyList_Append(p->cons, c.get()) < 0) return -1;
-            (*p->rowmap)[con_serial(c.get())] = i;
         }
+        if (append_new_objects(p->cons, p->rowmap, made.get(), 0, "Cannot read constraint from problem") < 0) return -1;
     }
     if (nsets > 0) {
         if (fetch_names(3, nsets, names) < 0) return -1;

@@ -125,6 +125,10 @@ PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw);
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw);
 // Removes the given (sorted, unique) positions from a list and renumbers its map.
 int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sorted);
+// Appends the objects of made (a list of new objects with fresh serials) to list and maps them
+// to first_index, first_index + 1, ... in one pass; 0, or -1 with ModelError message set and
+// nothing appended.
+int append_new_objects(PyObject* list, IndexMap* map, PyObject* made, int first_index, const char* message);
 
 // ------------------------------------------------------------------ objective/solve (problem/objective_solve.cpp)
 PyObject* problem_setObjective(PyObject* self, PyObject* args, PyObject* kw);
