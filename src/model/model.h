@@ -280,6 +280,12 @@ void con_set_lb(uint64_t* word, double v);
 void con_set_ub(uint64_t* word, double v);
 void con_set_name(uint64_t* word, PyObject* name);
 PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
+// The body of a constraint (borrowed; null for a constraint without body). A linear body that
+// only the constraint held is released once its row is in a problem and made again from the
+// row when asked for (problem/detached_bodies.cpp), so c->body is read through this: 0, or -1
+// with an exception set. con_body_linked() tells a released body.
+int con_body(PyObject* c, PyObject** body);
+bool con_body_linked(PyObject* c);
 // As var_default_name_text, for a constraint's default name "R%d".
 bool con_default_name_text(uint64_t word, char* buf);
 // The rich comparison of every modelling type: builds a constraint.

@@ -12,6 +12,9 @@ namespace ll {
 
 Args::Args(PyObject* self, PyObject* args, PyObject* kw, const char* method, std::initializer_list<const char*> names)
     : p(as_prob(self)) {
+    // A method that may change rows or columns first gives the constraints their bodies back,
+    // however it was reached (also as problem.method(p, ...)).
+    if (p->detached > 0 && std::strncmp(method, "get", 3) != 0 && restore_bodies(p) < 0) return;
     const char* nm[32];
     bool req[32];
     for (const char* s : names) {

@@ -73,6 +73,7 @@ PyObject* problem_alloc(PyTypeObject* type) {
     p->userfuncs = nullptr;
     p->obj_row = -1;
     p->obj_col = -1;
+    p->detached = 0;
     if (state.module) Py_INCREF(state.module);
     return self;
 }
@@ -150,6 +151,8 @@ void release_userfuncs(ProblemObject* p) {
 }
 
 void clear_lists_and_maps(ProblemObject* p) {
+    // The constraints leave the problem with their bodies.
+    if (restore_bodies(p) < 0) PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(p));
     for (PyObject* l : {p->vars, p->cons, p->sets})
         if (l) PyList_SetSlice(l, 0, PyList_GET_SIZE(l), nullptr);
     for (IndexMap* m : {p->colmap, p->rowmap, p->setmap})
@@ -311,6 +314,13 @@ PyObject* problem_new(PyTypeObject* type, PyObject* args, PyObject* kw) {
 void problem_dealloc(PyObject* self) {
     ProblemObject* p = as_prob(self);
     if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
+    if (p->detached > 0 && p->prob) {
+        // The constraints outlive the problem: they get their bodies back from the rows first.
+        PyObject *t, *v, *tb;
+        PyErr_Fetch(&t, &v, &tb);
+        if (restore_bodies(p) < 0) PyErr_WriteUnraisable(self);
+        PyErr_Restore(t, v, tb);
+    }
     release_userfuncs(p);
     if (p->prob) callback_exception_discard(p->prob);
     destroy_library_problems(p);
@@ -756,6 +766,7 @@ void problem_type_init() {
         "Raises ModelError for invalid arguments and SolverError when the library cannot create the problem.";
     t.tp_new = problem_new;
     t.tp_dealloc = problem_dealloc;
+    t.tp_getattro = problem_getattro;
     t.tp_str = problem_str;
     t.tp_methods = method_table.data();
     t.tp_getset = getset;
