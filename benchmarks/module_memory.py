@@ -4,7 +4,8 @@ Builds each model (the builders of benchmarks/build_solve.py) in a fresh process
 per column and per row:
   - the Python allocations still held after building (tracemalloc: var, constraint and body
     objects, term maps, the problem's lists, names) and, of those, what sys.getsizeof sees of
-    the variable objects, the constraint objects and their bodies;
+    the variable objects, the constraint objects and their bodies (bodies as read back: a body
+    released to its row is made again for the count, after the other figures are taken);
   - the C heap (glibc's mallinfo2: the engine's store, the problem's serial maps, the side
     tables of bounds and names);
   - the growth of the peak resident set.
@@ -89,7 +90,7 @@ def main():
     styles = option("--styles", "list,array").split(",")
     env = dict(os.environ)
     root = os.path.dirname(HERE)
-    env["PYTHONPATH"] = os.pathsep.join(filter(None, [root, env.get("PYTHONPATH")]))
+    env["PYTHONPATH"] = os.pathsep.join(filter(None, [env.get("PYTHONPATH"), root]))  # a given tarvo first
     print("bytes per column + row (items); python = retained Python allocations, of which var / con / body "
           "objects by getsizeof; heap = C heap (engine store, maps, side tables); rss = peak growth")
     print("%-10s %-6s %8s %8s %8s %7s %7s %7s %8s %8s" % (
