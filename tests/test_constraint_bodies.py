@@ -119,6 +119,26 @@ class TestQueriesAfterTheProblemChanges:
         assert p.getConstraint() == keep
         assert p.attributes.rows == len(keep)
 
+    def test_batches_added_between_changes(self):
+        xs = [tv.var(name="y%d" % i) for i in range(10)]
+        p = tv.problem(xs)
+        rows, before = [], {}
+        for k in range(6):
+            batch = random_rows(xs, 7 + k, seed=100 + k)
+            before.update((id(c), snapshot(c)) for c in batch)
+            for c in batch[::2]:
+                p.addConstraint(c)  # single rows and ...
+            p.addConstraint(batch[1::2])  # ... a list, between changes of earlier rows
+            rows += batch[::2] + batch[1::2]
+            p.chgcoef(rows[len(rows) // 2], xs[k], 1.5 + k)
+            if k % 2:
+                p.delConstraint(rows.pop(0))
+        assert [snapshot(c) for c in rows] == [before[id(c)] for c in rows]
+        assert p.getConstraint() == rows
+        del p
+        gc.collect()
+        assert [snapshot(c) for c in rows] == [before[id(c)] for c in rows]
+
     def test_copy_reset_reload_and_free(self, model, tmp_path):
         p, xs, rows, before = model
         q = p.copy()

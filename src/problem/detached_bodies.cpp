@@ -11,6 +11,8 @@
 #include "model/model.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <utility>
 #include <cstring>
 #include <vector>
 
@@ -105,6 +107,7 @@ int con_body(PyObject* c, PyObject** body) {
 
 void detach_bodies(ProblemObject* p, Py_ssize_t from) {
     const Py_ssize_t n = PyList_GET_SIZE(p->cons);
+    if (from < n && (p->detached == 0 || from < p->detached_from)) p->detached_from = from;
     for (Py_ssize_t i = from; i < n; ++i) {
         PyObject* c = PyList_GET_ITEM(p->cons, i);
         PyObject* body = as_con(c)->body;
@@ -124,35 +127,50 @@ int restore_bodies(ProblemObject* p) {
     if (p->detached <= 0 || !p->cons) return 0;
     PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);  // may run while an error is pending (deallocation)
-    int rc = 0;
-    int nrows = 0;
+    // Only the constraints from the first released one on are looked at, and only their rows
+    // read: a problem that releases and restores a few rows at a time pays for those rows.
+    const Py_ssize_t n = PyList_GET_SIZE(p->cons);
+    std::vector<std::pair<Py_ssize_t, int>> linked;  // list position, row
+    int lo = INT32_MAX, hi = -1, nrows = 0;
+    bool read = TRVOgetintattrib(p->prob, 1124, &nrows) == 0;
+    auto scan = [&](Py_ssize_t first) {
+        linked.clear();
+        lo = INT32_MAX, hi = -1;
+        for (Py_ssize_t i = first; i < n; ++i) {
+            PyObject* c = PyList_GET_ITEM(p->cons, i);
+            if (!con_body_linked(c) || linked_problem(as_con(c)) != p) continue;
+            auto it = p->rowmap->find(con_serial(c));
+            int row = it == p->rowmap->end() || it->second >= nrows ? -1 : it->second;
+            linked.emplace_back(i, row);
+            if (row >= 0) lo = std::min(lo, row), hi = std::max(hi, row);
+        }
+    };
+    scan(std::max<Py_ssize_t>(0, std::min(p->detached_from, n)));
+    if (static_cast<Py_ssize_t>(linked.size()) < p->detached) scan(0);  // not expected: look everywhere
     int64_t total = 0;
     std::vector<int64_t> start;
     std::vector<int> cols;
     std::vector<double> vals;
-    bool read = TRVOgetintattrib(p->prob, 1124, &nrows) == 0 &&
-                (nrows == 0 || TRVOgetrows64(p->prob, nullptr, nullptr, nullptr, 0, &total, 0, nrows - 1) == 0);
-    if (read && nrows > 0) {
+    if (read && hi >= 0) {
+        read = TRVOgetrows64(p->prob, nullptr, nullptr, nullptr, 0, &total, lo, hi) == 0;
         try {
-            start.resize(static_cast<size_t>(nrows) + 1);
+            start.resize(static_cast<size_t>(hi - lo) + 2);
             cols.resize(static_cast<size_t>(total));
             vals.resize(static_cast<size_t>(total));
         } catch (const std::bad_alloc&) {
             read = false;
         }
-        read = read && TRVOgetrows64(p->prob, start.data(), cols.data(), vals.data(), total, &total, 0, nrows - 1) == 0;
+        read = read && TRVOgetrows64(p->prob, start.data(), cols.data(), vals.data(), total, &total, lo, hi) == 0;
     }
-    const Py_ssize_t n = PyList_GET_SIZE(p->cons);
-    for (Py_ssize_t i = 0; i < n && p->detached > 0; ++i) {
+    int rc = 0;
+    for (const auto& [i, row] : linked) {
         PyObject* c = PyList_GET_ITEM(p->cons, i);
-        if (!con_body_linked(c) || linked_problem(as_con(c)) != p) continue;
-        auto it = p->rowmap->find(con_serial(c));
-        if (!read || it == p->rowmap->end() || it->second >= nrows) {
+        if (!read || row < 0) {
             drop_link(p, c);
             rc = -1;
             continue;
         }
-        size_t r = static_cast<size_t>(it->second);
+        size_t r = static_cast<size_t>(row - lo);
         if (rebuild(p, c, cols.data() + start[r], vals.data() + start[r], start[r + 1] - start[r]) < 0) {
             PyErr_Clear();
             drop_link(p, c);
@@ -160,6 +178,7 @@ int restore_bodies(ProblemObject* p) {
         }
     }
     p->detached = 0;
+    p->detached_from = n;
     PyErr_Restore(type, value, tb);
     if (rc < 0 && !PyErr_Occurred())
         PyErr_SetString(InterfaceError, "Internal error: the rows of some constraints could not be read");

@@ -74,6 +74,7 @@ PyObject* problem_alloc(PyTypeObject* type) {
     p->obj_row = -1;
     p->obj_col = -1;
     p->detached = 0;
+    p->detached_from = 0;
     if (state.module) Py_INCREF(state.module);
     return self;
 }

@@ -40,6 +40,7 @@ struct ProblemObject {
     int obj_row;          // objective transfer row, -1 when none
     int obj_col;          // objective transfer column, -1 when none
     Py_ssize_t detached;  // constraints whose body was released to their row (detached_bodies.cpp)
+    Py_ssize_t detached_from;  // no constraint before this list position has a released body
 };
 
 // Problem methods contributed by the subsystems (sentinel-terminated tables), assembled into
