@@ -33,7 +33,7 @@ inline ProblemObject* linked_problem(const ConstraintObject* c) {
 // The expression of one row: the variables of its columns with their coefficients, ordered by
 // serial as every term map is. A new reference, or null with an exception set.
 PyObject* row_expression(ProblemObject* p, const int* cols, const double* vals, int64_t n) {
-    PyRef e(expr_new());
+    PyRef e(expr_new_sized(static_cast<size_t>(n)));
     if (!e) return nullptr;
     std::vector<LinEntry> terms(static_cast<size_t>(n));
     const Py_ssize_t nvars = PyList_GET_SIZE(p->vars);
@@ -46,12 +46,12 @@ PyObject* row_expression(ProblemObject* p, const int* cols, const double* vals, 
     }
     std::sort(terms.begin(), terms.end(),
               [](const LinEntry& a, const LinEntry& b) { return var_serial(a.first) < var_serial(b.first); });
-    auto* map = new LinearMap();
-    as_expr(e.get())->linear = map;
-    map->reserve(terms.size());
+    ExpressionObject* x = as_expr(e.get());
+    x->linear = &x->linear_store;
+    x->linear->reserve(terms.size());
     for (const LinEntry& t : terms) {
         Py_INCREF(t.first);
-        map->emplace_hint(map->end(), t.first, t.second);
+        x->linear->append_sorted(t.first, t.second);
     }
     return e.release();
 }
