@@ -658,7 +658,7 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->limit.swap(scratch.limit); p->coltype.swap(scratch.coltype);
     p->objconst = scratch.objconst; p->objsense = scratch.objsense;
     p->rowtype.swap(scratch.rowtype); p->rhs.swap(scratch.rhs); p->range.swap(scratch.range);
-    p->matrix.swap(scratch.matrix); p->nnz = scratch.nnz;
+    p->matrix.swap(scratch.matrix);
     p->qobj.swap(scratch.qobj);
     p->rownames = std::move(scratch.rownames);
     p->colnames = std::move(scratch.colnames);
@@ -693,7 +693,7 @@ std::shared_ptr<ModelSnapshot> snapshot_model(TRVOprob p) {
     s.lb = p->lb; s.ub = p->ub; s.obj = p->obj; s.limit = p->limit; s.coltype = p->coltype;
     s.objconst = p->objconst; s.objsense = p->objsense;
     s.rowtype = p->rowtype; s.rhs = p->rhs; s.range = p->range;
-    s.matrix = p->matrix; s.nnz = p->nnz;
+    s.matrix = p->matrix;
     s.qobj = p->qobj; s.qrows = p->qrows; s.sets = p->sets; s.indicators = p->indicators;
     s.gencons = p->gencons; s.pwlcons = p->pwlcons;
     s.rownames = p->rownames; s.colnames = p->colnames; s.setnames = p->setnames;
@@ -710,7 +710,7 @@ void restore_model(TRVOprob p, ModelSnapshot& snap) {
     p->coltype.swap(s.coltype);
     p->objconst = s.objconst; p->objsense = s.objsense;
     p->rowtype.swap(s.rowtype); p->rhs.swap(s.rhs); p->range.swap(s.range);
-    p->matrix.swap(s.matrix); p->nnz = s.nnz;
+    p->matrix.swap(s.matrix);
     p->qobj.swap(s.qobj); p->qrows.swap(s.qrows); p->sets.swap(s.sets); p->indicators.swap(s.indicators);
     p->gencons.swap(s.gencons); p->pwlcons.swap(s.pwlcons);
     p->rownames = std::move(s.rownames); p->colnames = std::move(s.colnames); p->setnames = std::move(s.setnames);
