@@ -587,49 +587,63 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
         fail("Could not read problem file %s", name.c_str());
     HighsInt ncol = Highs_getNumCol(h), nrow = Highs_getNumRow(h), nnz = Highs_getNumNz(h),
              qnz = Highs_getHessianNumNz(h);
+    // The model comes over row-wise, straight into the arrays the store keeps.
     std::vector<double> cost(static_cast<size_t>(ncol)), cl(static_cast<size_t>(ncol)),
         cu(static_cast<size_t>(ncol)), rl(static_cast<size_t>(nrow)), ru(static_cast<size_t>(nrow)),
         av(static_cast<size_t>(nnz)), qv(static_cast<size_t>(qnz));
-    std::vector<HighsInt> as(static_cast<size_t>(ncol) + 1), ai(static_cast<size_t>(nnz)),
+    std::vector<HighsInt> as(static_cast<size_t>(nrow) + 1), ai(static_cast<size_t>(nnz)),
         qs(static_cast<size_t>(ncol) + 1), qi(static_cast<size_t>(qnz)),
         integ(static_cast<size_t>(ncol), kHighsVarTypeContinuous);
     HighsInt nc, nr, nz, hz, sense;
     double offset;
-    if (Highs_getModel(h, kHighsMatrixFormatColwise, kHighsHessianFormatTriangular, &nc, &nr, &nz,
+    if (Highs_getModel(h, kHighsMatrixFormatRowwise, kHighsHessianFormatTriangular, &nc, &nr, &nz,
                        &hz, &sense, &offset, cost.data(), cl.data(), cu.data(), rl.data(),
                        ru.data(), as.data(), ai.data(), av.data(), qs.data(), qi.data(), qv.data(),
                        integ.data()) == kHighsStatusError)
         fail("Could not read the model of %s", name.c_str());
-    as[static_cast<size_t>(ncol)] = nnz;
-    std::vector<char> rtype(static_cast<size_t>(nrow));
-    std::vector<double> rhs(static_cast<size_t>(nrow)), range(static_cast<size_t>(nrow), 0.0);
+    trvo_problem_s scratch;  // a failure leaves the target untouched
+    scratch.magic = kProblemMagic;
+    scratch.rowtype.resize(static_cast<size_t>(nrow));
+    scratch.rhs.resize(static_cast<size_t>(nrow));
+    scratch.range.assign(static_cast<size_t>(nrow), 0.0);
     for (HighsInt i = 0; i < nrow; ++i) {
         size_t s = static_cast<size_t>(i);
+        char& t = scratch.rowtype[s];
+        double& rhs = scratch.rhs[s];
         bool lo = std::isfinite(rl[s]) && rl[s] > -kInf, up = std::isfinite(ru[s]) && ru[s] < kInf;
-        if (!lo && !up) { rtype[s] = 'N'; rhs[s] = 0; }
-        else if (lo && up && rl[s] == ru[s]) { rtype[s] = 'E'; rhs[s] = ru[s]; }
-        else if (!lo) { rtype[s] = 'L'; rhs[s] = ru[s]; }
-        else if (!up) { rtype[s] = 'G'; rhs[s] = rl[s]; }
-        else { rtype[s] = 'R'; rhs[s] = ru[s]; range[s] = ru[s] - rl[s]; }
+        if (!lo && !up) { t = 'N'; rhs = 0; }
+        else if (lo && up && rl[s] == ru[s]) { t = 'E'; rhs = ru[s]; }
+        else if (!lo) { t = 'L'; rhs = ru[s]; }
+        else if (!up) { t = 'G'; rhs = rl[s]; }
+        else { t = 'R'; rhs = ru[s]; scratch.range[s] = ru[s] - rl[s]; }
     }
+    rl = std::vector<double>();
+    ru = std::vector<double>();
     for (auto& v : cl) if (v <= -kInf) v = -kInf;
     for (auto& v : cu) if (v >= kInf) v = kInf;
-    std::vector<int64_t> starts(as.begin(), as.end());
-    std::vector<int> rows(ai.begin(), ai.end());
-    // Build into a scratch problem so that a failure leaves the target untouched.
-    trvo_problem_s scratch;
-    scratch.magic = kProblemMagic;
-    load_problem(&scratch, "", ncol, nrow, rtype.data(), rhs.data(), range.data(), cost.data(),
-                 starts.data(), nullptr, rows.data(), av.data(), cl.data(), cu.data());
+    for (HighsInt k = 0; k < nnz; ++k)
+        if (ai[static_cast<size_t>(k)] < 0 || ai[static_cast<size_t>(k)] >= ncol ||
+            !std::isfinite(av[static_cast<size_t>(k)]))
+            fail("Could not read the model of %s: invalid matrix entry", name.c_str());
+    static_assert(sizeof(HighsInt) == sizeof(int), "the store's column indices are HiGHS's");
+    if (!scratch.matrix.adopt(static_cast<size_t>(nrow), as.data(), std::move(ai), std::move(av)))
+        fail("Could not read the model of %s: invalid matrix starts", name.c_str());
+    scratch.lb.swap(cl);
+    scratch.ub.swap(cu);
+    scratch.obj.swap(cost);
+    scratch.limit.assign(static_cast<size_t>(ncol), 0.0);
+    scratch.coltype.assign(static_cast<size_t>(ncol), 'C');
+    scratch.rownames.resize(static_cast<size_t>(nrow));
+    scratch.colnames.resize(static_cast<size_t>(ncol));
     for (HighsInt j = 0; j < ncol; ++j) {
         size_t s = static_cast<size_t>(j);
         switch (integ[s]) {
             case kHighsVarTypeInteger:
-                scratch.coltype[s] = (cl[s] == 0 && cu[s] == 1) ? 'B' : 'I';
+                scratch.coltype[s] = (scratch.lb[s] == 0 && scratch.ub[s] == 1) ? 'B' : 'I';
                 break;
             case kHighsVarTypeSemiContinuous: case kHighsVarTypeSemiInteger:
                 scratch.coltype[s] = integ[s] == kHighsVarTypeSemiContinuous ? 'S' : 'R';
-                scratch.limit[s] = cl[s];
+                scratch.limit[s] = scratch.lb[s];
                 scratch.lb[s] = 0;
                 break;
         }

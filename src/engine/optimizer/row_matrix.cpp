@@ -46,6 +46,13 @@ int64_t RowMatrix::grow_arrays(int64_t n) {
 
 void RowMatrix::add_rows(size_t count) {
     const int64_t s = static_cast<int64_t>(idx_.size());
+    const size_t need = size() + count;
+    if (need > start_.capacity()) {
+        const size_t c = std::max(need, start_.capacity() + start_.capacity() / 2);
+        start_.reserve(c);
+        len_.reserve(c);
+        cap_.reserve(c);
+    }
     start_.insert(start_.end(), count, s);
     len_.insert(len_.end(), count, 0);
     cap_.insert(cap_.end(), count, 0);
@@ -89,6 +96,34 @@ void RowMatrix::append_row(const int* cols, const double* vals, size_t n) {
     used_ += len;
     nnz_ += len;
     if (len > 0) last_slotted_ = static_cast<int64_t>(size()) - 1;
+}
+
+bool RowMatrix::adopt(size_t nrows, const int* starts, std::vector<int>&& cols, std::vector<double>&& vals) {
+    const int64_t total = static_cast<int64_t>(cols.size());
+    if (vals.size() != cols.size()) return false;
+    for (size_t i = 0; i < nrows; ++i) {
+        const int64_t b = starts[i], e = i + 1 < nrows ? starts[i + 1] : total;
+        if (b < 0 || e < b || e > total || (i == 0 && b != 0)) return false;
+    }
+    if (nrows == 0 && total != 0) return false;
+    RowMatrix m;
+    m.idx_.swap(cols);
+    m.val_.swap(vals);
+    m.start_.resize(nrows);
+    m.len_.resize(nrows);
+    m.cap_.resize(nrows);
+    for (size_t i = 0; i < nrows; ++i) {
+        const int64_t b = starts[i], e = i + 1 < nrows ? starts[i + 1] : total;
+        m.start_[i] = b;
+        m.cap_[i] = static_cast<int>(e - b);
+        m.len_[i] = canonical(m.idx_.data() + b, m.val_.data() + b, m.cap_[i]);
+        m.nnz_ += m.len_[i];
+    }
+    m.used_ = total;
+    m.find_last_slotted();
+    m.pack();
+    swap(m);
+    return true;
 }
 
 void RowMatrix::reserve_row(size_t i, int64_t need) {

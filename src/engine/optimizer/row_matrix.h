@@ -78,6 +78,10 @@ public:
     // are summed and zeros dropped. Columns must be greater than every column already stored.
     void append_columns(int first, int ncols, const int64_t* start, const int* count,
                         int64_t total, const int* rows, const double* vals);
+    // Replaces the content by nrows rows in CSR arrays taken over without a copy: row i holds
+    // entries [starts[i], starts[i + 1]) (the last row ends at cols.size()); rows need not be
+    // sorted. Returns false, changing nothing, when the starts are not valid.
+    bool adopt(size_t nrows, const int* starts, std::vector<int>&& cols, std::vector<double>&& vals);
     // Sets one coefficient (0 removes it).
     void set(size_t i, int j, double v);
     // Removes the marked rows (drop[i] != 0), keeping the order of the others.

@@ -33,6 +33,14 @@ void check_starts(const int64_t* start, const int* count, int n, int64_t total, 
     }
 }
 
+// Makes room for n more elements: exactly what one large addition needs, geometric growth for
+// repeated small ones (so that a column or row at a time stays O(1) amortised).
+template <class V>
+void make_room(V& v, size_t n) {
+    const size_t need = v.size() + n;
+    if (need > v.capacity()) v.reserve(std::max(need, v.capacity() + v.capacity() / 2));
+}
+
 }  // namespace
 
 void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
@@ -43,6 +51,9 @@ void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
         if (std::isnan(l) || std::isnan(u)) fail("Bound of new column %d is NaN", j);
         if (obj && std::isnan(obj[j])) fail("Objective coefficient of new column %d is NaN", j);
     }
+    const size_t n = static_cast<size_t>(ncols);
+    make_room(p->lb, n); make_room(p->ub, n); make_room(p->obj, n); make_room(p->limit, n);
+    make_room(p->coltype, n);
     for (int j = 0; j < ncols; ++j) {
         p->lb.push_back(lb ? lb[j] : 0.0);
         p->ub.push_back(ub ? ub[j] : kInf);
@@ -66,6 +77,8 @@ static void check_new_rows(int nrows, const char* type, const double* rhs, const
 
 // Appends the rows' types, sides and names (their matrix rows are added by the caller).
 static void push_rows(TRVOprob p, int nrows, const char* type, const double* rhs, const double* range) {
+    const size_t n = static_cast<size_t>(nrows);
+    make_room(p->rowtype, n); make_room(p->rhs, n); make_room(p->range, n);
     for (int i = 0; i < nrows; ++i) {
         p->rowtype.push_back(type[i]);
         p->rhs.push_back(rhs ? rhs[i] : 0.0);
