@@ -506,6 +506,71 @@ size_t check_problem_file(const std::string& name, bool lp, bool* engine_section
     bool in_comment = false;
     char chunk[65536];
     size_t got;
+    if (!lp) {
+        // MPS: only the first word of each line matters (sections open at the line's start,
+        // data lines start blank), so lines are found with memchr and only their start read.
+        std::string partial;  // a line running over the end of a chunk
+        auto line = [&](const char* s, size_t n) {
+            longest = std::max(longest, n);
+            ++lineno;
+            first.clear();
+            if (n == 0 || s[0] == '*' || s[0] == ' ' || (s[0] >= '\t' && s[0] <= '\r')) return;
+            size_t e = 0;
+            while (e < n && e < 20 && !(s[e] == ' ' || (s[e] >= '\t' && s[e] <= '\r'))) ++e;
+            first.assign(s, e);
+        };
+        auto section = [&]() -> bool {  // false: an unknown section (f is closed)
+            if (first.empty() || nonlinear) return true;
+            if (!highs_mps_section(first)) *engine_sections = true;
+            if (first == "ENDATA") endata = true;
+            else if (first == kNonlinearSection) nonlinear = true;
+            else if (first == "ROWS") rows = true;
+            else if (!known_mps_section(first)) return false;
+            return true;
+        };
+        while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+            if (std::memchr(chunk, '\0', got)) {
+                std::fclose(f);
+                fail("%s is not a text problem file (it holds binary data)", name.c_str());
+            }
+            const char* p = chunk;
+            const char* end = chunk + got;
+            while (p < end) {
+                const char* nl = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+                if (!nl) {
+                    partial.append(p, static_cast<size_t>(end - p));
+                    break;
+                }
+                if (partial.empty()) {
+                    line(p, static_cast<size_t>(nl - p));
+                } else {
+                    partial.append(p, static_cast<size_t>(nl - p));
+                    line(partial.data(), partial.size());
+                    partial.clear();
+                }
+                if (!section()) {
+                    std::fclose(f);
+                    fail("%s: line %d opens an unknown MPS section %.20s", name.c_str(), lineno, first.c_str());
+                }
+                p = nl + 1;
+            }
+        }
+        bool failed = std::ferror(f) != 0;
+        std::fclose(f);
+        if (failed) fail("Could not read problem file %s", name.c_str());
+        // The last line, without a line end.
+        first.clear();
+        if (!partial.empty()) {
+            line(partial.data(), partial.size());
+            --lineno;
+        }
+        if (!first.empty() && !nonlinear && !highs_mps_section(first)) *engine_sections = true;
+        if (!nonlinear && first == "ENDATA") endata = true;
+        if (!endata && !nonlinear)
+            fail("%s has no ENDATA line: the MPS file is incomplete (truncated?)", name.c_str());
+        if (!rows) fail("%s has no ROWS section: it is not an MPS problem file", name.c_str());
+        return longest;
+    }
     auto end_word = [&] {
         if (word.empty()) return;
         if (!in_comment) last = word;

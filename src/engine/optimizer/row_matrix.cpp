@@ -44,15 +44,25 @@ int64_t RowMatrix::grow_arrays(int64_t n) {
     return static_cast<int64_t>(s);
 }
 
-void RowMatrix::add_rows(size_t count) {
-    const int64_t s = static_cast<int64_t>(idx_.size());
-    const size_t need = size() + count;
+void RowMatrix::reserve_more(size_t rows, int64_t entries) {
+    const size_t need = size() + rows;
     if (need > start_.capacity()) {
         const size_t c = std::max(need, start_.capacity() + start_.capacity() / 2);
         start_.reserve(c);
         len_.reserve(c);
         cap_.reserve(c);
     }
+    const size_t e = idx_.size() + static_cast<size_t>(entries);
+    if (e > idx_.capacity()) {
+        const size_t c = std::max(e, idx_.capacity() + idx_.capacity() / 2);
+        idx_.reserve(c);
+        val_.reserve(c);
+    }
+}
+
+void RowMatrix::add_rows(size_t count) {
+    const int64_t s = static_cast<int64_t>(idx_.size());
+    reserve_more(count, 0);
     start_.insert(start_.end(), count, s);
     len_.insert(len_.end(), count, 0);
     cap_.insert(cap_.end(), count, 0);
@@ -80,10 +90,11 @@ int RowMatrix::canonical(int* c, double* v, int n) {
 }
 
 void RowMatrix::append_row(const int* cols, const double* vals, size_t n) {
-    const int64_t s = grow_arrays(static_cast<int64_t>(n));
+    const int64_t s = static_cast<int64_t>(idx_.size());
     if (n) {
-        std::memcpy(idx_.data() + s, cols, n * sizeof(int));
-        std::memcpy(val_.data() + s, vals, n * sizeof(double));
+        reserve_more(0, static_cast<int64_t>(n));
+        idx_.insert(idx_.end(), cols, cols + n);
+        val_.insert(val_.end(), vals, vals + n);
     }
     int len = canonical(idx_.data() + s, val_.data() + s, static_cast<int>(n));
     if (static_cast<size_t>(len) < n) {

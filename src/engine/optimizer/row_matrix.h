@@ -70,6 +70,9 @@ public:
     void swap(RowMatrix& o);
     // Appends count empty rows.
     void add_rows(size_t count);
+    // Makes room for rows more rows holding entries more entries (exactly, for one large
+    // addition; geometrically, for repeated small ones).
+    void reserve_more(size_t rows, int64_t entries);
     // Appends one row; its entries may come in any order, repeated columns are summed and
     // zeros dropped.
     void append_row(const int* cols, const double* vals, size_t n);

@@ -99,6 +99,7 @@ void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
 // follow with store_add_rows.
 static void append_row_entries(TRVOprob p, int nrows, int64_t ncoefs, const int64_t* mstart,
                                const int* mclind, const double* dmatval) {
+    p->matrix.reserve_more(static_cast<size_t>(nrows), mstart ? ncoefs : 0);
     for (int i = 0; i < nrows; ++i) {
         int64_t b = mstart ? mstart[i] : 0, e = mstart ? list_end(mstart, nullptr, i, nrows, ncoefs) : 0;
         p->matrix.append_row(mclind + b, dmatval + b, static_cast<size_t>(e - b));
