@@ -483,6 +483,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             Highs_setCallback(h, nullptr, nullptr);
         }
     } off{h};
+    // Borrowed entries must still be the store's: a message callback run while the solve was
+    // set up may have changed the problem.
+    if (model.a_index_view && (model.a_index_view != p->matrix.cols() || model.a_value_view != p->matrix.values() ||
+                               model.nnz_view != p->matrix.nnz() || !p->matrix.packed()))
+        fail("The problem was changed while its solve was being set up");
     pass_model(h, model);
     model.release_arrays();
     p->highs_cols = model.ncol;
