@@ -207,3 +207,8 @@ def test_column_entries_repeated_within_a_column_are_summed():
     p.addcols([1.0], [0], [0, 1, 0, 1], [3.0, 2.0, 4.0, -2.0], [0.0], [1.0])
     mirror = np.array([[1.0, 0.0, 7.0], [0.0, 1.0, 0.0]])
     check(p, mirror, np.random.default_rng(0))
+    # In one call: a column whose repeated entries cancel in a row that the next column also
+    # reaches (the cancelled entry is no longer the row's last when the next one arrives).
+    p.addcols([1.0, 1.0], [0, 2], [1, 1, 1], [5.0, -5.0, 2.0], [0.0, 0.0], [1.0, 1.0])
+    mirror = np.hstack([mirror, np.array([[0.0, 0.0], [0.0, 2.0]])])
+    check(p, mirror, np.random.default_rng(0))

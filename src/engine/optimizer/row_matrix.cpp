@@ -215,7 +215,8 @@ void RowMatrix::append_columns(int first, int ncols, const int64_t* start, const
     }
     for (int j = 0; j < ncols; ++j) {
         const int col = first + j;
-        for (int64_t k = start[j], e = end_of(j); k < e; ++k) {
+        const int64_t b = start[j], e = end_of(j);
+        for (int64_t k = b; k < e; ++k) {
             if (vals[k] == 0.0) continue;
             const size_t r = static_cast<size_t>(rows[k]);
             const int n = len_[r];
@@ -229,11 +230,8 @@ void RowMatrix::append_columns(int first, int ncols, const int64_t* start, const
             ++len_[r];
             ++nnz_;
         }
-    }
-    // Repeated entries that summed to zero leave the row.
-    for (int j = 0; j < ncols; ++j) {
-        const int col = first + j;
-        for (int64_t k = start[j], e = end_of(j); k < e; ++k) {
+        // Repeated entries that summed to zero leave the row (while they are its last).
+        for (int64_t k = b; k < e; ++k) {
             const size_t r = static_cast<size_t>(rows[k]);
             const int n = len_[r];
             if (n > 0 && idx_[static_cast<size_t>(start_[r] + n - 1)] == col &&
