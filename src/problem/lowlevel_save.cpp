@@ -178,8 +178,11 @@ const PyMethodDef* save_methods() {
                                         "Return 1 when messages of this number reach the log, 0 when they are "
                                         "suppressed.")),
         LL_METHOD(setmessagestatus, DOC("setmessagestatus($self, /, errcode, status)",
-                                        "Suppress (status 0) or show (status 1) the messages of this number. Returns "
-                                        "None.")),
+                                        "Suppress (status 0) or show (status 1) the messages of this number. The "
+                                        "library's own numbers: 1 lines of the LP/MIP log, 2 lines of the tree "
+                                        "search's log, 101 nonconvex problem, 102 abandoned run, 103 quadratic rows "
+                                        "not met to tolerance, 201 a tuner run, 202 the tuner's result, 203 "
+                                        "dumpcontrols lines, 301 lines of the nonlinear solver's log. Returns None.")),
         LL_METHOD(dumpcontrols, DOC("dumpcontrols($self, /)",
                                     "Write the controls that differ from their defaults to the log. Returns None.")),
         {nullptr, nullptr, 0, nullptr},
