@@ -764,7 +764,7 @@ int problem_reload_from_library(ProblemObject* p) {
 
 void problem_type_init() {
     method_table.clear();
-    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})
+    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods(), problem_callback_methods, problem_nonlinear_methods})
         for (PyMethodDef* d = t; d->ml_name; ++d) method_table.push_back(*d);
     method_table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
     PyTypeObject& t = ProblemType;

@@ -43,7 +43,7 @@ struct ProblemObject {
 
 // Problem methods contributed by the subsystems (sentinel-terminated tables), assembled into
 // the problem type's method table by problem_type_init() at import.
-extern PyMethodDef problem_lowlevel_methods[];   // problem/lowlevel.cpp
+PyMethodDef* problem_lowlevel_methods();          // problem/lowlevel.cpp (the whole table)
 extern PyMethodDef problem_callback_methods[];   // callbacks/registry.cpp
 extern PyMethodDef problem_nonlinear_methods[];  // nonlinear/nlp_methods.cpp
 // Fills the problem type object; called once at import before the type is readied.
