@@ -12,10 +12,11 @@ Each model is built in three styles, each in a fresh process:
 - row:   one `addVariable` call per variable and one `addConstraint` call per row.
 The time printed covers building the variables, constraints and objective, loading them into
 the problem and handing the model to HiGHS (a solve with a time limit that stops HiGHS at
-once, as the native program does). `peak B/item` is the growth of the process's peak
-resident set per column + row. The native program (benchmarks/native/build_models.cpp) is
-built here with the system's C++ compiler against HiGHS from highsbox; without a compiler
-its column is skipped with a message.
+once, as the native program does), as wall time and as processor time (`cpu s`, user +
+system of all threads: the fairer figure on a shared, loaded machine; the load is printed
+first). `peak B/item` is the growth of the process's peak resident set per column + row.
+The native program (benchmarks/native/build_models.cpp) is built here with the system's C++
+compiler against HiGHS from highsbox; without a compiler its column is skipped with a message.
 
 Also printed: reading an MPS file (tarvo `read` against HiGHS's reader), 10,000 single-value
 `getSolution(v)` calls on a 1M-column model, and the row style at 100k and 1M rows (linear
@@ -183,22 +184,22 @@ def child(argv):
     if what == "build":
         kind, size = parse_model(argv[1])
         builder = {"fac": facility, "lqcp": lqcp, "basic": basic}[kind]
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         p = builder(tv, np, argv[2], *size)
         built = time.perf_counter() - start
         p.controls.maxtime = 1e-9  # HiGHS takes the model over and stops at once
         p.solve()
         total = time.perf_counter() - start
         out = {"rows": p.attributes.rows, "cols": p.attributes.cols, "build": built,
-               "seconds": total, "peak_bytes": peak_bytes() - base}
+               "seconds": total, "cpu": time.process_time() - cpu, "peak_bytes": peak_bytes() - base}
         if len(argv) > 3:  # also write it, for the reading comparison
             p.write(argv[3])
     elif what == "read":
         p = tv.problem()
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         p.read(argv[1])
-        out = {"rows": p.attributes.rows, "cols": p.attributes.cols,
-               "seconds": time.perf_counter() - start, "peak_bytes": peak_bytes() - base}
+        out = {"rows": p.attributes.rows, "cols": p.attributes.cols, "seconds": time.perf_counter() - start,
+               "cpu": time.process_time() - cpu, "peak_bytes": peak_bytes() - base}
     elif what == "rows":  # one call per row, n rows over n + 1 columns
         n = int(argv[1])
         x = [tv.var(name="") for _ in range(n + 1)]
@@ -244,11 +245,28 @@ def run_child(*args):
     return json.loads(out.stdout.strip().splitlines()[-1])
 
 
-def best_of(repeat, *args):
-    """The run with the smallest time of `repeat` runs (memory from the same run)."""
-    runs = [run_child(*args) for _ in range(repeat)]
+def fastest(runs):
+    """The run with the smallest wall time (memory from the same run), with the smallest
+    processor time of all runs beside it."""
     good = [r for r in runs if "error" not in r]
-    return min(good, key=lambda r: r["seconds"]) if good else runs[0]
+    if not good:
+        return runs[0]
+    best = dict(min(good, key=lambda r: r["seconds"]))
+    if all("cpu" in r for r in good):
+        best["cpu"] = min(r["cpu"] for r in good)
+    return best
+
+
+def best_of(repeat, *args):
+    """The fastest of `repeat` runs in fresh processes."""
+    return fastest([run_child(*args) for _ in range(repeat)])
+
+
+def load_average():
+    try:
+        return "%.2f" % os.getloadavg()[0]
+    except OSError:
+        return "unknown"
 
 
 # ----------------------------------------------------------------- native program
@@ -283,7 +301,7 @@ def run_native(exe, repeat, *args):
         if out.returncode != 0:
             return {"error": [out.stderr.strip()[-300:]]}
         runs.append(json.loads(out.stdout.strip().splitlines()[-1]))
-    return min(runs, key=lambda r: r["seconds"])
+    return fastest(runs)
 
 
 # ----------------------------------------------------------------- report
@@ -304,16 +322,18 @@ def main():
     repeat = int(option("--repeat", "1"))
     with tempfile.TemporaryDirectory() as tmp:
         exe = build_native(tmp)
-        print("%-11s %-6s %9s %9s %9s %8s %11s %8s" % (
-            "model", "style", "items", "build s", "+HiGHS s", "ratio", "peak B/item", "mem ratio"))
+        print("load: %s (1-minute average over %d processors)" % (load_average(), os.cpu_count() or 1))
+        print("%-11s %-6s %9s %9s %9s %8s %8s %9s %11s %8s" % (
+            "model", "style", "items", "build s", "+HiGHS s", "ratio", "cpu s", "cpu ratio",
+            "peak B/item", "mem ratio"))
         for name in models:
             kind, size = parse_model(name)
             native = run_native(exe, repeat, kind, *map(str, size)) if exe else None
             if native and "error" not in native:
                 items = native["rows"] + native["cols"]
-                print("%-11s %-6s %9d %9s %9.3f %8s %11.0f %8s" % (
-                    name, "native", items, "", native["seconds"], "1.00",
-                    native["peak_bytes"] / items, "1.00"))
+                print("%-11s %-6s %9d %9s %9.3f %8s %8.3f %9s %11.0f %8s" % (
+                    name, "native", items, "", native["seconds"], "1.00", native.get("cpu", float("nan")),
+                    "1.00", native["peak_bytes"] / items, "1.00"))
             elif native:
                 print("%-11s native failed: %s" % (name, native["error"]))
                 native = None
@@ -324,9 +344,11 @@ def main():
                     continue
                 items = r["rows"] + r["cols"]
                 ratio = "%.2f" % (r["seconds"] / native["seconds"]) if native else "-"
+                cpu_ratio = "%.2f" % (r["cpu"] / native["cpu"]) if native and native.get("cpu") else "-"
                 mem = "%.2f" % (r["peak_bytes"] / native["peak_bytes"]) if native else "-"
-                print("%-11s %-6s %9d %9.3f %9.3f %8s %11.0f %8s" % (
-                    name, style, items, r["build"], r["seconds"], ratio, r["peak_bytes"] / items, mem))
+                print("%-11s %-6s %9d %9.3f %9.3f %8s %8.3f %9s %11.0f %8s" % (
+                    name, style, items, r["build"], r["seconds"], ratio, r["cpu"], cpu_ratio,
+                    r["peak_bytes"] / items, mem))
             sys.stdout.flush()
         print("targets: array and list <= 2x native, row <= 3x native, memory <= 1.2x native")
         if "--skip-extras" in args:
@@ -338,12 +360,14 @@ def main():
         best_of(1, "build", "fac-%d" % G, "array", mps)
         if os.path.exists(mps):
             ours = best_of(max(repeat, 3), "read", mps)
-            line = "read fac-%d MPS: tarvo %.3f s" % (G, ours.get("seconds", float("nan")))
+            line = "read fac-%d MPS: tarvo %.3f s (cpu %.3f s)" % (
+                G, ours.get("seconds", float("nan")), ours.get("cpu", float("nan")))
             if exe:
                 theirs = run_native(exe, max(repeat, 3), "read", mps)
                 if "error" not in theirs:
-                    line += ", HiGHS reader %.3f s, ratio %.2f (target <= 1.2)" % (
-                        theirs["seconds"], ours["seconds"] / theirs["seconds"])
+                    line += ", HiGHS reader %.3f s (cpu %.3f s), ratio %.2f, cpu ratio %.2f (target <= 1.2)" % (
+                        theirs["seconds"], theirs["cpu"], ours["seconds"] / theirs["seconds"],
+                        ours["cpu"] / theirs["cpu"])
             print(line)
 
         # Single-value queries.

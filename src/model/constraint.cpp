@@ -194,14 +194,20 @@ static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
         }
         return array_compare(b, a, reflected(op));
     }
+    if (Py_TYPE(a) == &ExpressionType && is_number(b)) return expression_compare_number(a, number_value(b), op);
     PyRef body(difference(a, b));
     if (!body) return nullptr;
     PyRef c(con_new());
     if (!c) return nullptr;
     double r;
     if (!normalise_body(body, &r, &op)) return nullptr;
-    ConstraintObject* con = as_con(c.get());
-    con->body = body.release();
+    return con_bound_body(c.release(), body.release(), r, op);
+}
+
+PyObject* con_bound_body(PyObject* c, PyObject* body, double r, int op) {
+    PyRef owned(c);
+    ConstraintObject* con = as_con(c);
+    Py_XSETREF(con->body, body);
     switch (op) {
         case Py_LE: con_set_ub(&con->word, r); break;
         case Py_GE: con_set_lb(&con->word, r); break;
@@ -218,7 +224,7 @@ static PyObject* constraint_compare_body(PyObject* a, PyObject* b, int op) {
             PyErr_SetString(ModelError, "Invalid constraint: unrecognized comparison operator");
             return nullptr;
     }
-    return c.release();
+    return owned.release();
 }
 
 PyObject* constraint_compare(PyObject* a, PyObject* b, int op) {

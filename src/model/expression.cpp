@@ -1,7 +1,11 @@
 // The linear-plus-quadratic expression: a constant and two serial-ordered term maps.
 #include "model/algebra.h"
 
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <new>
 
 namespace tarvo {
 
@@ -9,7 +13,7 @@ namespace {
 
 LinearMap& linear_part(PyObject* e) {
     ExpressionObject* x = as_expr(e);
-    if (!x->linear) x->linear = new LinearMap();
+    if (!x->linear) x->linear = &x->linear_store;
     return *x->linear;
 }
 
@@ -20,37 +24,10 @@ void quad_add(PyObject* e, PyObject* x, PyObject* y, double c) {
     if (var_serial(y) < var_serial(x)) std::swap(x, y);
     if (!ex->quadratic) ex->quadratic = new QuadraticMap();
     if (!ex->quadratic_vars) ex->quadratic_vars = new SerialSet();
-    // Sums over fresh variables append past the largest key: insert with an end hint then, so
-    // that building a large quadratic part costs no tree search per term.
-    QuadraticMap& q = *ex->quadratic;
-    bool past_end = q.empty() || var_serial(q.rbegin()->first) < var_serial(x);
-    auto it = past_end ? q.end() : q.lower_bound(x);
-    bool new_outer = it == q.end() || var_serial(it->first) != var_serial(x);
-    if (new_outer) {
-        it = q.emplace_hint(it, x, LinearMap());
-        Py_INCREF(x);
-    }
-    size_t before = it->second.size();
-    try {
-        lin_add(it->second, y, c);
-        // Every variable that enters the quadratic part is remembered; one that already has its
-        // entry was remembered when the entry was made (a wrong end hint only costs a search).
-        if (new_outer) ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(x));
-        if (it->second.size() > before && var_serial(y) != var_serial(x))
-            ex->quadratic_vars->insert(ex->quadratic_vars->end(), var_serial(y));
-    } catch (...) {
-        if (it->second.empty()) {  // keep inner maps non-empty
-            PyObject* key = it->first;
-            q.erase(it);
-            Py_DECREF(key);
-        }
-        throw;
-    }
-    if (it->second.empty()) {
-        PyObject* key = it->first;
-        q.erase(it);
-        Py_DECREF(key);
-    }
+    ex->quadratic->add(x, y, c);
+    // Every variable that enters the quadratic part is remembered (a set: repeats are free).
+    ex->quadratic_vars->insert(var_serial(x));
+    if (y != x) ex->quadratic_vars->insert(var_serial(y));
 }
 
 size_t term_count(PyObject* e) {
@@ -58,13 +35,14 @@ size_t term_count(PyObject* e) {
     return (x->linear ? x->linear->size() : 0) + (x->quadratic ? quad_count(*x->quadratic) : 0);
 }
 
-// Copy of a map with every coefficient multiplied by f; products equal to 0 are dropped.
+// Copy of a map with every coefficient multiplied by f into the empty map dst; products equal
+// to 0 are dropped.
 void scale_linear_into(const LinearMap& src, double f, LinearMap& dst, size_t extra = 0) {
-    dst.reserve(src.size() + extra);
+    dst.reserve(dst.size() + src.size() + extra);
     for (auto& entry : src) {
         double c = entry.second * f;
         if (c == 0.0) continue;
-        dst.emplace_hint(dst.end(), entry.first, c);
+        dst.append_sorted(entry.first, c);
         Py_INCREF(entry.first);
     }
 }
@@ -94,8 +72,8 @@ bool add_polynomial(PyObject* e, PyObject* b, double s) {
         if (y->linear)
             for (auto& entry : *y->linear) lin_add(linear_part(e), entry.first, s * entry.second);
         if (y->quadratic)
-            for (auto& outer : *y->quadratic)
-                for (auto& inner : outer.second) quad_add(e, outer.first, inner.first, s * inner.second);
+            for (const QuadEntry* q = y->quadratic->entries_begin(); q != y->quadratic->entries_end(); ++q)
+                quad_add(e, q->row, q->term.first, s * q->term.second);
     } else {
         return false;
     }
@@ -106,13 +84,56 @@ bool add_polynomial(PyObject* e, PyObject* b, double s) {
 
 // ---------------------------------------------------------------- internal operations
 
-PyObject* expr_new() { return ExpressionType.tp_alloc(&ExpressionType, 0); }
+namespace {
+
+// Most expressions built by operators hold a handful of terms: up to this many live inside the
+// expression object itself.
+constexpr size_t INLINE_TERMS_MAX = 8;
+// Room for the terms of x - y, x + 2*y and the like in a fresh expression.
+constexpr size_t INLINE_TERMS_DEFAULT = 2;
+
+// Expression objects live in blocks of the system allocator rather than the interpreter's
+// small-object arenas. Array arithmetic makes and drops whole arrays of temporary expressions
+// of many sizes: the arenas of a dropped array go back to the system as soon as they empty, and
+// the next array's objects land on fresh pages that the system has to map and zero-fill again
+// (that took about half the time of a chain of array operations). The system allocator keeps
+// freed blocks and reuses them for the next array whatever their sizes.
+void* expr_block_alloc(size_t n) { return std::malloc(sizeof(ExpressionObject) + n * sizeof(LinEntry)); }
+
+// tp_alloc and tp_free of the expression type itself (subclasses have their own).
+PyObject* expression_alloc(PyTypeObject* type, Py_ssize_t) {
+    void* block = expr_block_alloc(0);
+    if (!block) return PyErr_NoMemory();
+    std::memset(block, 0, sizeof(ExpressionObject));
+    return PyObject_Init(static_cast<PyObject*>(block), type);
+}
+
+void expression_free(void* p) { std::free(p); }
+
+}  // namespace
+
+PyObject* expr_new_sized(size_t n) {
+    n = std::min(n, INLINE_TERMS_MAX);
+    // One block: the object, then room for n terms that the linear part starts on. The type
+    // is not collected by the cyclic garbage collector (expressions hold only variables), so a
+    // plain object allocation is all that tp_alloc does as well.
+    void* block = expr_block_alloc(n);
+    if (!block) return PyErr_NoMemory();
+    std::memset(block, 0, sizeof(ExpressionObject));
+    PyObject* e = PyObject_Init(static_cast<PyObject*>(block), &ExpressionType);
+    ExpressionObject* x = as_expr(e);
+    new (&x->linear_store) LinearMap(reinterpret_cast<LinEntry*>(x + 1), n);
+    return e;
+}
+
+PyObject* expr_new() { return expr_new_sized(INLINE_TERMS_DEFAULT); }
 
 namespace {
 
 // extra: room to leave in the linear part for terms the caller adds next.
 PyObject* copy_scaled(PyObject* obj, double f, size_t extra = 0) {
-    PyRef e(expr_new());
+    size_t terms = extra + (is_expression(obj) ? (as_expr(obj)->linear ? as_expr(obj)->linear->size() : 0) : 1);
+    PyRef e(f == 0.0 ? expr_new() : expr_new_sized(terms));
     if (!e || f == 0.0) return e.release();
     ExpressionObject* x = as_expr(e.get());
     if (is_expression(obj)) {
@@ -122,22 +143,18 @@ PyObject* copy_scaled(PyObject* obj, double f, size_t extra = 0) {
             if (src->linear) scale_linear_into(*src->linear, f, linear_part(e.get()), extra);
             if (src->quadratic) {
                 x->quadratic = new QuadraticMap();
-                for (auto& outer : *src->quadratic) {
-                    LinearMap inner;
-                    try {
-                        scale_linear_into(outer.second, f, inner);
-                        if (inner.empty()) continue;
-                        x->quadratic->emplace_hint(x->quadratic->end(), outer.first, std::move(inner));
-                    } catch (...) {
-                        lin_clear(inner);
-                        throw;
-                    }
-                    Py_INCREF(outer.first);
-                }
+                x->quadratic->assign_scaled(*src->quadratic, f);
             }
         } else {
-            if (src->linear) x->linear = lin_copy(*src->linear, extra);
-            if (src->quadratic) x->quadratic = quad_copy(*src->quadratic);
+            if (src->linear) {
+                LinearMap& dst = linear_part(e.get());
+                dst.assign_copy(*src->linear, extra);  // references are taken below
+                for (auto& entry : dst) Py_INCREF(entry.first);
+            }
+            if (src->quadratic) {
+                x->quadratic = new QuadraticMap();
+                x->quadratic->assign_scaled(*src->quadratic, 1.0);
+            }
         }
         if (src->quadratic_vars) x->quadratic_vars = new SerialSet(*src->quadratic_vars);
         else if (x->quadratic) x->quadratic_vars = new SerialSet();
@@ -201,17 +218,7 @@ PyObject* expr_scale_in_place(PyObject* e, double f) {
         }
     };
     if (x->linear) scale(*x->linear);
-    if (x->quadratic)
-        for (auto it = x->quadratic->begin(); it != x->quadratic->end();) {
-            scale(it->second);
-            if (it->second.empty()) {
-                PyObject* key = it->first;
-                it = x->quadratic->erase(it);
-                Py_DECREF(key);
-            } else {
-                ++it;
-            }
-        }
+    if (x->quadratic) x->quadratic->scale(f);
     return e;
 }
 
@@ -329,6 +336,23 @@ PyObject* expression_product(PyObject* a, PyObject* b) {
     return model_error("Invalid object in operation");
 }
 
+PyObject* expression_compare_number(PyObject* e, double b, int op) {
+    // The comparison builder computes d = e - b (a copy of e with b taken off its constant),
+    // moves d's constant to the bound and leaves d as the body: the same arithmetic here,
+    // without the float object and the operand dispatch.
+    return alloc_guard(nullptr, [&]() -> PyObject* {
+        PyRef body(copy_expression(e, 1.0, 0));
+        if (!body) return nullptr;
+        ExpressionObject* x = as_expr(body.get());
+        x->constant += -1.0 * b;
+        double r = -x->constant;
+        x->constant = 0.0;
+        PyObject* c = con_new();
+        if (!c) return nullptr;
+        return con_bound_body(c, body.release(), r, op);
+    });
+}
+
 PyObject* expression_divide(PyObject* a, PyObject* b) {
     if (is_ndarray(b)) return array_right(ARRAY_DIV, a, b);
     double c;
@@ -362,7 +386,6 @@ void expression_dealloc(PyObject* self) {
     ExpressionObject* x = as_expr(self);
     if (x->linear) {
         lin_clear(*x->linear);
-        delete x->linear;
         x->linear = nullptr;
     }
     if (x->quadratic) {
@@ -372,6 +395,7 @@ void expression_dealloc(PyObject* self) {
     }
     delete x->quadratic_vars;
     x->quadratic_vars = nullptr;
+    x->linear_store.~LinearMap();
     Py_TYPE(self)->tp_free(self);
 }
 
@@ -512,6 +536,8 @@ PyTypeObject ExpressionType = [] {
     t.tp_doc = "Linear or quadratic expression: a constant, linear terms and quadratic terms.";
     t.tp_init = expression_no_init;
     t.tp_dealloc = expression_dealloc;
+    t.tp_alloc = expression_alloc;
+    t.tp_free = expression_free;
     t.tp_str = expression_str;
     t.tp_repr = expression_str;
     t.tp_hash = PyObject_HashNotImplemented;

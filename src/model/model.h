@@ -4,6 +4,8 @@
 #include "module/common.h"
 #include "module/types.h"
 
+#include <algorithm>
+#include <cstring>
 #include <map>
 #include <new>
 #include <set>
@@ -111,7 +113,7 @@ struct LinEntry {
     double second;
 };
 
-// Linear term map stored flat: a vector sorted by serial, so that copying, scanning and
+// Linear term map stored flat: an array sorted by serial, so that copying, scanning and
 // freeing an expression touch one block instead of one tree node per term. Terms added out of
 // order to a large map go to an unsorted tail first (each holding its own reference) and are
 // sorted and merged into the sorted part in one pass when the map is next read, or when the
@@ -119,27 +121,42 @@ struct LinEntry {
 // whatever the order in which a sum is built. The merge sums coefficients in the order they
 // were added and drops sums that are exactly 0, so the result equals adding term by term.
 // Every accessor settles the tail first; only add() appends to it.
+// A map may start on a borrowed buffer (the terms stored inside an expression object, so that
+// a small expression is one allocation); it moves to its own block when it outgrows it. The
+// buffer's owner must outlive the map's use of it: a map on a borrowed buffer is never moved
+// from (moving copies its entries instead).
 class LinearMap {
 public:
     using iterator = LinEntry*;
     using const_iterator = const LinEntry*;
 
     LinearMap() = default;
-    LinearMap(const LinearMap& o) : items_((o.settle(), o.items_)), sorted_(items_.size()) {}  // no references taken
-    LinearMap(LinearMap&& o) noexcept : items_(std::move(o.items_)), sorted_(o.sorted_) { o.sorted_ = 0; }
-    LinearMap& operator=(LinearMap&& o) noexcept {
-        items_.swap(o.items_);
-        std::swap(sorted_, o.sorted_);
-        return *this;
+    // An empty map whose first cap terms go into buf (owned by the caller).
+    LinearMap(LinEntry* buf, size_t cap) : data_(buf), cap_(static_cast<uint32_t>(cap)), borrowed_(true) {}
+    LinearMap(const LinearMap& o) {  // no references taken
+        o.settle();
+        reserve(o.size_);
+        copy_entries(o.data_, o.size_);
     }
+    LinearMap(LinearMap&& o) {
+        if (o.borrowed_) {
+            reserve(o.size_);
+            copy_entries(o.data_, o.size_);
+            o.size_ = o.sorted_ = 0;
+        } else {
+            steal(o);
+        }
+    }
+    LinearMap& operator=(LinearMap&& o) = delete;
     LinearMap& operator=(const LinearMap&) = delete;
+    ~LinearMap() { release_block(); }
 
-    size_t size() const { settle(); return items_.size(); }
-    bool empty() const { settle(); return items_.empty(); }
-    iterator begin() { settle(); return items_.data(); }
-    iterator end() { settle(); return items_.data() + items_.size(); }
-    const_iterator begin() const { settle(); return items_.data(); }
-    const_iterator end() const { settle(); return items_.data() + items_.size(); }
+    size_t size() const { settle(); return size_; }
+    bool empty() const { settle(); return size_ == 0; }
+    iterator begin() { settle(); return data_; }
+    iterator end() { settle(); return data_ + size_; }
+    const_iterator begin() const { settle(); return data_; }
+    const_iterator end() const { settle(); return data_ + size_; }
     // First entry whose serial is not below v's, and the entry of v's serial (or end()).
     iterator lower_bound(PyObject* v);
     iterator find(PyObject* v);
@@ -147,13 +164,21 @@ public:
     iterator emplace_hint(iterator pos, PyObject* v, double c);
     // Removes the entry without releasing its key; returns the entry that followed it.
     iterator erase(iterator pos);
-    void reserve(size_t n) { items_.reserve(n); }
+    // Room for n terms in all (throws std::bad_alloc when it cannot be had).
+    void reserve(size_t n) {
+        if (n > cap_) grow_to(n);
+    }
+    // Appends (v, c) past the largest key, which must keep the order; no reference is taken.
+    // The caller has reserved room.
+    void append_sorted(PyObject* v, double c) {
+        data_[size_++] = LinEntry{v, c};
+        ++sorted_;
+    }
     // Makes this (empty) map a copy of o with room for extra more terms; no references taken.
     void assign_copy(const LinearMap& o, size_t extra) {
         o.settle();
-        items_.reserve(o.items_.size() + extra);
-        items_.insert(items_.end(), o.items_.begin(), o.items_.end());
-        sorted_ = items_.size();
+        reserve(o.size_ + extra);
+        copy_entries(o.data_, o.size_);
     }
     static void* operator new(size_t n) {
         void* p = PyObject_Malloc(n);
@@ -161,33 +186,204 @@ public:
         return p;
     }
     static void operator delete(void* p) { PyObject_Free(p); }
-    void swap(LinearMap& o) noexcept {
-        items_.swap(o.items_);
-        std::swap(sorted_, o.sorted_);
-    }
+    static void* operator new(size_t, void* at) noexcept { return at; }  // in place
+    static void operator delete(void*, void*) noexcept {}
+    // Detaches every entry into o (which must be empty and own no block); this map is left
+    // empty. The entries' keys are not released.
+    void detach_into(LinearMap& o) noexcept;
     // Adds c (not 0) to v's coefficient, taking a reference for a new entry and releasing the
     // key of an entry whose sum becomes exactly 0.
     void add(PyObject* v, double c);
 
 private:
     void settle() const {
-        if (sorted_ != items_.size()) merge_tail();
+        if (sorted_ != size_) merge_tail();
     }
     void merge_tail() const;
-    mutable std::vector<LinEntry, PyObjectAllocator<LinEntry>> items_;
-    mutable size_t sorted_ = 0;  // items_[0, sorted_) is sorted by serial, without duplicates
+    void grow_to(size_t n);
+    void push_back(PyObject* v, double c) {
+        if (size_ == cap_) grow_to(size_t(cap_) < 2 ? 4 : 2 * size_t(cap_));
+        data_[size_++] = LinEntry{v, c};
+    }
+    void copy_entries(const LinEntry* from, size_t n) {
+        if (n) std::memcpy(static_cast<void*>(data_), from, n * sizeof(LinEntry));
+        size_ = sorted_ = static_cast<uint32_t>(n);
+    }
+    void steal(LinearMap& o) noexcept {
+        data_ = o.data_;
+        size_ = o.size_;
+        cap_ = o.cap_;
+        sorted_ = o.sorted_;
+        borrowed_ = o.borrowed_;
+        o.data_ = nullptr;
+        o.size_ = o.cap_ = o.sorted_ = 0;
+        o.borrowed_ = false;
+    }
+    void release_block() noexcept {
+        if (!borrowed_ && data_) PyObject_Free(data_);
+    }
+    mutable LinEntry* data_ = nullptr;
+    mutable uint32_t size_ = 0, cap_ = 0;
+    mutable uint32_t sorted_ = 0;  // data_[0, sorted_) is sorted by serial, without duplicates
+    bool borrowed_ = false;        // data_ belongs to the map's owner, not to the map
 };
 
-using QuadraticMap = std::map<PyObject*, LinearMap, SerialLess>;
-using SerialSet = std::set<uint64_t>;
+// One quadratic term: the first variable (smaller serial) and, in term, the second variable and
+// the coefficient. The entry owns one reference to each of its two variables.
+struct QuadEntry {
+    PyObject* row;
+    LinEntry term;
+};
+
+// Quadratic term map stored flat: entries sorted by (serial of the first variable, serial of
+// the second), without duplicates or exact zeros. As in LinearMap, terms added out of order to
+// a large map wait in an unsorted tail, and are sorted and merged in one pass (summing in the
+// order of addition, dropping exact zeros) when the map is next read or the tail outgrows the
+// sorted part, so that a sum or a product of many terms is sorted once rather than searched per
+// term. Read as rows: each row is the first variable with the run of its (second variable,
+// coefficient) terms, in the shape of a map of maps.
+class QuadraticMap {
+public:
+    // The terms of one row, as LinEntry (second variable, coefficient).
+    class Terms {
+    public:
+        class iterator {
+        public:
+            explicit iterator(QuadEntry* p) : p_(p) {}
+            LinEntry& operator*() const { return p_->term; }
+            LinEntry* operator->() const { return &p_->term; }
+            iterator& operator++() {
+                ++p_;
+                return *this;
+            }
+            bool operator!=(const iterator& o) const { return p_ != o.p_; }
+            bool operator==(const iterator& o) const { return p_ == o.p_; }
+
+        private:
+            QuadEntry* p_;
+        };
+        Terms(QuadEntry* b, QuadEntry* e) : b_(b), e_(e) {}
+        iterator begin() const { return iterator(b_); }
+        iterator end() const { return iterator(e_); }
+        size_t size() const { return static_cast<size_t>(e_ - b_); }
+        bool empty() const { return b_ == e_; }
+
+    private:
+        QuadEntry* b_;
+        QuadEntry* e_;
+    };
+    struct Row {
+        PyObject* first;
+        Terms second;
+    };
+    // Iterates over rows; the row it yields lives in the iterator (valid until it moves on).
+    class row_iterator {
+    public:
+        row_iterator(QuadEntry* p, QuadEntry* end) : end_(end), row_{nullptr, Terms(p, p)} { load(p); }
+        Row& operator*() { return row_; }
+        Row* operator->() { return &row_; }
+        row_iterator& operator++() {
+            load(stop_);
+            return *this;
+        }
+        bool operator!=(const row_iterator& o) const { return start_ != o.start_; }
+        bool operator==(const row_iterator& o) const { return start_ == o.start_; }
+
+    private:
+        void load(QuadEntry* p) {
+            start_ = p;
+            QuadEntry* q = p;
+            while (q != end_ && q->row == p->row) ++q;
+            stop_ = q;
+            row_ = Row{p != end_ ? p->row : nullptr, Terms(p, q)};
+        }
+        QuadEntry* end_;
+        QuadEntry* start_ = nullptr;
+        QuadEntry* stop_ = nullptr;
+        Row row_;
+    };
+
+    QuadraticMap() = default;
+    QuadraticMap(const QuadraticMap&) = delete;
+    QuadraticMap& operator=(const QuadraticMap&) = delete;
+    ~QuadraticMap() { PyObject_Free(data_); }
+
+    row_iterator begin() const { settle(); return row_iterator(data_, data_ + size_); }
+    row_iterator end() const { settle(); return row_iterator(data_ + size_, data_ + size_); }
+    // Number of terms.
+    size_t size() const { settle(); return size_; }
+    bool empty() const { settle(); return size_ == 0; }
+    // The entries in order.
+    QuadEntry* entries_begin() const { settle(); return data_; }
+    QuadEntry* entries_end() const { settle(); return data_ + size_; }
+
+    // Adds c (not 0) to the term of (x, y), serial(x) <= serial(y), taking references for a
+    // new entry and releasing those of an entry whose sum becomes exactly 0.
+    void add(PyObject* x, PyObject* y, double c);
+    // Makes this (empty) map hold the entries of o with every coefficient times f, dropping
+    // products that are 0 (f == 1 copies them as they are); references are taken.
+    void assign_scaled(const QuadraticMap& o, double f);
+    // Multiplies every coefficient by f in place, dropping (and releasing) products that are 0.
+    void scale(double f);
+    // Releases every entry's references and empties the map.
+    void clear();
+    void reserve(size_t n) {
+        if (n > cap_) grow_to(n);
+    }
+    static void* operator new(size_t n) {
+        void* p = PyObject_Malloc(n);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    static void operator delete(void* p) { PyObject_Free(p); }
+
+private:
+    void settle() const {
+        if (sorted_ != size_) merge_tail();
+    }
+    void merge_tail() const;
+    void grow_to(size_t n);
+    mutable QuadEntry* data_ = nullptr;
+    mutable size_t size_ = 0, cap_ = 0;
+    mutable size_t sorted_ = 0;  // data_[0, sorted_) is sorted, without duplicates
+};
+
+// Set of variable serials stored flat (sorted, without duplicates); values inserted out of
+// order wait in an unsorted tail that is merged when it outgrows the sorted part.
+class SerialSet {
+public:
+    SerialSet() = default;
+    SerialSet(const SerialSet& o) : items_((o.settle(), o.items_)), sorted_(items_.size()) {}
+    SerialSet& operator=(const SerialSet&) = delete;
+    void insert(uint64_t s) {
+        if (sorted_ == items_.size() && (items_.empty() || items_.back() < s)) {
+            items_.push_back(s);
+            ++sorted_;
+            return;
+        }
+        if (std::binary_search(items_.begin(), items_.begin() + static_cast<std::ptrdiff_t>(sorted_), s)) return;
+        items_.push_back(s);
+        if (items_.size() - sorted_ > std::max<size_t>(32, sorted_)) settle();
+    }
+    size_t size() const { settle(); return items_.size(); }
+    static void* operator new(size_t n) {
+        void* p = PyObject_Malloc(n);
+        if (!p) throw std::bad_alloc();
+        return p;
+    }
+    static void operator delete(void* p) { PyObject_Free(p); }
+
+private:
+    void settle() const;
+    mutable std::vector<uint64_t, PyObjectAllocator<uint64_t>> items_;
+    mutable size_t sorted_ = 0;
+};
 
 void lin_add(LinearMap& m, PyObject* v, double c);
 void lin_set(LinearMap& m, PyObject* v, double c);
 void lin_erase(LinearMap& m, PyObject* v);
 void lin_clear(LinearMap& m);  // releases every key
-LinearMap* lin_copy(const LinearMap& m, size_t extra = 0);  // room for extra more terms
 void quad_clear(QuadraticMap& m);
-QuadraticMap* quad_copy(const QuadraticMap& m);
 size_t quad_count(const QuadraticMap& m);
 
 // ---------------------------------------------------------------- terms
@@ -220,9 +416,13 @@ PyObject* quad(double c, PyObject* x, PyObject* y); // orders x, y by serial
 struct ExpressionObject {
     PyObject_HEAD
     double constant;
-    LinearMap* linear;           // null until the first linear term
+    LinearMap* linear;           // null until the first linear term, then &linear_store
     QuadraticMap* quadratic;     // null until the first quadratic term
     SerialSet* quadratic_vars;   // created with quadratic
+    // Storage of the linear part. Expressions made by expr_new_sized carry room for a few
+    // terms right behind this struct, which linear_store starts on, so that a small expression
+    // is a single allocation. A zero-filled struct is a valid empty map without such room.
+    LinearMap linear_store;
 };
 inline bool is_expression(PyObject* o) { return layout_type_check(o, &ExpressionType); }
 inline ExpressionObject* as_expr(PyObject* o) { return reinterpret_cast<ExpressionObject*>(o); }
@@ -232,6 +432,9 @@ inline bool is_constant_expression(PyObject* o) {
 }
 
 PyObject* expr_new();
+// An empty expression with room for n linear terms inside the object (capped at a few; more
+// terms go to a block of their own).
+PyObject* expr_new_sized(size_t n);
 PyObject* expr_copy_scaled(PyObject* obj, double f);
 int expr_add_linear(PyObject* e, PyObject* v, double c);
 int expr_add_quadratic(PyObject* e, PyObject* x, PyObject* y, double c);
@@ -250,6 +453,9 @@ PyObject* expression_sum(PyObject* a, PyObject* b, double s);
 PyObject* quadterm_sum(PyObject* a, PyObject* b, double s);
 PyObject* linterm_sum(PyObject* a, PyObject* b, double s);
 PyObject* expression_product(PyObject* a, PyObject* b);
+// The constraint e <= b, e >= b or e == b (op Py_LE, Py_GE, Py_EQ) for an expression e of the
+// exact expression type and a number b, equal to what the rich comparison builds.
+PyObject* expression_compare_number(PyObject* e, double b, int op);
 
 // ---------------------------------------------------------------- constraint
 struct ConstraintObject {
@@ -272,6 +478,10 @@ PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
 bool con_default_name_text(uint64_t word, char* buf);
 // The rich comparison of every modelling type: builds a constraint.
 PyObject* constraint_compare(PyObject* a, PyObject* b, int op);
+// The last step of the comparison builder: gives the new constraint c (stolen) the normalised
+// body (stolen) and the bound r by the comparison op (Py_LE, Py_GE, Py_EQ; the others raise
+// their ModelError). Returns c, or null with c released.
+PyObject* con_bound_body(PyObject* c, PyObject* body, double r, int op);
 
 // ---------------------------------------------------------------- special ordered set
 struct SosObject {

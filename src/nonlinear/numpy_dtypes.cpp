@@ -162,25 +162,92 @@ PyObject* operand_at(const char* p, bool is_double) {
     return o;
 }
 
+// The double operand of a loop, handed to the operators as a Python float: made once for a
+// scalar broadcast over the loop (stride 0), and otherwise refilled in place while the
+// operator kept no reference to it, so that a loop does not allocate a float per element.
+class DoubleOperand {
+public:
+    explicit DoubleOperand(npy_intp step) : broadcast_(step == 0) {}
+    PyObject* get(const char* p) {
+        double v;
+        std::memcpy(&v, p, sizeof v);
+        if (value_ && (broadcast_ || Py_REFCNT(value_.get()) == 1)) {
+            if (!broadcast_) reinterpret_cast<PyFloatObject*>(value_.get())->ob_fval = v;
+            return value_.get();
+        }
+        value_.reset(PyFloat_FromDouble(v));
+        return value_.get();
+    }
+
+private:
+    PyRef value_;
+    bool broadcast_;
+};
+
 // data points at a LoopData describing the operation and which operands are doubles.
 struct LoopData {
     int op;
     bool first_double, second_double;
 };
 
+// The rich-comparison code of a comparison loop (-1 for other loops), as the expression on
+// the left sees it: a number on the left compares the other way round (float's own comparison
+// declines, and Python asks the expression for the reflected one).
+int comparison_code(int op, bool number_left) {
+    switch (op) {
+        case OP_LE: return number_left ? Py_GE : Py_LE;
+        case OP_EQ: return Py_EQ;
+        case OP_GE: return number_left ? Py_LE : Py_GE;
+        default: return -1;
+    }
+}
+
+// Stores r (a new reference) into the output element at out, releasing what was there.
+inline void put(char* out, PyObject* r) {
+    PyObject* old = load(out);
+    store(out, r);
+    Py_XDECREF(old);
+}
+
 void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void* data) {
     const LoopData* d = static_cast<const LoopData*>(data);
     char *a = args[0], *b = args[1], *out = args[2];
+    DoubleOperand first(steps[0]), second(steps[1]);
+    // An expression compared with a number: the constraint is built directly.
+    int compare = d->first_double != d->second_double ? comparison_code(d->op, d->first_double) : -1;
     for (npy_intp i = 0; i < dims[0]; ++i, a += steps[0], b += steps[1], out += steps[2]) {
-        PyRef x(operand_at(a, d->first_double));
-        if (!x) return;
-        PyRef y(operand_at(b, d->second_double));
-        if (!y) return;
-        PyRef r(apply_op(d->op, x.get(), y.get()));
+        if (compare >= 0) {
+            PyObject* e = load(d->first_double ? b : a);
+            if (e && Py_TYPE(e) == &ExpressionType) {
+                double v;
+                std::memcpy(&v, d->first_double ? a : b, sizeof v);
+                PyObject* r = expression_compare_number(e, v, compare);
+                if (!r) return;
+                put(out, r);
+                continue;
+            }
+        }
+        PyRef x;
+        PyObject* xo;
+        if (d->first_double) {
+            xo = first.get(a);
+        } else {
+            x.reset(operand_at(a, false));
+            xo = x.get();
+        }
+        if (!xo) return;
+        PyRef y;
+        PyObject* yo;
+        if (d->second_double) {
+            yo = second.get(b);
+        } else {
+            y.reset(operand_at(b, false));
+            yo = y.get();
+        }
+        if (!yo) return;
+        PyRef r(apply_op(d->op, xo, yo));
         if (!r) return;
-        PyObject* old = load(out);
-        store(out, r.release());
-        Py_XDECREF(old);
+        put(out, r.release());
     }
 }
 
