@@ -21,8 +21,10 @@ problem runs in a child interpreter with a time limit, so that a crash or a hang
 `--scale` builds and solves the beam control model (clnlbeam: 3(N+1) columns, 2N rows, sin and
 cos terms) for N = 1000, 2000, 5000, 10000 and the Van der Pol model with 2,000 and 10,000 rows,
 each in a child interpreter so that its peak memory (ru_maxrss) is its own. It prints build time,
-solve time (wall-clock and CPU), iterations, time per iteration, simplex iterations of the step
-problems (0 when the interior-point step solver took them all), peak memory and objective, the
+solve time (wall-clock and CPU), iterations, time per iteration (wall-clock and CPU), the
+average interior-point iterations per step problem (ipm/st, read from the iteration log), simplex
+iterations of the step problems (0 when the interior-point step solver took them all), peak
+memory and objective, the
 growth exponent of time per iteration and of memory between successive sizes, and Ipopt's time
 on the same model (through casadi, also in a child) when casadi is importable.
 
@@ -38,11 +40,14 @@ Codes (1981), with their published starting points and optima. Constraints are w
 collection's own form g(x) >= 0 and h(x) = 0.
 """
 import argparse
+import ctypes
 import json
 import math
 import os
+import re
 import subprocess
 import sys
+import tempfile
 import time
 
 try:
@@ -1182,14 +1187,15 @@ def run_ipopt(name, maxtime=MAXTIME):
     args = {"x0": k.x0, "lbx": k.lbx, "ubx": k.ubx}
     if k.g:
         args.update(lbg=k.lbg, ubg=k.ubg)
-    start = time.perf_counter()
+    start, cpu = time.perf_counter(), time.process_time()
     sol = solver(**args)
     elapsed = time.perf_counter() - start
+    cpu = time.process_time() - cpu
     stats = solver.stats()
     point = [float(v) for v in sol["x"].full().ravel()]
     at = PROBLEMS[name](PointKit(point))
     error = relative_error(at.objective, PROBLEMS[name](_OptimumOnly()))
-    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed,
+    return {"status": stats.get("return_status", "?"), "objective": at.objective, "time": elapsed, "cpu": cpu,
             "success": bool(stats.get("success")),
             "solved": bool(stats.get("success")) and error <= SOLVED_RTOL and at.violation <= FEAS_TOL}
 
@@ -1208,7 +1214,7 @@ def run_problem(name, maxtime=MAXTIME):
         x = built.variables
         if maxtime:
             p.setControl("tslp_maxtime", float(maxtime))
-        start = time.perf_counter()
+        start, cpu = time.perf_counter(), time.process_time()
         path = "solve"
         try:
             p.solve()
@@ -1226,6 +1232,7 @@ def run_problem(name, maxtime=MAXTIME):
                       note="%s: %s" % (type(e).__name__, e))
         return result
     result["time"] = time.perf_counter() - start
+    result["cpu"] = time.process_time() - cpu
 
     if path == "solve":
         status = p.getProbStatusString()
@@ -1352,6 +1359,10 @@ def print_comparison(results):
         ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in both) / len(both))
         print("time tarvo / Ipopt, geometric mean over the %d problems both solved: %.2fx"
               % (len(both), ratio))
+        timed = [r for r in both if r.get("cpu", 0) > 0 and r["ipopt"].get("cpu", 0) > 0]
+        if timed:
+            ratio = math.exp(sum(math.log(r["cpu"] / r["ipopt"]["cpu"]) for r in timed) / len(timed))
+            print("  CPU time tarvo / Ipopt, geometric mean over %d of them: %.2fx" % (len(timed), ratio))
         small = [r for r in both if r["name"].startswith("HS")]
         if small and len(small) != len(both):
             ratio = math.exp(sum(math.log(r["time"] / r["ipopt"]["time"]) for r in small) / len(small))
@@ -1370,6 +1381,12 @@ def run_all(names, maxtime=MAXTIME, isolate=True):
     solved = sum(r["solved"] for r in results)
     print("\nsolved %d of %d (%.1f%%) to the published optimum within %.0e relative"
           % (solved, len(results), 100.0 * solved / max(1, len(results)), SOLVED_RTOL))
+    hs_results = [r for r in results if r["name"].startswith("HS")]
+    others = [r for r in results if not r["name"].startswith("HS")]
+    if hs_results and others:
+        print("  Hock-Schittkowski set: %d of %d; chained Rosenbrock and others: %d of %d (%s)"
+              % (sum(r["solved"] for r in hs_results), len(hs_results), sum(r["solved"] for r in others),
+                 len(others), ", ".join("%s %d it" % (r["name"], r["iterations"]) for r in others)))
     kinds = {}
     for r in results:
         if not r["solved"]:
@@ -1601,10 +1618,29 @@ def scale_child(model, size, solver, maxtime):
         out["build"] = time.perf_counter() - start
         if maxtime:
             p.setControl("tslp_maxtime", float(maxtime))
-        start, cpu = time.perf_counter(), time.process_time()
-        p.solve()
-        out["solve"] = time.perf_counter() - start
-        out["cpu"] = time.process_time() - cpu
+        # The iteration log (one line per iteration and per interior-point step problem) goes
+        # to a file, which gives the interior-point iterations of each step problem.
+        tarvo.setOutputEnabled(True)
+        p.setControl("tslp_log", 2)
+        sys.stdout.flush()
+        saved, log = os.dup(1), tempfile.TemporaryFile()
+        os.dup2(log.fileno(), 1)
+        try:
+            start, cpu = time.perf_counter(), time.process_time()
+            p.solve()
+            out["solve"] = time.perf_counter() - start
+            out["cpu"] = time.process_time() - cpu
+            sys.stdout.flush()
+            ctypes.CDLL(None).fflush(None)
+        finally:
+            os.dup2(saved, 1)
+            os.close(saved)
+        log.seek(0)
+        ipm = [int(k) for k in re.findall(r"interior-point step problem: (\d+) iterations",
+                                          log.read().decode("utf-8", "replace"))]
+        out["ipm_steps"] = len(ipm)
+        out["ipm_per_step"] = sum(ipm) / len(ipm) if ipm else 0.0
+        out["ipm_max"] = max(ipm) if ipm else 0
         out["objective"] = p.getObjVal()
         out["simplex"] = int(_attribute(p, "tslp_simplexiter", -1))
         out["iterations"] = int(_attribute(p, "tslp_iter", -1))
@@ -1644,9 +1680,9 @@ def run_scale(beams, vdp_rows, maxtime):
             continue
         title = "clnlbeam (3(N+1) columns, 2N rows)" if model == "beam" else "Van der Pol control"
         print("\n%s" % title)
-        print("  %6s %8s %8s %8s %5s %9s %8s %8s %16s %9s %9s %9s  %s" % (
-            label, "build s", "solve s", "cpu s", "iter", "ms/iter", "pivots", "peak MB", "objective", "ipopt s",
-            "ipopt cpu", "ipopt MB", "status"))
+        print("  %6s %8s %8s %8s %5s %9s %9s %7s %8s %8s %16s %9s %9s %9s  %s" % (
+            label, "build s", "solve s", "cpu s", "iter", "ms/iter", "cpu ms/it", "ipm/st", "pivots", "peak MB",
+            "objective", "ipopt s", "ipopt cpu", "ipopt MB", "status"))
         rows = []
         for size in sizes:
             r = _run_scale_child(model, size, "tarvo", maxtime)
@@ -1664,9 +1700,10 @@ def run_scale(beams, vdp_rows, maxtime):
             if "objective" in ip:
                 rel = ", objective vs ipopt %.1e" % (abs(r["objective"] - ip["objective"]) /
                                                       max(1.0, abs(ip["objective"])))
-            print("  %6d %8.2f %8.2f %8.2f %5d %9.1f %8d %8.0f %16.10g %s %s %s  %s%s" % (
+            print("  %6d %8.2f %8.2f %8.2f %5d %9.1f %9.1f %7.1f %8d %8.0f %16.10g %s %s %s  %s%s" % (
                 size, r["build"], r["solve"], r.get("cpu", float("nan")), r["iterations"], 1000 * r["per_iter"],
-                r.get("simplex", -1), r["peak_mb"], r["objective"], ipt, ipc, ipm, r["status"], rel))
+                1000 * r["cpu_per_iter"], r.get("ipm_per_step", 0.0), r.get("simplex", -1), r["peak_mb"],
+                r["objective"], ipt, ipc, ipm, r["status"], rel))
         # Time per iteration is read in CPU time as well: on a shared machine wall-clock time
         # carries other processes' time slices.
         for a, b in zip(rows, rows[1:]):

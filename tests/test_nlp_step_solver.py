@@ -41,7 +41,7 @@ def van_der_pol(steps):
     return p, (x1, x2, u)
 
 
-def beam(n):
+def beam(n, with_vars=False):
     # The beam control model: sin terms in the rows, cos terms and squares in the objective.
     h, alpha = 1.0 / n, 350.0
     t = [tv.var(lb=-1.0, ub=1.0) for _ in range(n + 1)]
@@ -58,7 +58,7 @@ def beam(n):
         c = 0.05 * math.cos(i * h)
         p.chgvar(colindex=t[i], initvalue=c)
         p.chgvar(colindex=x[i], initvalue=c)
-    return p
+    return (p, (t, x, u)) if with_vars else p
 
 
 def solve(p, choice):
@@ -89,6 +89,18 @@ def test_dynamics_rows_hold_at_the_interior_point_answer():
     assert min(c) >= -0.3 - 1e-9 and max(c) <= 1.0 + 1e-9
 
 
+def test_beam_rows_and_bounds_hold_at_the_interior_point_answer():
+    n = 120
+    p, (t, x, u) = beam(n, with_vars=True)
+    solve(p, 0)
+    h = 1.0 / n
+    tv_, xv, uv = (p.getSolution(v) for v in (t, x, u))
+    worst = max(max(abs(xv[i + 1] - xv[i] - 0.5 * h * (math.sin(tv_[i + 1]) + math.sin(tv_[i]))),
+                    abs(tv_[i + 1] - tv_[i] - 0.5 * h * (uv[i + 1] + uv[i]))) for i in range(n))
+    assert worst < 1e-6
+    assert max(abs(v) for v in tv_) <= 1.0 + 1e-9 and max(abs(v) for v in xv) <= 0.05 + 1e-9
+
+
 def test_small_models_keep_the_simplex_method_unless_asked():
     # Few curved columns: automatic choice stays with the simplex method; choice 2 takes the
     # interior-point solver there too, to the same answer.
@@ -106,22 +118,131 @@ def test_small_models_keep_the_simplex_method_unless_asked():
     assert forced == pytest.approx(auto, rel=1e-7)
 
 
-def test_dense_column_is_left_to_the_simplex_method():
-    # One column in every row fills the normal matrix: the interior-point solver declines
-    # and the simplex method solves the step problems.
-    n = 120
+def dense_columns_model(n, ndense):
+    # ndense columns in every row: without the low-rank correction they would fill the
+    # normal matrix.
     x = [tv.var(lb=-1, ub=1) for _ in range(n)]
-    s = tv.var(lb=-10, ub=10)
+    s = [tv.var(lb=-10, ub=10) for _ in range(ndense)]
     p = tv.problem()
     p.addVariable(x, s)
-    p.addConstraint([tv.sin(x[i]) + 0.5 * x[i + 1] + 0.01 * s == 0.1 for i in range(n - 1)])
-    p.setObjective(tv.Sum((x[i] - 0.2) ** 2 for i in range(n)) + s ** 2)
+    p.addConstraint([tv.sin(x[i]) + 0.5 * x[i + 1] + tv.Sum(0.3 * (k + 1) * s[k] for k in range(ndense)) == 0.1
+                     for i in range(n - 1)])
+    p.setObjective(tv.Sum((x[i] - 0.2) ** 2 for i in range(n)) + tv.Sum(s[k] ** 2 for k in range(ndense)))
+    return p, x, s
+
+
+@pytest.mark.parametrize("ndense", [1, 3])
+def test_dense_columns_go_through_a_low_rank_correction(ndense):
+    n = 120
+    p, x, s = dense_columns_model(n, ndense)
     value, pivots = solve(p, 2)
+    assert pivots == 0
+    assert value == pytest.approx(solve(dense_columns_model(n, ndense)[0], 1)[0], rel=1e-7)
+    xv, sv = p.getSolution(x), p.getSolution(s)
+    coupling = sum(0.3 * (k + 1) * sv[k] for k in range(ndense))
+    worst = max(abs(math.sin(xv[i]) + 0.5 * xv[i + 1] + coupling - 0.1) for i in range(n - 1))
+    assert worst < 1e-6
+
+
+def test_many_dense_columns_are_left_to_the_simplex_method():
+    value, pivots = solve(dense_columns_model(120, 12)[0], 2)
     assert pivots > 0
-    q = tv.problem()
-    y = [tv.var(lb=-1, ub=1) for _ in range(n)]
-    t = tv.var(lb=-10, ub=10)
-    q.addVariable(y, t)
-    q.addConstraint([tv.sin(y[i]) + 0.5 * y[i + 1] + 0.01 * t == 0.1 for i in range(n - 1)])
-    q.setObjective(tv.Sum((y[i] - 0.2) ** 2 for i in range(n)) + t ** 2)
-    assert value == pytest.approx(solve(q, 1)[0], rel=1e-7)
+    assert value == pytest.approx(solve(dense_columns_model(120, 12)[0], 1)[0], rel=1e-7)
+
+
+# ---------------------------------------------------------------- random sparse step problems
+
+def banded_model(n, seed, curved):
+    """A separable convex objective (quadratic, plus exp terms when `curved`) under random
+    three-column rows of all three senses, built around an interior point so that it is
+    feasible; also returns the data, for a reference solver."""
+    np = pytest.importorskip("numpy")
+    rng = np.random.default_rng(seed)
+    q, c = rng.uniform(0.5, 3.0, n), rng.uniform(-2.0, 2.0, n)
+    lb, ub = rng.uniform(-1.5, -0.2, n), rng.uniform(0.2, 1.5, n)
+    x0 = rng.uniform(0.5 * lb, 0.5 * ub)
+    rows = []
+    for i in range(n - 2):
+        a = rng.uniform(-1.0, 1.0, 3)
+        kind = int(rng.integers(3))
+        act = float(a @ x0[i:i + 3])
+        rows.append((i, a, kind, act + (0.1, -0.1, 0.0)[kind]))
+    x = [tv.var(lb=lb[i], ub=ub[i]) for i in range(n)]
+    p = tv.problem()
+    p.addVariable(x)
+    cons = []
+    for i, a, kind, rhs in rows:
+        body = tv.Sum(a[k] * x[i + k] for k in range(3))
+        if curved:
+            body = body + 0.2 * tv.sin(x[i + 1])
+        cons.append((body <= rhs, body >= rhs, body == rhs)[kind])
+    p.addConstraint(cons)
+    obj = tv.Sum(0.5 * q[i] * x[i] ** 2 + c[i] * x[i] for i in range(n))
+    if curved:
+        obj = obj + 0.1 * tv.Sum(tv.exp(x[i]) for i in range(0, n, 3))
+    p.setObjective(obj)
+    return p, x, (q, c, lb, ub, rows)
+
+
+def max_violation(p, x, rows, lb, ub, curved):
+    v = p.getSolution(x)
+    worst = max(max(lb[i] - v[i], v[i] - ub[i]) for i in range(len(v)))
+    for i, a, kind, rhs in rows:
+        act = sum(a[k] * v[i + k] for k in range(3)) + (0.2 * math.sin(v[i + 1]) if curved else 0.0)
+        worst = max(worst, (act - rhs, rhs - act, abs(act - rhs))[kind])
+    return worst
+
+
+@pytest.mark.parametrize("seed", [0, 1, 2])
+def test_diagonal_curvature_steps_solve_a_separable_qp_exactly(seed):
+    # The curvature of a separable quadratic objective goes into the interior-point step
+    # problem as its exact diagonal, so the nonlinear solver lands on the QP optimum in a
+    # few steps, where the segments of the simplex path need more.
+    highspy = pytest.importorskip("highspy")
+    np = pytest.importorskip("numpy")
+    n = 150
+    p, x, (q, c, lb, ub, rows) = banded_model(n, seed, curved=False)
+    p.setControl("tslp_stepsolver", 2)
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getAttrib("tslp_simplexiter") == 0
+    s, _, _ = banded_model(n, seed, curved=False)
+    s.setControl("tslp_stepsolver", 1)
+    s.nlpoptimize()
+    assert p.getAttrib("tslp_iter") < s.getAttrib("tslp_iter")
+
+    h = highspy.Highs()
+    h.setOptionValue("output_flag", False)
+    inf = highspy.kHighsInf
+    for i in range(n):
+        h.addVar(lb[i], ub[i])
+        h.changeColCost(i, c[i])
+    for i, a, kind, rhs in rows:
+        lo, up = ((-inf, rhs), (rhs, inf), (rhs, rhs))[kind]
+        h.addRow(lo, up, 3, np.arange(i, i + 3, dtype=np.int32), a)
+    h.passHessian(n, n, 1, np.arange(n + 1, dtype=np.int32), np.arange(n, dtype=np.int32), q)
+    h.run()
+    assert h.getModelStatus() == highspy.HighsModelStatus.kOptimal
+    ref = h.getInfo().objective_function_value
+    assert p.getObjVal() == pytest.approx(ref, rel=1e-9, abs=1e-9)
+    assert s.getObjVal() == pytest.approx(ref, rel=1e-7, abs=1e-9)
+    assert p.getSolution(x) == pytest.approx(list(h.getSolution().col_value), abs=1e-5)
+    assert max_violation(p, x, rows, lb, ub, False) < 1e-7
+
+
+@pytest.mark.parametrize("seed", [3, 4, 5, 6])
+def test_random_curved_models_reach_the_simplex_optimum(seed):
+    # Nonlinear rows and objective over random banded rows: the interior-point steps with
+    # diagonal curvature and the simplex steps with segments meet at the same feasible point.
+    n = 150
+    runs = {}
+    for choice in (2, 1):
+        p, x, (q, c, lb, ub, rows) = banded_model(n, seed, curved=True)
+        p.setControl("tslp_stepsolver", choice)
+        p.nlpoptimize()
+        assert p.getProbStatusString() == "nlp_solution"
+        assert max_violation(p, x, rows, lb, ub, True) < 1e-6
+        runs[choice] = (p.getObjVal(), p.getAttrib("tslp_simplexiter"), p.getSolution(x))
+    assert runs[2][1] == 0 and runs[1][1] > 0
+    assert runs[2][0] == pytest.approx(runs[1][0], rel=1e-7, abs=1e-9)
+    assert runs[2][2] == pytest.approx(runs[1][2], abs=1e-4)

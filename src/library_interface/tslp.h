@@ -91,7 +91,8 @@ enum {
 #define TSLP_ROWS 11999
 #define TSLP_COLS 12000
 #define TSLP_ITER 12001            /* SLP iterations of the last solve */
-#define TSLP_SIMPLEXITER 12002     /* LP iterations of the last solve */
+#define TSLP_SIMPLEXITER 12002     /* LP (and QP active-set) iterations of the step
+                                      problems of the last solve */
 #define TSLP_STOPSTATUS 12003      /* stop reason (as the optimisation library's) */
 #define TSLP_COEFFICIENTS 12004    /* nonlinear coefficients */
 #define TSLP_VARIABLES 12005       /* columns with SLP variable data */
@@ -166,7 +167,7 @@ enum {
 #define TSLP_MAXTIME 12119         /* seconds; <= 0 no limit */
 #define TSLP_DELTA_X 12120         /* relative perturbation of numerical derivatives */
 #define TSLP_MSMAXBOUNDRANGE 12121 /* range of random initial values of unbounded columns */
-#define TSLP_MIPTOL 12122          /* integrality tolerance of the MIP steps */
+#define TSLP_MIPTOL 12122          /* integrality tolerance of the branch-and-bound */
 #define TSLP_KKTTOL 12123          /* largest KKT residual (exact gradients, row multipliers,
                                       relative to max(1, largest objective gradient entry))
                                       of a point reported locally optimal */
@@ -177,8 +178,8 @@ enum {
 #define TSLP_POSTSOLVE 12403       /* 1: leave the presolved state after each solve */
 #define TSLP_CASCADE 12404         /* 1: recompute determined columns after each step */
 #define TSLP_CASCADENLIMIT 12405   /* Newton steps per determined column */
-#define TSLP_SAMECOUNT 12406       /* accepted steps with an unchanged integer part before
-                                      the integers are fixed */
+#define TSLP_SAMECOUNT 12406       /* no effect (the branch-and-bound fixes no integers
+                                      during an SLP run): only the default 3 is accepted */
 #define TSLP_PENALTYCOUNT 12407    /* iterations with errors before the penalty is raised */
 #define TSLP_DERIVATIVES 12408     /* 0 analytic, 1 numerical */
 #define TSLP_MULTISTART 12409      /* 0: multistart jobs are not run by TSLPnlpoptimize */
@@ -191,11 +192,14 @@ enum {
                                       columns are all fixed, make rows linear whose curved
                                       columns are all fixed, tighten bounds from linear rows */
 #define TSLP_THREADSAFEUSERFUNC 12415 /* 0: user functions are called from one thread only */
-#define TSLP_MIPFIXSTEPS 12414     /* 1: finish mixed-integer solves with integers fixed */
+#define TSLP_MIPFIXSTEPS 12414     /* mixed-integer solves always finish with an SLP solve
+                                      with their integers fixed: only 1 is accepted */
 #define TSLP_QUASINEWTON 12416     /* 1: the continuous step problems carry a model of the
-                                      Lagrangian's curvature: a quasi-Newton (BFGS) QP for up
-                                      to 100 curved columns, separable piecewise-linear costs
-                                      above that; 0: pure linear steps */
+                                      Lagrangian's curvature: a QP with its exact Hessian
+                                      (convexified) for up to 200 curved columns, separable
+                                      piecewise-linear costs above that; 2: as 1 with a
+                                      quasi-Newton (BFGS) matrix instead of the exact
+                                      Hessian; 0: pure linear steps */
 #define TSLP_STEPSOLVER 12417     /* solver of the continuous step problems: 0 automatic (the
                                       sparse interior-point solver for large curved models whose
                                       rows couple few neighbours, else the simplex method), 1 the

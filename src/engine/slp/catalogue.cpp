@@ -218,6 +218,14 @@ int TSLPsetintcontrol(TSLPprob prob, int control, int value) {
             throw slp::Error("Control " + std::to_string(control) + " cannot be negative");
         if (control == TSLP_MSTHREADS && value > 1)
             throw slp::Error("Multistart jobs run one after another: TSLP_MSTHREADS accepts only 0 or 1");
+        // The mixed-integer search is a branch-and-bound whose node problems are continuous, and
+        // it always ends with an SLP solve with its integers fixed: these two controls of the
+        // former mixed-integer steps keep the only values that describe what happens.
+        if (control == TSLP_MIPFIXSTEPS && value != 1)
+            throw slp::Error("Mixed-integer solves always finish with their integers fixed: TSLP_MIPFIXSTEPS accepts only 1");
+        if (control == TSLP_SAMECOUNT && value != 3)
+            throw slp::Error("TSLP_SAMECOUNT has no effect: the branch-and-bound fixes no integers during an SLP run, "
+                             "so the control accepts only its default 3");
         prob->controls.ints[control] = value;
     });
 }

@@ -136,7 +136,7 @@ void Run::objective_curvature() {
         while (parent[j] != j) j = parent[j] = parent[parent[j]];
         return j;
     };
-    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j] && !isint[j]; };
+    auto usable = [&](int j) { return j >= 0 && j < n && nonlin[j]; };
     for (size_t q = 0; q < P; ++q) {
         int i = E.qobj.i[q], j = E.qobj.j[q];
         if (usable(i) && usable(j)) parent[find(i)] = find(j);
@@ -320,18 +320,23 @@ void Run::diag_curvature() {
 
 double Run::quad_model(const std::vector<double>& xt) const {
     if (pwl_on) {
-        // The step problem's own piecewise-linear curvature cost of the step.
+        // The step problem's own curvature cost of the step: piecewise linear on segments, or
+        // the quadratic itself when the step problem carried it as a diagonal.
         double v = 0.0;
         for (int j = 0; j < n; ++j) {
             double wj = segw[j];
             if (!(wj > 0.0)) continue;
             double d = std::fabs(xt[j] - x[j]);
+            if (diag_qp) {
+                v += 0.5 * hd[j] * d * d;
+                continue;
+            }
             double t = std::min(std::floor(d / wj), (double)nseg);
             v += hd[j] * (0.5 * wj * wj * t * t + (t + 0.5) * wj * std::max(0.0, d - t * wj));
         }
         return v;
     }
-    if (!(use_b && have_b && !mip_phase && hessian_passed)) return 0.0;
+    if (!(use_b && have_b && hessian_passed)) return 0.0;
     size_t K = qcols.size();
     double v = 0.0;
     for (size_t a = 0; a < K; ++a) {

@@ -40,20 +40,22 @@ private:
     void* h = nullptr;
     int n = 0, ncolLP = 0;
     double sense = 1.0, mu = 1.0;
-    std::vector<char> isint, nonlin, fixed_int;
+    std::vector<char> nonlin;
     std::vector<double> delta, w;
     std::vector<int> errcol;         // row -> first error column (e+), -1 without
     std::vector<double> x, gf, gscratch;
     std::vector<double> nlval;       // values of the nonlinear rows at x
     std::vector<std::vector<double>> nlgrad;   // gradients on their patterns
     std::vector<double> rowlo, rowup;
-    bool mip_phase = false;
     std::chrono::steady_clock::time_point start;
     long simplex_total = 0;
     // Quasi-Newton curvature on the nonlinear continuous columns.
     std::vector<int> qcols;          // LP columns carrying curvature, ascending
     std::vector<double> B;           // dense |qcols| x |qcols|
     bool use_b = false, have_b = false, hessian_passed = false, skip_b = false;
+    // Small models take the exact Hessian of the Lagrangian (second_order.cpp) instead of BFGS.
+    bool exact_h = false;
+    bool lagrangian_hessian(const std::vector<double>& lam);
     // Separable curvature on large problems, where a dense model does not fit. The diagonal of
     // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
     // exact gradients for the rest, each row's share cut to its positive semidefinite part)
@@ -103,6 +105,8 @@ private:
     void update_lp();
     int solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
                  double* errsum);
+    int solve_step(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                   double* errsum);   // solve_lp, retried once with a looser tolerance (solver.cpp)
     int finish_lp(const std::vector<double>& cv, const std::vector<double>& cd, const std::vector<double>& rv,
                   const std::vector<double>& rd, std::vector<double>& xlp, std::vector<double>& rowdual,
                   std::vector<double>& coldual, double* errsum);
@@ -111,10 +115,12 @@ private:
     bool sparse_ok = true;
     int sparse_failures = 0;
     long ipm_total = 0;
+    // The last step problem went to the interior-point solver with the curvature as its
+    // diagonal quadratic term (instead of the segments): its model of a step is h d^2 / 2.
+    bool diag_qp = false;
     int sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                      std::vector<double>& rd);
     void tolerances(int j, double* atol_a, double* atol_r) const;
-    void set_mip(bool on);
     bool out_of_time() const;
 };
 

@@ -5,8 +5,9 @@
 // coefficients, bounds, row bounds and costs change between iterations, so each LP starts
 // from the previous basis. Steps are accepted on the merit function
 // phi(x) = s f(x) + mu sum_i w_i viol_i(x); step bounds grow and shrink with the ratio of the
-// actual to the predicted reduction of phi. With integer columns the step problems are MIPs
-// until the integer part settles; the run then finishes with the integers fixed.
+// actual to the predicted reduction of phi. The run is continuous: mixed-integer problems
+// reach it through the NLP branch-and-bound (minlp.cpp), whose node problems have their
+// integer columns relaxed or fixed.
 #include "engine/slp/callbacks.h"
 #include "engine/slp/run.h"
 
@@ -161,6 +162,22 @@ bool Run::evaluate(const std::vector<double>& at, double* f, std::vector<double>
     return true;
 }
 
+// Solves the step problem. When the QP solver gives up (numerical trouble, usually a solution
+// it finds slightly infeasible at the tight tolerance) it tries again with a looser
+// feasibility tolerance: the merit function judges the step anyway.
+int Run::solve_step(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
+                    double* errsum) {
+    int lps = solve_lp(xlp, rowdual, coldual, errsum);
+    if (lps == 4 && hessian_passed && last_highs != "QP iteration limit") {
+        double tol = 1e-9;
+        Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
+        Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-5);
+        lps = solve_lp(xlp, rowdual, coldual, errsum);
+        Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
+    }
+    return lps;
+}
+
 // phi at a point: s f + mu sum w viol over every row (linear rows read from the matrix).
 double Run::merit(const std::vector<double>& at, bool* ok, double* viol_sum) {
     *ok = false;
@@ -211,7 +228,7 @@ bool Run::second_order_correction(const std::vector<double>& lintrial, std::vect
     }
     std::vector<double> saved_err = errvals, xs, rd, cd;
     double es = 0.0;
-    int lps = solve_lp(xs, rd, cd, &es);
+    int lps = solve_step(xs, rd, cd, &es);
     for (size_t k = 0; k < K; ++k) {
         int r = E.nlrows[k];
         Highs_changeRowBounds(h, r, rowlo[r] - rowbase[r], rowup[r] - rowbase[r]);
@@ -252,14 +269,14 @@ RunResult Run::solve(const std::vector<double>& x0) {
     x = x0;
     gf.assign(n, 0.0);
     gscratch.assign(n, 0.0);
-    isint.assign(n, 0);
     nonlin.assign(n, 0);
-    fixed_int.assign(n, 0);
     std::vector<int> clamped;   // columns whose start lay outside their bounds
     for (int j = 0; j < n; ++j) {
         char t = m.coltype[j];
-        if (t == 'I' || t == 'B') isint[j] = 1;
-        else if (t != 'C')
+        if (t == 'I' || t == 'B')
+            throw Error("Column " + std::to_string(j) + " is integer: the continuous nonlinear solve takes "
+                        "only continuous columns (integer problems are solved by branch-and-bound)");
+        if (t != 'C')
             throw Error("Column " + std::to_string(j) + " is semi-continuous or partial integer, which the nonlinear solver does not handle");
         if (m.lb[j] > m.ub[j]) {
             res.status = TSLP_NLP_INFEASIBLE;
@@ -268,7 +285,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
         }
         if (x[j] < m.lb[j] || x[j] > m.ub[j]) clamped.push_back(j);
         x[j] = std::min(std::max(x[j], m.lb[j]), m.ub[j]);
-        if (isint[j]) x[j] = std::round(x[j]);
     }
     for (size_t k = 0; k < E.nlrows.size(); ++k)
         for (auto& t : E.tapes[k].cols) nonlin[t] = 1;
@@ -280,12 +296,19 @@ RunResult Run::solve(const std::vector<double>& x0) {
     for (int j : E.qobj.j) nonlin[j] = 1;
 
     for (int j = 0; j < n; ++j)
-        if (nonlin[j] && !isint[j]) qcols.push_back(j);
-    // Small problems learn their curvature by BFGS on a dense matrix; large ones take the
-    // separable part of it from the Hessians of their rows and objective.
-    bool curved = int_control(prob, TSLP_QUASINEWTON) != 0 && !qcols.empty();
-    use_b = curved && qcols.size() <= 100;
+        if (nonlin[j]) qcols.push_back(j);
+    // Small problems (up to kDenseCurved curved columns) step by a convex QP with a dense
+    // model of the Lagrangian's Hessian: the exact one, differenced from the AD gradients at
+    // every iteration (second_order.cpp), or with TSLP_QUASINEWTON = 2 a damped BFGS matrix.
+    // Large ones take the separable part of the Hessian as piecewise-linear costs in an LP
+    // (solved by the simplex method or the sparse interior-point solver): a dense QP there
+    // costs a gradient per curved column and a dense Hessian in HiGHS per iteration.
+    const size_t kDenseCurved = 200;
+    int qn = int_control(prob, TSLP_QUASINEWTON);
+    bool curved = qn != 0 && !qcols.empty();
+    use_b = curved && qcols.size() <= kDenseCurved;
     use_h = curved && !use_b;
+    exact_h = use_b && qn != 2;
     hcurved.assign(n, 0);
     segw.assign(n, 0.0);
     if (use_h) {
@@ -293,13 +316,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
         for (size_t k = 0; k < E.nlrows.size(); ++k) {
             std::vector<int>& C = hcols[k];
             for (int j : E.tapes[k].cols)
-                if (j >= 0 && j < n && !isint[j]) C.push_back(j);
+                if (j >= 0 && j < n) C.push_back(j);
             auto q = m.qrows.find(E.nlrows[k]);
             if (q != m.qrows.end()) {
-                for (int j : q->second.i)
-                    if (!isint[j]) C.push_back(j);
-                for (int j : q->second.j)
-                    if (!isint[j]) C.push_back(j);
+                for (int j : q->second.i) C.push_back(j);
+                for (int j : q->second.j) C.push_back(j);
             }
             std::sort(C.begin(), C.end());
             C.erase(std::unique(C.begin(), C.end()), C.end());
@@ -340,8 +361,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     std::vector<int> colhist(n, 0);
 
     {
-        std::vector<char> cont(n, 0);
-        for (int j = 0; j < n; ++j) cont[j] = nonlin[j] && !isint[j];
+        std::vector<char> cont = nonlin;
         // A start the user placed beyond a bound moves onto it, and stays there.
         for (int j : clamped) cont[j] = 0;
         interior_start(prob, E, m, cont, x);
@@ -359,18 +379,19 @@ RunResult Run::solve(const std::vector<double>& x0) {
     mu = dbl_control(prob, TSLP_PENALTY) * std::max(1.0, gmax);
     double maxmu = dbl_control(prob, TSLP_MAXPENALTY);
     mu = std::min(mu, maxmu);
+    const double mu_floor = 1e-3 * mu;
     build();
 
     int iterlimit = int_control(prob, TSLP_ITERLIMIT);
     double feastol = dbl_control(prob, TSLP_FEASTOL), opttol = dbl_control(prob, TSLP_OPTIMALITYTOL);
     double infinity = dbl_control(prob, TSLP_INFINITY);
-    int samecount = std::max(1, int_control(prob, TSLP_SAMECOUNT));
     int penaltycount = std::max(1, int_control(prob, TSLP_PENALTYCOUNT));
     double penaltyinc = std::max(1.5, dbl_control(prob, TSLP_PENALTYINCREASE));
-    int same_int = 0, err_iters = 0;
+    int err_iters = 0, flat_rejects = 0;
     bool numerical_failure = false;   // ended because a step problem could not be solved
     std::vector<double> xlp, rowdual, coldual, trial(n), lastdelta(n, 0.0);
     std::vector<double> rowerr_count(m.nrows, 0.0);
+    std::vector<double> lam_last(m.nrows, 0.0);   // row multipliers of the last step problem
     std::vector<RowInfo> rinfo(m.nrows);
     double errsum = 0.0, pred = 0.0, last_kkt = INFINITY;
     bool certified = false;
@@ -378,7 +399,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int status = TSLP_NLP_UNFINISHED;
     int stop = 0;
     int iter = 0;
-    bool fixed_phase = false;
 
     // First-order certificate of the current point: feasible within the feasibility tolerance
     // and a KKT point within the optimality tolerance, with the exact gradients and row
@@ -391,12 +411,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
         std::vector<double> d(m.nrows, 0.0);
         for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
         KktCheck c;
-        bool ok = kkt_residual(E, m, sense, x.data(), d.data(), feastol, &c, nullptr, isint.data());
+        bool ok = kkt_residual(E, m, sense, x.data(), d.data(), feastol, &c);
         if (ok && c.residual > kkttol) {
             std::vector<double> e;
             KktCheck c2;
-            if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e, isint.data()) &&
-                kkt_residual(E, m, sense, x.data(), e.data(), feastol, &c2, nullptr, isint.data()) &&
+            if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e) &&
+                kkt_residual(E, m, sense, x.data(), e.data(), feastol, &c2) &&
                 c2.residual < c.residual) {
                 c = c2;
                 d = e;
@@ -416,17 +436,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         // (further misses at the same point keep them, so that they can shrink again).
         if (kkt_misses == 1)
             for (int j = 0; j < n; ++j)
-                if (nonlin[j] && !fixed_int[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
-    };
-
-    auto fix_integers = [&]() {
-        for (int j = 0; j < n; ++j)
-            if (isint[j]) fixed_int[j] = 1;
-        set_mip(false);
-        fixed_phase = true;
-        same_int = 0;
-        if (prob->cb.intsol.f) prob->cb.intsol.f(prob, prob->cb.intsol.context);
-        logf(prob, 2, "Integer columns fixed; continuing with the continuous part");
+                if (nonlin[j]) delta[j] = std::max(delta[j], 1e-3 * std::max(1.0, std::fabs(x[j])));
     };
 
     while (true) {
@@ -448,11 +458,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
             break;
         }
         ++iter;
-        if (mip_phase) ++res.mipiter;
         // Linearisation at x.
         if (!evaluate(x, &f, &nlval, &nlgrad)) throw Error("The formulas cannot be evaluated at an accepted point");
         E.objective(x.data(), gf.data());
-        if (pending && use_b) {
+        if (exact_h) {
+            have_b = lagrangian_hessian(lam_last);
+        } else if (pending && use_b) {
             std::vector<double> gl_new;
             lagrangian_grad(lambda, gl_new);
             bfgs_update(gl_new);
@@ -462,25 +473,14 @@ RunResult Run::solve(const std::vector<double>& x0) {
         double viol_k = 0.0;
         double phi_k = merit(x, &ok, &viol_k);
         update_lp();
-        int lps = solve_lp(xlp, rowdual, coldual, &errsum);
+        int lps = solve_step(xlp, rowdual, coldual, &errsum);
         if (lps == 4 && hessian_passed) {
-            // The QP solver gave up (numerical trouble, usually a solution it finds slightly
-            // infeasible): try again with a looser feasibility tolerance (the merit function
-            // judges the step anyway), then take a linear step this time, keeping the
-            // curvature model.
-            double tol = 1e-9;
-            Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &tol);
-            if (last_highs != "QP iteration limit") {
-                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", 1e-5);
-                lps = solve_lp(xlp, rowdual, coldual, &errsum);
-                Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", tol);
-            }
-            if (lps == 4) {
-                skip_b = true;
-                update_lp();
-                lps = solve_lp(xlp, rowdual, coldual, &errsum);
-                skip_b = false;
-            }
+            // The QP solver gave up even with the looser tolerance: take a linear step this
+            // time, keeping the curvature model.
+            skip_b = true;
+            update_lp();
+            lps = solve_lp(xlp, rowdual, coldual, &errsum);
+            skip_b = false;
         }
         if (lps == 4 || (lps == 1 && iter > 1)) {
             // HiGHS lost its way from the previous basis (or calls the always feasible step
@@ -510,6 +510,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         }
         have_lp = true;
         if (use_h) lam_h = rowdual;
+        std::copy(rowdual.begin(), rowdual.begin() + m.nrows, lam_last.begin());
         // Determined columns follow their rows' linearisations exactly (the LP meets rows only
         // to its tolerance, which would swamp small predicted reductions).
         std::fill(corr.begin(), corr.end(), 0.0);
@@ -535,7 +536,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         auto follow_rows = [&](std::vector<double>& at) {
             for (auto& kv : prob->vars) {
                 int j = kv.first, r = kv.second.detrow;
-                if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E' || isint[j]) continue;
+                if (r < 0 || r >= m.nrows || j >= n || m.rowtype[r] != 'E') continue;
                 double a = 0.0;
                 double v = lin_value(r, at, &a, j);
                 if (a != 0.0) at[j] = std::min(std::max(at[j] + (m.rhs[r] - v) / a, m.lb[j]), m.ub[j]);
@@ -549,11 +550,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 if (it != prob->vars.end()) {
                     const SlpVar& v = it->second;
                     double damp = v.damp > 0 ? v.damp : dbl_control(prob, TSLP_DAMP);
-                    if (nonlin[j] && !isint[j] && damp > 0 && damp < 1) d *= damp;
+                    if (nonlin[j] && damp > 0 && damp < 1) d *= damp;
                     if (v.deltatype == 1 && std::fabs(d) < v.deltavalue) d = 0.0;
                     if (v.deltatype == 2 && v.deltavalue > 0) d = std::round(d / v.deltavalue) * v.deltavalue;
                 }
-                out[j] = isint[j] ? std::round(x[j] + d) : x[j] + d;
+                out[j] = x[j] + d;
             }
         };
         // Predicted reduction of phi by the step, from the model itself.
@@ -601,14 +602,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
             }
         // Trial point: damping and delta types on the LP step, then cascading.
         double kkt = 0.0;
-        bool int_changed = false;
         std::vector<int> open_cols;   // columns whose step meets neither the closure nor the delta test
         step_to(xlp, trial);
         for (int j = 0; j < n; ++j) {
             double d = trial[j] - x[j];
-            if (isint[j] && std::fabs(d) > 0.5) int_changed = true;
             colconv[j] = 1;
-            if (!nonlin[j] || fixed_int[j] || isint[j]) continue;
+            if (!nonlin[j]) continue;
             const double* t = coltol[j].t;
             double step = std::fabs(d);
             if (!(step <= t[TOL_CLOSURE] * delta0[j] || step <= t[TOL_DELTA_A] + t[TOL_DELTA_R] * std::fabs(x[j]))) {
@@ -683,7 +682,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         // With curvature in the step problem its predicted reduction measures the distance to
         // the optimum of the local model, not just the step bounds; it counts once the step
         // shows that the model is right.
-        bool model_converged = pwl_on && feasible_k && !errors && kkt <= 1e-4 * gscale &&
+        bool model_converged = (pwl_on || hessian_passed) && feasible_k && !errors && kkt <= 1e-4 * gscale &&
                                pred <= opttol * (1.0 + std::fabs(phi_k));
         std::vector<double> lintrial = trial;   // the point the linearisation predicted
         if (int_control(prob, TSLP_CASCADE)) cascade(prob, E, m, trial);
@@ -694,7 +693,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
         bool stationary = pred <= 1e-13 * scale;
         bool accept = ok && (stationary ? ared >= -1e-12 * scale : ared >= 0.1 * pred);
         double rho = pred > 0 ? ared / pred : 0.0;
-        if (rho < 0.75 && !stationary && !mip_phase && !E.nlrows.empty() && !converged &&
+        if (rho < 0.75 && !stationary && !E.nlrows.empty() && !converged &&
             second_order_correction(lintrial, xlp, rowdual, coldual, errsum, follow_rows, step_to, trial,
                                     phi_t, viol_t)) {
             ared = phi_k - phi_t;
@@ -704,14 +703,39 @@ RunResult Run::solve(const std::vector<double>& x0) {
         logf(prob, 2, "It %4d  obj %.10g  viol %.3g  pred %.3g  kkt %.3g  rho %.3g  mu %.3g%s%s", iter, sense * f,
              viol_k, pred, kkt, rho, mu, hessian_passed ? "  QP" : "", accept ? "" : "  rejected");
         if (model_converged && accept && rho > 0.5) converged = true;
+        // The step problem sees no reduction at all and its step does not reduce the merit
+        // function either: a feasible point is as stationary as the model can tell, and only the
+        // certificate below decides (rejected steps add nothing to the stall history, so such a
+        // run would otherwise go on to its iteration limit). A few such steps in a row are
+        // allowed: the step bounds shrink with each, and a shorter step may still descend.
+        flat_rejects = stationary && !accept && feasible_k && !errors ? flat_rejects + 1 : 0;
+        if (flat_rejects >= 10) {
+            flat_rejects = 0;
+            converged = true;
+        }
         if (int_control(prob, TSLP_LOG) >= 4)
             for (int j = 0; j < n; ++j)
                 logf(prob, 4, "    col %d  x %.12g  lp %.12g  trial %.12g  sb %.3g  g %.6g", j, x[j], xlp[j], trial[j],
                      delta[j], gf[j]);
 
-        // Step bounds.
-        for (int j = 0; j < n; ++j) {
-            if (!nonlin[j] || fixed_int[j]) continue;
+        // Step bounds. After a QP step with the exact Hessian they form one trust region:
+        // every bound scales together with the ratio of the actual to the predicted (by the
+        // QP model) reduction of the merit function.
+        if (hessian_passed && exact_h) {
+            double reach = 0.0;   // largest step as a share of its bound
+            for (int j = 0; j < n; ++j)
+                if (nonlin[j] && delta[j] > 0) reach = std::max(reach, std::fabs(trial[j] - x[j]) / delta[j]);
+            double factor = 1.0;
+            if (!accept) factor = 0.5 * std::min(1.0, reach);
+            else if (rho > 0.75 && reach >= 0.9) factor = 2.0;
+            else if (rho < 0.25 && !stationary) factor = 0.5;
+            double minsb = dbl_control(prob, TSLP_MINSTEPBOUND);
+            if (factor != 1.0)
+                for (int j = 0; j < n; ++j)
+                    if (nonlin[j]) delta[j] = std::max(delta[j] * factor, minsb);
+        }
+        for (int j = 0; j < n && !(hessian_passed && exact_h); ++j) {
+            if (!nonlin[j]) continue;
             double d = std::fabs(trial[j] - x[j]);
             bool curved_j = segw[j] > 0.0;
             if (!accept) {
@@ -730,13 +754,15 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 delta[j] = std::max(std::max(2.0 * d, 0.25 * delta[j]), dbl_control(prob, TSLP_MINSTEPBOUND));
             }
         }
-        if (accept && use_b && !mip_phase) {
+        if (exact_h) {
+            // the Hessian is evaluated afresh at the next point
+        } else if (accept && use_b) {
             lambda = rowdual;
             lagrangian_grad(lambda, gl_old);
             s_old.resize(qcols.size());
             for (size_t c = 0; c < qcols.size(); ++c) s_old[c] = trial[qcols[c]] - x[qcols[c]];
             pending = true;
-        } else if (use_b && !mip_phase) {
+        } else if (use_b) {
             // A rejected step still tells how the Lagrangian's gradient changes along it: the
             // curvature model learns from it before the shorter step is tried.
             std::vector<double> gf_k = gf, nlval_k = nlval, gl_t;
@@ -763,10 +789,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
         if (accept) {
             for (int j = 0; j < n; ++j) lastdelta[j] = trial[j] - x[j];
             x = trial;
-            if (!int_changed) ++same_int;
-            else same_int = 0;
         }
-        // Penalty updates.
+        // Penalty updates (with the multipliers of the step taken: a second-order correction
+        // replaces those of the first step problem).
+        lmax = 0.0;
+        for (int r = 0; r < m.nrows; ++r)
+            if (errcol[r] >= 0 && w[r] > 0) lmax = std::max(lmax, std::fabs(rowdual[r]) / w[r]);
         if (errors) {
             if (++err_iters >= penaltycount && mu < maxmu) {
                 mu = std::min(mu * penaltyinc, maxmu);
@@ -775,6 +803,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
         } else {
             err_iters = 0;
             if (2.0 * lmax > mu) mu = std::min(2.0 * lmax, maxmu);
+            else if (exact_h && accept && mu > 4.0 * lmax && mu > mu_floor)
+                // The QP steps' own multipliers say how much a violation costs: a penalty far
+                // above them only makes the merit function punish the second-order violation
+                // of curved rows and keeps the steps short.
+                mu = std::max(std::max(2.0 * lmax, 0.5 * mu), mu_floor);
         }
         if (prob->cb.itervar.f)
             for (int j = 0; j < n; ++j)
@@ -792,14 +825,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
             converged = false;
         }
         bool feasible = feasible_k;
-        if (mip_phase && !fixed_phase && (converged || same_int >= samecount)) {
-            if (int_control(prob, TSLP_MIPFIXSTEPS)) {
-                fix_integers();
-                if (!converged) continue;
-                converged = false;   // one more LP with the integers fixed gives the duals
-                continue;
-            }
-        }
         // A feasible run whose merit has stopped moving has converged as far as it can: the
         // last iterations changed it by less than the objective tolerance allows.
         if (accept) merit_hist.push_back(phi_t);
@@ -855,8 +880,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     std::vector<double> true_dj(n, 0.0);
     {
         KktCheck c;
-        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data(),
-                                               isint.data()))
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data()))
             last_kkt = c.residual;
     }
     res.kkt = last_kkt;

@@ -1,5 +1,7 @@
 // Mehrotra predictor-corrector interior-point method on the normal equations, with an
-// envelope Cholesky factorisation in reverse Cuthill-McKee order (see sparse_step.h).
+// envelope Cholesky factorisation in reverse Cuthill-McKee order (see sparse_step.h). A
+// separable quadratic term only adds its diagonal to the scaling of each column, so the normal
+// matrix keeps the pattern of the LP's.
 //
 // Formulation: every column that is not fixed is a variable x (shifted by its lower bound
 // when it has one, so that x >= 0 there; an upper bound U is x + su = U, su >= 0); every row
@@ -16,14 +18,18 @@ namespace slp {
 
 namespace {
 
-// Widest column (rows per column) and envelope (entries per row of the factor, on average)
-// accepted: beyond them the normal matrix fills in and the simplex method is the better tool.
+// Columns in more rows than kMaxColumnRows would fill the normal matrix: up to kMaxDense of
+// them are kept out of it and brought back by a low-rank correction of each solve (more
+// decline the problem). Envelopes wider than kMaxEnvelopePerRow entries per row, on average,
+// decline it too: the simplex method is then the better tool.
 constexpr int kMaxColumnRows = 48;
+constexpr int kMaxDense = 8;
 constexpr double kMaxEnvelopePerRow = 200.0;
 constexpr double kProximal = 1e-8;
 
 struct Variable {
     double cost = 0.0, shift = 0.0, U = INFINITY;   // x + shift is the column's value
+    double q = 0.0;                                  // quadratic cost 1/2 q (x + shift)^2
     bool has_l = false, has_u = false;
     int col = -1;   // LP column, or -1 for a row slack
     int row = -1;   // the slack's row (compact index)
@@ -142,24 +148,31 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     var.reserve(nc + m);
     std::vector<double> fixedval(nc, 0.0);
     std::vector<char> isfixed(nc, 0);
+    const bool quadratic = !lp.qdiag.empty();
+    if (quadratic && (int)lp.qdiag.size() != nc) return SparseStatus::Declined;
+    double objconst = 0.0;   // the objective's share of the shifts and the fixed columns
     for (int j = 0; j < nc; ++j) {
         double l = lp.collo[j], u = lp.colup[j];
-        if (l > u) return SparseStatus::Declined;
-        if (lp.start[j + 1] - lp.start[j] > kMaxColumnRows) return SparseStatus::Declined;
+        double q = quadratic ? lp.qdiag[j] : 0.0;
+        if (l > u || !(q >= 0.0) || !std::isfinite(q)) return SparseStatus::Declined;
         if (l == u) {
             isfixed[j] = 1;
             fixedval[j] = l;
+            objconst += (lp.cost[j] + 0.5 * q * l) * l;
             for (int e = lp.start[j]; e < lp.start[j + 1]; ++e)
                 if (rowmap[lp.index[e]] >= 0) b[rowmap[lp.index[e]]] -= lp.value[e] * l;
             continue;
         }
         Variable v;
         v.col = j;
-        v.cost = lp.cost[j];
         v.has_l = std::isfinite(l);
         v.has_u = std::isfinite(u);
         v.shift = v.has_l ? l : 0.0;
         v.U = v.has_u ? u - v.shift : INFINITY;
+        v.q = q;
+        // c (x + shift) + q/2 (x + shift)^2 = (c + q shift) x + q/2 x^2 + constant
+        v.cost = lp.cost[j] + q * v.shift;
+        objconst += lp.cost[j] * v.shift + 0.5 * q * v.shift * v.shift;
         if (v.shift != 0.0)
             for (int e = lp.start[j]; e < lp.start[j + 1]; ++e)
                 if (rowmap[lp.index[e]] >= 0) b[rowmap[lp.index[e]]] -= lp.value[e] * v.shift;
@@ -183,6 +196,18 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         var.push_back(v);
     }
     const int nv = (int)var.size();
+    // Dense columns: their share of the normal matrix is a low-rank term (see nsolve).
+    std::vector<int> densev;
+    std::vector<char> isdense(nv, 0);
+    for (int v = 0; v < nv; ++v) {
+        int j = var[v].col;
+        if (j >= 0 && lp.start[j + 1] - lp.start[j] > kMaxColumnRows) {
+            if ((int)densev.size() == kMaxDense) return SparseStatus::Declined;
+            densev.push_back(v);
+            isdense[v] = 1;
+        }
+    }
+    const int nd = (int)densev.size();
 
     // Matrix of the variables, column-wise, on the compact rows; a slack's column is -e_row.
     std::vector<int> vstart(nv + 1, 0), vrow;
@@ -206,8 +231,14 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     // Rows whose columns are all fixed: met already (to a tolerance) or the step problem is
     // infeasible, which the simplex method is left to report. Met ones stay in the system
     // with a unit diagonal and a zero right-hand side, so that their duals stay zero.
-    std::vector<char> empty(m, 1);
+    std::vector<char> empty(m, 1), sparse_covered(m, 0);
     for (int i : vrow) empty[i] = 0;
+    for (int v = 0; v < nv; ++v)
+        if (!isdense[v])
+            for (int p = vstart[v]; p < vstart[v + 1]; ++p) sparse_covered[vrow[p]] = 1;
+    for (int i = 0; i < m; ++i)   // the sparse part must stay nonsingular on its own
+        if (!empty[i] && !sparse_covered[i]) return SparseStatus::Declined;
+    sparse_covered.clear();
     {
         double bmax = 0.0;
         for (int i = 0; i < m; ++i) bmax = std::max(bmax, std::fabs(b[i]));
@@ -220,10 +251,12 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
 
     // Ordering and envelope of A D A'.
     std::vector<std::vector<int>> adj(m);
-    for (int v = 0; v < nv; ++v)
+    for (int v = 0; v < nv; ++v) {
+        if (isdense[v]) continue;
         for (int p = vstart[v]; p < vstart[v + 1]; ++p)
             for (int q = vstart[v]; q < vstart[v + 1]; ++q)
                 if (vrow[p] != vrow[q]) adj[vrow[p]].push_back(vrow[q]);
+    }
     for (auto& a : adj) {
         std::sort(a.begin(), a.end());
         a.erase(std::unique(a.begin(), a.end()), a.end());
@@ -282,6 +315,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     for (int v = 0; v < nv; ++v) {
         const Variable& V = var[v];
         cnorm = std::max(cnorm, std::fabs(V.cost));
+        if (V.has_u) cnorm = std::max(cnorm, V.q * V.U);
         if (V.has_l && V.has_u) x[v] = 0.5 * V.U;
         else if (V.has_l) x[v] = 1.0;
         else if (V.has_u) x[v] = V.U - 1.0;
@@ -304,6 +338,58 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         for (int p = vstart[v]; p < vstart[v + 1]; ++p) s += vval[p] * yy[vrow[p]];
         return s;
     };
+    // Solves with S + U T U', S the factored normal matrix of the sparse columns, U the dense
+    // columns and T their scalings: x = S^-1 r - W M^-1 U'S^-1 r with W = S^-1 U and
+    // M = T^-1 + U'W (Woodbury), M factored densely once per iteration.
+    std::vector<double> W((size_t)nd * m), M((size_t)nd * nd), ud(nd);
+    auto prepare_dense = [&]() {
+        for (int a = 0; a < nd; ++a) {
+            double* w = &W[(size_t)a * m];
+            std::fill(w, w + m, 0.0);
+            int v = densev[a];
+            for (int p = vstart[v]; p < vstart[v + 1]; ++p) w[vrow[p]] += vval[p];
+            std::vector<double> col(w, w + m);
+            solve(E, m, col);
+            std::copy(col.begin(), col.end(), w);
+        }
+        for (int a = 0; a < nd; ++a)
+            for (int c = 0; c < nd; ++c) {
+                int v = densev[a];
+                double s = a == c ? 1.0 / theta[v] : 0.0;
+                const double* w = &W[(size_t)c * m];
+                for (int p = vstart[v]; p < vstart[v + 1]; ++p) s += vval[p] * w[vrow[p]];
+                M[(size_t)a * nd + c] = s;
+            }
+        // Cholesky of the small symmetric positive definite M, in place (lower triangle).
+        for (int a = 0; a < nd; ++a)
+            for (int c = 0; c <= a; ++c) {
+                double s = M[(size_t)a * nd + c];
+                for (int k = 0; k < c; ++k) s -= M[(size_t)a * nd + k] * M[(size_t)c * nd + k];
+                M[(size_t)a * nd + c] = c < a ? s / M[(size_t)c * nd + c] : std::sqrt(std::max(s, 1e-300));
+            }
+    };
+    auto nsolve = [&](std::vector<double>& r) {
+        solve(E, m, r);
+        if (nd == 0) return;
+        for (int a = 0; a < nd; ++a) {
+            int v = densev[a];
+            double s = 0.0;
+            for (int p = vstart[v]; p < vstart[v + 1]; ++p) s += vval[p] * r[vrow[p]];
+            ud[a] = s;
+        }
+        for (int a = 0; a < nd; ++a) {
+            for (int k = 0; k < a; ++k) ud[a] -= M[(size_t)a * nd + k] * ud[k];
+            ud[a] /= M[(size_t)a * nd + a];
+        }
+        for (int a = nd - 1; a >= 0; --a) {
+            for (int k = a + 1; k < nd; ++k) ud[a] -= M[(size_t)k * nd + a] * ud[k];
+            ud[a] /= M[(size_t)a * nd + a];
+        }
+        for (int a = 0; a < nd; ++a) {
+            const double* w = &W[(size_t)a * m];
+            for (int i = 0; i < m; ++i) r[i] -= w[i] * ud[a];
+        }
+    };
     // Direction for complementarity targets rl (lower) and ru (upper); the factor is current.
     double refine_target = 0.0;
     auto direction = [&](const std::vector<double>& rl, const std::vector<double>& ru) {
@@ -318,7 +404,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
             double t = theta[v] * g[v];
             for (int p = vstart[v]; p < vstart[v + 1]; ++p) rhs[vrow[p]] -= vval[p] * t;
         }
-        solve(E, m, rhs);
+        nsolve(rhs);
         dy = rhs;
         // Iterative refinement: the normal matrix is badly conditioned near the end (columns
         // at their bounds against interior ones), and the step must meet A dx = rp closely
@@ -334,7 +420,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
             for (int i = 0; i < m; ++i) r = std::max(r, std::fabs(rhs[i]));
             if (r <= refine_target || !(r < 0.5 * last)) break;
             last = r;
-            solve(E, m, rhs);
+            nsolve(rhs);
             for (int i = 0; i < m; ++i) dy[i] += rhs[i];
         }
         for (int v = 0; v < nv; ++v) {
@@ -356,6 +442,8 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
                 if (dzu[v] < 0) d = std::min(d, -zu[v] / dzu[v]);
             }
         }
+        // With a quadratic term the dual residual depends on x: both move by one step length.
+        if (quadratic) a = d = std::min(a, d);
         *ap = a;
         *ad = d;
     };
@@ -374,14 +462,15 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         double pres = 0.0, dres = 0.0, comp = 0.0, obj = 0.0;
         for (int i = 0; i < m; ++i) pres = std::max(pres, std::fabs(rp[i]));
         for (int v = 0; v < nv; ++v) {
-            rd[v] = var[v].cost - Atv(y, v) - zl[v] + zu[v];
+            rd[v] = var[v].cost + var[v].q * x[v] - Atv(y, v) - zl[v] + zu[v];
             dres = std::max(dres, std::fabs(rd[v]));
             rb[v] = var[v].has_u ? var[v].U - x[v] - su[v] : 0.0;
             pres = std::max(pres, std::fabs(rb[v]));
             if (var[v].has_l) comp += x[v] * zl[v];
             if (var[v].has_u) comp += su[v] * zu[v];
-            obj += var[v].cost * (x[v] + var[v].shift);
+            obj += (var[v].cost + 0.5 * var[v].q * x[v]) * x[v];
         }
+        obj += objconst;
         if (!std::isfinite(pres) || !std::isfinite(dres) || !std::isfinite(comp)) return SparseStatus::Failed;
         if (pres <= tol * (1.0 + bnorm) && dres <= tol * (1.0 + cnorm) && comp <= tol * (1.0 + std::fabs(obj))) {
             converged = true;
@@ -397,7 +486,8 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
             if (var[v].has_u) ti += zu[v] / su[v];
             // A free column (the transfer column of an objective, say) gets a small proximal
             // term in the Newton system only; the residuals stay exact.
-            theta[v] = 1.0 / (ti + kProximal);
+            theta[v] = 1.0 / (ti + var[v].q + kProximal);
+            if (isdense[v]) continue;
             for (int p = vstart[v]; p < vstart[v + 1]; ++p) {
                 int i = vrow[p];
                 double a = vval[p] * theta[v];
@@ -411,6 +501,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
         for (int i = 0; i < m; ++i) maxdiag = std::max(maxdiag, E.at(i, i));
         for (int i = 0; i < m; ++i) E.at(i, i) += empty[order[i]] ? 1.0 : 1e-20 * maxdiag;
         factor(E, m);
+        prepare_dense();
         // Predictor.
         for (int v = 0; v < nv; ++v) {
             rl[v] = var[v].has_l ? -x[v] * zl[v] : 0.0;
@@ -470,7 +561,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     sol.rowval.assign(nr, 0.0);
     sol.coldual.assign(nc, 0.0);
     for (int j = 0; j < nc; ++j) {
-        double d = lp.cost[j];
+        double d = lp.cost[j] + (quadratic ? lp.qdiag[j] * sol.colval[j] : 0.0);
         for (int e = lp.start[j]; e < lp.start[j + 1]; ++e) {
             sol.rowval[lp.index[e]] += lp.value[e] * sol.colval[j];
             d -= lp.value[e] * sol.rowdual[lp.index[e]];

@@ -5,8 +5,10 @@
 // interior-point iteration factors the normal matrix A D A' in a bandwidth-reducing (reverse
 // Cuthill-McKee) order with an envelope Cholesky factorisation: time and memory are linear
 // in the size of the model for a bounded envelope width, and some 20-40 iterations solve a
-// step problem to high accuracy. Problems whose normal matrix would fill in (dense columns,
-// wide envelopes) or that have free columns are declined; the caller then uses HiGHS.
+// step problem to high accuracy. A few dense columns (one in every row, say) stay out of the
+// normal matrix and come back through a low-rank correction of each solve. Problems whose
+// normal matrix would still fill in (many dense columns, wide envelopes) are declined; the
+// caller then uses HiGHS.
 #pragma once
 
 #include <functional>
@@ -14,16 +16,17 @@
 
 namespace slp {
 
-// A minimisation LP: cost, column bounds, row bounds (infinite bounds as +-INFINITY) and the
-// matrix column-wise.
+// A minimisation problem: cost, column bounds, row bounds (infinite bounds as +-INFINITY), the
+// matrix column-wise and, when qdiag is not empty, a separable convex quadratic term
+// 1/2 sum qdiag[j] x_j^2 (qdiag >= 0, one entry per column).
 struct SparseLp {
     int ncol = 0, nrow = 0;
-    std::vector<double> cost, collo, colup, rowlo, rowup;
+    std::vector<double> cost, collo, colup, rowlo, rowup, qdiag;
     std::vector<int> start, index;
     std::vector<double> value;
 };
 
-// A solution in HiGHS's conventions: column values, reduced costs c - A'y, row activities
+// A solution in HiGHS's conventions: column values, reduced costs c + Qx - A'y, row activities
 // and row duals y (positive on a row at its lower bound).
 struct SparseLpSolution {
     std::vector<double> colval, coldual, rowval, rowdual;

@@ -37,15 +37,6 @@ Run::~Run() {
     }
 }
 
-void Run::set_mip(bool on) {
-    std::vector<HighsInt> integ(n, kHighsVarTypeContinuous);
-    if (on)
-        for (int j = 0; j < n; ++j)
-            if (isint[j]) integ[j] = kHighsVarTypeInteger;
-    Highs_changeColsIntegralityByRange(h, 0, n - 1, integ.data());
-    mip_phase = on;
-}
-
 void Run::build() {
     h = trvo::highs_new_quiet();
     if (!h) throw Error("Could not create a HiGHS instance");
@@ -68,8 +59,6 @@ void Run::build() {
     if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
     Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
-    Highs_setDoubleOptionValue(h, "mip_rel_gap", 1e-7);
-    Highs_setDoubleOptionValue(h, "mip_feasibility_tolerance", dbl_control(prob, TSLP_MIPTOL));
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
                                std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
 
@@ -138,16 +127,12 @@ void Run::build() {
         cu[j] = bound_inf(m.ub[j]);
     }
     for (int c = seg0; c < ncolLP; ++c) cu[c] = 0.0;
-    bool anyint = false;
-    for (int j = 0; j < n; ++j) anyint = anyint || isint[j];
-    std::vector<HighsInt> integ(ncolLP, kHighsVarTypeContinuous);
     HighsInt rc = Highs_passModel(h, ncolLP, nrowLP, (HighsInt)index.size(), 0, kHighsMatrixFormatRowwise, 0,
                                   1, 0.0, cost.data(), cl.data(), cu.data(), lo.data(), up.data(),
                                   start.data(), index.empty() ? nullptr : index.data(),
                                   value.empty() ? nullptr : value.data(), nullptr, nullptr, nullptr,
-                                  anyint ? integ.data() : nullptr);
+                                  nullptr);
     if (rc == kHighsStatusError) throw Error("HiGHS rejected the step problem");
-    if (anyint) set_mip(true);
 }
 
 // The segments have been re-cut around the new point, where steps are expected to be shorter
@@ -182,7 +167,7 @@ void Run::update_lp() {
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
         if (errcol[r] >= 0) cost[errcol[r]] = cost[errcol[r] + 1] = mu * w[r];
-    pwl_on = use_h && !mip_phase && !skip_b;
+    pwl_on = use_h && !skip_b;
     if (use_h) {
         // Piecewise-linear curvature: segment t of width w each way costs s g_j + h_j (t + 1/2) w,
         // so that the cost of a step of k whole segments is s g_j d + h_j d^2 / 2.
@@ -215,7 +200,7 @@ void Run::update_lp() {
         if (pwl_on) reset_segment_basis();
         if (nlinked > 0) Highs_changeRowsBoundsByRange(h, m.nrows, nrowLP - 1, llo.data(), lup.data());
     }
-    bool curvature = use_b && have_b && !mip_phase && !skip_b;
+    bool curvature = use_b && have_b && !skip_b;
     if (curvature) {
         // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
         // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
@@ -274,16 +259,9 @@ void Run::update_lp() {
     std::vector<double> lo(n), up(n);
     for (int j = 0; j < n; ++j) {
         double l = bound_inf(m.lb[j]), u = bound_inf(m.ub[j]);
-        if (fixed_int[j]) {
-            l = u = x[j];
-        } else if (nonlin[j]) {
+        if (nonlin[j]) {
             l = std::max(l, x[j] - delta[j]);
             u = std::min(u, x[j] + delta[j]);
-            if (isint[j]) {
-                l = std::ceil(l - 1e-9);
-                u = std::floor(u + 1e-9);
-                if (l > u) l = u = std::round(x[j]);
-            }
         }
         lo[j] = l - x[j];
         up[j] = u - x[j];
@@ -301,6 +279,7 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         Highs_setDoubleOptionValue(h, "time_limit", std::max(left, 1e-3));
     }
     std::vector<double> cv, cd, rv, rd;
+    diag_qp = false;
     int sparse = sparse_step(cv, cd, rv, rd);
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
@@ -309,6 +288,11 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
     simplex_total += it;
+    if (hessian_passed) {   // a QP step problem's active-set iterations count as its pivots
+        it = 0;
+        Highs_getIntInfoValue(h, "qp_iteration_count", &it);
+        simplex_total += it;
+    }
     if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
         // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
         last_highs = "QP iteration limit";
@@ -362,7 +346,7 @@ namespace slp {
 int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                       std::vector<double>& rd) {
     int choice = int_control(prob, TSLP_STEPSOLVER);
-    if (!sparse_ok || mip_phase || hessian_passed || choice == 1 || (choice == 0 && !use_h)) return 0;
+    if (!sparse_ok || hessian_passed || choice == 1 || (choice == 0 && !use_h)) return 0;
     SparseLp lp;
     HighsInt nc = 0, nr = 0, nz = Highs_getNumNz(h), sense_out = 0;
     double offset = 0.0;
@@ -383,9 +367,41 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         return 0;
     }
     start[ncolLP] = nz;
-    lp.start.assign(start.begin(), start.end());
-    lp.index.assign(index.begin(), index.begin() + nz);
-    lp.value.resize(nz);
+    // With curvature on segments, the interior-point solver takes the curvature as a diagonal
+    // quadratic term instead: the segment columns and their linking rows are left out, which
+    // cuts the step problem to the model's columns and rows.
+    const bool diag = pwl_on && seg0 < ncolLP;
+    const int ncq = diag ? seg0 : ncolLP, nrq = diag ? m.nrows : nrowLP;
+    lp.ncol = ncq;
+    lp.nrow = nrq;
+    lp.start.assign(ncq + 1, 0);
+    lp.index.clear();
+    lp.index.reserve(nz);
+    int w = 0;
+    for (int j = 0; j < ncq; ++j) {
+        for (HighsInt e = start[j]; e < start[j + 1]; ++e)
+            if (index[e] < nrq) {
+                lp.index.push_back(index[e]);
+                lp.value[w++] = lp.value[e];
+            }
+        lp.start[j + 1] = w;
+    }
+    lp.value.resize(w);
+    std::vector<HighsInt>().swap(index);
+    std::vector<HighsInt>().swap(start);
+    lp.cost.resize(ncq);
+    lp.collo.resize(ncq);
+    lp.colup.resize(ncq);
+    lp.rowlo.resize(nrq);
+    lp.rowup.resize(nrq);
+    if (diag) {
+        lp.qdiag.assign(ncq, 0.0);
+        for (int j = 0; j < n; ++j)
+            if (segw[j] > 0.0) {
+                lp.cost[j] = sense * gf[j];
+                lp.qdiag[j] = hd[j];
+            }
+    }
     for (auto* v : {&lp.collo, &lp.colup, &lp.rowlo, &lp.rowup})
         for (double& b : *v) b = bound_inf(b);
     SparseLpSolution sol;
@@ -403,11 +419,33 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         return 0;
     }
     ipm_total += sol.iterations;
-    logf(prob, 3, "    interior-point step problem: %d iterations", sol.iterations);
+    logf(prob, 2, "    interior-point step problem: %d iterations", sol.iterations);
     cv.swap(sol.colval);
     cd.swap(sol.coldual);
     rv.swap(sol.rowval);
     rd.swap(sol.rowdual);
+    if (diag) {
+        // The solution as the step problem with segments sees it: the step of a curved column
+        // fills its segments in order, and its linking row's dual is minus the marginal cost
+        // s g + h d of the step.
+        cv.resize(ncolLP, 0.0);
+        cd.resize(ncolLP, 0.0);
+        rv.resize(nrowLP, 0.0);
+        rd.resize(nrowLP, 0.0);
+        for (int j = 0; j < n; ++j) {
+            if (segcol[j] < 0 || !(segw[j] > 0.0)) continue;
+            double d = cv[j], wj = segw[j], yl = -(sense * gf[j] + hd[j] * d);
+            rd[linkrow[j]] = yl;
+            for (int t = 0; t < nseg; ++t) {
+                double curv = hd[j] * (t + 0.5) * wj;
+                cv[segcol[j] + t] = std::min(wj, std::max(0.0, d - t * wj));
+                cv[segcol[j] + nseg + t] = std::min(wj, std::max(0.0, -d - t * wj));
+                cd[segcol[j] + t] = sense * gf[j] + curv + yl;
+                cd[segcol[j] + nseg + t] = -sense * gf[j] + curv - yl;
+            }
+        }
+        diag_qp = true;
+    }
     return 1;
 }
 
