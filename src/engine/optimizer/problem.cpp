@@ -3,6 +3,8 @@
 #include "engine/optimizer/problem.h"
 #include "engine/optimizer/environment.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/cuts.h"
+#include "engine/optimizer/views.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -293,6 +295,8 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->qobj = src->qobj; dest->qrows = src->qrows; dest->sets = src->sets;
         dest->indicators = src->indicators;
         branching_copy(dest, src);
+        cuts_copy(dest, src);
+        views_copy(dest, src);
         dest->gencons = src->gencons; dest->pwlcons = src->pwlcons;
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;
