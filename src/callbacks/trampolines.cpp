@@ -82,7 +82,6 @@ PyObject* temporary_problem(ProblemObject* owner, TRVOprob prob, TSLPprob slp) {
 // A temporary problem the callback kept outlives the call as an empty problem without a
 // library problem: its methods then fail cleanly.
 void make_empty(ProblemObject* t) {
-    PyObject* self = reinterpret_cast<PyObject*>(t);
     PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);
     t->vars = PyList_New(0);
