@@ -40,8 +40,11 @@ public:
     const std::vector<double>& upper() const { return up_; }
     // Solves the relaxation, adding cuts until the quadratic rows hold or max_rounds cut rounds
     // have passed (converged() tells which). A relaxation objective at or above cutoff gives
-    // Cutoff. On Optimal, x() and objective() hold the solution.
-    Result solve(double cutoff, int max_rounds);
+    // Cutoff. On Optimal, x() and objective() hold the solution. A polished solve (for a
+    // solution to be reported) goes on until the rows hold to kPolish * feastol, or stall.
+    Result solve(double cutoff, int max_rounds, bool polish = false);
+    static constexpr double kPolish = 1e-4;
+    static constexpr int kPolishRounds = 50;
     // One iteration-limited solve from the current basis for strong branching; returns the
     // objective estimate (INFINITY when infeasible or cut off) and leaves x() unchanged.
     double probe(double cutoff, int64_t iteration_limit);
@@ -82,7 +85,9 @@ public:
 
 private:
     Result run_once(double cutoff);
-    int add_cuts(const double* x);
+    HighsInt run_counted();
+    HighsInt qp_limit() const;
+    int add_cuts(const double* x, double tol);
     void apply_bounds();
 
     const Model& model_;
