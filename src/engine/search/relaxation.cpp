@@ -261,8 +261,8 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish)
     // solve goes on cutting, for a bounded number of rounds, until the rows hold to a small
     // fraction of feastol.
     const double target = polish ? kPolish * settings_.feastol : settings_.feastol;
-    // Once the rows hold to feastol, the LP must meet its rows (the cuts) more tightly than the
-    // target; the instance's tolerance is restored when the solve ends.
+    // Once the rows hold to feastol (or the cuts stall), the LP must meet its rows (the cuts)
+    // more tightly than the target; the instance's tolerance is restored when the solve ends.
     struct Tolerance {
         void* h = nullptr;
         double keep = 0;
@@ -292,7 +292,12 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish)
         // Progress is measured on the largest violation; cuts at a point that no longer moves
         // the solution mean the LP's tolerances have been reached.
         if (viol > 0.999 * last) {
-            if (++stalls >= 5) {
+            // The LP meets a cut only to its tolerance, relative to the cut's largest gradient
+            // entry (cuts are scaled by it): before giving up, the tolerance is tightened once.
+            if (++stalls >= 2 && !tight.h) {
+                tight.tighten(h_, 0.1 * target);
+                stalls = 0;
+            } else if (stalls >= 5) {
                 converged_ = met;
                 return Optimal;
             }
