@@ -6,11 +6,17 @@ Builds the arrays of an LP with ROWS rows, ROWS/2 columns and NNZ nonzeros (100,
   - `addcols` of the empty columns, then `addrows` of all rows (row-wise arrays);
   - highspy's `passModel` of the same column-wise arrays into a fresh HiGHS instance
     (`Highs_passModel` underneath), the reference.
-Each figure is the best of REPEAT runs. Prints the times and the ratios to HiGHS; no
-assertions. The target is a ratio of at most 1.5.
+Also: modelling and low-level calls interleaved, one row added with `addConstraint` and one
+objective coefficient changed with `chgobj` per step, at 10,000 and 40,000 steps (CPU time;
+a ratio near 4 means the cost per step does not grow with the problem).
+Each figure is the best of REPEAT runs, wall time with the CPU time of the same call beside
+it (the calling thread's CPU time; the machine may be shared: the load average is printed
+too). Prints the times and the ratios to HiGHS; no assertions. The target is a ratio of at
+most 1.5.
 
     PYTHONPATH=. python benchmarks/lowlevel.py [rows] [nonzeros] [repeat]
 """
+import os
 import sys
 import time
 
@@ -43,20 +49,22 @@ def arrays(rows, nnz, seed=1):
 
 
 def best(fn, repeat):
-    times = []
-    for _ in range(repeat):
-        t = fn()
-        times.append(t)
-    return min(times)
+    """(smallest wall time, smallest CPU time) of repeat runs of fn, which returns both."""
+    runs = [fn() for _ in range(repeat)]
+    return min(r[0] for r in runs), min(r[1] for r in runs)
+
+
+def timed(call):
+    start, cpu = time.perf_counter(), time.thread_time()
+    call()
+    return time.perf_counter() - start, time.thread_time() - cpu
 
 
 def time_loadproblem(a):
     p = tv.problem()
     qrtype = list(a["rowtype"])
-    start = time.perf_counter()
-    p.loadproblem("bench", qrtype, a["rhs"], a["rng"], a["obj"], a["cstart"], None, a["crow"], a["cval"],
-                  a["lb"], a["ub"])
-    t = time.perf_counter() - start
+    t = timed(lambda: p.loadproblem("bench", qrtype, a["rhs"], a["rng"], a["obj"], a["cstart"], None, a["crow"],
+                                    a["cval"], a["lb"], a["ub"]))
     assert p.attributes.rows == a["rows"] and len(p.getConstraint()) == a["rows"]
     return t
 
@@ -65,9 +73,7 @@ def time_addrows(a):
     p = tv.problem()
     p.addcols(a["obj"], np.zeros(a["cols"], np.int64), np.zeros(0, np.int32), np.zeros(0), a["lb"], a["ub"])
     qrtype = list(a["rowtype"])
-    start = time.perf_counter()
-    p.addrows(qrtype, a["rhs"], a["rstart"], a["rcol"], a["rval"])
-    t = time.perf_counter() - start
+    t = timed(lambda: p.addrows(qrtype, a["rhs"], a["rstart"], a["rcol"], a["rval"]))
     assert p.attributes.elems == len(a["rval"]) and len(p.getConstraint()) == a["rows"]
     return t
 
@@ -78,18 +84,19 @@ import numpy as np
 import highspy
 a = np.load(sys.argv[1])
 repeat = int(sys.argv[2])
-times = []
+times, cpus = [], []
 for _ in range(repeat):
     h = highspy.Highs()
     h.setOptionValue("output_flag", False)
     inf = highspy.kHighsInf
     cols, rows = len(a["obj"]), len(a["rhs"])
-    start = time.perf_counter()
+    start, cpu = time.perf_counter(), time.thread_time()
     h.passModel(cols, rows, len(a["cval"]), 1, 1, 0.0, a["obj"], a["lb"], np.full(cols, inf),
                 np.full(rows, -inf), a["rhs"], a["cstart"][:-1].astype(np.int32), a["crow"], a["cval"], np.zeros(cols, np.int32))
     times.append(time.perf_counter() - start)
+    cpus.append(time.thread_time() - cpu)
     assert h.getNumRow() == rows
-print(min(times))
+print(min(times), min(cpus))
 """
 
 
@@ -105,7 +112,18 @@ def time_highs(a, repeat):
                              text=True)
     if out.returncode != 0:
         raise RuntimeError(out.stderr)
-    return float(out.stdout.split()[-1])
+    wall, cpu = out.stdout.split()[-2:]
+    return float(wall), float(cpu)
+
+
+def time_interleaved(n):
+    x = [tv.var() for _ in range(n + 1)]
+    p = tv.problem(x)
+    cpu = time.thread_time()
+    for i in range(n):
+        p.addConstraint(x[i] + x[i + 1] >= 1)
+        p.chgobj([x[i]], [1.0])
+    return time.thread_time() - cpu
 
 
 def main():
@@ -114,13 +132,20 @@ def main():
     repeat = int(sys.argv[3]) if len(sys.argv) > 3 else 3
     tv.setOutputEnabled(False)
     a = arrays(rows, nnz)
+    load_avg = os.getloadavg()[0]
     highs = time_highs(a, repeat)
     load = best(lambda: time_loadproblem(a), repeat)
     add = best(lambda: time_addrows(a), repeat)
-    print(f"LP: {rows} rows, {a['cols']} columns, {nnz} nonzeros (NumPy arrays), best of {repeat}")
-    print(f"  highspy passModel   {highs * 1e3:8.1f} ms")
-    print(f"  tarvo loadproblem   {load * 1e3:8.1f} ms   ratio {load / highs:5.2f}")
-    print(f"  tarvo addrows       {add * 1e3:8.1f} ms   ratio {add / highs:5.2f}")
+    print(f"LP: {rows} rows, {a['cols']} columns, {nnz} nonzeros (NumPy arrays), best of {repeat}, "
+          f"load average {load_avg:.1f} -> {os.getloadavg()[0]:.1f}")
+    print(f"  {'':20s} {'wall ms':>8s} {'cpu ms':>8s}   ratio wall / cpu")
+    print(f"  highspy passModel    {highs[0] * 1e3:8.1f} {highs[1] * 1e3:8.1f}")
+    for name, t in (("tarvo loadproblem", load), ("tarvo addrows", add)):
+        print(f"  {name:20s} {t[0] * 1e3:8.1f} {t[1] * 1e3:8.1f}   {t[0] / highs[0]:5.2f} / {t[1] / highs[1]:5.2f}")
+    print("target: ratio <= 1.5")
+    small, large = min(time_interleaved(10_000) for _ in range(2)), min(time_interleaved(40_000) for _ in range(2))
+    print(f"addConstraint + chgobj per step: 10,000 steps {small * 1e3:.1f} ms, 40,000 steps {large * 1e3:.1f} ms "
+          f"cpu, ratio {large / small:.1f} (linear: about 4)")
 
 
 if __name__ == "__main__":

@@ -103,7 +103,8 @@ bool has_quadratic(PyObject* body) {
 
 // Adds one constraint of branch i to the library object.
 int add_constraint(ProblemObject* p, TRVObranchobject h, int i, PyObject* con) {
-    PyObject* body = reinterpret_cast<ConstraintObject*>(con)->body;
+    PyObject* body = nullptr;
+    if (con_body(con, &body) < 0) return -1;
     if (!body || !(is_number(body) || is_var(body) || is_linterm(body) || is_quadterm(body) || is_expression(body)) ||
         has_quadratic(body)) {
         if (body && (is_nonlinear(body) || has_quadratic(body))) {

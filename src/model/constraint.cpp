@@ -25,6 +25,12 @@ inline uint64_t serial_of(uint64_t word) { return word & CON_SERIAL_MASK; }
 
 // Releases the body and the side-table entries of a constraint.
 void con_release(ConstraintObject* c) {
+    if (con_body_linked(reinterpret_cast<PyObject*>(c))) {
+        // Not expected (a problem restores its bodies before it lets go of a constraint), but a
+        // link is never released as a reference.
+        PyObject* b = nullptr;
+        if (con_body(reinterpret_cast<PyObject*>(c), &b) < 0) PyErr_Clear();
+    }
     Py_CLEAR(c->body);
     uint64_t word = c->word;
     c->word = 0;
@@ -93,6 +99,33 @@ PyObject* con_new() {
     if (!c) return nullptr;
     as_con(c)->word = next_con_serial() & CON_SERIAL_MASK;  // codes 0: bounds -1e20 and 1e20
     return c;
+}
+
+PyObject* new_con_list(Py_ssize_t n, const char* qrtype, const double* rhs, const double* rng) {
+    PyRef list(PyList_New(n));
+    if (!list || n == 0) return list.release();
+    uint64_t serial = next_con_serials(static_cast<uint64_t>(n));
+    const size_t size = static_cast<size_t>(ConstraintType.tp_basicsize);
+    for (Py_ssize_t i = 0; i < n; ++i, ++serial) {
+        // The generic allocation without its zero fill and type tests: both fields are set here.
+        PyObject* c = static_cast<PyObject*>(PyObject_Malloc(size));
+        if (!c) return PyErr_NoMemory();  // the list's remaining null items are skipped when it goes
+        PyObject_Init(c, &ConstraintType);
+        ConstraintObject* con = as_con(c);
+        con->word = serial & CON_SERIAL_MASK;  // codes 0: bounds -1e20 and 1e20
+        con->body = nullptr;
+        PyList_SET_ITEM(list.get(), i, c);
+        if (!qrtype || !rhs) continue;
+        double r = rhs[i];
+        switch (qrtype[i]) {
+            case 'E': con_set_lb(&con->word, r); con_set_ub(&con->word, r); break;
+            case 'G': con_set_lb(&con->word, r); break;
+            case 'L': con_set_ub(&con->word, r); break;
+            case 'R': con_set_lb(&con->word, r - (rng ? rng[i] : 0.0)); con_set_ub(&con->word, r); break;
+            default: break;
+        }
+    }
+    return list.release();
 }
 
 // ---------------------------------------------------------------- comparison builder
@@ -282,8 +315,10 @@ static int constraint_init_body(PyObject* self, PyObject* args, PyObject* kwds) 
             return -1;
         }
         ConstraintObject* s = as_con(source);
-        Py_XINCREF(s->body);
-        Py_XSETREF(c->body, s->body);
+        PyObject* shared = nullptr;
+        if (con_body(source, &shared) < 0) return -1;
+        Py_XINCREF(shared);
+        Py_XSETREF(c->body, shared);
         con_set_lb(&c->word, con_get_lb(s->word));
         con_set_ub(&c->word, con_get_ub(s->word));
         return 0;
@@ -344,8 +379,10 @@ static PyObject* constraint_copy_body(PyObject* self, PyObject*) {
     ConstraintObject* dst = as_con(c.get());
     con_set_lb(&dst->word, con_get_lb(src->word));
     con_set_ub(&dst->word, con_get_ub(src->word));
-    if (src->body) {
-        dst->body = copy_body(src->body);
+    PyObject* body = nullptr;
+    if (con_body(self, &body) < 0) return nullptr;
+    if (body) {
+        dst->body = copy_body(body);
         if (!dst->body) return nullptr;
     }
     PyRef src_name(con_get_name(src->word));
@@ -373,11 +410,13 @@ PyObject* constraint_getattro(PyObject* self, PyObject* attr) {
     if (std::strcmp(s, "ub") == 0) return PyFloat_FromDouble(con_get_ub(c->word));
     if (std::strcmp(s, "name") == 0) return con_get_name(c->word);
     if (std::strcmp(s, "body") == 0) {
-        if (!c->body) {
+        PyObject* body = nullptr;
+        if (con_body(self, &body) < 0) return nullptr;
+        if (!body) {
             PyErr_SetString(InterfaceError, member_error);
             return nullptr;
         }
-        return new_ref(c->body);
+        return new_ref(body);
     }
     if (std::strcmp(s, "__class__") == 0) return new_ref(reinterpret_cast<PyObject*>(Py_TYPE(self)));
     if (std::strcmp(s, "__dict__") == 0) {
@@ -429,9 +468,21 @@ PyMethodDef constraint_methods[] = {
      "in any problem."},
     {nullptr, nullptr, 0, nullptr}};
 
-PyMemberDef constraint_members[] = {
-    {const_cast<char*>("body"), T_OBJECT, offsetof(ConstraintObject, body), 0, const_cast<char*>("Constraint body")},
-    {nullptr, 0, 0, 0, nullptr}};
+// The body declared for introspection; reads and writes go through the attribute functions
+// (a descriptor reading the field itself would miss a body released to its row).
+PyObject* body_get(PyObject* self, void*) {
+    PyRef name(PyUnicode_FromString("body"));
+    return name ? constraint_getattro(self, name.get()) : nullptr;
+}
+
+int body_set(PyObject* self, PyObject* value, void*) {
+    PyRef name(PyUnicode_FromString("body"));
+    return name ? constraint_setattro(self, name.get(), value) : -1;
+}
+
+PyGetSetDef constraint_getset[] = {
+    {const_cast<char*>("body"), body_get, body_set, const_cast<char*>("Constraint body"), nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr}};
 
 }  // namespace
 
@@ -452,7 +503,7 @@ PyTypeObject ConstraintType = [] {
     t.tp_getattro = constraint_getattro;
     t.tp_setattro = constraint_setattro;
     t.tp_methods = constraint_methods;
-    t.tp_members = constraint_members;
+    t.tp_getset = constraint_getset;
     return t;
 }();
 

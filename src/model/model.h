@@ -29,7 +29,13 @@ inline uint64_t var_serial(PyObject* v) { return reinterpret_cast<VarObject*>(v)
 inline int var_type_code(PyObject* v) { return static_cast<int>((reinterpret_cast<VarObject*>(v)->word >> 60) & 7); }
 
 uint64_t next_var_serial();
+// The first of n consecutive serials drawn under one lock.
+uint64_t next_var_serials(uint64_t n);
 PyObject* new_var();  // fresh serial, default state
+// A new list of n new variables with consecutive fresh serials (one lock, one allocation pass),
+// bounds lb[i] and ub[i] and column type characters types[i] ('C', 'B', 'I', 'S', 'R', 'P';
+// any other leaves continuous); a null array gives the default for every variable.
+PyObject* new_var_list(Py_ssize_t n, const double* lb, const double* ub, const char* types);
 double var_get_lb(uint64_t word);
 double var_get_ub(uint64_t word);
 double var_get_threshold(uint64_t word);
@@ -467,13 +473,25 @@ inline bool is_constraint(PyObject* o) { return layout_type_check(o, &Constraint
 inline uint64_t con_serial(PyObject* c) { return reinterpret_cast<ConstraintObject*>(c)->word & CON_SERIAL_MASK; }
 
 uint64_t next_con_serial();
+uint64_t next_con_serials(uint64_t n);  // the first of n consecutive serials, one lock
 PyObject* con_new();  // fresh serial, null body, bounds -1e20 / 1e20
+// A new list of n new constraints without body, with consecutive fresh serials, whose bounds
+// say what the rows say: row types qrtype[i] ('E' lb = ub = rhs, 'G' lb = rhs, 'L' ub = rhs,
+// 'R' lb = rhs - range, ub = rhs, else free), right-hand sides rhs[i] and ranges rng[i] (null
+// rng: 0). Null qrtype or rhs makes every constraint free.
+PyObject* new_con_list(Py_ssize_t n, const char* qrtype, const double* rhs, const double* rng);
 double con_get_lb(uint64_t word);
 double con_get_ub(uint64_t word);
 void con_set_lb(uint64_t* word, double v);
 void con_set_ub(uint64_t* word, double v);
 void con_set_name(uint64_t* word, PyObject* name);
 PyObject* con_get_name(uint64_t word);  // new reference (stored or "R%d")
+// The body of a constraint (borrowed; null for a constraint without body). A linear body that
+// only the constraint held is released once its row is in a problem and made again from the
+// row when asked for (problem/detached_bodies.cpp), so c->body is read through this: 0, or -1
+// with an exception set. con_body_linked() tells a released body.
+int con_body(PyObject* c, PyObject** body);
+bool con_body_linked(PyObject* c);
 // As var_default_name_text, for a constraint's default name "R%d".
 bool con_default_name_text(uint64_t word, char* buf);
 // The rich comparison of every modelling type: builds a constraint.

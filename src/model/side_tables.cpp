@@ -79,6 +79,20 @@ uint64_t next_var_serial() {
     return side_tables->var_counter++;
 }
 
+uint64_t next_var_serials(uint64_t n) {
+    std::lock_guard<std::mutex> guard(state.locks->var_serial);
+    uint64_t first = side_tables->var_counter;
+    side_tables->var_counter += n;
+    return first;
+}
+
+uint64_t next_con_serials(uint64_t n) {
+    std::lock_guard<std::mutex> guard(state.locks->con_serial);
+    uint64_t first = side_tables->con_counter;
+    side_tables->con_counter += n;
+    return first;
+}
+
 uint64_t next_con_serial() {
     std::lock_guard<std::mutex> guard(state.locks->con_serial);
     return side_tables->con_counter++;

@@ -15,6 +15,9 @@ constexpr int UB_SHIFT = 55;
 constexpr uint64_t UB_STORED = uint64_t(1) << 57;
 constexpr uint64_t THRESHOLD_STORED = uint64_t(1) << 58;
 constexpr uint64_t NAME_STORED = uint64_t(1) << 59;
+// The name is the empty string, kept without a table entry: models built with name="" (no
+// names for the library, none made up either) cost no name-table entry per variable.
+constexpr uint64_t EMPTY_NAME = uint64_t(1) << 63;
 constexpr int TYPE_SHIFT = 60;
 constexpr uint64_t CODE_MASK = 3;
 
@@ -80,8 +83,16 @@ void var_set_threshold(uint64_t* word, double v) {
 }
 
 void var_set_name(uint64_t* word, PyObject* name) {
-    *word |= NAME_STORED;
+    if (PyUnicode_CheckExact(name) && PyUnicode_GET_LENGTH(name) == 0) {
+        if (*word & NAME_STORED) {
+            *word &= ~NAME_STORED;
+            name_erase(side_tables->var_name, serial_of(*word));
+        }
+        *word |= EMPTY_NAME;
+        return;
+    }
     name_store(side_tables->var_name, serial_of(*word), name);
+    *word = (*word & ~EMPTY_NAME) | NAME_STORED;
 }
 
 PyObject* var_default_name(uint64_t serial) {
@@ -89,14 +100,16 @@ PyObject* var_default_name(uint64_t serial) {
 }
 
 bool var_default_name_text(uint64_t word, char* buf) {
-    if (word & NAME_STORED) return false;
+    if (word & (NAME_STORED | EMPTY_NAME)) return false;
     numbered_name('C', static_cast<int>(serial_of(word)), buf);
     return true;
 }
 
 PyObject* var_get_name(uint64_t word) {
     PyObject* result = nullptr;
-    if (!(word & NAME_STORED)) {
+    if (word & EMPTY_NAME) {
+        result = PyUnicode_New(0, 0);
+    } else if (!(word & NAME_STORED)) {
         result = var_default_name(serial_of(word));
     } else {
         auto it = side_tables->var_name.find(serial_of(word));
@@ -129,6 +142,40 @@ PyObject* new_var() {
     if (!v) return nullptr;
     as_var(v)->word = next_var_serial() & VAR_SERIAL_MASK;
     return v;
+}
+
+PyObject* new_var_list(Py_ssize_t n, const double* lb, const double* ub, const char* types) {
+    PyRef list(PyList_New(n));
+    if (!list || n == 0) return list.release();
+    uint64_t serial = next_var_serials(static_cast<uint64_t>(n));
+    const size_t size = static_cast<size_t>(VarType.tp_basicsize);
+    for (Py_ssize_t i = 0; i < n; ++i, ++serial) {
+        // The generic allocation without its zero fill and type tests: the one field is set here.
+        PyObject* v = static_cast<PyObject*>(PyObject_Malloc(size));
+        if (!v) {
+            // The list's remaining items are still null, which list deallocation skips.
+            return PyErr_NoMemory();
+        }
+        PyObject_Init(v, &VarType);
+        as_var(v)->word = serial & VAR_SERIAL_MASK;
+        PyList_SET_ITEM(list.get(), i, v);
+        uint64_t* word = &as_var(v)->word;
+        if (lb && lb[i] != 0.0) var_set_lb(word, lb[i]);
+        if (ub && ub[i] < INF) var_set_ub(word, ub[i]);
+        if (types) {
+            uint64_t code;
+            switch (types[i]) {
+                case 'B': code = 1; break;
+                case 'I': code = 2; break;
+                case 'S': code = 3; break;
+                case 'R': code = 4; break;
+                case 'P': code = 5; break;
+                default: code = 0;
+            }
+            *word |= code << TYPE_SHIFT;
+        }
+    }
+    return list.release();
 }
 
 // ---------------------------------------------------------------- arithmetic

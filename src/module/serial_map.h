@@ -2,8 +2,9 @@
 // (linear probing, deletion by backward shift) in one flat block. It serves the problems'
 // serial -> index maps (every term of every constraint added goes through a lookup) and the
 // process-wide side tables of bounds and names: one entry per column or row, so the table
-// costs no allocation per entry and about 32 bytes per entry (16-byte slots at most half full)
-// instead of a heap node each. Serials are never all ones, which marks an empty slot. Nothing
+// costs no allocation per entry and 18 to 37 bytes per entry (16-byte slots up to seven eighths
+// full while keys sit at their homes, half full once they are scattered) instead of a heap node
+// each. Serials are never all ones, which marks an empty slot. Nothing
 // needs the serial order.
 #pragma once
 #include <cstddef>
@@ -78,6 +79,13 @@ public:
     }
     // The value of key, inserting V() when absent (may throw std::bad_alloc when growing).
     V& operator[](uint64_t key);
+    // Inserts a key known to be absent (a fresh serial), without looking it up first (may
+    // throw std::bad_alloc when growing).
+    void insert_absent(uint64_t key, const V& value) {
+        if (too_full(count_ + 1, slots_.size())) rehash(slots_.empty() ? 16 : slots_.size() * 2);
+        ++count_;
+        place(key, value);
+    }
     size_t erase(uint64_t key) {
         Slot* s = lookup(key);
         if (!s) return 0;
@@ -105,6 +113,9 @@ private:
     // few homes (a displacement beyond MAX_DIRECT_PROBE), the table switches to scattering keys
     // with a multiplicative hash.
     static constexpr size_t MAX_DIRECT_PROBE = 32;
+    // Keys at their homes (consecutive serials) leave no gaps to probe through, so the table
+    // fills to seven eighths; scattered keys probe like random ones and keep it half empty.
+    bool too_full(size_t n, size_t capacity) const { return scatter_ ? n * 2 > capacity : n * 8 > capacity * 7; }
     size_t home(uint64_t key) const {
         if (scatter_) return static_cast<size_t>((key * 0x9E3779B97F4A7C15ull) >> 20) & mask_;
         return static_cast<size_t>(key) & mask_;
@@ -134,7 +145,7 @@ private:
 template <class V>
 inline V& SerialMap<V>::operator[](uint64_t key) {
     if (Slot* s = lookup(key)) return s->second;
-    if ((count_ + 1) * 2 > slots_.size()) rehash(slots_.empty() ? 16 : slots_.size() * 2);
+    if (too_full(count_ + 1, slots_.size())) rehash(slots_.empty() ? 16 : slots_.size() * 2);
     ++count_;
     return place(key, V())->second;
 }
@@ -146,7 +157,8 @@ inline typename SerialMap<V>::Slot* SerialMap<V>::place(uint64_t key, const V& v
     size_t d = (i - h) & mask_;
     if (d > MAX_DIRECT_PROBE && !scatter_) {
         scatter_ = true;
-        rehash(slots_.size());  // places every other key anew; key itself goes in below
+        // places every other key anew (with room for the lower fill); key itself goes in below
+        rehash(too_full(count_, slots_.size()) ? slots_.size() * 2 : slots_.size());
         return place(key, value);
     }
     if (d > max_probe_) max_probe_ = d;
@@ -157,7 +169,7 @@ inline typename SerialMap<V>::Slot* SerialMap<V>::place(uint64_t key, const V& v
 template <class V>
 inline void SerialMap<V>::reserve(size_t n) {
     size_t capacity = 16;
-    while (capacity < 2 * n) capacity *= 2;
+    while (too_full(n, capacity)) capacity *= 2;
     if (capacity > slots_.size()) rehash(capacity);
 }
 

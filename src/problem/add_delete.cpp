@@ -168,16 +168,18 @@ struct RowBatch {
 
 int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
     ConstraintObject* con = reinterpret_cast<ConstraintObject*>(c);
-    if (!con->body) {
+    PyObject* body = nullptr;
+    if (con_body(c, &body) < 0) return -1;
+    if (!body) {
         PyErr_SetString(ModelError, "Stale expression link, cannot add constraint");
         return -1;
     }
     PolyParts parts;
-    if (is_nonlinear(con->body)) {
+    if (is_nonlinear(body)) {
         int before = b.nl.count();
-        if (formula_split(p, con->body, false, row_index, parts, b.nl) < 0) return -1;
+        if (formula_split(p, body, false, row_index, parts, b.nl) < 0) return -1;
         if (b.nl.count() > before) ++b.nl_rows;
-    } else if (polynomial_parts(p, con->body, false, parts) < 0) {
+    } else if (polynomial_parts(p, body, false, parts) < 0) {
         return -1;
     }
     double lb = con_get_lb(con->word), ub = con_get_ub(con->word);
@@ -270,6 +272,7 @@ PyObject* add_constraints(ProblemObject* p, PyObject* args) {
         rollback(p->cons, p->rowmap, old_len);
         return nullptr;
     }
+    if (batch.nl_rows == 0) detach_bodies(p, old_len);
     Py_RETURN_NONE;
 }
 
@@ -341,7 +344,8 @@ const char* const INDICATOR_USAGE =
     "Invalid declaration of indicator constraints.\nThe problem.addIndicator function accepts either two constraints or one or more TUPLES of constraints,\nas in the following examples:\n\np.addIndicator(z==1, 2*x + 4*y <= 4)\n\np.addIndicator((y1==1, 2*x1 + 4*x2 <= 4),\n               (y2==1, 3*x1 -   x2 >= 2),\n               (y3==1, 2*x1 + 4*x2 <= 4))\n";
 
 int add_one_indicator(ProblemObject* p, PyObject* cond, PyObject* con) {
-    PyObject* body = reinterpret_cast<ConstraintObject*>(con)->body;
+    PyObject* body = nullptr;
+    if (con_body(con, &body) < 0) return -1;
     if (!body || operand_kind_quiet(body) < 0) {
         PyErr_SetString(ModelError, "Invalid constraint assigned to indicator");
         return -1;
@@ -350,7 +354,8 @@ int add_one_indicator(ProblemObject* p, PyObject* cond, PyObject* con) {
         PyErr_SetString(ModelError, "Nonlinear indicator constraints are not allowed");
         return -1;
     }
-    PyObject* cbody = reinterpret_cast<ConstraintObject*>(cond)->body;
+    PyObject* cbody = nullptr;
+    if (con_body(cond, &cbody) < 0) return -1;
     PyObject* var = nullptr;
     double coef = 1.0;
     if (cbody && is_var(cbody)) {
@@ -530,6 +535,26 @@ int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sort
     for (auto& kv : *map) {
         int below = static_cast<int>(std::lower_bound(sorted.begin(), sorted.end(), kv.second) - sorted.begin());
         kv.second -= below;
+    }
+    return 0;
+}
+
+int append_new_objects(PyObject* list, IndexMap* map, PyObject* made, int first_index, const char* message) {
+    const Py_ssize_t n = PyList_GET_SIZE(made);
+    const size_t before = map->size();
+    try {
+        map->reserve(before + static_cast<size_t>(n));
+        for (Py_ssize_t i = 0; i < n; ++i)
+            map->insert_absent(object_key(PyList_GET_ITEM(made, i)), first_index + static_cast<int>(i));
+    } catch (const std::bad_alloc&) {
+        for (Py_ssize_t i = 0; i < n && map->size() > before; ++i) map->erase(object_key(PyList_GET_ITEM(made, i)));
+        PyErr_SetString(ModelError, message);
+        return -1;
+    }
+    const Py_ssize_t len = PyList_GET_SIZE(list);
+    if (PyList_SetSlice(list, len, len, made) < 0) {
+        for (Py_ssize_t i = 0; i < n; ++i) map->erase(object_key(PyList_GET_ITEM(made, i)));
+        return -1;
     }
     return 0;
 }

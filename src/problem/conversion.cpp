@@ -169,6 +169,12 @@ int conv_item(ProblemObject* p, PyObject* obj, void* array, int64_t pos, int typ
             return 0;
         }
         case CONV_CHAR: {
+            // Row and column types come as lists of one-letter strings: read those directly.
+            if (PyUnicode_CheckExact(obj) && PyUnicode_IS_ASCII(obj) && PyUnicode_GET_LENGTH(obj) == 1 &&
+                PyUnicode_1BYTE_DATA(obj)[0] != 0) {
+                static_cast<char*>(array)[pos] = static_cast<char>(PyUnicode_1BYTE_DATA(obj)[0]);
+                return 0;
+            }
             PyObject* tmp = nullptr;
             const char* s = PyUnicode_Check(obj) || PyBytes_Check(obj) ? conv_str(obj, nullptr, &tmp) : nullptr;
             if (!s || std::strlen(s) != 1) {

@@ -127,33 +127,46 @@ struct RowWise {
 
 int transpose(const std::vector<int64_t>& cstart, const int* mnel, const int* mrwind, const double* dmatval, int ncol,
               int nrow, RowWise& rw) {
-    auto end_of = [&](int j) { return mnel ? cstart[static_cast<size_t>(j)] + mnel[j] : cstart[static_cast<size_t>(j) + 1]; };
+    const int64_t* cs = cstart.data();
+    auto end_of = [&](int j) { return mnel ? cs[j] + mnel[j] : cs[j + 1]; };
     rw.start.assign(static_cast<size_t>(nrow) + 1, 0);
+    int64_t* count = rw.start.data() + 1;
     int64_t total = 0;
-    for (int j = 0; j < ncol; ++j)
-        for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
+    for (int j = 0; j < ncol; ++j) {
+        const int64_t first = cs[j], last = end_of(j);
+        for (int64_t k = first; k < last; ++k) {
             int r = mrwind[k];
-            if (r < 0 || r >= nrow) {
+            if (static_cast<unsigned>(r) >= static_cast<unsigned>(nrow)) {
                 PyErr_Format(SolverError, "Row index %d out of range (0 to %d)", r, nrow - 1);
                 return -1;
             }
-            if (!std::isfinite(dmatval[k])) {
-                PyErr_Format(SolverError, "Matrix coefficient %lld is not finite", static_cast<long long>(k));
-                return -1;
-            }
-            ++rw.start[static_cast<size_t>(r) + 1];
-            ++total;
+            ++count[r];
         }
-    for (int i = 0; i < nrow; ++i) rw.start[static_cast<size_t>(i) + 1] += rw.start[static_cast<size_t>(i)];
+        bool finite = true;
+        for (int64_t k = first; k < last; ++k) finite &= std::isfinite(dmatval[k]);
+        if (!finite)
+            for (int64_t k = first; k < last; ++k)
+                if (!std::isfinite(dmatval[k])) {
+                    PyErr_Format(SolverError, "Matrix coefficient %lld is not finite", static_cast<long long>(k));
+                    return -1;
+                }
+        total += last - first;
+    }
+    for (int i = 0; i < nrow; ++i) count[i] += count[i - 1];
     rw.col.resize(static_cast<size_t>(total));
     rw.val.resize(static_cast<size_t>(total));
     std::vector<int64_t> next(rw.start.begin(), rw.start.end() - 1);
-    for (int j = 0; j < ncol; ++j)
-        for (int64_t k = cstart[static_cast<size_t>(j)]; k < end_of(j); ++k) {
-            int64_t at = next[static_cast<size_t>(mrwind[k])]++;
-            rw.col[static_cast<size_t>(at)] = j;
-            rw.val[static_cast<size_t>(at)] = dmatval[k];
+    int64_t* at = next.data();
+    int* col = rw.col.data();
+    double* val = rw.val.data();
+    for (int j = 0; j < ncol; ++j) {
+        const int64_t last = end_of(j);
+        for (int64_t k = cs[j]; k < last; ++k) {
+            int64_t to = at[mrwind[k]]++;
+            col[to] = j;
+            val[to] = dmatval[k];
         }
+    }
     return 0;
 }
 

@@ -12,6 +12,9 @@ namespace ll {
 
 Args::Args(PyObject* self, PyObject* args, PyObject* kw, const char* method, std::initializer_list<const char*> names)
     : p(as_prob(self)) {
+    // A method that may change rows or columns first gives the constraints their bodies back,
+    // however it was reached (also as problem.method(p, ...)).
+    if (p->detached > 0 && std::strncmp(method, "get", 3) != 0 && restore_bodies(p) < 0) return;
     const char* nm[32];
     bool req[32];
     for (const char* s : names) {
@@ -359,32 +362,19 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
         for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = c0 + i;
         if (TRVOchgcoltype(p->prob, n, idx.data(), types.data()) != 0) return problem_error(p), undo();
     }
-    try {
-        p->colmap->reserve(p->colmap->size() + static_cast<size_t>(n));
-    } catch (...) {
-        PyErr_SetString(ModelError, "Could not amend variable map");
-        return undo();
-    }
-    for (int i = 0; i < n; ++i) {
-        PyRef v(new_var());
-        if (!v) return undo();
-        uint64_t* word = &reinterpret_cast<VarObject*>(v.get())->word;
-        if (names != Py_None) {
+    // The objects are made in one pass and mapped in another.
+    PyRef made(alloc_guard("Could not amend variable map",
+                           [&] { return new_var_list(n, lb, ub, types.empty() ? nullptr : types.data()); }));
+    if (!made) return undo();
+    if (names != Py_None)
+        for (int i = 0; i < n; ++i) {
             PyRef name(name_object(names, i));
             if (!name) return undo();
-            var_set_name(word, name.get());
+            uint64_t* word = &reinterpret_cast<VarObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status("Could not amend variable map", [&] { var_set_name(word, name.get()); return 0; }) < 0)
+                return undo();
         }
-        var_set_lb(word, lb ? lb[i] : 0.0);
-        var_set_ub(word, ub ? ub[i] : INF);
-        if (!types.empty()) set_var_type(v.get(), types[static_cast<size_t>(i)]);
-        if (PyList_Append(p->vars, v.get()) < 0) return undo();
-        try {
-            (*p->colmap)[var_serial(v.get())] = c0 + i;
-        } catch (...) {
-            PyErr_SetString(ModelError, "Could not amend variable map");
-            return undo();
-        }
-    }
+    if (append_new_objects(p->vars, p->colmap, made.get(), c0, "Could not amend variable map") < 0) return undo();
     return 0;
 }
 
@@ -397,40 +387,19 @@ int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrt
         if (name_buffer(names, buf) < 0) return undo();
         if (n > 0 && TRVOaddnames(p->prob, 1, buf.data(), r0, r0 + n - 1) != 0) return problem_error(p), undo();
     }
-    try {
-        p->rowmap->reserve(p->rowmap->size() + static_cast<size_t>(n));
-    } catch (...) {
-        PyErr_SetString(ModelError, "Internal error -- Could not amend constraint map");
-        return undo();
-    }
-    for (int i = 0; i < n; ++i) {
-        PyRef c(con_new());
-        if (!c) return undo();
-        if (names != Py_None) {
+    // The objects are made in one pass and mapped in another; their bounds say what the rows
+    // say (as for a problem read from a file).
+    const char* message = "Internal error -- Could not amend constraint map";
+    PyRef made(alloc_guard(message, [&] { return new_con_list(n, qrtype, rhs, rng); }));
+    if (!made) return undo();
+    if (names != Py_None)
+        for (int i = 0; i < n; ++i) {
             PyRef name(name_object(names, i));
             if (!name) return undo();
-            con_set_name(&reinterpret_cast<ConstraintObject*>(c.get())->word, name.get());
+            uint64_t* word = &reinterpret_cast<ConstraintObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status(message, [&] { con_set_name(word, name.get()); return 0; }) < 0) return undo();
         }
-        if (qrtype && rhs) {
-            // The constraint's bounds say what the row says (as for a problem read from a file).
-            uint64_t* word = &reinterpret_cast<ConstraintObject*>(c.get())->word;
-            double r = rhs[i];
-            switch (qrtype[i]) {
-                case 'E': con_set_lb(word, r); con_set_ub(word, r); break;
-                case 'G': con_set_lb(word, r); break;
-                case 'L': con_set_ub(word, r); break;
-                case 'R': con_set_lb(word, r - (rng ? rng[i] : 0.0)); con_set_ub(word, r); break;
-                default: break;
-            }
-        }
-        if (PyList_Append(p->cons, c.get()) < 0) return undo();
-        try {
-            (*p->rowmap)[con_serial(c.get())] = r0 + i;
-        } catch (...) {
-            PyErr_SetString(ModelError, "Internal error -- Could not amend constraint map");
-            return undo();
-        }
-    }
+    if (append_new_objects(p->cons, p->rowmap, made.get(), r0, message) < 0) return undo();
     return 0;
 }
 

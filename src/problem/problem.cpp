@@ -73,6 +73,8 @@ PyObject* problem_alloc(PyTypeObject* type) {
     p->userfuncs = nullptr;
     p->obj_row = -1;
     p->obj_col = -1;
+    p->detached = 0;
+    p->detached_from = 0;
     if (state.module) Py_INCREF(state.module);
     return self;
 }
@@ -150,6 +152,8 @@ void release_userfuncs(ProblemObject* p) {
 }
 
 void clear_lists_and_maps(ProblemObject* p) {
+    // The constraints leave the problem with their bodies.
+    if (restore_bodies(p) < 0) PyErr_WriteUnraisable(reinterpret_cast<PyObject*>(p));
     for (PyObject* l : {p->vars, p->cons, p->sets})
         if (l) PyList_SetSlice(l, 0, PyList_GET_SIZE(l), nullptr);
     for (IndexMap* m : {p->colmap, p->rowmap, p->setmap})
@@ -311,6 +315,13 @@ PyObject* problem_new(PyTypeObject* type, PyObject* args, PyObject* kw) {
 void problem_dealloc(PyObject* self) {
     ProblemObject* p = as_prob(self);
     if (state.locks) { std::lock_guard<std::mutex> g(state.locks->environment); }
+    if (p->detached > 0 && p->prob) {
+        // The constraints outlive the problem: they get their bodies back from the rows first.
+        PyObject *t, *v, *tb;
+        PyErr_Fetch(&t, &v, &tb);
+        if (restore_bodies(p) < 0) PyErr_WriteUnraisable(self);
+        PyErr_Restore(t, v, tb);
+    }
     release_userfuncs(p);
     if (p->prob) callback_exception_discard(p->prob);
     destroy_library_problems(p);
@@ -451,30 +462,17 @@ int load_from_library(ProblemObject* p) {
             return -1;
         }
         if (fetch_names(2, ncols, names) < 0) return -1;
+        // Objects made in one pass, named in another, mapped in a third.
+        PyRef made(alloc_guard(nullptr, [&] { return new_var_list(ncols, lb.data(), ub.data(), ct.data()); }));
+        if (!made) return -1;
         for (int i = 0; i < ncols; ++i) {
-            PyRef v(new_var());
             PyRef name(PyUnicode_FromString(names[i].c_str()));
-            if (!v || !name) {
-                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Could not read problem");
+            if (!name) return -1;
+            uint64_t* word = &reinterpret_cast<VarObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status("Could not read problem", [&] { var_set_name(word, name.get()); return 0; }) < 0)
                 return -1;
-            }
-            uint64_t* word = &reinterpret_cast<VarObject*>(v.get())->word;
-            var_set_name(word, name.get());
-            var_set_lb(word, lb[i]);
-            var_set_ub(word, ub[i]);
-            uint64_t code = 0;
-            switch (ct[i]) {
-                case 'B': code = 1; break;
-                case 'I': code = 2; break;
-                case 'S': code = 3; break;
-                case 'R': code = 4; break;
-                case 'P': code = 5; break;
-                default: code = 0;
-            }
-            *word = (*word & ~(uint64_t(7) << 60)) | (code << 60);
-            if (PyList_Append(p->vars, v.get()) < 0) return -1;
-            (*p->colmap)[var_serial(v.get())] = i;
         }
+        if (append_new_objects(p->vars, p->colmap, made.get(), 0, "Could not read problem") < 0) return -1;
     }
     if (nrows > 0) {
         std::vector<double> rhs(nrows), rng(nrows);
@@ -485,25 +483,16 @@ int load_from_library(ProblemObject* p) {
             return -1;
         }
         if (fetch_names(1, nrows, names) < 0) return -1;
+        PyRef made(alloc_guard(nullptr, [&] { return new_con_list(nrows, rt.data(), rhs.data(), rng.data()); }));
+        if (!made) return -1;
         for (int i = 0; i < nrows; ++i) {
-            PyRef c(con_new());
             PyRef name(PyUnicode_FromString(names[i].c_str()));
-            if (!c || !name) {
-                if (!PyErr_Occurred()) PyErr_SetString(ModelError, "Cannot read constraint from problem");
+            if (!name) return -1;
+            uint64_t* word = &reinterpret_cast<ConstraintObject*>(PyList_GET_ITEM(made.get(), i))->word;
+            if (alloc_guard_status("Cannot read constraint from problem", [&] { con_set_name(word, name.get()); return 0; }) < 0)
                 return -1;
-            }
-            uint64_t* word = &reinterpret_cast<ConstraintObject*>(c.get())->word;
-            con_set_name(word, name.get());
-            switch (rt[i]) {
-                case 'E': con_set_lb(word, rhs[i]); con_set_ub(word, rhs[i]); break;
-                case 'G': con_set_lb(word, rhs[i]); break;
-                case 'L': con_set_ub(word, rhs[i]); break;
-                case 'R': con_set_lb(word, rhs[i] - rng[i]); con_set_ub(word, rhs[i]); break;
-                default: break;
-            }
-            if (PyList_Append(p->cons, c.get()) < 0) return -1;
-            (*p->rowmap)[con_serial(c.get())] = i;
         }
+        if (append_new_objects(p->cons, p->rowmap, made.get(), 0, "Cannot read constraint from problem") < 0) return -1;
     }
     if (nsets > 0) {
         if (fetch_names(3, nsets, names) < 0) return -1;
@@ -778,6 +767,7 @@ void problem_type_init() {
         "Raises ModelError for invalid arguments and SolverError when the library cannot create the problem.";
     t.tp_new = problem_new;
     t.tp_dealloc = problem_dealloc;
+    t.tp_getattro = problem_getattro;
     t.tp_str = problem_str;
     t.tp_methods = method_table.data();
     t.tp_getset = getset;

@@ -39,6 +39,8 @@ struct ProblemObject {
     PyObject* userfuncs;  // user callables registered with the nonlinear library, or null
     int obj_row;          // objective transfer row, -1 when none
     int obj_col;          // objective transfer column, -1 when none
+    Py_ssize_t detached;  // constraints whose body was released to their row (detached_bodies.cpp)
+    Py_ssize_t detached_from;  // no constraint before this list position has a released body
 };
 
 // Problem methods contributed by the subsystems (sentinel-terminated tables), assembled into
@@ -125,6 +127,20 @@ PyObject* problem_delConstraint(PyObject* self, PyObject* args, PyObject* kw);
 PyObject* problem_delSOS(PyObject* self, PyObject* args, PyObject* kw);
 // Removes the given (sorted, unique) positions from a list and renumbers its map.
 int remove_positions(PyObject* list, IndexMap* map, const std::vector<int>& sorted);
+// Appends the objects of made (a list of new objects with fresh serials) to list and maps them
+// to first_index, first_index + 1, ... in one pass; 0, or -1 with ModelError message set and
+// nothing appended.
+int append_new_objects(PyObject* list, IndexMap* map, PyObject* made, int first_index, const char* message);
+
+// ------------------------------------------------------------------ bodies (problem/detached_bodies.cpp)
+// Releases the linear bodies, held by nothing else, of the constraints from list position
+// `from` on, whose rows the library now holds; the constraints keep a link to p.
+void detach_bodies(ProblemObject* p, Py_ssize_t from);
+// Makes the released bodies of p's constraints again from the rows: before anything may change
+// rows or columns, and before p goes. 0, or -1 with an exception set (the links are gone then).
+int restore_bodies(ProblemObject* p);
+// The problem's attribute lookup: methods that may change rows or columns restore the bodies.
+PyObject* problem_getattro(PyObject* self, PyObject* name);
 
 // ------------------------------------------------------------------ objective/solve (problem/objective_solve.cpp)
 PyObject* problem_setObjective(PyObject* self, PyObject* args, PyObject* kw);

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include <pthread.h>
@@ -21,6 +22,7 @@ std::condition_variable pool_idle;
 int active_solves = 0;
 int scheduler_threads = -1;  // thread count the scheduler runs with, -1 before the first solve
 std::vector<void*> deferred;
+std::vector<void*> spare;   // cleared instances waiting for highs_reuse_quiet
 std::vector<std::atomic<int>*> stop_flags;   // of the running solves that gave one
 bool exiting = false;
 
@@ -53,6 +55,7 @@ void reset_in_child() {
     active_solves = 0;
     stop_flags.clear();
     deferred.clear();
+    spare.clear();
 }
 }  // namespace
 
@@ -98,13 +101,55 @@ void highs_release(void* highs) {
     else Highs_destroy(highs);
 }
 
-void* highs_new_quiet() {
-    void* h = Highs_create();
-    if (!h) return nullptr;
+int highs_automatic_threads() {
+    static const int count = std::max(1, (int)(std::thread::hardware_concurrency() + 1) / 2);
+    return count;
+}
+
+namespace {
+void make_quiet(void* h) {
     Highs_setBoolOptionValue(h, "log_to_console", 0);
     Highs_setStringOptionValue(h, "log_file", "");
     Highs_setBoolOptionValue(h, "output_flag", 0);
+}
+}  // namespace
+
+void* highs_new_quiet() {
+    void* h = Highs_create();
+    if (!h) return nullptr;
+    make_quiet(h);
     return h;
+}
+
+void* highs_reuse_quiet() {
+    void* h = nullptr;
+    {
+        std::lock_guard<std::mutex> g(pool_mutex);
+        if (!spare.empty()) {
+            h = spare.back();
+            spare.pop_back();
+        }
+    }
+    if (!h) return highs_new_quiet();
+    make_quiet(h);
+    return h;
+}
+
+void highs_recycle(void* highs) {
+    if (!highs) return;
+    for (int kind : {kHighsCallbackLogging, kHighsCallbackSimplexInterrupt, kHighsCallbackIpmInterrupt,
+                     kHighsCallbackMipInterrupt})
+        Highs_stopCallback(highs, kind);
+    Highs_clearModel(highs);
+    Highs_resetOptions(highs);
+    {
+        std::lock_guard<std::mutex> g(pool_mutex);
+        if (spare.size() < 4 && !exiting) {
+            spare.push_back(highs);
+            return;
+        }
+    }
+    highs_release(highs);
 }
 
 }  // namespace trvo

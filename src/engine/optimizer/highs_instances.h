@@ -23,9 +23,20 @@ struct SolveScope {
     std::atomic<int>* stop;
     int used;
 };
+// The thread count HiGHS's scheduler takes when an instance runs with "threads" 0, (hardware
+// threads + 1) / 2, found once. HiGHS asks the system for it at every run told 0; giving it
+// this count instead spares that.
+int highs_automatic_threads();
 // Destroys an instance now, or when no solve is running any more.
 void highs_release(void* highs);
 // Creates an instance whose log goes nowhere until a callback is installed.
 void* highs_new_quiet();
+// Like highs_new_quiet, but takes an instance a finished solve handed back when there is one:
+// creating an instance (a few hundred option records) and destroying it costs a small model
+// more than a solve.
+void* highs_reuse_quiet();
+// Hands an instance back for highs_reuse_quiet: its model, solution, basis and callbacks are
+// cleared and its options reset. Beyond a few spare instances it is released instead.
+void highs_recycle(void* highs);
 
 }  // namespace trvo

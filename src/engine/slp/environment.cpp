@@ -47,13 +47,16 @@ void check_prob(TSLPprob prob) {
 }
 
 void message(TSLPprob prob, int msgtype, const std::string& text) {
-    if (prob && prob->cb.message.f)
+    if (!prob) return;
+    PhaseScope timed(prob->profile, PH_LOG);
+    if (prob->cb.message.f)
         prob->cb.message.f(prob, prob->cb.message.context, text.c_str(), (int)text.size(),
                            msgtype);
 }
 
 void logf(TSLPprob prob, int level, const char* fmt, ...) {
     if (!prob || !prob->cb.message.f || int_control(prob, TSLP_LOG) < level) return;
+    PhaseScope timed(prob->profile, PH_LOG);
     char buf[1024];
     va_list ap;
     va_start(ap, fmt);

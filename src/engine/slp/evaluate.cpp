@@ -36,6 +36,7 @@ void quad_grad(const Quad& q, const double* x, double* g) {
 }
 
 Evaluator::Evaluator(TSLPprob p, const Model& model) : prob(p), m(model) {
+    PhaseScope timed(p->profile, PH_COMPILE);
     uc.prob = p;
     uc.numerical = int_control(p, TSLP_DERIVATIVES) != 0;
     uc.delta_x = dbl_control(p, TSLP_DELTA_X);
@@ -100,6 +101,7 @@ Evaluator::Evaluator(TSLPprob p, const Model& model) : prob(p), m(model) {
 }
 
 bool Evaluator::row_value(int row, const double* x, double* value) {
+    PhaseScope timed(prob->profile, PH_EVAL);
     double s = 0.0;
     for (int64_t e = m.rstart[row]; e < m.rstart[row + 1]; ++e) s += m.rval[e] * x[m.rcol[e]];
     int k = nlpos[row];
@@ -116,6 +118,7 @@ bool Evaluator::row_value(int row, const double* x, double* value) {
 }
 
 bool Evaluator::nlrow_grad(int k, const double* x, double* value, double* g) {
+    PhaseScope timed(prob->profile, PH_EVAL);
     int row = nlrows[k];
     for (int c : pattern[k]) g[c] = 0.0;
     double s = 0.0;
@@ -141,6 +144,7 @@ bool Evaluator::nlrow_grad(int k, const double* x, double* value, double* g) {
 }
 
 double Evaluator::objective(const double* x, double* g) const {
+    PhaseScope timed(prob->profile, PH_EVAL);
     double f = m.objconst;
     for (int j : objpattern) f += m.obj[j] * x[j];
     f += quad_value(qobj, x);

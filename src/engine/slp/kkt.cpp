@@ -50,6 +50,7 @@ double col_bound(double v) {
 
 bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, const double* dual,
                   double feastol, KktCheck* out, double* dj, const char* skip) {
+    PhaseScope timed(E.prob->profile, PH_KKT);
     KktCheck c;
     const int n = m.ncols;
     std::vector<double> d(n, 0.0), scratch(n, 0.0), vals;
@@ -94,6 +95,7 @@ bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, c
 
 bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double sense, const double* x,
                           double feastol, std::vector<double>& dual, const char* skip) {
+    PhaseScope timed(prob->profile, PH_KKT);
     const int n = m.ncols;
     std::vector<double> c(n, 0.0), scratch(n, 0.0), vals;
     std::vector<int> cols;
@@ -155,7 +157,7 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
         dual.assign(m.nrows, 0.0);
         return true;
     }
-    void* h = trvo::highs_new_quiet();
+    void* h = trvo::highs_reuse_quiet();
     if (!h) return false;
     int th = trvo::highs_solve_begin(1, &prob->interrupt);
     Highs_setIntOptionValue(h, "threads", th);
@@ -171,7 +173,7 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
         dual.assign(m.nrows, 0.0);
         for (int i = 0; i < ny; ++i) dual[rows[i]] = sense * cv[i];
     }
-    trvo::highs_release(h);
+    trvo::highs_recycle(h);
     trvo::highs_solve_end(&prob->interrupt);
     return ok;
 }

@@ -43,17 +43,45 @@ const char* status_name(int s) {
     return "unstarted";
 }
 
+// The time profile of the solve that just ended, in milliseconds by phase.
+void log_profile(TSLPprob prob) {
+    Profile& p = prob->profile;
+    if (!p.on) return;
+    p.end();
+    const double* t = p.secs;
+    logf(prob, 2,
+         "Time profile (CPU ms): read %.4f, compile %.4f, start %.4f, highs setup %.4f, evaluation %.4f, "
+         "step update %.4f, step solve %.4f, kkt %.4f, results %.4f, teardown %.4f, log %.4f, "
+         "iteration logic %.4f; step problems %ld",
+         1e3 * t[PH_READ], 1e3 * t[PH_COMPILE], 1e3 * t[PH_START], 1e3 * t[PH_HIGHS_SETUP], 1e3 * t[PH_EVAL],
+         1e3 * t[PH_UPDATE], 1e3 * t[PH_HIGHS_SOLVE], 1e3 * t[PH_KKT], 1e3 * t[PH_RESULT],
+         1e3 * t[PH_TEARDOWN], 1e3 * t[PH_LOG], 1e3 * t[PH_ENGINE], p.solves);
+}
+
 void optimize(TSLPprob prob, bool global) {
     auto t0 = std::chrono::steady_clock::now();
     prob->interrupt.store(0);
     prob->mswinner = 0;
-    Model m = read_model(prob);
-    const int ncols = m.ncols, nrows = m.nrows;
-    reformulate_entities(prob, m);
-    apply_dfs(prob, m);
-    if (int_control(prob, TSLP_PRESOLVE)) {
-        PresolveSummary ps = presolve_model(prob, m);
-        if (ps.fixed || ps.dropped || ps.linearised || ps.tightened) log_presolve(prob, 2, ps);
+    bool jobs = !prob->msjobs.empty() && int_control(prob, TSLP_MULTISTART);
+    // Multistart jobs may run on several threads: only a single run keeps a time profile.
+    struct ProfileEnd {
+        Profile& p;
+        ~ProfileEnd() { p.end(); }
+    } profile_end{prob->profile};
+    if (int_control(prob, TSLP_LOG) >= 2 && !global && !jobs) prob->profile.begin();
+    Model m;
+    int ncols, nrows;
+    {
+        PhaseScope timed(prob->profile, PH_READ);
+        m = read_model(prob);
+        ncols = m.ncols;
+        nrows = m.nrows;
+        reformulate_entities(prob, m);
+        apply_dfs(prob, m);
+        if (int_control(prob, TSLP_PRESOLVE)) {
+            PresolveSummary ps = presolve_model(prob, m);
+            if (ps.fixed || ps.dropped || ps.linearised || ps.tightened) log_presolve(prob, 2, ps);
+        }
     }
     prob->state |= TSLP_STATE_CONSTRUCTED;
     if (prob->cb.slpstart.f) prob->cb.slpstart.f(prob, prob->cb.slpstart.context);
@@ -64,18 +92,21 @@ void optimize(TSLPprob prob, bool global) {
         }
     } end{prob};
     RunResult r;
-    bool jobs = !prob->msjobs.empty() && int_control(prob, TSLP_MULTISTART);
     if (global || jobs) r = run_multistart(prob, m, global);
     else r = solve_from(prob, m, initial_point(prob, m), t0);
-    // Columns and rows the reformulation of entities added are not the problem's own.
-    Solution& s = r.sol;
-    if ((int)s.x.size() > ncols) s.x.resize(ncols), s.dj.resize(ncols), s.cols.resize(ncols);
-    if ((int)s.slack.size() > nrows) s.slack.resize(nrows), s.dual.resize(nrows), s.rows.resize(nrows);
-    store_result(prob, std::move(r));
+    {
+        PhaseScope timed(prob->profile, PH_RESULT);
+        // Columns and rows the reformulation of entities added are not the problem's own.
+        Solution& s = r.sol;
+        if ((int)s.x.size() > ncols) s.x.resize(ncols), s.dj.resize(ncols), s.cols.resize(ncols);
+        if ((int)s.slack.size() > nrows) s.slack.resize(nrows), s.dual.resize(nrows), s.rows.resize(nrows);
+        store_result(prob, std::move(r));
+    }
     prob->time = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     if (!int_control(prob, TSLP_POSTSOLVE)) prob->state |= TSLP_STATE_PRESOLVED;
     logf(prob, 1, "Nonlinear solve: %s, objective %.10g, %d iterations, %.3fs", status_name(prob->nlpstatus),
          prob->objval, prob->iter, prob->time);
+    log_profile(prob);
 }
 
 }  // namespace slp

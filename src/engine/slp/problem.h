@@ -1,6 +1,7 @@
 // Internal state of a nonlinear problem and the helpers every TSLP entry point shares.
 #pragma once
 
+#include "engine/slp/profile.h"
 #include "library_interface/tslp.h"
 
 #include <cxxabi.h>
@@ -165,6 +166,7 @@ struct tslp_problem_s {
     slp::Solution sol;
     std::atomic<int> interrupt{0};
     std::mutex userfunc_mutex;   // serialises user-function calls when they are not thread safe
+    slp::Profile profile;        // time by phase of the running solve (kept at log level 2 and above)
 };
 
 namespace slp {

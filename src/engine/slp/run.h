@@ -38,6 +38,7 @@ private:
     const Model& m;
     Evaluator E;
     void* h = nullptr;
+    bool auto_threads = false;       // HiGHS runs with the automatic thread count, given explicitly
     int n = 0, ncolLP = 0;
     double sense = 1.0, mu = 1.0;
     std::vector<char> nonlin;

@@ -28,6 +28,7 @@ std::set<int> failing_columns(Evaluator& E, const Model& m, const double* x) {
 
 bool interior_start(TSLPprob prob, Evaluator& E, const Model& m, const std::vector<char>& cont,
                     std::vector<double>& x) {
+    PhaseScope timed(prob->profile, PH_START);
     const int n = m.ncols;
     std::vector<double> lo(n), up(n), push(n, 0.0);
     int pushed = 0;

@@ -31,19 +31,25 @@ void highs_callback(int type, const char* msg, const HighsCallbackDataOut*, High
 }  // namespace
 
 Run::~Run() {
+    PhaseScope timed(prob->profile, PH_TEARDOWN);
     if (h) {
-        trvo::highs_release(h);   // deferred while this solve counts as running
+        trvo::highs_recycle(h);   // kept for the next run, or released (deferred while this solve counts as running)
         trvo::highs_solve_end(&prob->interrupt);
     }
 }
 
 void Run::build() {
-    h = trvo::highs_new_quiet();
+    PhaseScope timed(prob->profile, PH_HIGHS_SETUP);
+    h = trvo::highs_reuse_quiet();
     if (!h) throw Error("Could not create a HiGHS instance");
     int threads = 1;
     TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
     int th = trvo::highs_solve_begin(threads, &prob->interrupt);
-    Highs_setIntOptionValue(h, "threads", th);
+    // Told 0, HiGHS asks the system for its thread count at every run, which costs a small step
+    // problem a good part of its solve: it is given the count it would find instead (a
+    // scheduler started with another count is caught in solve_lp).
+    auto_threads = th == 0;
+    Highs_setIntOptionValue(h, "threads", auto_threads ? trvo::highs_automatic_threads() : th);
     bool log = int_control(prob, TSLP_LOG) >= 3;
     Highs_setBoolOptionValue(h, "output_flag", log);
     Highs_setBoolOptionValue(h, "log_to_console", 0);
@@ -163,6 +169,7 @@ void Run::reset_segment_basis() {
 
 // Writes the linearisation at x into the step problem.
 void Run::update_lp() {
+    PhaseScope timed(prob->profile, PH_UPDATE);
     std::vector<double> cost(ncolLP, 0.0);
     for (int j = 0; j < n; ++j) cost[j] = sense * gf[j];
     for (int r = 0; r < m.nrows; ++r)
@@ -272,6 +279,8 @@ void Run::update_lp() {
 // 0 solved, 1 infeasible, 2 unbounded, 3 stopped, 4 failed.
 int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::vector<double>& coldual,
                   double* errsum) {
+    PhaseScope timed(prob->profile, PH_HIGHS_SOLVE);
+    ++prob->profile.solves;
     Highs_zeroAllClocks(h);
     double maxtime = dbl_control(prob, TSLP_MAXTIME);
     if (maxtime > 0) {
@@ -284,6 +293,13 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
     HighsInt rc = Highs_run(h);
+    if (rc == kHighsStatusError && auto_threads) {
+        // HiGHS's scheduler was started with another thread count than its automatic one:
+        // leave the count to HiGHS from now on.
+        auto_threads = false;
+        Highs_setIntOptionValue(h, "threads", 0);
+        rc = Highs_run(h);
+    }
     HighsInt ms = Highs_getModelStatus(h);
     HighsInt it = 0;
     Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
