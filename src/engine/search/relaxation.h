@@ -53,6 +53,8 @@ public:
     double objective() const { return obj_; }
     bool converged() const { return converged_; }
     bool quadratic_objective() const { return hessian_; }
+    // Whether a QP solve hit its iteration cap twice (HiGHS's QP solver cycling) and gave Limit.
+    bool qp_stalled() const { return qp_stalled_; }
     double max_violation(const double* x) const;
 
     // Rows beyond the model's (cut rows, cuts.h): added once and then switched on and off
@@ -114,6 +116,7 @@ private:
     std::vector<double> x_;
     double obj_ = INFINITY;
     bool converged_ = true;
+    bool qp_stalled_ = false;
     int64_t iterations_ = 0;
 
 public:

@@ -565,6 +565,7 @@ Outcome Search::run() {
             open_.push(std::move(node));
             stop = limit_reached();
             if (!stop) stop = TRVO_STOP_ITERLIMIT;
+            out_.qp_stalled = rel_.qp_stalled();
             break;
         }
         if (r == Relaxation::Error) fail("HiGHS could not solve a node relaxation of the tree search");
@@ -689,6 +690,7 @@ Outcome Search::run() {
                     open_.push(std::move(node));
                     stop = limit_reached();
                     if (!stop) stop = TRVO_STOP_ITERLIMIT;
+                    out_.qp_stalled = rel_.qp_stalled();
                     break;
                 }
                 if (again != Relaxation::Optimal) {
