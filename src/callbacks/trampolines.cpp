@@ -76,25 +76,12 @@ PyObject* temporary_problem(ProblemObject* owner, TRVOprob prob, TSLPprob slp) {
     Py_XINCREF(t->userfuncs);
     t->obj_row = owner->obj_row;
     t->obj_col = owner->obj_col;
-    t->controls = new_problem_controls(self);
-    t->attributes = new_problem_attributes(self);
-    if (!t->controls || !t->attributes) {
-        PyObject* type, *value, *tb;
-        PyErr_Fetch(&type, &value, &tb);
-        t->prob = nullptr;
-        t->slp = nullptr;
-        t->colmap = t->rowmap = t->setmap = nullptr;
-        Py_DECREF(self);
-        PyErr_Restore(type, value, tb);
-        return nullptr;
-    }
     return self;
 }
 
 // A temporary problem the callback kept outlives the call as an empty problem without a
 // library problem: its methods then fail cleanly.
 void make_empty(ProblemObject* t) {
-    PyObject* self = reinterpret_cast<PyObject*>(t);
     PyObject *type, *value, *tb;
     PyErr_Fetch(&type, &value, &tb);
     t->vars = PyList_New(0);
@@ -103,8 +90,6 @@ void make_empty(ProblemObject* t) {
     t->colmap = new IndexMap();
     t->rowmap = new IndexMap();
     t->setmap = new IndexMap();
-    t->controls = new_problem_controls(self);
-    t->attributes = new_problem_attributes(self);
     PyErr_Clear();
     PyErr_Restore(type, value, tb);
 }
@@ -117,10 +102,8 @@ void release_temporary(PyObject* self) {
     ProblemObject* t = as_prob(self);
     t->prob = nullptr;
     t->slp = nullptr;
-    detach_controls(t->controls);
-    detach_controls(t->attributes);
-    Py_CLEAR(t->controls);
-    Py_CLEAR(t->attributes);
+    // Controls and attributes objects the callback kept hold the problem; they read nothing
+    // once it has no library problem.
     for (auto& c : t->callbacks) Py_CLEAR(c);
     Py_CLEAR(t->userfuncs);
     Py_CLEAR(t->vars);
@@ -327,8 +310,6 @@ void t_mipthread(TRVOprob p, void* ctx, TRVOprob thread) {
     t->vars = parent->vars;
     t->cons = parent->cons;
     t->sets = parent->sets;
-    t->controls = parent->controls;
-    t->attributes = parent->attributes;
     t->colmap = parent->colmap;
     t->rowmap = parent->rowmap;
     t->setmap = parent->setmap;
@@ -342,7 +323,6 @@ void t_mipthread(TRVOprob p, void* ctx, TRVOprob thread) {
     // Cleared without releasing: none of these were counted for it.
     t->prob = nullptr;
     t->vars = t->cons = t->sets = nullptr;
-    t->controls = t->attributes = nullptr;
     t->colmap = t->rowmap = t->setmap = nullptr;
     for (auto& cb : t->callbacks) cb = nullptr;
     if (Py_REFCNT(tp) > 1) make_empty(t);

@@ -138,6 +138,9 @@ enum {
 #define TRVO_MSG_TUNER_RUN 201     /* one run of the tuner */
 #define TRVO_MSG_TUNER_RESULT 202  /* the settings the tuner keeps */
 #define TRVO_MSG_CONTROLS 203      /* a line of TRVOdumpcontrols */
+/* Lines of the nonlinear library's log (its summary, iteration lines, step-problem logs), sent
+   by a nonlinear problem; its optimiser problem's message status switches them. */
+#define TRVO_MSG_NONLINEAR_LOG 301
 
 /* ---- callbacks */
 /* Per-problem message callback: msg is null on a flush request; msgtype 1 information,

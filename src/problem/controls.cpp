@@ -19,9 +19,9 @@ enum ValueType { T_INT = 1, T_DOUBLE = 2, T_STRING = 3 };
 
 struct ControlObject {
     PyObject_HEAD
-    PyObject* problem;  // borrowed owning problem; null for the module-level object
+    PyObject* problem;  // the problem (a reference, kept alive by it); null for the module-level object
     PyObject* dict;     // the catalogue (problem objects) or the library defaults (module level)
-    int bound;          // 1 when created for a problem (the problem may have gone since)
+    int bound;          // 1 when created for a problem
 };
 
 ControlObject* as_ctl(PyObject* o) { return reinterpret_cast<ControlObject*>(o); }
@@ -226,6 +226,8 @@ PyObject* get_value(ProblemObject* p, int id, int type, bool is_control, int lib
     return result;
 }
 
+// The problem of a problem's object. (A callback's problem kept after its call has no library
+// problem any more: reading its controls and attributes fails as its other methods do.)
 ProblemObject* owner(ControlObject* c) {
     if (!c->problem) {
         PyErr_SetString(InterfaceError, "The problem of these controls or attributes no longer exists");
@@ -299,8 +301,17 @@ PyObject* get_values(ProblemObject* p, PyObject* args, bool is_control) {
 // ------------------------------------------------------------------ control and attribute types
 
 void ctl_dealloc(PyObject* self) {
-    Py_CLEAR(as_ctl(self)->dict);
+    ControlObject* c = as_ctl(self);
+    PyObject* problem = c->problem;
+    c->problem = nullptr;
+    if (problem) {
+        ProblemObject* p = as_prob(problem);
+        if (p->controls == self) p->controls = nullptr;
+        if (p->attributes == self) p->attributes = nullptr;
+    }
+    Py_CLEAR(c->dict);
     Py_TYPE(self)->tp_free(self);
+    Py_XDECREF(problem);  // last: the problem may go with it
 }
 
 // An object made by tp_new without going through the module has no catalogue: it is
@@ -473,6 +484,7 @@ PyTypeObject make_type(const char* name, const char* doc, getattrofunc get, seta
 PyObject* new_ctl(PyTypeObject* type, PyObject* problem, PyObject* dict, int bound) {
     PyObject* o = type->tp_alloc(type, 0);
     if (!o) return nullptr;
+    Py_XINCREF(problem);
     as_ctl(o)->problem = problem;
     as_ctl(o)->bound = bound;
     Py_INCREF(dict);
@@ -613,11 +625,26 @@ PyTypeObject AttributeType = make_type("tarvo.attribute",
                                        attribute_getattro, attribute_setattro, attribute_repr);
 
 PyObject* controls_new_module_level(PyObject* dict) { return new_ctl(&ControlType, nullptr, dict, 0); }
-PyObject* new_problem_controls(PyObject* problem) { return new_ctl(&ControlType, problem, state.control_catalogue, 1); }
-PyObject* new_problem_attributes(PyObject* problem) { return new_ctl(&AttributeType, problem, state.attribute_catalogue, 1); }
+// The problem keeps a borrowed pointer to the object while it lives (the object's deallocation
+// clears it), so that the problem and its objects form no reference cycle.
+PyObject* problem_controls(PyObject* problem) {
+    ProblemObject* p = as_prob(problem);
+    if (p->controls) {
+        Py_INCREF(p->controls);
+        return p->controls;
+    }
+    p->controls = new_ctl(&ControlType, problem, state.control_catalogue, 1);
+    return p->controls;
+}
 
-void detach_controls(PyObject* controls_or_attributes) {
-    if (controls_or_attributes) as_ctl(controls_or_attributes)->problem = nullptr;
+PyObject* problem_attributes(PyObject* problem) {
+    ProblemObject* p = as_prob(problem);
+    if (p->attributes) {
+        Py_INCREF(p->attributes);
+        return p->attributes;
+    }
+    p->attributes = new_ctl(&AttributeType, problem, state.attribute_catalogue, 1);
+    return p->attributes;
 }
 
 int catalogue_build(bool at_import) {

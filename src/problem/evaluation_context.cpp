@@ -47,7 +47,10 @@ int eval_problem_context(PyObject* problem, PyObject* solution, EvalContext& ctx
     } else {
         int n = 0;
         if (prob_cols(p, &n) < 0) return -1;
-        int64_t count = n;
+        // A given solution holds the user's columns, as getSolution() returns them: the
+        // transfer column of a nonlinear objective is not among them.
+        const bool transfer = p->nl_objective && p->obj_col >= 0 && p->obj_col < n;
+        int64_t count = transfer ? n - 1 : n;
         void* arr = nullptr;
         if (conv_obj2arr(p, &count, solution, &arr, CONV_DOUBLE) < 0) {
             report_error(problem, nullptr);
@@ -55,6 +58,7 @@ int eval_problem_context(PyObject* problem, PyObject* solution, EvalContext& ctx
         }
         values.assign(static_cast<double*>(arr), static_cast<double*>(arr) + count);
         conv_free(arr, count, CONV_DOUBLE);
+        if (transfer) values.insert(values.begin() + p->obj_col, 0.0);
     }
     fill_context(p, ctx, values);
     return 0;

@@ -3,27 +3,24 @@
 // grouped by concern; this table gathers them for the problem type.
 #include "problem/lowlevel.h"
 
+#include <vector>
+
 namespace tarvo {
 
-namespace {
-constexpr int MAX_LOWLEVEL = 256;
+PyMethodDef* problem_lowlevel_methods() {
+    // Built on first use (problem_type_init() at import), sized from the parts' own tables and
+    // ended by the sentinel.
+    static std::vector<PyMethodDef> table = [] {
+        std::vector<PyMethodDef> t;
+        for (const PyMethodDef* part : {ll::load_methods(), ll::matrix_methods(), ll::solve_methods(),
+                                        ll::analysis_methods(), ll::files_methods(), ll::gencons_methods(),
+                                        ll::cut_methods(), ll::lowlevel_cut_methods(), ll::save_methods(),
+                                        ll::presolve_methods(), ll::basis_methods(), ll::directives_methods()})
+            for (const PyMethodDef* d = part; d->ml_name; ++d) t.push_back(*d);
+        t.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
+        return t;
+    }();
+    return table.data();
 }
-
-PyMethodDef problem_lowlevel_methods[MAX_LOWLEVEL + 1];
-
-namespace {
-// Fills the table when the module is loaded, before problem_type_init() reads it at import.
-struct Assemble {
-    Assemble() {
-        int k = 0;
-        for (const PyMethodDef* t : {ll::load_methods(), ll::matrix_methods(), ll::solve_methods(),
-                                     ll::analysis_methods(), ll::files_methods(), ll::gencons_methods(),
-                                     ll::cut_methods(), ll::lowlevel_cut_methods(), ll::save_methods(),
-                                     ll::presolve_methods(), ll::basis_methods(), ll::directives_methods()})
-            for (const PyMethodDef* d = t; d->ml_name && k < MAX_LOWLEVEL; ++d) problem_lowlevel_methods[k++] = *d;
-        problem_lowlevel_methods[k] = PyMethodDef{nullptr, nullptr, 0, nullptr};
-    }
-} assemble;
-}  // namespace
 
 }  // namespace tarvo

@@ -4,6 +4,7 @@
 #pragma once
 #include "problem/problem.h"
 
+#include <functional>
 #include <initializer_list>
 #include <vector>
 
@@ -13,6 +14,10 @@ namespace tarvo {
 // interrupts): the library's return code, or -2 with a Python exception set
 // (problem/objective_solve.cpp).
 int run_library_optimizer(ProblemObject* p, bool mip, const char* flags);
+// Runs work (a library call on p's problem) on a worker thread while the caller watches for
+// Ctrl-C, which calls interrupt() until the work returns: work's result, or -2 with a Python
+// exception set (problem/objective_solve.cpp).
+int run_on_worker(ProblemObject* p, std::function<int()> work, std::function<void()> interrupt);
 
 namespace ll {
 

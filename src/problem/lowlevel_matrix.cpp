@@ -46,8 +46,41 @@ PyObject* arrays_call(PyObject* self, PyObject* args, PyObject* kw, const char* 
 #define D(k) static_cast<double*>(v[k])
 #define C(k) static_cast<char*>(v[k])
 
-ARRAYS_METHOD(chgbounds, ("?mindex", "?qbtype", "?bnd"), (CONV_COL, CONV_CHAR, CONV_DOUBLE),
-              "Must provide arguments mindex, qbtype, bnd", TRVOchgbounds(pr, n, I(0), C(1), D(2)))
+// The var objects of columns changed here report what the library now holds: bounds, type,
+// and (limit given) the threshold. A column without an object (a transfer column) is skipped.
+int sync_vars(ProblemObject* p, int n, const int* cols, const double* limits) {
+    Py_ssize_t nvars = PyList_GET_SIZE(p->vars);
+    for (int k = 0; k < n; ++k) {
+        int c = cols[k];
+        if (c < 0 || c >= nvars) continue;
+        double lb = 0, ub = 0;
+        char type = 'C';
+        if (TRVOgetlb(p->prob, &lb, c, c) != 0 || TRVOgetub(p->prob, &ub, c, c) != 0 ||
+            TRVOgetcoltype(p->prob, &type, c, c) != 0)
+            return 1;
+        PyObject* v = PyList_GET_ITEM(p->vars, c);
+        uint64_t* word = &reinterpret_cast<VarObject*>(v)->word;
+        var_set_lb(word, lb);
+        var_set_ub(word, ub);
+        set_var_type(v, type);
+        if (limits) var_set_threshold(word, limits[k]);
+    }
+    return 0;
+}
+
+// A column-changing call, then the sync of its var objects.
+#define COLUMN_METHOD(name, kws, types, msg, call, limits)                                                \
+    PyObject* m_##name(PyObject* self, PyObject* args, PyObject* kw) {                                   \
+        ProblemObject* p = as_prob(self);                                                                \
+        return arrays_call(self, args, kw, #name, {UNPAREN kws}, {UNPAREN types}, msg,                   \
+                           [p](TRVOprob pr, int n, void** v) {                                           \
+                               int rc = call;                                                            \
+                               return rc != 0 ? rc : sync_vars(p, n, I(0), limits);                      \
+                           });                                                                           \
+    }
+
+COLUMN_METHOD(chgbounds, ("?mindex", "?qbtype", "?bnd"), (CONV_COL, CONV_CHAR, CONV_DOUBLE),
+              "Must provide arguments mindex, qbtype, bnd", TRVOchgbounds(pr, n, I(0), C(1), D(2)), nullptr)
 ARRAYS_METHOD(chgobj, ("?mindex", "?obj"), (CONV_COL, CONV_DOUBLE), "Must provide arguments mindex, obj",
               TRVOchgobj(pr, n, I(0), D(1)))
 ARRAYS_METHOD(chgrhs, ("?mindex", "?rhs"), (CONV_ROW, CONV_DOUBLE), "Must provide arguments mindex, rhs",
@@ -56,10 +89,10 @@ ARRAYS_METHOD(chgrhsrange, ("?mindex", "?rng"), (CONV_ROW, CONV_DOUBLE), "Must p
               TRVOchgrhsrange(pr, n, I(0), D(1)))
 ARRAYS_METHOD(chgrowtype, ("?mindex", "?qrtype"), (CONV_ROW, CONV_CHAR), "Must provide arguments mindex and qrtype",
               TRVOchgrowtype(pr, n, I(0), C(1)))
-ARRAYS_METHOD(chgcoltype, ("?mindex", "?qctype"), (CONV_COL, CONV_CHAR), "Must provide arguments mindex, qbtype",
-              TRVOchgcoltype(pr, n, I(0), C(1)))
-ARRAYS_METHOD(chgglblimit, ("?mindex", "?dlimit"), (CONV_COL, CONV_DOUBLE), "Must provide arguments mindex, dlimit",
-              TRVOchgglblimit(pr, n, I(0), D(1)))
+COLUMN_METHOD(chgcoltype, ("?mindex", "?qctype"), (CONV_COL, CONV_CHAR), "Must provide arguments mindex, qbtype",
+              TRVOchgcoltype(pr, n, I(0), C(1)), nullptr)
+COLUMN_METHOD(chgglblimit, ("?mindex", "?dlimit"), (CONV_COL, CONV_DOUBLE), "Must provide arguments mindex, dlimit",
+              TRVOchgglblimit(pr, n, I(0), D(1)), D(1))
 ARRAYS_METHOD(chgmcoef, ("?mrow", "?mcol", "?dval"), (CONV_ROW, CONV_COL, CONV_DOUBLE),
               "Must provide arguments mrow, mcol, dval", TRVOchgmcoef(pr, n, I(0), I(1), D(2)))
 ARRAYS_METHOD(chgmqobj, ("?mqcol1", "?mqcol2", "?dval"), (CONV_COL, CONV_COL, CONV_DOUBLE),

@@ -4,6 +4,8 @@
 #include "problem/nonlinear_bridge.h"
 #include "nonlinear/formula.h"
 
+#include <string>
+
 namespace tarvo {
 
 // Rebuilds the lists and maps after the library replaced the problem's content
@@ -94,14 +96,13 @@ PyObject* m_tune(PyObject* self, PyObject* args, PyObject* kw) {
         PyErr_SetString(SolverError, "The tuner tunes the LP/MIP optimiser; this problem is nonlinear");
         return nullptr;
     }
-    // The first exception a callback raises during the tuner's runs (on this thread, without
-    // the interpreter lock) stops the tuning and surfaces here.
-    callback_exception_discard(a.p->prob);
-    int rc;
-    Py_BEGIN_ALLOW_THREADS
-    rc = TRVOtune(a.p->prob, flags);
-    Py_END_ALLOW_THREADS
-    if (callback_exception_restore(a.p->prob)) return nullptr;
+    // The tuner runs on a worker thread, so that Ctrl-C stops it (within the current candidate
+    // run); the first exception a callback raises during its runs stops it and surfaces here.
+    TRVOprob prob = a.p->prob;
+    std::string fl = flags;
+    int rc = run_on_worker(
+        a.p, [prob, fl] { return TRVOtune(prob, fl.c_str()); }, [prob] { TRVOinterrupt(prob, 2); });
+    if (rc == -2) return nullptr;
     return done(a.p, rc);
 }
 
@@ -165,7 +166,8 @@ const PyMethodDef* save_methods() {
         LL_METHOD(tune, DOC("tune($self, /, flags=None)",
                             "Try the tuner's candidate settings within maxtime, report the fastest in the log and keep it "
                             "as the problem's controls (flags 'l' tune the LP solve, 'g' the MIP solve). Releases the "
-                            "interpreter lock. Returns None; raises SolverError when the problem cannot be solved.")),
+                            "interpreter lock; interrupt() or Ctrl-C (KeyboardInterrupt) stops it within the current "
+                            "run. Returns None; raises SolverError when the problem cannot be solved.")),
         LL_METHOD(tunerwritemethod, DOC("tunerwritemethod($self, /, methodfile)",
                                         "Write the tuner's candidate settings as a text file. Returns None.")),
         LL_METHOD(tunerreadmethod, DOC("tunerreadmethod($self, /, methodfile)",
@@ -176,8 +178,11 @@ const PyMethodDef* save_methods() {
                                         "Return 1 when messages of this number reach the log, 0 when they are "
                                         "suppressed.")),
         LL_METHOD(setmessagestatus, DOC("setmessagestatus($self, /, errcode, status)",
-                                        "Suppress (status 0) or show (status 1) the messages of this number. Returns "
-                                        "None.")),
+                                        "Suppress (status 0) or show (status 1) the messages of this number. The "
+                                        "library's own numbers: 1 lines of the LP/MIP log, 2 lines of the tree "
+                                        "search's log, 101 nonconvex problem, 102 abandoned run, 103 quadratic rows "
+                                        "not met to tolerance, 201 a tuner run, 202 the tuner's result, 203 "
+                                        "dumpcontrols lines, 301 lines of the nonlinear solver's log. Returns None.")),
         LL_METHOD(dumpcontrols, DOC("dumpcontrols($self, /)",
                                     "Write the controls that differ from their defaults to the log. Returns None.")),
         {nullptr, nullptr, 0, nullptr},

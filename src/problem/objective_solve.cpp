@@ -11,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -19,6 +20,99 @@
 #include <vector>
 
 namespace tarvo {
+
+// Runs work on a worker thread. The caller waits in 20 ms slices, checking for signals with
+// the interpreter lock held; on KeyboardInterrupt interrupt() is called until the work ends,
+// the worker is joined and -2 returned with the exception set.
+int run_on_worker(ProblemObject* p, std::function<int()> work, std::function<void()> interrupt) {
+    // What the worker shares with the caller lives on the heap: when the interpreter shuts down
+    // while a daemon thread waits here, taking the interpreter lock back ends that thread by
+    // unwinding its stack, and the worker (then detached) must not be left with dangling state.
+    struct Shared {
+        std::mutex m;
+        std::condition_variable cv;
+        bool done = false;
+        int rc = 0;
+    };
+    std::shared_ptr<Shared> sh;
+    try {
+        sh = std::make_shared<Shared>();
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+        return -2;
+    }
+    TRVOprob prob = p->prob;
+    // A callback of a running solve sees the problem (through its temporary problem) but
+    // cannot start another solve of it: the optimiser's state belongs to the running one.
+    static std::set<TRVOprob> solving;  // guarded by the interpreter lock
+    if (solving.count(prob)) {
+        PyErr_SetString(SolverError, "The problem is being solved: it cannot be solved again from one of its callbacks");
+        return -2;
+    }
+    solving.insert(prob);
+    struct Done {
+        TRVOprob prob;
+        ~Done() { solving.erase(prob); }
+    } done{prob};
+    callback_exception_discard(prob);  // one left by an earlier call that did not collect it
+    std::thread worker;
+    try {
+        worker = std::thread([sh, work] {
+            int r = work();
+            std::lock_guard<std::mutex> g(sh->m);
+            sh->rc = r;
+            sh->done = true;
+            sh->cv.notify_all();
+        });
+    } catch (...) {
+        PyErr_SetString(SolverError, "Could not start the optimiser thread");
+        return -2;
+    }
+    struct DetachOnUnwind {
+        std::thread& t;
+        ~DetachOnUnwind() {
+            if (t.joinable()) t.detach();
+        }
+    } detach_on_unwind{worker};
+    bool interrupted = false;
+    for (;;) {
+        bool finished;
+        Py_BEGIN_ALLOW_THREADS
+        {
+            std::unique_lock<std::mutex> lk(sh->m);
+            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
+            finished = sh->done;
+        }
+        Py_END_ALLOW_THREADS
+        if (finished) break;
+        if (PyErr_CheckSignals() < 0) {
+            interrupted = true;
+            break;
+        }
+    }
+    Py_BEGIN_ALLOW_THREADS
+    if (interrupted) {
+        // The request is repeated until the worker is done: one made before the optimiser
+        // started its run would be cleared by that start.
+        std::unique_lock<std::mutex> lk(sh->m);
+        while (!sh->done) {
+            lk.unlock();
+            interrupt();
+            lk.lock();
+            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
+        }
+    }
+    worker.join();
+    Py_END_ALLOW_THREADS
+    // The first exception a callback raised on the optimiser's threads surfaces here, unchanged
+    // (a KeyboardInterrupt already pending takes precedence).
+    if (interrupted) {
+        callback_exception_discard(prob);
+        return -2;
+    }
+    if (callback_exception_restore(prob)) return -2;
+    return sh->rc;
+}
 
 namespace {
 
@@ -80,104 +174,24 @@ int read_status(ProblemObject* p, int* kind, int* status) {
     return prob_int_attrib(p, mip ? 1011 : 1010, status);
 }
 
-// Runs the optimiser on a worker thread. The caller waits in 20 ms slices, checking for
-// signals with the interpreter lock held; on KeyboardInterrupt the solve is interrupted,
-// the worker joined and -2 returned with the exception set.
+// Runs the optimiser on a worker thread (see run_on_worker).
 int run_optimizer(ProblemObject* p, bool mip, const char* flags, bool nonlinear = false) {
-    // What the worker shares with the caller lives on the heap: when the interpreter shuts down
-    // while a daemon thread waits here, taking the interpreter lock back ends that thread by
-    // unwinding its stack, and the worker (then detached) must not be left with dangling state.
-    struct Shared {
-        std::mutex m;
-        std::condition_variable cv;
-        bool done = false;
-        int rc = 0;
-    };
-    std::shared_ptr<Shared> sh;
-    try {
-        sh = std::make_shared<Shared>();
-    } catch (const std::bad_alloc&) {
-        PyErr_NoMemory();
-        return -2;
-    }
     TRVOprob prob = p->prob;
     TSLPprob slp = p->slp;
-    // A callback of a running solve sees the problem (through its temporary problem) but
-    // cannot start another solve of it: the optimiser's state belongs to the running one.
-    static std::set<TRVOprob> solving;  // guarded by the interpreter lock
-    if (solving.count(prob)) {
-        PyErr_SetString(SolverError, "The problem is being solved: it cannot be solved again from one of its callbacks");
-        return -2;
-    }
-    solving.insert(prob);
-    struct Done {
-        TRVOprob prob;
-        ~Done() { solving.erase(prob); }
-    } done{prob};
     note_solver_run(p, nonlinear);
-    callback_exception_discard(prob);  // one left by an earlier call that did not collect it
     std::string fl = flags ? flags : "";
     bool have_flags = flags != nullptr;
-    std::thread worker;
-    try {
-        worker = std::thread([sh, prob, slp, fl, have_flags, mip, nonlinear] {
-            int r = nonlinear ? TSLPnlpoptimize(slp, fl.c_str())
-                    : mip     ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
-                              : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
-            std::lock_guard<std::mutex> g(sh->m);
-            sh->rc = r;
-            sh->done = true;
-            sh->cv.notify_all();
-        });
-    } catch (...) {
-        PyErr_SetString(SolverError, "Could not start the optimiser thread");
-        return -2;
-    }
-    struct DetachOnUnwind {
-        std::thread& t;
-        ~DetachOnUnwind() {
-            if (t.joinable()) t.detach();
-        }
-    } detach_on_unwind{worker};
-    bool interrupted = false;
-    for (;;) {
-        bool finished;
-        Py_BEGIN_ALLOW_THREADS
-        {
-            std::unique_lock<std::mutex> lk(sh->m);
-            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
-            finished = sh->done;
-        }
-        Py_END_ALLOW_THREADS
-        if (finished) break;
-        if (PyErr_CheckSignals() < 0) {
-            interrupted = true;
-            break;
-        }
-    }
-    Py_BEGIN_ALLOW_THREADS
-    if (interrupted) {
-        // The request is repeated until the worker is done: one made before the optimiser
-        // started its run would be cleared by that start.
-        std::unique_lock<std::mutex> lk(sh->m);
-        while (!sh->done) {
-            lk.unlock();
+    return run_on_worker(
+        p,
+        [prob, slp, fl, have_flags, mip, nonlinear] {
+            return nonlinear ? TSLPnlpoptimize(slp, fl.c_str())
+                   : mip     ? TRVOmipoptimize(prob, have_flags ? fl.c_str() : nullptr)
+                             : TRVOlpoptimize(prob, have_flags ? fl.c_str() : nullptr);
+        },
+        [prob, slp, nonlinear] {
             if (nonlinear) TSLPinterrupt(slp, 2);
             else TRVOinterrupt(prob, 2);
-            lk.lock();
-            sh->cv.wait_for(lk, std::chrono::milliseconds(20), [&] { return sh->done; });
-        }
-    }
-    worker.join();
-    Py_END_ALLOW_THREADS
-    // The first exception a callback raised on the optimiser's threads surfaces here, unchanged
-    // (a KeyboardInterrupt already pending takes precedence).
-    if (interrupted) {
-        callback_exception_discard(prob);
-        return -2;
-    }
-    if (callback_exception_restore(prob)) return -2;
-    return sh->rc;
+        });
 }
 
 }  // namespace

@@ -303,9 +303,6 @@ PyObject* problem_new(PyTypeObject* type, PyObject* args, PyObject* kw) {
         Py_XDECREF(tmp);
     }
     if (load_empty(p, name.c_str()) < 0) return nullptr;
-    p->controls = new_problem_controls(self.get());
-    p->attributes = new_problem_attributes(self.get());
-    if (!p->controls || !p->attributes) return nullptr;
     if (install_problem_printers(p) < 0) return nullptr;
     if (problem_apply_default_controls(p) < 0) return nullptr;
     if (add_elements(p, args, sense) < 0) return nullptr;
@@ -328,10 +325,7 @@ void problem_dealloc(PyObject* self) {
     nlp_release_job_objects(p);
     note_solver_run(p, false);
     callbacks_release(p);
-    detach_controls(p->controls);
-    detach_controls(p->attributes);
-    Py_CLEAR(p->controls);
-    Py_CLEAR(p->attributes);
+    p->controls = p->attributes = nullptr;  // none is alive: each would hold the problem
     Py_CLEAR(p->vars);
     Py_CLEAR(p->cons);
     Py_CLEAR(p->sets);
@@ -369,9 +363,6 @@ PyObject* problem_copy(PyObject* self, PyObject*) {
     if (TRVOcopycontrols(p->prob, src->prob) != 0) return problem_error(src);
     if (src->slp && p->slp && TSLPcopycontrols(p->slp, src->slp) != 0) return problem_error(src);
     if (make_lists_and_maps(p) < 0) return nullptr;
-    p->controls = new_problem_controls(copy.get());
-    p->attributes = new_problem_attributes(copy.get());
-    if (!p->controls || !p->attributes) return nullptr;
     *p->colmap = *src->colmap;
     *p->rowmap = *src->rowmap;
     *p->setmap = *src->setmap;
@@ -600,17 +591,9 @@ PyObject* problem_write(PyObject* self, PyObject* args, PyObject* kw) {
     Py_RETURN_NONE;
 }
 
-PyObject* get_controls(PyObject* self, void*) {
-    PyObject* c = as_prob(self)->controls;
-    Py_INCREF(c);
-    return c;
-}
+PyObject* get_controls(PyObject* self, void*) { return problem_controls(self); }
 
-PyObject* get_attributes(PyObject* self, void*) {
-    PyObject* a = as_prob(self)->attributes;
-    Py_INCREF(a);
-    return a;
-}
+PyObject* get_attributes(PyObject* self, void*) { return problem_attributes(self); }
 
 #define KW_METHOD(f) reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(f))
 
@@ -753,7 +736,7 @@ int problem_reload_from_library(ProblemObject* p) {
 
 void problem_type_init() {
     method_table.clear();
-    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods, problem_callback_methods, problem_nonlinear_methods})
+    for (PyMethodDef* t : {own_methods, problem_lowlevel_methods(), problem_callback_methods, problem_nonlinear_methods})
         for (PyMethodDef* d = t; d->ml_name; ++d) method_table.push_back(*d);
     method_table.push_back(PyMethodDef{nullptr, nullptr, 0, nullptr});
     PyTypeObject& t = ProblemType;

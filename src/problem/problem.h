@@ -27,8 +27,8 @@ struct ProblemObject {
     PyObject* vars;       // list of var in column order
     PyObject* cons;       // list of constraint in row order
     PyObject* sets;       // list of SOS in set order
-    PyObject* controls;   // tarvo.control bound to this problem
-    PyObject* attributes; // tarvo.attribute bound to this problem
+    PyObject* controls;   // the live tarvo.control of this problem, or null (borrowed: it holds the problem)
+    PyObject* attributes; // the live tarvo.attribute of this problem, or null (likewise)
     IndexMap* colmap;
     IndexMap* rowmap;
     IndexMap* setmap;
@@ -45,7 +45,7 @@ struct ProblemObject {
 
 // Problem methods contributed by the subsystems (sentinel-terminated tables), assembled into
 // the problem type's method table by problem_type_init() at import.
-extern PyMethodDef problem_lowlevel_methods[];   // problem/lowlevel.cpp
+PyMethodDef* problem_lowlevel_methods();          // problem/lowlevel.cpp (the whole table)
 extern PyMethodDef problem_callback_methods[];   // callbacks/registry.cpp
 extern PyMethodDef problem_nonlinear_methods[];  // nonlinear/nlp_methods.cpp
 // Fills the problem type object; called once at import before the type is readied.
@@ -166,11 +166,11 @@ int current_solution(ProblemObject* p, std::vector<double>& x);
 PyObject* evaluate_at_solution(ProblemObject* p, PyObject* obj, const std::vector<double>& x);
 
 // ------------------------------------------------------------------ controls (problem/controls.cpp)
-PyObject* new_problem_controls(PyObject* problem);
-PyObject* new_problem_attributes(PyObject* problem);
+// The problem's controls (attributes) object, a new reference: the one alive, else a new one.
+// The object holds the problem, so a problem lives as long as its controls are used.
+PyObject* problem_controls(PyObject* problem);
+PyObject* problem_attributes(PyObject* problem);
 int problem_apply_default_controls(ProblemObject* p);
-// Cuts the link of a problem's controls or attributes object to its (departing) problem.
-void detach_controls(PyObject* controls_or_attributes);
 PyObject* problem_setControl(PyObject* self, PyObject* args);
 PyObject* problem_getControl(PyObject* self, PyObject* args);
 PyObject* problem_getAttrib(PyObject* self, PyObject* args);

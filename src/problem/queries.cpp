@@ -89,15 +89,34 @@ int fetch_vector(ProblemObject* p, Vec which, std::vector<double>& out) {
 
 const char* const OUT_OF_RANGE = "Index out of range";
 
+// A nonlinear objective is carried by a transfer row and column of the library problem, which
+// stand for no constraint and no variable. The user's vectors leave them out: these map
+// between library positions and the user's positions (-1 for the transfer row or column).
+int transfer_index(const ProblemObject* p, bool by_col) {
+    return p->nl_objective ? (by_col ? p->obj_col : p->obj_row) : -1;
+}
+
+int64_t user_position(const ProblemObject* p, bool by_col, int64_t library_index) {
+    int t = transfer_index(p, by_col);
+    if (t < 0 || library_index < t) return library_index;
+    return library_index == t ? -1 : library_index - 1;
+}
+
+// Drops the transfer entry from a whole library vector.
+void drop_transfer(const ProblemObject* p, bool by_col, std::vector<double>& v) {
+    int t = transfer_index(p, by_col);
+    if (t >= 0 && static_cast<size_t>(t) < v.size()) v.erase(v.begin() + t);
+}
+
 // Position of one leaf in a vector of length n (by column or by row).
 int resolve_entry(ProblemObject* p, PyObject* leaf, bool by_col, int64_t n, int64_t* pos) {
     int64_t idx = -1;
     if (by_col && is_var(leaf)) {
         auto it = p->colmap->find(var_serial(leaf));
-        if (it != p->colmap->end()) idx = it->second;
+        if (it != p->colmap->end()) idx = user_position(p, true, it->second);
     } else if (!by_col && is_constraint(leaf)) {
         auto it = p->rowmap->find(con_serial(leaf));
-        if (it != p->rowmap->end()) idx = it->second;
+        if (it != p->rowmap->end()) idx = user_position(p, false, it->second);
     } else if (!by_col && is_sos(leaf)) {
         auto it = p->setmap->find(reinterpret_cast<SosObject*>(leaf)->serial);
         if (it != p->setmap->end()) idx = it->second;
@@ -106,7 +125,7 @@ int resolve_entry(ProblemObject* p, PyObject* leaf, bool by_col, int64_t n, int6
         const char* name = conv_str(leaf, nullptr, &tmp);
         if (!name) return -1;
         int i = -1;
-        if (TRVOgetindex(p->prob, by_col ? 2 : 1, name, &i) == 0) idx = i;
+        if (TRVOgetindex(p->prob, by_col ? 2 : 1, name, &i) == 0) idx = user_position(p, by_col, i);
         Py_XDECREF(tmp);
     } else if (is_index_integer(leaf)) {
         idx = index_integer_value(leaf);
@@ -169,6 +188,7 @@ PyObject* shaped_query(PyObject* self, PyObject* args, Vec which) {
     std::vector<double> v;
     if (fetch_vector(p, which, v) < 0) return nullptr;
     bool by_col = which == VEC_X || which == VEC_DJ;
+    drop_transfer(p, by_col, v);
     int64_t n = static_cast<int64_t>(v.size());
     Py_ssize_t nargs = PyTuple_GET_SIZE(args);
     if (nargs == 0) return list_of(v);

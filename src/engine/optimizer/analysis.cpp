@@ -52,14 +52,28 @@ int from_highs_status(HighsInt s) {
     }
 }
 
-void basis(TRVOprob p, std::vector<HighsInt>& c, std::vector<HighsInt>& r) {
+// The current basis in the library's status codes: the last LP solve's, or, when no LP solve
+// of the current problem is held (a restored problem, say), the basis loaded for the next
+// solve, when it fits the problem.
+void basis(TRVOprob p, std::vector<int>& c, std::vector<int>& r) {
+    const size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
+    bool solved = p->highs && p->highs_has_lp && Highs_getNumCol(p->highs) == p->ncols() &&
+                  Highs_getNumRow(p->highs) == p->nrows();
+    if (!solved && p->start_cbasis.size() == n && p->start_rbasis.size() == m && (n > 0 || m > 0)) {
+        c.assign(p->start_cbasis.begin(), p->start_cbasis.end());
+        r.assign(p->start_rbasis.begin(), p->start_rbasis.end());
+        return;
+    }
     void* h = lp_instance(p);
     HighsInt valid = 0;
     Highs_getIntInfoValue(h, "basis_validity", &valid);
     if (valid != kHighsBasisValidityValid) fail("No basis available");
-    c.resize(static_cast<size_t>(p->ncols()));
-    r.resize(static_cast<size_t>(p->nrows()));
-    if (Highs_getBasis(h, c.data(), r.data()) == kHighsStatusError) fail("No basis available");
+    std::vector<HighsInt> hc(n), hr(m);
+    if (Highs_getBasis(h, hc.data(), hr.data()) == kHighsStatusError) fail("No basis available");
+    c.resize(n);
+    r.resize(m);
+    for (size_t j = 0; j < n; ++j) c[j] = from_highs_status(hc[j]);
+    for (size_t i = 0; i < m; ++i) r[i] = from_highs_status(hr[i]);
 }
 
 // Lower and upper limits of the row activity.
@@ -118,10 +132,10 @@ extern "C" {
 
 int TRVOgetbasis(TRVOprob prob, int rstatus[], int cstatus[]) {
     return guard(prob, [&] {
-        std::vector<HighsInt> c, r;
+        std::vector<int> c, r;
         basis(prob, c, r);
-        if (cstatus) for (size_t j = 0; j < c.size(); ++j) cstatus[j] = from_highs_status(c[j]);
-        if (rstatus) for (size_t i = 0; i < r.size(); ++i) rstatus[i] = from_highs_status(r[i]);
+        if (cstatus) std::copy(c.begin(), c.end(), cstatus);
+        if (rstatus) std::copy(r.begin(), r.end(), rstatus);
     });
 }
 
@@ -129,10 +143,10 @@ int TRVOgetbasisval(TRVOprob prob, int row, int col, int* rowstat, int* colstat)
     return guard(prob, [&] {
         if (row >= 0) check_row(prob, row);
         if (col >= 0) check_col(prob, col);
-        std::vector<HighsInt> c, r;
+        std::vector<int> c, r;
         basis(prob, c, r);
-        if (rowstat && row >= 0) *rowstat = from_highs_status(r[static_cast<size_t>(row)]);
-        if (colstat && col >= 0) *colstat = from_highs_status(c[static_cast<size_t>(col)]);
+        if (rowstat && row >= 0) *rowstat = r[static_cast<size_t>(row)];
+        if (colstat && col >= 0) *colstat = c[static_cast<size_t>(col)];
     });
 }
 

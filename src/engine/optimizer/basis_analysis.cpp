@@ -72,9 +72,7 @@ struct Basis {
         std::vector<double> a(static_cast<size_t>(m), 0.0), d(static_cast<size_t>(m) + 1);
         if (q < m) a[static_cast<size_t>(q)] = 1.0;
         else
-            for (int i = 0; i < m; ++i)
-                for (const auto& e : p->matrix[static_cast<size_t>(i)])
-                    if (e.first == q - m) a[static_cast<size_t>(i)] = e.second;
+            for (int i = 0; i < m; ++i) a[static_cast<size_t>(i)] = p->matrix.row(i).coef(q - m);
         std::vector<HighsInt> idx(static_cast<size_t>(m) + 1);
         HighsInt nnz = 0;
         if (m > 0 && Highs_getBasisSolve(h, a.data(), d.data(), &nnz, idx.data()) == kHighsStatusError)
@@ -96,9 +94,7 @@ struct Basis {
     double reduced_cost(TRVOprob p, int q, const std::vector<double>& pi) const {
         if (q < m) return -pi[static_cast<size_t>(q)];
         double dj = cost[static_cast<size_t>(q)];
-        for (int i = 0; i < m; ++i)
-            for (const auto& e : p->matrix[static_cast<size_t>(i)])
-                if (e.first == q - m) dj -= pi[static_cast<size_t>(i)] * e.second;
+        for (int i = 0; i < m; ++i) dj -= pi[static_cast<size_t>(i)] * p->matrix.row(i).coef(q - m);
         return dj;
     }
 };
@@ -125,6 +121,7 @@ double factor(const std::vector<int>& e, int k) {
 bool scale_model(TRVOprob p, HighsModel& m) {
     Views* v = views_if(p);
     if (!v || (v->row_scale.empty() && v->col_scale.empty())) return false;
+    m.own_matrix();  // the scaled values cannot be the store's own
     // Rows and columns added since the factors were given are unscaled (exponent 0); deletions
     // keep the factors on the rows and columns left (views_rows_deleted / views_cols_deleted).
     if (!v->row_scale.empty()) v->row_scale.resize(static_cast<size_t>(p->nrows()), 0);
@@ -293,9 +290,7 @@ int TRVObasisstability(TRVOprob prob, int type, int norm, int ifscaled, double* 
             int q = b.at(k);
             if (q < m) B[static_cast<size_t>(q) * m + k] = 1.0;
             else
-                for (int i = 0; i < m; ++i)
-                    for (const auto& e : prob->matrix[static_cast<size_t>(i)])
-                        if (e.first == q - m) B[static_cast<size_t>(i) * m + k] = e.second;
+                for (int i = 0; i < m; ++i) B[static_cast<size_t>(i) * m + k] = prob->matrix.row(i).coef(q - m);
         }
         for (int i = 0; i < m; ++i)
             for (size_t k = 0; k < static_cast<size_t>(m); ++k) B[static_cast<size_t>(i) * m + k] *= factor(rs, i) * dpos[k];

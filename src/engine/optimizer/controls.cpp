@@ -136,7 +136,7 @@ int64_t int_attrib(TRVOprob p, int id) {
             for (const auto& s : p->sets) n += static_cast<int64_t>(s.cols.size());
             return n;
         }
-        case TRVO_ELEMS: return p->nnz;
+        case TRVO_ELEMS: return p->matrix.nnz();
         case TRVO_QELEMS: return static_cast<int64_t>(p->qobj.size());
         case TRVO_QCONSTRAINTS: return static_cast<int64_t>(p->qrows.size());
         case TRVO_PWLCONS: return static_cast<int64_t>(p->pwlcons.size());

@@ -190,6 +190,16 @@ CutPool& cut_pool(TRVOprob p) {
     return *p->cutpool;
 }
 
+void cuts_copy(TRVOprob dest, TRVOprob src) {
+    dest->cutpool.reset();
+    if (!src->cutpool) return;
+    // The copy has its own pool (cuts, stored bounds, delayed-row and model-cut marks) under
+    // the same handles; it is not attached to a search the source may be running.
+    CutPool& pool = cut_pool(dest);
+    pool = *src->cutpool;
+    pool.node = nullptr;
+}
+
 void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop) {
     if (!p->cutpool || p->cutpool->lazy.empty()) return;
     std::vector<char>& lazy = p->cutpool->lazy;

@@ -37,6 +37,8 @@ struct CutPool {
 };
 
 CutPool& cut_pool(TRVOprob p);
+// Gives dest a copy of src's pool: cuts, stored bounds and lazy marks (problem copies).
+void cuts_copy(TRVOprob dest, TRVOprob src);
 // Keeps the lazy marks on the rows left by a deletion.
 void cuts_rows_deleted(TRVOprob p, const std::vector<char>& drop);
 // Moves pool cuts and stored bounds to the columns left by a deletion (newidx: new position of

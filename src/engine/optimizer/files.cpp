@@ -506,6 +506,71 @@ size_t check_problem_file(const std::string& name, bool lp, bool* engine_section
     bool in_comment = false;
     char chunk[65536];
     size_t got;
+    if (!lp) {
+        // MPS: only the first word of each line matters (sections open at the line's start,
+        // data lines start blank), so lines are found with memchr and only their start read.
+        std::string partial;  // a line running over the end of a chunk
+        auto line = [&](const char* s, size_t n) {
+            longest = std::max(longest, n);
+            ++lineno;
+            first.clear();
+            if (n == 0 || s[0] == '*' || s[0] == ' ' || (s[0] >= '\t' && s[0] <= '\r')) return;
+            size_t e = 0;
+            while (e < n && e < 20 && !(s[e] == ' ' || (s[e] >= '\t' && s[e] <= '\r'))) ++e;
+            first.assign(s, e);
+        };
+        auto section = [&]() -> bool {  // false: an unknown section (f is closed)
+            if (first.empty() || nonlinear) return true;
+            if (!highs_mps_section(first)) *engine_sections = true;
+            if (first == "ENDATA") endata = true;
+            else if (first == kNonlinearSection) nonlinear = true;
+            else if (first == "ROWS") rows = true;
+            else if (!known_mps_section(first)) return false;
+            return true;
+        };
+        while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+            if (std::memchr(chunk, '\0', got)) {
+                std::fclose(f);
+                fail("%s is not a text problem file (it holds binary data)", name.c_str());
+            }
+            const char* p = chunk;
+            const char* end = chunk + got;
+            while (p < end) {
+                const char* nl = static_cast<const char*>(std::memchr(p, '\n', static_cast<size_t>(end - p)));
+                if (!nl) {
+                    partial.append(p, static_cast<size_t>(end - p));
+                    break;
+                }
+                if (partial.empty()) {
+                    line(p, static_cast<size_t>(nl - p));
+                } else {
+                    partial.append(p, static_cast<size_t>(nl - p));
+                    line(partial.data(), partial.size());
+                    partial.clear();
+                }
+                if (!section()) {
+                    std::fclose(f);
+                    fail("%s: line %d opens an unknown MPS section %.20s", name.c_str(), lineno, first.c_str());
+                }
+                p = nl + 1;
+            }
+        }
+        bool failed = std::ferror(f) != 0;
+        std::fclose(f);
+        if (failed) fail("Could not read problem file %s", name.c_str());
+        // The last line, without a line end.
+        first.clear();
+        if (!partial.empty()) {
+            line(partial.data(), partial.size());
+            --lineno;
+        }
+        if (!first.empty() && !nonlinear && !highs_mps_section(first)) *engine_sections = true;
+        if (!nonlinear && first == "ENDATA") endata = true;
+        if (!endata && !nonlinear)
+            fail("%s has no ENDATA line: the MPS file is incomplete (truncated?)", name.c_str());
+        if (!rows) fail("%s has no ROWS section: it is not an MPS problem file", name.c_str());
+        return longest;
+    }
     auto end_word = [&] {
         if (word.empty()) return;
         if (!in_comment) last = word;
@@ -587,49 +652,63 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
         fail("Could not read problem file %s", name.c_str());
     HighsInt ncol = Highs_getNumCol(h), nrow = Highs_getNumRow(h), nnz = Highs_getNumNz(h),
              qnz = Highs_getHessianNumNz(h);
+    // The model comes over row-wise, straight into the arrays the store keeps.
     std::vector<double> cost(static_cast<size_t>(ncol)), cl(static_cast<size_t>(ncol)),
         cu(static_cast<size_t>(ncol)), rl(static_cast<size_t>(nrow)), ru(static_cast<size_t>(nrow)),
         av(static_cast<size_t>(nnz)), qv(static_cast<size_t>(qnz));
-    std::vector<HighsInt> as(static_cast<size_t>(ncol) + 1), ai(static_cast<size_t>(nnz)),
+    std::vector<HighsInt> as(static_cast<size_t>(nrow) + 1), ai(static_cast<size_t>(nnz)),
         qs(static_cast<size_t>(ncol) + 1), qi(static_cast<size_t>(qnz)),
         integ(static_cast<size_t>(ncol), kHighsVarTypeContinuous);
     HighsInt nc, nr, nz, hz, sense;
     double offset;
-    if (Highs_getModel(h, kHighsMatrixFormatColwise, kHighsHessianFormatTriangular, &nc, &nr, &nz,
+    if (Highs_getModel(h, kHighsMatrixFormatRowwise, kHighsHessianFormatTriangular, &nc, &nr, &nz,
                        &hz, &sense, &offset, cost.data(), cl.data(), cu.data(), rl.data(),
                        ru.data(), as.data(), ai.data(), av.data(), qs.data(), qi.data(), qv.data(),
                        integ.data()) == kHighsStatusError)
         fail("Could not read the model of %s", name.c_str());
-    as[static_cast<size_t>(ncol)] = nnz;
-    std::vector<char> rtype(static_cast<size_t>(nrow));
-    std::vector<double> rhs(static_cast<size_t>(nrow)), range(static_cast<size_t>(nrow), 0.0);
+    trvo_problem_s scratch;  // a failure leaves the target untouched
+    scratch.magic = kProblemMagic;
+    scratch.rowtype.resize(static_cast<size_t>(nrow));
+    scratch.rhs.resize(static_cast<size_t>(nrow));
+    scratch.range.assign(static_cast<size_t>(nrow), 0.0);
     for (HighsInt i = 0; i < nrow; ++i) {
         size_t s = static_cast<size_t>(i);
+        char& t = scratch.rowtype[s];
+        double& rhs = scratch.rhs[s];
         bool lo = std::isfinite(rl[s]) && rl[s] > -kInf, up = std::isfinite(ru[s]) && ru[s] < kInf;
-        if (!lo && !up) { rtype[s] = 'N'; rhs[s] = 0; }
-        else if (lo && up && rl[s] == ru[s]) { rtype[s] = 'E'; rhs[s] = ru[s]; }
-        else if (!lo) { rtype[s] = 'L'; rhs[s] = ru[s]; }
-        else if (!up) { rtype[s] = 'G'; rhs[s] = rl[s]; }
-        else { rtype[s] = 'R'; rhs[s] = ru[s]; range[s] = ru[s] - rl[s]; }
+        if (!lo && !up) { t = 'N'; rhs = 0; }
+        else if (lo && up && rl[s] == ru[s]) { t = 'E'; rhs = ru[s]; }
+        else if (!lo) { t = 'L'; rhs = ru[s]; }
+        else if (!up) { t = 'G'; rhs = rl[s]; }
+        else { t = 'R'; rhs = ru[s]; scratch.range[s] = ru[s] - rl[s]; }
     }
+    rl = std::vector<double>();
+    ru = std::vector<double>();
     for (auto& v : cl) if (v <= -kInf) v = -kInf;
     for (auto& v : cu) if (v >= kInf) v = kInf;
-    std::vector<int64_t> starts(as.begin(), as.end());
-    std::vector<int> rows(ai.begin(), ai.end());
-    // Build into a scratch problem so that a failure leaves the target untouched.
-    trvo_problem_s scratch;
-    scratch.magic = kProblemMagic;
-    load_problem(&scratch, "", ncol, nrow, rtype.data(), rhs.data(), range.data(), cost.data(),
-                 starts.data(), nullptr, rows.data(), av.data(), cl.data(), cu.data());
+    for (HighsInt k = 0; k < nnz; ++k)
+        if (ai[static_cast<size_t>(k)] < 0 || ai[static_cast<size_t>(k)] >= ncol ||
+            !std::isfinite(av[static_cast<size_t>(k)]))
+            fail("Could not read the model of %s: invalid matrix entry", name.c_str());
+    static_assert(sizeof(HighsInt) == sizeof(int), "the store's column indices are HiGHS's");
+    if (!scratch.matrix.adopt(static_cast<size_t>(nrow), as.data(), std::move(ai), std::move(av)))
+        fail("Could not read the model of %s: invalid matrix starts", name.c_str());
+    scratch.lb.swap(cl);
+    scratch.ub.swap(cu);
+    scratch.obj.swap(cost);
+    scratch.limit.assign(static_cast<size_t>(ncol), 0.0);
+    scratch.coltype.assign(static_cast<size_t>(ncol), 'C');
+    scratch.rownames.resize(static_cast<size_t>(nrow));
+    scratch.colnames.resize(static_cast<size_t>(ncol));
     for (HighsInt j = 0; j < ncol; ++j) {
         size_t s = static_cast<size_t>(j);
         switch (integ[s]) {
             case kHighsVarTypeInteger:
-                scratch.coltype[s] = (cl[s] == 0 && cu[s] == 1) ? 'B' : 'I';
+                scratch.coltype[s] = (scratch.lb[s] == 0 && scratch.ub[s] == 1) ? 'B' : 'I';
                 break;
             case kHighsVarTypeSemiContinuous: case kHighsVarTypeSemiInteger:
                 scratch.coltype[s] = integ[s] == kHighsVarTypeSemiContinuous ? 'S' : 'R';
-                scratch.limit[s] = cl[s];
+                scratch.limit[s] = scratch.lb[s];
                 scratch.lb[s] = 0;
                 break;
         }
@@ -658,7 +737,7 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->limit.swap(scratch.limit); p->coltype.swap(scratch.coltype);
     p->objconst = scratch.objconst; p->objsense = scratch.objsense;
     p->rowtype.swap(scratch.rowtype); p->rhs.swap(scratch.rhs); p->range.swap(scratch.range);
-    p->matrix.swap(scratch.matrix); p->nnz = scratch.nnz;
+    p->matrix.swap(scratch.matrix);
     p->qobj.swap(scratch.qobj);
     p->rownames = std::move(scratch.rownames);
     p->colnames = std::move(scratch.colnames);
@@ -693,7 +772,7 @@ std::shared_ptr<ModelSnapshot> snapshot_model(TRVOprob p) {
     s.lb = p->lb; s.ub = p->ub; s.obj = p->obj; s.limit = p->limit; s.coltype = p->coltype;
     s.objconst = p->objconst; s.objsense = p->objsense;
     s.rowtype = p->rowtype; s.rhs = p->rhs; s.range = p->range;
-    s.matrix = p->matrix; s.nnz = p->nnz;
+    s.matrix = p->matrix;
     s.qobj = p->qobj; s.qrows = p->qrows; s.sets = p->sets; s.indicators = p->indicators;
     s.gencons = p->gencons; s.pwlcons = p->pwlcons;
     s.rownames = p->rownames; s.colnames = p->colnames; s.setnames = p->setnames;
@@ -710,7 +789,7 @@ void restore_model(TRVOprob p, ModelSnapshot& snap) {
     p->coltype.swap(s.coltype);
     p->objconst = s.objconst; p->objsense = s.objsense;
     p->rowtype.swap(s.rowtype); p->rhs.swap(s.rhs); p->range.swap(s.range);
-    p->matrix.swap(s.matrix); p->nnz = s.nnz;
+    p->matrix.swap(s.matrix);
     p->qobj.swap(s.qobj); p->qrows.swap(s.qrows); p->sets.swap(s.sets); p->indicators.swap(s.indicators);
     p->gencons.swap(s.gencons); p->pwlcons.swap(s.pwlcons);
     p->rownames = std::move(s.rownames); p->colnames = std::move(s.colnames); p->setnames = std::move(s.setnames);

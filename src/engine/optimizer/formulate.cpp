@@ -16,7 +16,7 @@ using Row = std::vector<std::pair<int, double>>;
 // copied); reformulation adds rows after them and may replace some (indicator rows).
 struct Builder {
     explicit Builder(TRVOprob p) : matrix(p->matrix) {}
-    const std::vector<Row>& matrix;
+    const RowMatrix& matrix;
     std::vector<double> cost, lo, up;
     std::vector<HighsInt> integ;
     std::map<int, Row> replaced;  // user rows rewritten by the reformulation
@@ -37,10 +37,28 @@ struct Builder {
         rup.push_back(u);
     }
     size_t nrows() const { return matrix.size() + extra.size(); }
-    const Row& row(size_t i) const {
-        if (i >= matrix.size()) return extra[i - matrix.size()];
-        auto it = replaced.find(static_cast<int>(i));
-        return it == replaced.end() ? matrix[i] : it->second;
+    // Calls f(column, value) for each entry of row i of the model.
+    template <class F>
+    void for_row(size_t i, F f) const {
+        const Row* r = nullptr;
+        if (i >= matrix.size()) r = &extra[i - matrix.size()];
+        else if (!replaced.empty()) {
+            auto it = replaced.find(static_cast<int>(i));
+            if (it != replaced.end()) r = &it->second;
+        }
+        if (r) {
+            for (const auto& e : *r) f(e.first, e.second);
+            return;
+        }
+        const RowMatrix::Row own = matrix[i];
+        const int* c = own.cols();
+        const double* v = own.values();
+        for (size_t k = 0; k < own.size(); ++k) f(c[k], v[k]);
+    }
+    size_t row_size(size_t i) const {
+        size_t n = 0;
+        for_row(i, [&](int, double) { ++n; });
+        return n;
     }
 };
 
@@ -194,10 +212,10 @@ void indicator(TRVOprob p, int i, const Indicator& ind, Builder& b) {
              rowname(p, i).c_str());
     Row r;
     double coef = 0;
-    for (const auto& e : b.row(si)) {
-        if (e.first == ind.col) coef = e.second;
-        else r.push_back(e);
-    }
+    b.for_row(si, [&](int c, double v) {
+        if (c == ind.col) coef = v;
+        else r.emplace_back(c, v);
+    });
     const double fixed = coef * (ind.comp > 0 ? 1.0 : 0.0);
     double lo_act, hi_act;
     activity_range(b, r, ind.col, lo_act, hi_act);
@@ -273,7 +291,7 @@ void row_bounds(TRVOprob p, int i, double& lo, double& up) {
     }
 }
 
-void formulate(TRVOprob p, bool mip, HighsModel& out) {
+void formulate(TRVOprob p, bool mip, HighsModel& out, bool borrow) {
     const int n = p->ncols(), m = p->nrows();
     Builder b(p);
     b.lo = p->lb;
@@ -330,18 +348,28 @@ void formulate(TRVOprob p, bool mip, HighsModel& out) {
     out.discrete = false;
     for (HighsInt t : b.integ) out.discrete = out.discrete || t != kHighsVarTypeContinuous;
     if (out.discrete) out.integrality = std::move(b.integ);
-    size_t nnz = 0;
-    for (size_t i = 0; i < b.nrows(); ++i) nnz += b.row(i).size();
-    out.a_start.reserve(b.nrows() + 1);
-    out.a_index.reserve(nnz);
-    out.a_value.reserve(nnz);
-    for (size_t i = 0; i < b.nrows(); ++i) {
-        const Row& r = b.row(i);
-        out.a_start.push_back(static_cast<HighsInt>(out.a_index.size()));
-        for (const auto& e : r) {
-            if (e.second == 0.0) continue;
-            out.a_index.push_back(e.first);
-            out.a_value.push_back(e.second);
+    static_assert(sizeof(HighsInt) == sizeof(int), "the store's column indices are HiGHS's");
+    if (borrow && b.extra.empty() && b.replaced.empty()) {
+        // The user's rows as they stand: HiGHS reads them from the store.
+        if (p->matrix.nnz() > 2147483647) fail("The matrix has more entries than HiGHS can take");
+        p->matrix.pack();
+        out.a_start = p->matrix.row_starts();
+        out.a_index_view = p->matrix.cols();
+        out.a_value_view = p->matrix.values();
+        out.nnz_view = static_cast<HighsInt>(p->matrix.nnz());
+    } else {
+        size_t nnz = 0;
+        for (size_t i = 0; i < b.nrows(); ++i) nnz += b.row_size(i);
+        out.a_start.reserve(b.nrows() + 1);
+        out.a_index.reserve(nnz);
+        out.a_value.reserve(nnz);
+        for (size_t i = 0; i < b.nrows(); ++i) {
+            out.a_start.push_back(static_cast<HighsInt>(out.a_index.size()));
+            b.for_row(i, [&](int c, double v) {
+                if (v == 0.0) return;
+                out.a_index.push_back(c);
+                out.a_value.push_back(v);
+            });
         }
     }
     if (!p->qobj.empty()) {

@@ -21,9 +21,32 @@ struct HighsModel {
     std::vector<HighsInt> integrality;   // empty when no column is integer or semi-continuous
     std::vector<HighsInt> a_start, a_index;  // row-wise
     std::vector<double> a_value;
+    // Entries borrowed from the problem's store instead of a_index/a_value (formulate with
+    // borrow), valid until the store changes: the matrix goes to HiGHS without a copy.
+    const HighsInt* a_index_view = nullptr;
+    const double* a_value_view = nullptr;
+    HighsInt nnz_view = 0;
     std::vector<HighsInt> q_start, q_index;  // lower triangle, column-wise
     std::vector<double> q_value;
     bool discrete = false;
+
+    HighsInt num_nz() const { return a_index_view ? nnz_view : static_cast<HighsInt>(a_index.size()); }
+    const HighsInt* index_data() const {
+        return a_index_view ? a_index_view : (a_index.empty() ? nullptr : a_index.data());
+    }
+    const double* value_data() const {
+        return a_value_view ? a_value_view : (a_value.empty() ? nullptr : a_value.data());
+    }
+    // Copies borrowed entries into a_index/a_value (to change them, or to keep them past a
+    // change of the store).
+    void own_matrix() {
+        if (!a_index_view) return;
+        a_index.assign(a_index_view, a_index_view + nnz_view);
+        a_value.assign(a_value_view, a_value_view + nnz_view);
+        a_index_view = nullptr;
+        a_value_view = nullptr;
+        nnz_view = 0;
+    }
 
     // Frees the arrays once HiGHS holds its own copy, so the solve does not run with the
     // model stored a third time; the dimensions and the sign stay.
@@ -47,7 +70,10 @@ bool positive_semidefinite(const QMap& q, double sign);
 bool has_entities(TRVOprob p);
 // Row i's bounds from its type, right-hand side and range (+-kInf where there is none).
 void row_bounds(TRVOprob p, int i, double& lo, double& up);
-// Builds the model: mip false gives the continuous relaxation (entities dropped).
-void formulate(TRVOprob p, bool mip, HighsModel& out);
+// Builds the model: mip false gives the continuous relaxation (entities dropped). With borrow,
+// when the reformulation leaves the user's rows as they are, the matrix entries are not copied
+// but borrowed from the store (packed first): out must then be passed to HiGHS before the
+// store changes.
+void formulate(TRVOprob p, bool mip, HighsModel& out, bool borrow = false);
 
 }  // namespace trvo

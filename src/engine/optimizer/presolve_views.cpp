@@ -82,6 +82,19 @@ void keep_entries(std::vector<int>& values, const std::vector<int>& newidx) {
 }
 }  // namespace
 
+void views_copy(TRVOprob dest, TRVOprob src) {
+    dest->views.reset();
+    const Views* v = views_if(src);
+    if (!v) return;
+    // Secure vectors and scaling are part of the model; the interior-point solution belongs
+    // to the source's last solve, and a copy starts without a solution.
+    Views& d = views(dest);
+    d.secure_rows = v->secure_rows;
+    d.secure_cols = v->secure_cols;
+    d.row_scale = v->row_scale;
+    d.col_scale = v->col_scale;
+}
+
 void views_rows_deleted(TRVOprob p, const std::vector<char>& drop) {
     Views* v = views_if(p);
     if (!v) return;

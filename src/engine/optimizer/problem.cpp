@@ -3,6 +3,8 @@
 #include "engine/optimizer/problem.h"
 #include "engine/optimizer/environment.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/cuts.h"
+#include "engine/optimizer/views.h"
 
 #include <cxxabi.h>
 #include <algorithm>
@@ -236,7 +238,7 @@ void store_clear(TRVOprob p) {
     p->lb.clear(); p->ub.clear(); p->obj.clear(); p->limit.clear(); p->coltype.clear();
     p->objconst = 0;
     p->rowtype.clear(); p->rhs.clear(); p->range.clear();
-    p->matrix.clear(); p->nnz = 0;
+    p->matrix.clear();
     p->qobj.clear(); p->qrows.clear(); p->sets.clear(); p->indicators.clear();
     p->gencons.clear(); p->pwlcons.clear();
     p->rownames = NameList(); p->colnames = NameList(); p->setnames = NameList();
@@ -289,10 +291,12 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->coltype = src->coltype; dest->objconst = src->objconst;
         dest->objsense = src->objsense;
         dest->rowtype = src->rowtype; dest->rhs = src->rhs; dest->range = src->range;
-        dest->matrix = src->matrix; dest->nnz = src->nnz;
+        dest->matrix = src->matrix;
         dest->qobj = src->qobj; dest->qrows = src->qrows; dest->sets = src->sets;
         dest->indicators = src->indicators;
         branching_copy(dest, src);
+        cuts_copy(dest, src);
+        views_copy(dest, src);
         dest->gencons = src->gencons; dest->pwlcons = src->pwlcons;
         dest->rownames = src->rownames; dest->colnames = src->colnames;
         dest->setnames = src->setnames;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "library_interface/trvo.h"
+#include "engine/optimizer/row_matrix.h"
 
 #include <atomic>
 #include <cstdint>
@@ -165,9 +166,8 @@ struct trvo_problem_s {
     // Rows.
     std::vector<char> rowtype;
     std::vector<double> rhs, range;
-    // Matrix by rows, each row sorted by column, no zeros.
-    std::vector<std::vector<std::pair<int, double>>> matrix;
-    int64_t nnz = 0;
+    // Matrix by rows, each row sorted by column, no zeros (row_matrix.h).
+    trvo::RowMatrix matrix;
     // Quadratic objective (upper triangle of Q, objective c'x + 0.5 x'Qx).
     trvo::QMap qobj;
     // Quadratic rows: row -> upper triangle of its Q (row quadratic part x'Qx).

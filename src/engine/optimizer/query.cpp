@@ -73,10 +73,7 @@ int TRVOgetcoef(TRVOprob prob, int irow, int icol, double* dval) {
         check_row(prob, irow);
         check_col(prob, icol);
         if (!dval) fail("No output argument given");
-        const auto& row = prob->matrix[static_cast<size_t>(irow)];
-        auto it = std::lower_bound(row.begin(), row.end(), icol,
-                                   [](const std::pair<int, double>& e, int c) { return e.first < c; });
-        *dval = it != row.end() && it->first == icol ? it->second : 0.0;
+        *dval = prob->matrix.row(irow).coef(icol);
     });
 }
 
@@ -117,8 +114,8 @@ int TRVOgetcols64(TRVOprob prob, int64_t mstart[], int mrwind[], double dmatval[
         int ncol = last - first + 1;
         // Count, then place: one pass over the rows each.
         std::vector<int64_t> cnt(static_cast<size_t>(ncol) + 1, 0);
-        for (const auto& row : prob->matrix)
-            for (const auto& e : row)
+        for (size_t i = 0; i < prob->matrix.size(); ++i)
+            for (const auto& e : prob->matrix[i])
                 if (e.first >= first && e.first <= last) ++cnt[static_cast<size_t>(e.first - first) + 1];
         for (int c = 0; c < ncol; ++c) cnt[static_cast<size_t>(c) + 1] += cnt[static_cast<size_t>(c)];
         int64_t total = cnt[static_cast<size_t>(ncol)];

@@ -384,7 +384,8 @@ void write_optimizer(TRVOprob p, Writer& w) {
     w.put<uint64_t>(p->matrix.size());
     std::vector<int32_t> idx;
     std::vector<double> val;
-    for (const auto& row : p->matrix) {
+    for (size_t ri = 0; ri < p->matrix.size(); ++ri) {
+        const auto row = p->matrix[ri];
         idx.clear();
         val.clear();
         for (const auto& e : row) {
@@ -547,20 +548,16 @@ void Staged::read(const File& f) {
             need_shape();
             size_t m = r.get_count(16);
             if (m != s->rowtype.size()) fail("The saved file is damaged: matrix of %zu rows for %zu rows", m, s->rowtype.size());
-            s->matrix.assign(m, {});
-            s->nnz = 0;
+            s->matrix.clear();
             for (size_t i = 0; i < m; ++i) {
                 auto idx = r.get_vec<int32_t>();
                 auto val = r.get_vec<double>();
                 if (idx.size() != val.size()) fail("The saved file is damaged: matrix row %zu", i);
-                auto& row = s->matrix[i];
-                row.reserve(idx.size());
                 for (size_t k = 0; k < idx.size(); ++k) {
                     check_index(idx[k], s->ncols(), "column", t);
                     if (k > 0 && idx[k] <= idx[k - 1]) fail("The saved file is damaged: matrix row %zu out of order", i);
-                    row.emplace_back(idx[k], val[k]);
                 }
-                s->nnz += static_cast<int64_t>(row.size());
+                s->matrix.append_row(idx.data(), val.data(), idx.size());
             }
             seen_matx = true;
         } else if (t == "QOBJ") {
@@ -793,7 +790,6 @@ void Staged::apply(TRVOprob p) {
     p->mipents = -1;
     p->rowtype.swap(s->rowtype); p->rhs.swap(s->rhs); p->range.swap(s->range);
     p->matrix.swap(s->matrix);
-    p->nnz = s->nnz;
     p->qobj.swap(s->qobj); p->qrows.swap(s->qrows); p->sets.swap(s->sets); p->indicators.swap(s->indicators);
     p->gencons.swap(s->gencons); p->pwlcons.swap(s->pwlcons);
     p->rownames = std::move(s->rownames);

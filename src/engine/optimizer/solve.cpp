@@ -145,14 +145,12 @@ void set_options(TRVOprob p, void* h, const char* flags, bool mip, int threads, 
 }
 
 void pass_model(void* h, const HighsModel& m) {
-    check(Highs_passModel(h, m.ncol, m.nrow, static_cast<HighsInt>(m.a_index.size()),
+    check(Highs_passModel(h, m.ncol, m.nrow, m.num_nz(),
                           static_cast<HighsInt>(m.q_index.size()), kHighsMatrixFormatRowwise,
                           kHighsHessianFormatTriangular, kHighsObjSenseMinimize, m.offset,
                           m.cost.data(), m.col_lower.data(), m.col_upper.data(),
                           m.row_lower.data(), m.row_upper.data(),
-                          m.nrow ? m.a_start.data() : nullptr,
-                          m.a_index.empty() ? nullptr : m.a_index.data(),
-                          m.a_value.empty() ? nullptr : m.a_value.data(),
+                          m.nrow ? m.a_start.data() : nullptr, m.index_data(), m.value_data(),
                           m.q_index.empty() ? nullptr : m.q_start.data(),
                           m.q_index.empty() ? nullptr : m.q_index.data(),
                           m.q_index.empty() ? nullptr : m.q_value.data(),
@@ -431,7 +429,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     require_served(p, SolvePath::Highs);
 
     HighsModel model;
-    formulate(p, mip, model);
+    formulate(p, mip, model, true);  // borrowed entries: passed to HiGHS below, then released
     const bool scaled = scale_model(p, model);
     const int ncols_before = p->ncols(), nrows_before = p->nrows();
 
@@ -485,6 +483,11 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
             Highs_setCallback(h, nullptr, nullptr);
         }
     } off{h};
+    // Borrowed entries must still be the store's: a message callback run while the solve was
+    // set up may have changed the problem.
+    if (model.a_index_view && (model.a_index_view != p->matrix.cols() || model.a_value_view != p->matrix.values() ||
+                               model.nnz_view != p->matrix.nnz() || !p->matrix.packed()))
+        fail("The problem was changed while its solve was being set up");
     pass_model(h, model);
     model.release_arrays();
     p->highs_cols = model.ncol;

@@ -33,17 +33,27 @@ void check_starts(const int64_t* start, const int* count, int n, int64_t total, 
     }
 }
 
+// Makes room for n more elements: exactly what one large addition needs, geometric growth for
+// repeated small ones (so that a column or row at a time stays O(1) amortised).
+template <class V>
+void make_room(V& v, size_t n) {
+    const size_t need = v.size() + n;
+    if (need > v.capacity()) v.reserve(std::max(need, v.capacity() + v.capacity() / 2));
+}
+
 }  // namespace
 
 void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
                     const double* ub) {
     if (ncols < 0) fail("Negative number of columns");
-    const int c0 = p->ncols();
     for (int j = 0; j < ncols; ++j) {
         double l = lb ? lb[j] : 0.0, u = ub ? ub[j] : kInf;
         if (std::isnan(l) || std::isnan(u)) fail("Bound of new column %d is NaN", j);
         if (obj && std::isnan(obj[j])) fail("Objective coefficient of new column %d is NaN", j);
     }
+    const size_t n = static_cast<size_t>(ncols);
+    make_room(p->lb, n); make_room(p->ub, n); make_room(p->obj, n); make_room(p->limit, n);
+    make_room(p->coltype, n);
     for (int j = 0; j < ncols; ++j) {
         p->lb.push_back(lb ? lb[j] : 0.0);
         p->ub.push_back(ub ? ub[j] : kInf);
@@ -55,8 +65,7 @@ void store_add_cols(TRVOprob p, int ncols, const double* obj, const double* lb,
     results_invalidate(p);
 }
 
-void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
-                    const double* range) {
+static void check_new_rows(int nrows, const char* type, const double* rhs, const double* range) {
     if (nrows < 0) fail("Negative number of rows");
     if (nrows > 0 && !type) fail("No row types given");
     for (int i = 0; i < nrows; ++i) {
@@ -64,47 +73,36 @@ void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
         if (rhs && std::isnan(rhs[i])) fail("Right-hand side of new row %d is NaN", i);
         if (type[i] == 'R' && range && !(range[i] >= 0)) fail("Negative range of new row %d", i);
     }
+}
+
+// Appends the rows' types, sides and names (their matrix rows are added by the caller).
+static void push_rows(TRVOprob p, int nrows, const char* type, const double* rhs, const double* range) {
+    const size_t n = static_cast<size_t>(nrows);
+    make_room(p->rowtype, n); make_room(p->rhs, n); make_room(p->range, n);
     for (int i = 0; i < nrows; ++i) {
         p->rowtype.push_back(type[i]);
         p->rhs.push_back(rhs ? rhs[i] : 0.0);
         p->range.push_back(type[i] == 'R' && range ? range[i] : 0.0);
-        p->matrix.emplace_back();
     }
     p->rownames.resize(p->rowtype.size());
     results_invalidate(p);
 }
 
-// Appends matrix entries of new rows r0.. given row-wise (checked by the caller).
-static void append_row_entries(TRVOprob p, int r0, int nrows, int64_t ncoefs,
-                               const int64_t* mstart, const int* mclind, const double* dmatval) {
+void store_add_rows(TRVOprob p, int nrows, const char* type, const double* rhs,
+                    const double* range) {
+    check_new_rows(nrows, type, rhs, range);
+    push_rows(p, nrows, type, rhs, range);
+    p->matrix.add_rows(static_cast<size_t>(nrows));
+}
+
+// Appends new rows' matrix entries given row-wise (checked by the caller); the rows' other data
+// follow with store_add_rows.
+static void append_row_entries(TRVOprob p, int nrows, int64_t ncoefs, const int64_t* mstart,
+                               const int* mclind, const double* dmatval) {
+    p->matrix.reserve_more(static_cast<size_t>(nrows), mstart ? ncoefs : 0);
     for (int i = 0; i < nrows; ++i) {
-        auto& row = p->matrix[static_cast<size_t>(r0 + i)];
         int64_t b = mstart ? mstart[i] : 0, e = mstart ? list_end(mstart, nullptr, i, nrows, ncoefs) : 0;
-        row.reserve(static_cast<size_t>(e - b));
-        for (int64_t k = b; k < e; ++k) row.emplace_back(mclind[k], dmatval[k]);
-        // Rows usually arrive ordered by column without zeros (a transposed matrix, a body in
-        // variable order): one scan confirms it and skips the sort and the compaction.
-        bool plain = true;
-        for (size_t k = 0; plain && k < row.size(); ++k)
-            plain = row[k].second != 0.0 && (k == 0 || row[k - 1].first < row[k].first);
-        if (plain) {
-            p->nnz += static_cast<int64_t>(row.size());
-            continue;
-        }
-        std::sort(row.begin(), row.end(),
-                  [](const std::pair<int, double>& a, const std::pair<int, double>& c) {
-                      return a.first < c.first;
-                  });
-        size_t out = 0;
-        for (size_t k = 0; k < row.size(); ++k) {
-            if (out > 0 && row[out - 1].first == row[k].first) row[out - 1].second += row[k].second;
-            else row[out++] = row[k];
-        }
-        row.resize(out);
-        row.erase(std::remove_if(row.begin(), row.end(),
-                                 [](const std::pair<int, double>& x) { return x.second == 0.0; }),
-                  row.end());
-        p->nnz += static_cast<int64_t>(row.size());
+        p->matrix.append_row(mclind + b, dmatval + b, static_cast<size_t>(e - b));
     }
 }
 
@@ -124,29 +122,7 @@ static void append_col_entries(TRVOprob p, int c0, int ncols, int64_t ncoefs,
                                const int64_t* mstart, const int* mnel, const int* mrwind,
                                const double* dmatval) {
     if (!mstart) return;
-    for (int j = 0; j < ncols; ++j) {
-        int64_t b = mstart[j], e = list_end(mstart, mnel, j, ncols, ncoefs);
-        for (int64_t k = b; k < e; ++k) {
-            if (dmatval[k] == 0.0) continue;
-            auto& row = p->matrix[static_cast<size_t>(mrwind[k])];
-            if (!row.empty() && row.back().first == c0 + j) {
-                row.back().second += dmatval[k];
-            } else {
-                row.emplace_back(c0 + j, dmatval[k]);
-                ++p->nnz;
-            }
-        }
-    }
-    for (int j = 0; j < ncols && mstart; ++j) {
-        int64_t b = mstart[j], e = list_end(mstart, mnel, j, ncols, ncoefs);
-        for (int64_t k = b; k < e; ++k) {
-            auto& row = p->matrix[static_cast<size_t>(mrwind[k])];
-            if (!row.empty() && row.back().first == c0 + j && row.back().second == 0.0) {
-                row.pop_back();
-                --p->nnz;
-            }
-        }
-    }
+    p->matrix.append_columns(c0, ncols, mstart, mnel, ncoefs, mrwind, dmatval);
 }
 
 static void check_col_entries(TRVOprob p, int ncols, int64_t ncoefs, const int64_t* mstart,
@@ -196,7 +172,7 @@ void load_problem(TRVOprob p, const char* probname, int ncol, int nrow, const ch
     p->lb.swap(scratch.lb); p->ub.swap(scratch.ub); p->obj.swap(scratch.obj);
     p->limit.swap(scratch.limit); p->coltype.swap(scratch.coltype);
     p->rowtype.swap(scratch.rowtype); p->rhs.swap(scratch.rhs); p->range.swap(scratch.range);
-    p->matrix.swap(scratch.matrix); p->nnz = scratch.nnz;
+    p->matrix.swap(scratch.matrix);
     p->rownames.resize(static_cast<size_t>(nrow));
     p->colnames.resize(static_cast<size_t>(ncol));
     p->objconst = 0;
@@ -210,23 +186,19 @@ void delete_rows(TRVOprob p, const std::vector<char>& drop) {
     std::vector<int> newidx(static_cast<size_t>(m), -1);
     int out = 0;
     for (int i = 0; i < m; ++i) {
-        if (drop[static_cast<size_t>(i)]) {
-            p->nnz -= static_cast<int64_t>(p->matrix[static_cast<size_t>(i)].size());
-            continue;
-        }
+        if (drop[static_cast<size_t>(i)]) continue;
         newidx[static_cast<size_t>(i)] = out;
         if (out != i) {
             p->rowtype[static_cast<size_t>(out)] = p->rowtype[static_cast<size_t>(i)];
             p->rhs[static_cast<size_t>(out)] = p->rhs[static_cast<size_t>(i)];
             p->range[static_cast<size_t>(out)] = p->range[static_cast<size_t>(i)];
-            p->matrix[static_cast<size_t>(out)] = std::move(p->matrix[static_cast<size_t>(i)]);
         }
         ++out;
     }
     p->rowtype.resize(static_cast<size_t>(out));
     p->rhs.resize(static_cast<size_t>(out));
     p->range.resize(static_cast<size_t>(out));
-    p->matrix.resize(static_cast<size_t>(out));
+    p->matrix.remove_rows(drop);
     p->rownames.erase(drop);
     cuts_rows_deleted(p, drop);
     views_rows_deleted(p, drop);
@@ -264,17 +236,7 @@ void delete_cols(TRVOprob p, const std::vector<char>& drop) {
     branching_delete_cols(p, newidx);
     cuts_cols_deleted(p, newidx);
     views_cols_deleted(p, newidx);
-    int64_t nnz = 0;
-    for (auto& row : p->matrix) {
-        size_t o = 0;
-        for (size_t k = 0; k < row.size(); ++k) {
-            int nj = newidx[static_cast<size_t>(row[k].first)];
-            if (nj >= 0) row[o++] = {nj, row[k].second};
-        }
-        row.resize(o);
-        nnz += static_cast<int64_t>(o);
-    }
-    p->nnz = nnz;
+    p->matrix.remap_columns(newidx);
     auto remap = [&](const QMap& q) {
         QMap r;
         for (const auto& kv : q) {
@@ -328,12 +290,11 @@ bool delete_last_rows(TRVOprob p, int count, const int* index) {
         if (i < first || i >= m || seen[static_cast<size_t>(i - first)]) return false;
         seen[static_cast<size_t>(i - first)] = 1;
     }
-    for (int i = first; i < m; ++i) p->nnz -= static_cast<int64_t>(p->matrix[static_cast<size_t>(i)].size());
     const size_t f = static_cast<size_t>(first);
     p->rowtype.resize(f);
     p->rhs.resize(f);
     p->range.resize(f);
-    p->matrix.resize(f);
+    p->matrix.truncate(f);
     p->rownames.truncate(f);
     p->qrows.erase(p->qrows.lower_bound(first), p->qrows.end());
     p->indicators.erase(p->indicators.lower_bound(first), p->indicators.end());
@@ -357,21 +318,7 @@ void set_coef(TRVOprob p, int i, int j, double v) {
     check_row(p, i);
     check_col(p, j);
     if (!std::isfinite(v)) fail("Coefficient is not finite");
-    auto& row = p->matrix[static_cast<size_t>(i)];
-    auto it = std::lower_bound(row.begin(), row.end(), j,
-                               [](const std::pair<int, double>& e, int c) { return e.first < c; });
-    bool found = it != row.end() && it->first == j;
-    if (v == 0.0) {
-        if (found) {
-            row.erase(it);
-            --p->nnz;
-        }
-    } else if (found) {
-        it->second = v;
-    } else {
-        row.insert(it, {j, v});
-        ++p->nnz;
-    }
+    p->matrix.set(static_cast<size_t>(i), j, v);
 }
 
 }  // namespace trvo
@@ -423,10 +370,9 @@ int TRVOaddrows64(TRVOprob prob, int nrows, int64_t ncoefs, const char qrtype[],
     return guard(prob, [&] {
         if (nrows < 0) fail("Negative number of rows");
         check_row_entries(prob, nrows, ncoefs, ncoefs > 0 ? mstart : nullptr, mclind, dmatval);
-        int r0 = prob->nrows();
-        store_add_rows(prob, nrows, qrtype, rhs, range);
-        append_row_entries(prob, r0, nrows, ncoefs, ncoefs > 0 ? mstart : nullptr, mclind,
-                           dmatval);
+        check_new_rows(nrows, qrtype, rhs, range);
+        append_row_entries(prob, nrows, ncoefs, ncoefs > 0 ? mstart : nullptr, mclind, dmatval);
+        push_rows(prob, nrows, qrtype, rhs, range);
     });
 }
 

@@ -229,7 +229,7 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
         if (q.lo <= -kInf && q.up >= kInf) continue;
         if (q.lo <= -kInf) q.lo = -INFINITY;
         if (q.up >= kInf) q.up = INFINITY;
-        q.lin = p->matrix[static_cast<size_t>(kv.first)];
+        q.lin = p->matrix[static_cast<size_t>(kv.first)].entries();
         for (const auto& e : kv.second)
             if (e.second != 0.0) q.quad.emplace_back(e.first, e.second);
         model.qrows.push_back(std::move(q));

@@ -27,11 +27,14 @@
 #include <cctype>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace trvo {
@@ -136,9 +139,30 @@ RunResult run_once(TRVOprob p, bool mip, const std::vector<std::pair<int, double
     for (const auto& kv : settings) apply_setting(c, kv.first, kv.second);
     c->controls.ints[TRVO_OUTPUTLOG] = 0;
     c->controls.dbls[TRVO_MAXTIME] = limit > 0 ? limit : 0;
+    // A stop request made on the tuned problem (TRVOinterrupt, Ctrl-C) reaches the run on the
+    // copy: it is passed on every few milliseconds until the run ends (a request made before the
+    // run started would be cleared by that start).
+    struct Forward {
+        std::mutex m;
+        std::condition_variable cv;
+        bool done = false;
+    } fwd;
+    std::thread forward([&fwd, p, c] {
+        std::unique_lock<std::mutex> lk(fwd.m);
+        while (!fwd.done) {
+            if (int reason = p->stop_request.load()) c->stop_request.store(reason);
+            fwd.cv.wait_for(lk, std::chrono::milliseconds(5));
+        }
+    });
     auto t0 = std::chrono::steady_clock::now();
     int rc = mip ? TRVOmipoptimize(c, "") : TRVOlpoptimize(c, "");
     out.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    {
+        std::lock_guard<std::mutex> g(fwd.m);
+        fwd.done = true;
+    }
+    fwd.cv.notify_all();
+    forward.join();
     const Results& r = c->results;
     out.ran = rc == 0;
     out.completed = out.ran && r.solvestatus == TRVO_SOLVESTATUS_COMPLETED;
@@ -203,14 +227,15 @@ void tune(TRVOprob p, const char* flags) {
                   todo.size(), budget > 0 ? "" : " (no time limit: MAXTIME is 0)");
     log(p, TRVO_MSG_TUNER_RUN, head);
 
+    auto stopped = [p] { return p->stop_request.load() != 0; };
     RunResult base = run_once(p, mip, {}, remaining());
-    if (base.completed && !out_of_time()) again(base, run_once(p, mip, {}, remaining()));
+    if (base.completed && !out_of_time() && !stopped()) again(base, run_once(p, mip, {}, remaining()));
     log(p, TRVO_MSG_TUNER_RUN, "the problem's own settings: " + run_text(base));
     if (!base.ran) fail("The tuner could not solve the problem with its own settings: %s", p->last_error.c_str());
     RunResult best = base;
     const std::vector<std::pair<int, double>>* best_settings = nullptr;
     for (const TunerCandidate* c : todo) {
-        if (out_of_time() || p->stop_request.load() != 0) {
+        if (out_of_time() || stopped()) {
             log(p, TRVO_MSG_TUNER_RUN, "stopped before trying every candidate");
             break;
         }
@@ -224,6 +249,10 @@ void tune(TRVOprob p, const char* flags) {
             log(p, TRVO_MSG_TUNER_RUN, describe(c->settings) + ": not usable (" + e.what() + ")");
             continue;
         }
+        if (stopped()) {  // the run was cut short: it says nothing about the candidate
+            log(p, TRVO_MSG_TUNER_RUN, describe(c->settings) + ": stopped; the tuning ends");
+            break;
+        }
         // Without a completed baseline (stopped at MAXTIME) any completed run is an improvement.
         bool comparable = base.completed ? same_outcome(p, mip, base, r) : r.completed;
         bool better = comparable && (!best.completed || faster(r, best));
@@ -231,7 +260,7 @@ void tune(TRVOprob p, const char* flags) {
         // be faster, and the slower of them stands for the candidate.
         if (better && best.completed && !out_of_time()) {
             RunResult r2 = run_once(p, mip, c->settings, limit);
-            better = same_outcome(p, mip, base, r2) && faster(r2, best);
+            better = !stopped() && same_outcome(p, mip, base, r2) && faster(r2, best);
             r.seconds = std::max(r.seconds, r2.seconds);
         }
         log(p, TRVO_MSG_TUNER_RUN,

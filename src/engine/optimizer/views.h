@@ -38,6 +38,8 @@ Views& views(TRVOprob p);
 // The problem's views if it has any, else null.
 Views* views_if(TRVOprob p);
 
+// Gives dest copies of src's secure vectors and scaling factors (problem copies).
+void views_copy(TRVOprob dest, TRVOprob src);
 // Keep secure vectors and scaling factors on the rows and columns left by a deletion
 // (drop: one mark per old row; newidx: new position of each old column, -1 deleted). The last
 // interior-point solution no longer fits the model and is forgotten.

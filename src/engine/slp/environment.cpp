@@ -49,6 +49,15 @@ void check_prob(TSLPprob prob) {
 void message(TSLPprob prob, int msgtype, const std::string& text) {
     if (!prob) return;
     PhaseScope timed(prob->profile, PH_LOG);
+    // The optimiser problem's OUTPUTLOG switches output off for both libraries: information
+    // lines are dropped then, warnings and errors still go out (as for the optimiser's own).
+    // Its message status (number TRVO_MSG_NONLINEAR_LOG) suppresses them all.
+    int outputlog = 1, shown = 1;
+    if (msgtype < 3 && prob->trvo && TRVOgetintcontrol(prob->trvo, TRVO_OUTPUTLOG, &outputlog) == 0 &&
+        outputlog == 0)
+        return;
+    if (prob->trvo && TRVOgetmessagestatus(prob->trvo, TRVO_MSG_NONLINEAR_LOG, &shown) == 0 && !shown)
+        return;
     if (prob->cb.message.f)
         prob->cb.message.f(prob, prob->cb.message.context, text.c_str(), (int)text.size(),
                            msgtype);
