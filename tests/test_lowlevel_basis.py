@@ -394,3 +394,33 @@ def test_iis_multipliers_are_a_farkas_certificate():
                 assert cb[k] in "UB"
                 value += rdcs[k] * ub[j]
         assert value == pytest.approx(1.0)
+
+
+def test_iis_multipliers_after_a_solve_on_two_threads(run_python):
+    # HiGHS keeps one process-wide scheduler, started by the first run with its thread count;
+    # a later HiGHS run told any other count is refused. The IIS multipliers must still come
+    # out after a solve with threads = 2 started it.
+    out = run_python("""
+        import tarvo as tv
+        warm = tv.problem()
+        x = tv.var(ub=4)
+        warm.addVariable(x)
+        warm.addConstraint(x >= 1)
+        warm.setObjective(x)
+        warm.setControl({"threads": 2, "outputlog": 0})
+        warm.solve()
+        p = tv.problem()
+        p.setControl("outputlog", 0)
+        a, b = tv.var(ub=3), tv.var(ub=3)
+        p.addVariable(a, b)
+        p.addConstraint(a + b >= 8)
+        p.addConstraint(a - b <= 1)
+        p.solve()
+        assert p.iisfirst(0) == 0
+        rows, cols, rt, cb, duals, rdcs = [], [], [], [], [], []
+        p.getiisdata(1, rows, cols, rt, cb, duals, rdcs)
+        print(len(rows), len(cols), sum(abs(d) for d in duals) + sum(abs(d) for d in rdcs))
+    """, timeout=120)
+    nrows, ncols, weight = out.split()
+    assert int(nrows) >= 1 and int(ncols) >= 1
+    assert float(weight) > 0.5

@@ -91,7 +91,9 @@ void farkas(const HighsModel& m, Iis& iis) {
         return;
     Highs_setStringOptionValue(h, "presolve", "off");
     Highs_setStringOptionValue(h, "solver", "simplex");
-    Highs_setIntOptionValue(h, "threads", 1);
+    // 0: whatever count HiGHS's process-wide scheduler already runs with (any other
+    // count than that one makes HiGHS refuse the run).
+    Highs_setIntOptionValue(h, "threads", 0);
     Highs_run(h);
     HighsInt has = 0;
     std::vector<double> ray(static_cast<size_t>(nr) + 1);

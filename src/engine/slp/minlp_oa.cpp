@@ -49,7 +49,9 @@ OuterApproximation::OuterApproximation(TSLPprob prob, const Model& m, Evaluator&
     h_ = trvo::highs_new_quiet();
     if (!h_) return;
     Highs_setBoolOptionValue(h_, "output_flag", 0);
-    Highs_setIntOptionValue(h_, "threads", 1);
+    // 0: whatever count HiGHS's process-wide scheduler already runs with (any other
+    // count than that one makes HiGHS refuse the run).
+    Highs_setIntOptionValue(h_, "threads", 0);
     Highs_setStringOptionValue(h_, "presolve", "off");
     Highs_setStringOptionValue(h_, "solver", "simplex");
     if (Highs_passLp(h_, n, m.nrows, static_cast<HighsInt>(index.size()), kHighsMatrixFormatRowwise,
