@@ -19,6 +19,45 @@ bool all_zero(const QMap& q) {
     return true;
 }
 
+// With quadratic rows, a convex quadratic objective f(x) = c'x + x'Qx/2 moves into a row: the
+// objective becomes c'x + t over a new free column t, and the row x'Qx/2 - t <= 0 is outer-
+// approximated by cuts like the other quadratic rows. The node relaxations are then LPs, which
+// the simplex method solves reliably, where HiGHS's active-set QP solver can cycle without end
+// among the nearly parallel cuts of a converging outer approximation (HS43). QP relaxations
+// converge in far fewer iterations when they work, so this is the fallback after a QP stall. The
+// new column and row come last, so model columns and rows keep their positions.
+void epigraph_objective(search::Model& model) {
+    HighsModel& lp = model.lp;
+    const int t = lp.ncol;
+    search::QuadRow q;
+    q.row = lp.nrow;
+    q.lin.emplace_back(t, -1.0);
+    q.up = 0.0;
+    const size_t nq = lp.q_index.size();
+    for (int c = 0; c < lp.ncol; ++c) {
+        const size_t end = c + 1 < lp.ncol ? static_cast<size_t>(lp.q_start[static_cast<size_t>(c) + 1]) : nq;
+        for (size_t k = static_cast<size_t>(lp.q_start[static_cast<size_t>(c)]); k < end; ++k)
+            if (lp.q_value[k] != 0.0) q.quad.push_back({{c, lp.q_index[k]}, 0.5 * lp.q_value[k]});
+    }
+    lp.q_start.clear();
+    lp.q_index.clear();
+    lp.q_value.clear();
+    if (q.quad.empty()) return;
+    lp.ncol += 1;
+    lp.cost.push_back(1.0);
+    lp.col_lower.push_back(-INFINITY);
+    lp.col_upper.push_back(INFINITY);
+    if (!lp.integrality.empty()) lp.integrality.push_back(kHighsVarTypeContinuous);
+    lp.nrow += 1;
+    lp.a_start.push_back(static_cast<HighsInt>(lp.a_index.size()));
+    lp.a_index.push_back(t);
+    lp.a_value.push_back(-1.0);
+    lp.row_lower.push_back(-INFINITY);
+    lp.row_upper.push_back(0.0);
+    if (!model.lazy.empty()) model.lazy.push_back(0);
+    model.qrows.push_back(std::move(q));
+}
+
 }  // namespace
 
 std::string quadratic_obstacle(TRVOprob p, bool mip, bool* needs_search) {
@@ -236,6 +275,17 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
     search::Outcome o;
     {
         SearchCuts connect(p, model, node_cuts);
+        o = search::run(model, s, all);
+    }
+    if (o.qp_stalled && !model.qrows.empty() && !model.lp.q_index.empty()) {
+        // HiGHS's QP solver cycled on a relaxation with cuts: the search starts again with the
+        // objective in a row, on LP relaxations (the node callbacks see this second search too).
+        emit_message(p, "The QP solver cycled on a node relaxation: solving again with the quadratic objective "
+                        "outer-approximated", 3);
+        epigraph_objective(model);
+        search::NodeCuts again_cuts;
+        all.cuts = &again_cuts;
+        SearchCuts connect(p, model, again_cuts);
         o = search::run(model, s, all);
     }
 

@@ -170,6 +170,28 @@ double Relaxation::max_violation(const double* x) const {
     return worst;
 }
 
+HighsInt Relaxation::run_counted() {
+    if (hessian_) Highs_setIntOptionValue(h_, "qp_iteration_limit", qp_limit());
+    check(Highs_zeroAllClocks(h_), "reset its clocks");
+    const HighsInt st = Highs_run(h_);
+    HighsInt it = 0;
+    Highs_getIntInfoValue(h_, "simplex_iteration_count", &it);
+    iterations_ += std::max<HighsInt>(it, 0);
+    if (hessian_) {
+        it = 0;
+        Highs_getIntInfoValue(h_, "qp_iteration_count", &it);
+        iterations_ += std::max<HighsInt>(it, 0);
+    }
+    return st;
+}
+
+HighsInt Relaxation::qp_limit() const {
+    // An active-set step changes one constraint's status: a solve that needs many times more
+    // steps than the instance has columns and rows is cycling.
+    const int64_t n = static_cast<int64_t>(ncol_) + Highs_getNumRow(h_);
+    return static_cast<HighsInt>(std::min<int64_t>(1000 + 50 * n, 2147483647));
+}
+
 Relaxation::Result Relaxation::run_once(double cutoff) {
     double left = INFINITY;
     if (settings_.maxtime > 0) {
@@ -180,17 +202,21 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
     Highs_setDoubleOptionValue(h_, "time_limit", left);
     // The dual simplex stops once its objective passes the cutoff (LPs only).
     Highs_setDoubleOptionValue(h_, "objective_bound", hessian_ || std::isinf(cutoff) ? INFINITY : cutoff);
-    check(Highs_zeroAllClocks(h_), "reset its clocks");
-    HighsInt st = Highs_run(h_);
-    HighsInt it = 0;
-    Highs_getIntInfoValue(h_, "simplex_iteration_count", &it);
-    iterations_ += std::max<HighsInt>(it, 0);
-    if (hessian_) {
-        it = 0;
-        Highs_getIntInfoValue(h_, "qp_iteration_count", &it);
-        iterations_ += std::max<HighsInt>(it, 0);
-    }
+    HighsInt st = run_counted();
     HighsInt ms = Highs_getModelStatus(h_);
+    if (hessian_ && ms == kHighsModelStatusIterationLimit) {
+        // HiGHS's active-set QP solver can cycle (seen on QPs with nearly parallel rows): its
+        // iterations are capped (qp_limit()), a capped solve is repeated once from scratch, and
+        // a second cap ends the search at the iteration limit rather than never (a model with
+        // quadratic rows is then solved again on LP relaxations, tree_search.cpp).
+        Highs_clearSolver(h_);
+        st = run_counted();
+        ms = Highs_getModelStatus(h_);
+        if (ms == kHighsModelStatusIterationLimit) {
+            qp_stalled_ = true;
+            return Limit;
+        }
+    }
     if (ms == kHighsModelStatusUnboundedOrInfeasible) {
         // Decide with the primal simplex from scratch.
         Highs_setIntOptionValue(h_, "simplex_strategy", 4);
@@ -210,9 +236,18 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
         case kHighsModelStatusTimeLimit:
         case kHighsModelStatusInterrupt:
         case kHighsModelStatusIterationLimit: return Limit;
-        default: return Error;
+        default: break;
     }
-    if (st == kHighsStatusError) return Error;
+    if (ms != kHighsModelStatusOptimal && ms != kHighsModelStatusModelEmpty) st = kHighsStatusError;
+    if (st == kHighsStatusError) {
+        // A QP with cuts that HiGHS's QP solver cannot solve is treated as its cycling is: the
+        // model is solved again on LP relaxations (tree_search.cpp).
+        if (hessian_ && !model_.qrows.empty()) {
+            qp_stalled_ = true;
+            return Limit;
+        }
+        return Error;
+    }
     const HighsInt nr = Highs_getNumRow(h_);
     std::vector<double> cd(static_cast<size_t>(ncol_)), rv(static_cast<size_t>(nr)), rd(static_cast<size_t>(nr));
     Highs_getSolution(h_, x_.data(), cd.data(), rv.data(), rd.data());
@@ -220,7 +255,7 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
     return Optimal;
 }
 
-Relaxation::Result Relaxation::solve(double cutoff, int max_rounds) {
+Relaxation::Result Relaxation::solve(double cutoff, int max_rounds, bool polish) {
     converged_ = true;
     if (ns_) {
         if (settings_.stop && settings_.stop->load() != 0) return Limit;
@@ -234,34 +269,72 @@ Relaxation::Result Relaxation::solve(double cutoff, int max_rounds) {
             case NodeSolver::Error: return Error;
         }
     }
+    // A point within feastol of a curved row can still be far from stationary (its distance to
+    // the row's boundary goes as the square of the angle between cut and tangent): a polished
+    // solve goes on cutting, for a bounded number of rounds, until the rows hold to a small
+    // fraction of feastol.
+    const double target = polish ? kPolish * settings_.feastol : settings_.feastol;
+    // Once the rows hold to feastol (or the cuts stall), the LP must meet its rows (the cuts)
+    // more tightly than the target; the instance's tolerance is restored when the solve ends.
+    struct Tolerance {
+        void* h = nullptr;
+        double keep = 0;
+        void tighten(void* to, double tol) {
+            if (h || !to) return;
+            h = to;
+            Highs_getDoubleOptionValue(h, "primal_feasibility_tolerance", &keep);
+            Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", std::max(1e-10, std::min(keep, tol)));
+        }
+        ~Tolerance() {
+            if (h) Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance", keep);
+        }
+    } tight;
     double last = INFINITY;
-    int stalls = 0;
+    int stalls = 0, polish_rounds = 0;
+    bool polishing = false;  // the rows held to feastol at the last solution
     for (int round = 0;; ++round) {
         Result r = run_once(cutoff);
+        if (r != Optimal && polishing && (r == Error || (r == Limit && qp_stalled_))) {
+            // HiGHS's QP solver can fail on the nearly parallel cuts of polishing: the last
+            // solution (still in x_) met the rows to feastol and stands.
+            qp_stalled_ = false;
+            return Optimal;
+        }
         if (r != Optimal) return r;
         if (obj_ >= cutoff) return Cutoff;  // cuts only raise the objective
         if (model_.qrows.empty()) return Optimal;
         const double viol = max_violation(x_.data());
-        if (viol <= settings_.feastol) return Optimal;
+        if (viol <= target) return Optimal;
+        // Within feastol: polishing ends without giving up convergence.
+        const bool met = viol <= settings_.feastol;
+        polishing = met;
+        // (HiGHS's QP solver fails with so tight a tolerance: QP relaxations keep theirs.)
+        if (met) tight.tighten(hessian_ ? nullptr : h_, 0.1 * target);
+        if (met && ++polish_rounds > kPolishRounds) return Optimal;
         // Progress is measured on the largest violation; cuts at a point that no longer moves
         // the solution mean the LP's tolerances have been reached.
         if (viol > 0.999 * last) {
-            if (++stalls >= 5) {
-                converged_ = false;
+            // The LP meets a cut only to its tolerance, relative to the cut's largest gradient
+            // entry (cuts are scaled by it): before giving up, the tolerance is tightened once.
+            if (++stalls >= 2 && !tight.h && !hessian_) {
+                tight.tighten(h_, 0.1 * target);
+                stalls = 0;
+            } else if (stalls >= 5) {
+                converged_ = met;
                 return Optimal;
             }
         } else {
             stalls = 0;
         }
         last = std::min(last, viol);
-        if (round >= max_rounds || add_cuts(x_.data()) == 0) {
-            converged_ = false;
+        if (round >= max_rounds || add_cuts(x_.data(), target) == 0) {
+            converged_ = met;
             return Optimal;
         }
     }
 }
 
-int Relaxation::add_cuts(const double* x) {
+int Relaxation::add_cuts(const double* x, double tol) {
     // Linearisation of g(x) = a'x + x'Qx at x0: g(x0) + (a + 2 Q x0)'(x - x0), i.e.
     // (a + 2 Q x0)'x on the row's side of x0'Q x0 + bound.
     int added = 0;
@@ -269,7 +342,7 @@ int Relaxation::add_cuts(const double* x) {
     std::vector<int> touched;
     for (size_t k = 0; k < model_.qrows.size(); ++k) {
         const QuadRow& q = model_.qrows[k];
-        if (violation(q, x) <= settings_.feastol) continue;
+        if (violation(q, x) <= tol) continue;
         touched.clear();
         auto add = [&](int j, double v) {
             if (grad[static_cast<size_t>(j)] == 0.0) touched.push_back(j);

@@ -40,8 +40,11 @@ public:
     const std::vector<double>& upper() const { return up_; }
     // Solves the relaxation, adding cuts until the quadratic rows hold or max_rounds cut rounds
     // have passed (converged() tells which). A relaxation objective at or above cutoff gives
-    // Cutoff. On Optimal, x() and objective() hold the solution.
-    Result solve(double cutoff, int max_rounds);
+    // Cutoff. On Optimal, x() and objective() hold the solution. A polished solve (for a
+    // solution to be reported) goes on until the rows hold to kPolish * feastol, or stall.
+    Result solve(double cutoff, int max_rounds, bool polish = false);
+    static constexpr double kPolish = 1e-4;
+    static constexpr int kPolishRounds = 50;
     // One iteration-limited solve from the current basis for strong branching; returns the
     // objective estimate (INFINITY when infeasible or cut off) and leaves x() unchanged.
     double probe(double cutoff, int64_t iteration_limit);
@@ -50,6 +53,8 @@ public:
     double objective() const { return obj_; }
     bool converged() const { return converged_; }
     bool quadratic_objective() const { return hessian_; }
+    // Whether a QP solve hit its iteration cap twice (HiGHS's QP solver cycling) and gave Limit.
+    bool qp_stalled() const { return qp_stalled_; }
     double max_violation(const double* x) const;
 
     // Rows beyond the model's (cut rows, cuts.h): added once and then switched on and off
@@ -82,7 +87,9 @@ public:
 
 private:
     Result run_once(double cutoff);
-    int add_cuts(const double* x);
+    HighsInt run_counted();
+    HighsInt qp_limit() const;
+    int add_cuts(const double* x, double tol);
     void apply_bounds();
 
     const Model& model_;
@@ -109,6 +116,7 @@ private:
     std::vector<double> x_;
     double obj_ = INFINITY;
     bool converged_ = true;
+    bool qp_stalled_ = false;
     int64_t iterations_ = 0;
 
 public:

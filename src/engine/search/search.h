@@ -163,6 +163,8 @@ struct Outcome {
     double bound = -INFINITY;    // proven lower bound
     int64_t nodes = 0, solutions = 0, lp_iterations = 0;
     bool exact = true;           // false: some node could not be resolved to the tolerances
+    // The search stopped because HiGHS's QP solver cycled on a relaxation (relaxation.h).
+    bool qp_stalled = false;
     // For a model without integers: the final relaxation's duals mapped to the model's rows
     // (a quadratic row receives the duals of its cuts) and reduced costs.
     bool have_duals = false;

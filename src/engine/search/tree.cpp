@@ -222,7 +222,7 @@ void Search::fix_and_solve(const NodeView& v, const std::vector<double>& point) 
         flo[s] = fup[s] = r;
     }
     rel_.set_bounds(flo, fup);
-    Relaxation::Result r = rel_.solve(prune_level(), 200);
+    Relaxation::Result r = rel_.solve(prune_level(), 200, true);
     if (r == Relaxation::Optimal && rel_.converged()) try_solution(v, 1, rel_.x());
     rel_.set_bounds(lo, up);
     if (b) rel_.set_basis(*b);
@@ -534,35 +534,38 @@ Outcome Search::run() {
         // With an optnode hook every feasible relaxation is solved to its optimum (no early
         // stop at the cutoff), so that the hook sees every node that is not infeasible.
         const double solve_cutoff = hooks_.optnode ? INFINITY : prune_level();
-        Relaxation::Result r = rel_.solve(solve_cutoff, is_root ? 1000 : 10);
+        // A continuous model's root solution is its answer: polished (relaxation.h).
+        const bool polish = is_root && ints_.empty();
+        Relaxation::Result r = rel_.solve(solve_cutoff, is_root ? 1000 : 10, polish);
         if (is_root && r == Relaxation::Unbounded && !model_.qrows.empty()) {
             // Quadratic rows may bound what the LP without cuts leaves open: solve within a box
             // that grows while the solution touches it, then see whether the cuts alone close
             // the relaxation.
             for (double box = 1e6; box <= 1e15; box *= 1e3) {
                 rel_.set_box(box);
-                r = rel_.solve(prune_level(), 1000);
+                r = rel_.solve(prune_level(), 1000, polish);
                 if (r != Relaxation::Optimal || !rel_.at_box(rel_.x().data())) break;
                 r = Relaxation::Unbounded;
             }
             if (r == Relaxation::Optimal) {
                 const double keep = rel_.box();
                 rel_.set_box(0);
-                Relaxation::Result free = rel_.solve(prune_level(), 1000);
+                Relaxation::Result free = rel_.solve(prune_level(), 1000, polish);
                 if (free == Relaxation::Optimal) r = free;
                 else {
                     rel_.set_box(keep);
-                    r = rel_.solve(prune_level(), 1000);
+                    r = rel_.solve(prune_level(), 1000, polish);
                 }
             }
         }
         if (r == Relaxation::Optimal && rel_.converged() == false && !fractional(rel_.x().data()))
-            r = rel_.solve(solve_cutoff, 200);  // integral: the quadratic rows must be met
+            r = rel_.solve(solve_cutoff, 200, polish);  // integral: the quadratic rows must be met
         if (r == Relaxation::Limit) {
             --nodes_;
             open_.push(std::move(node));
             stop = limit_reached();
             if (!stop) stop = TRVO_STOP_ITERLIMIT;
+            out_.qp_stalled = rel_.qp_stalled();
             break;
         }
         if (r == Relaxation::Error) fail("HiGHS could not solve a node relaxation of the tree search");
@@ -687,6 +690,7 @@ Outcome Search::run() {
                     open_.push(std::move(node));
                     stop = limit_reached();
                     if (!stop) stop = TRVO_STOP_ITERLIMIT;
+                    out_.qp_stalled = rel_.qp_stalled();
                     break;
                 }
                 if (again != Relaxation::Optimal) {
