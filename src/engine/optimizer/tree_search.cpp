@@ -8,6 +8,7 @@
 #include "engine/search/cuts.h"
 #include "engine/optimizer/highs_instances.h"
 
+#include <chrono>
 #include <cmath>
 
 namespace trvo {
@@ -273,11 +274,16 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
         ~DropStored() { drop_stored_branchobjects(p); }
     } drop_stored{p};
     search::Outcome o;
+    const auto started = std::chrono::steady_clock::now();
     {
         SearchCuts connect(p, model, node_cuts);
         o = search::run(model, s, all);
     }
-    if (o.qp_stalled && !model.qrows.empty() && !model.lp.q_index.empty()) {
+    // The second search below gets what is left of the time limit, not the whole limit again.
+    const double used = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    const bool time_left = s.maxtime <= 0 || used < s.maxtime;
+    if (s.maxtime > 0) s.maxtime = std::max(s.maxtime - used, 1e-3);
+    if (o.qp_stalled && time_left && !model.qrows.empty() && !model.lp.q_index.empty()) {
         // HiGHS's QP solver cycled on a relaxation with cuts: the search starts again with the
         // objective in a row, on LP relaxations (the node callbacks see this second search too).
         emit_message(p, "The QP solver cycled on a node relaxation: solving again with the quadratic objective "
