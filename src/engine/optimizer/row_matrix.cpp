@@ -192,26 +192,7 @@ void RowMatrix::append_columns(int first, int ncols, const int64_t* start, const
         for (int j = 0; j < ncols; ++j)
             for (int64_t k = start[j], e = end_of(j); k < e; ++k)
                 if (vals[k] != 0.0) ++add[static_cast<size_t>(rows[k])];
-        int64_t room = nnz_;
-        for (int a : add) room += a;
-        std::vector<int> idx(static_cast<size_t>(room));
-        std::vector<double> val(static_cast<size_t>(room));
-        int64_t w = 0;
-        for (size_t i = 0; i < m; ++i) {
-            const size_t n = static_cast<size_t>(len_[i]);
-            if (n) {
-                std::memcpy(idx.data() + w, idx_.data() + start_[i], n * sizeof(int));
-                std::memcpy(val.data() + w, val_.data() + start_[i], n * sizeof(double));
-            }
-            start_[i] = w;
-            cap_[i] = len_[i] + add[i];
-            w += cap_[i];
-        }
-        idx_.swap(idx);
-        val_.swap(val);
-        used_ = w;
-        in_order_ = true;
-        find_last_slotted();
+        relayout(&add);
     }
     for (int j = 0; j < ncols; ++j) {
         const int col = first + j;
@@ -291,24 +272,35 @@ void RowMatrix::pack() {
         }
         idx_.resize(static_cast<size_t>(w));
         val_.resize(static_cast<size_t>(w));
+        used_ = nnz_;
+        in_order_ = true;
+        find_last_slotted();
     } else {
-        std::vector<int> idx(static_cast<size_t>(nnz_));
-        std::vector<double> val(static_cast<size_t>(nnz_));
-        int64_t w = 0;
-        for (size_t i = 0; i < m; ++i) {
-            const size_t n = static_cast<size_t>(len_[i]);
-            if (n) {
-                std::memcpy(idx.data() + w, idx_.data() + start_[i], n * sizeof(int));
-                std::memcpy(val.data() + w, val_.data() + start_[i], n * sizeof(double));
-            }
-            start_[i] = w;
-            cap_[i] = len_[i];
-            w += len_[i];
-        }
-        idx_.swap(idx);
-        val_.swap(val);
+        relayout(nullptr);
     }
-    used_ = nnz_;
+}
+
+void RowMatrix::relayout(const std::vector<int>* extra) {
+    const size_t m = size();
+    int64_t room = nnz_;
+    if (extra)
+        for (int a : *extra) room += a;
+    std::vector<int> idx(static_cast<size_t>(room));
+    std::vector<double> val(static_cast<size_t>(room));
+    int64_t w = 0;
+    for (size_t i = 0; i < m; ++i) {
+        const size_t n = static_cast<size_t>(len_[i]);
+        if (n) {
+            std::memcpy(idx.data() + w, idx_.data() + start_[i], n * sizeof(int));
+            std::memcpy(val.data() + w, val_.data() + start_[i], n * sizeof(double));
+        }
+        start_[i] = w;
+        cap_[i] = len_[i] + (extra ? (*extra)[i] : 0);
+        w += cap_[i];
+    }
+    idx_.swap(idx);
+    val_.swap(val);
+    used_ = w;
     in_order_ = true;
     find_last_slotted();
 }

@@ -128,6 +128,9 @@ private:
     static int canonical(int* c, double* v, int n);
     void compact_if_wasteful();
     void find_last_slotted();
+    // Copies the rows in order into fresh arrays, each with room for extra[i] more entries
+    // (none when extra is null).
+    void relayout(const std::vector<int>* extra);
 };
 
 }  // namespace trvo
