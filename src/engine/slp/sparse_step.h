@@ -37,9 +37,15 @@ enum class SparseStatus { Optimal, Declined, Failed, Stopped };
 
 // Solves lp to relative primal and dual residuals and a relative gap of `tol`. `stop` is
 // polled once per iteration. With `keep_best`, a run that makes no progress for a while stops
-// (Failed) and leaves the column values of its best iterate (least of the three relative
-// measures) in sol.colval, for callers that can judge such a point themselves.
+// (Failed) and leaves the column values and row duals of its best iterate (least of the three
+// relative measures) in sol.colval and sol.rowdual, for callers that can judge such a point
+// themselves. With `threads`
+// 2 or more, large problems are solved on two threads; the results are the same as on one.
 SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function<bool()>& stop,
-                             SparseLpSolution& sol, bool keep_best = false);
+                             SparseLpSolution& sol, bool keep_best = false, int threads = 1);
+
+// The threads the solver uses for the value of the threads control (0 automatic: two when
+// the machine has two or more hardware threads).
+int sparse_threads(int control);
 
 }  // namespace slp
