@@ -99,9 +99,17 @@ public:
             f(1);
             return;
         }
-        for (int spins = 0; done_.load(std::memory_order_acquire) != g; ++spins) {
-            if (spins < 4000) cpu_relax();
-            else std::this_thread::yield();
+        // The helper runs part 1: wait for it, spinning briefly (the parts are of about the
+        // same size), then asleep (on a loaded machine the helper may have lost its core).
+        auto t0 = std::chrono::steady_clock::now();
+        for (int spins = 0; done_.load() != g; ++spins) {
+            cpu_relax();
+            if ((spins & 63) == 63 && std::chrono::steady_clock::now() - t0 > std::chrono::microseconds(kSpinMicros)) {
+                std::unique_lock<std::mutex> lk(mu_);
+                waiting_.store(true);
+                done_cv_.wait(lk, [&] { return done_.load() == g; });
+                waiting_.store(false);
+            }
         }
     }
 
@@ -114,7 +122,7 @@ private:
             auto t0 = std::chrono::steady_clock::now();
             for (int spins = 0; posted_.load() == seen && !quit_.load(); ++spins) {
                 cpu_relax();
-                if ((spins & 63) == 63 && std::chrono::steady_clock::now() - t0 > std::chrono::microseconds(100)) {
+                if ((spins & 63) == 63 && std::chrono::steady_clock::now() - t0 > std::chrono::microseconds(4 * kSpinMicros)) {
                     std::unique_lock<std::mutex> lk(mu_);
                     sleeping_.store(true);
                     cv_.wait(lk, [&] { return posted_.load() != seen || quit_.load(); });
@@ -126,16 +134,23 @@ private:
             uint64_t expect = seen - 1;
             if (taken_.compare_exchange_strong(expect, seen)) {
                 fn_(ctx_, 1);
-                done_.store(seen, std::memory_order_release);
+                done_.store(seen);
+                if (waiting_.load()) {
+                    std::lock_guard<std::mutex> lk(mu_);
+                    done_cv_.notify_one();
+                }
             }
         }
     }
 
     std::thread helper_;
     std::mutex mu_;
-    std::condition_variable cv_;
+    std::condition_variable cv_, done_cv_;
     std::atomic<uint64_t> posted_{0}, taken_{0}, done_{0};
-    std::atomic<bool> sleeping_{false}, quit_{false};
+    std::atomic<bool> sleeping_{false}, waiting_{false}, quit_{false};
+    // How long a thread spins for the other before it sleeps (the helper waits for the next
+    // part four times as long: the parts of an iteration follow each other closely).
+    static constexpr int kSpinMicros = 25;
     void (*fn_)(void*, int) = nullptr;
     void* ctx_ = nullptr;
 };

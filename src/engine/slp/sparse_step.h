@@ -8,7 +8,8 @@
 // step problem to high accuracy. A few dense columns (one in every row, say) stay out of the
 // normal matrix and come back through a low-rank correction of each solve. Problems whose
 // normal matrix would still fill in (many dense columns, wide envelopes) are declined; the
-// caller then uses HiGHS.
+// caller then uses HiGHS. Large problems are split into two halves of rows that no column
+// couples and a small separator: the halves are factored, solved and updated on two threads.
 #pragma once
 
 #include <functional>
