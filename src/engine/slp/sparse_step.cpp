@@ -654,8 +654,8 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
     auto sub_columns = [&](int part, std::vector<double>& out, const std::vector<double>& base, auto&& coef) {
         const int r0 = part == 0 ? 0 : h, r1 = part == 0 ? h : sb;
         std::copy(base.begin() + r0, base.begin() + r1, out.begin() + r0);
-        double* acc = sacc[part].data() - sb;
-        std::fill(sacc[part].begin(), sacc[part].end(), 0.0);
+        std::vector<double>& acc = sacc[part];
+        std::fill(acc.begin(), acc.end(), 0.0);
         int a, e;
         crange(part, &a, &e);
         for (int v = a; v < e; ++v) {
@@ -663,7 +663,7 @@ SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function
             for (int p = vstart[v]; p < vstart[v + 1]; ++p) {
                 int i = vrow[p];
                 if (i < sb) out[i] -= vval[p] * t;
-                else acc[i] -= vval[p] * t;
+                else acc[i - sb] -= vval[p] * t;
             }
         }
     };
