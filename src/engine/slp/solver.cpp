@@ -402,6 +402,11 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int stop = 0;
     int iter = 0;
 
+    if (exact_h) {
+        std::vector<double> e;
+        if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e))
+            for (int r = 0; r < m.nrows; ++r) lam_last[r] = sense * e[r];
+    }
     // First-order certificate of the current point: feasible within the feasibility tolerance
     // and a KKT point within the optimality tolerance, with the exact gradients and row
     // multipliers only (those of the step problem, or else the best ones for the rows active
@@ -842,6 +847,24 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 status = TSLP_NLP_LOCALLY_OPTIMAL;
                 certified = true;
                 break;
+            }
+            // Close to a local optimum the SLP steps, judged by a nonsmooth merit function, may
+            // creep: Newton steps on the KKT conditions of the active rows finish the job on
+            // small models.
+            if (last_kkt <= 1e3 * kkttol && !cert_dual.empty()) {
+                std::vector<double> xp = x, dp = cert_dual;
+                double r;
+                if (polish_kkt(prob, E, m, sense, feastol, (int)kDenseCurved, xp, dp, &r)) {
+                    x = xp;
+                    std::vector<double> lpd(m.nrows);
+                    for (int i = 0; i < m.nrows; ++i) lpd[i] = sense * dp[i];
+                    if (certify(lpd, &last_kkt)) {
+                        logf(prob, 2, "    Newton steps on the KKT conditions reached residual %.3g", last_kkt);
+                        status = TSLP_NLP_LOCALLY_OPTIMAL;
+                        certified = true;
+                        break;
+                    }
+                }
             }
             logf(prob, 2, "    not yet a KKT point (residual %.3g); continuing", last_kkt);
             if (++kkt_misses >= 5) {
