@@ -905,8 +905,18 @@ RunResult Run::solve(const std::vector<double>& x0) {
     std::vector<double> true_dj(n, 0.0);
     {
         KktCheck c;
-        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data()))
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data())) {
             last_kkt = c.residual;
+            double ymax = 0.0;
+            for (double y : cert_dual) ymax = std::max(ymax, std::fabs(y));
+            // Multipliers far above the objective's gradient make the point stationary only by
+            // nearly cancelling row gradients: the constraint qualification fails or nearly
+            // fails there (the point may be the optimum all the same, as when a row's
+            // gradient vanishes at it).
+            if (certified && ymax > 1e6 * c.scale)
+                logf(prob, 1, "Row multipliers up to %.3g certify this point: the active rows are nearly "
+                              "degenerate here (their constraint qualification fails or nearly fails)", ymax);
+        }
     }
     res.kkt = last_kkt;
     Solution& sol = res.sol;
