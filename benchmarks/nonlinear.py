@@ -1,13 +1,13 @@
 """Nonlinear solving on the Hock-Schittkowski test problems, and one large nonlinear model.
 
 Prints, for every problem: name, status, objective, relative error against the published
-optimum, iterations and solve time (wall-clock and CPU); then the share of problems that reached the published
-optimum (relative error at most 1e-4, measured as |f - f*| / max(1, |f*|), at a point that is
-feasible to 1e-5 when we evaluate the constraints ourselves). A different local optimum counts as
-a miss. After the table, a discretised optimal-control model with about 10,000 rows is built and
-solved and its build and solve times are printed. Nothing here asserts on time. Each small
-problem runs in a child interpreter with a time limit, so that a crash or a hang shows as one row
-("crashed", "killed") instead of ending the run.
+optimum, iterations and solve time (wall-clock and CPU); then the share of problems that
+reached the published optimum (relative error at most 1e-4, measured as |f - f*| / max(1,
+|f*|), at a point that is feasible to 1e-5 when we evaluate the constraints ourselves). A
+different local optimum counts as a miss. After the table, a discretised optimal-control model
+with about 10,000 rows is built and solved and its build and solve times are printed. Nothing
+here asserts on time. Each small problem runs in a child interpreter with a time limit, so that
+a crash or a hang shows as one row ("crashed", "killed") instead of ending the run.
 
     PYTHONPATH=. python3 benchmarks/nonlinear.py              # everything
     PYTHONPATH=. python3 benchmarks/nonlinear.py --only HS71  # one problem (repeatable)
