@@ -357,14 +357,14 @@ bool polish_kkt(TSLPprob prob, Evaluator& E, const Model& m, double sense, doubl
         return improved;
     };
     for (int it = 0; it < 8; ++it) {
-        // Active rows: those with a multiplier, and the bound each holds.
+        // Active rows: the equalities and the rows with a multiplier, and the bound each holds.
         std::vector<int> rows;
         std::vector<double> y, target;
         for (int r = 0; r < m.nrows; ++r) {
             double yr = sense * by[r];
-            if (yr == 0.0) continue;
             double lo, up;
             row_bounds(m, r, &lo, &up);
+            if (yr == 0.0 && lo != up) continue;
             double b = yr > 0 ? lo : up;
             if (!std::isfinite(b)) return finish();
             rows.push_back(r);

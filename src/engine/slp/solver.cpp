@@ -402,11 +402,6 @@ RunResult Run::solve(const std::vector<double>& x0) {
     int stop = 0;
     int iter = 0;
 
-    if (exact_h) {
-        std::vector<double> e;
-        if (estimate_multipliers(prob, E, m, sense, x.data(), feastol, e))
-            for (int r = 0; r < m.nrows; ++r) lam_last[r] = sense * e[r];
-    }
     // First-order certificate of the current point: feasible within the feasibility tolerance
     // and a KKT point within the optimality tolerance, with the exact gradients and row
     // multipliers only (those of the step problem, or else the best ones for the rows active
