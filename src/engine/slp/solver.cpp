@@ -409,6 +409,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     const double kkttol = dbl_control(prob, TSLP_KKTTOL);
     std::vector<double> cert_dual;
     int kkt_misses = 0;
+    double polish_below = 1e3 * kkttol;   // residual below which Newton steps on the KKT conditions are tried
     auto certify = [&](const std::vector<double>& lpdual, double* resid) {
         std::vector<double> d(m.nrows, 0.0);
         for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
@@ -846,9 +847,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
             // Close to a local optimum the SLP steps, judged by a nonsmooth merit function, may
             // creep: Newton steps on the KKT conditions of the active rows finish the job on
             // small models.
-            if (last_kkt <= 1e3 * kkttol && !cert_dual.empty()) {
+            // After a failed attempt the next waits until the residual is ten times smaller:
+            // a run that stalls calls it a few times, not at every iteration.
+            if (last_kkt <= polish_below && !cert_dual.empty()) {
                 std::vector<double> xp = x, dp = cert_dual;
                 double r;
+                polish_below = 0.1 * last_kkt;
                 if (polish_kkt(prob, E, m, sense, feastol, (int)kDenseCurved, xp, dp, &r)) {
                     x = xp;
                     std::vector<double> lpd(m.nrows);
