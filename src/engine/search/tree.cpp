@@ -588,6 +588,7 @@ Outcome Search::run() {
             if (is_root) {
                 out_.status = Status::Unbounded;
                 out_.nodes = nodes_ + set_.earlier.nodes;
+                out_.last_node = next_id_ - 1;
                 out_.lp_iterations = iterations();
                 return out_;
             }
