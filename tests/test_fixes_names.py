@@ -51,3 +51,19 @@ def test_names_in_written_files_match_after_a_round_trip(tmp_path):
     q = tv.problem()
     q.read(f)
     assert library_names(q, 3) == [v.name for v in xs]
+
+
+def test_columns_added_without_names_have_their_variables_names_in_the_library():
+    earlier = [tv.var() for _ in range(5)]  # serials and column positions differ below
+    p = tv.problem(tv.var(name="a"))
+    p.addcols([1, 1], [0, 0, 0], [], [], [0, 0], [1, 1])
+    p.addcols([1, 1], [0, 0, 0], [], [], [0, 0], [1, 1], names=["", "b"])
+    held = p.getVariable()
+    assert library_names(p, 5) == [v.name for v in held]
+    assert [v.name for v in held[1:4]] == [f"C{hash(v)}" for v in held[1:4]] and held[4].name == "b"
+    for colnames in (None, ["", "z"]):
+        q = tv.problem()
+        q.loadproblem("", ["L"], [1.0], None, [1, 1], [0, 0, 1], None, [0], [1.0], [0, 0], [1, 1],
+                      colnames=colnames)
+        assert library_names(q, 2) == [v.name for v in q.getVariable()]
+    assert len(earlier) == 5
