@@ -55,18 +55,22 @@ int append_name(std::string& buf, PyObject* name, size_t limit, const char* mess
     return 0;
 }
 
-// About how many objects an add call receives: the sizes of its arrays and sequences, one
-// level down. Only sizes storage ahead; the walk decides what is really added.
-size_t leaf_count_hint(PyObject* args) {
-    auto count = [](PyObject* o) -> size_t {
-        if (is_ndarray(o)) return static_cast<size_t>(PyArray_SIZE(reinterpret_cast<PyArrayObject*>(o)));
-        if (PyList_Check(o) || PyTuple_Check(o)) return static_cast<size_t>(PySequence_Fast_GET_SIZE(o));
-        return 1;
-    };
-    if (!PyTuple_Check(args) && !PyList_Check(args)) return count(args);
-    size_t n = 0;
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(args); ++i) n += count(PySequence_Fast_GET_ITEM(args, i));
-    return std::min<size_t>(n, size_t(1) << 28);
+// About how many objects an add call receives: array sizes, and for nested sequences the
+// length times the estimate of the first item (a list of equal rows is counted exactly). Only
+// sizes storage ahead, so it is capped; the walk decides what is really added.
+size_t leaf_count_hint(PyObject* o, int depth = 4) {
+    if (is_ndarray(o)) return static_cast<size_t>(PyArray_SIZE(reinterpret_cast<PyArrayObject*>(o)));
+    if (!PyList_Check(o) && !PyTuple_Check(o)) return 1;
+    const Py_ssize_t n = PySequence_Fast_GET_SIZE(o);
+    if (n == 0) return 0;
+    size_t each = depth > 0 ? leaf_count_hint(PySequence_Fast_GET_ITEM(o, 0), depth - 1) : 1;
+    if (PyTuple_Check(o) && n < 16) {  // the arguments of a call: add them up
+        each = 0;
+        for (Py_ssize_t i = 0; i < n; ++i)
+            each += depth > 0 ? leaf_count_hint(PySequence_Fast_GET_ITEM(o, i), depth - 1) : 1;
+        return std::min<size_t>(each, size_t(1) << 26);
+    }
+    return std::min<size_t>(static_cast<size_t>(n) * std::max<size_t>(each, 1), size_t(1) << 26);
 }
 
 // ------------------------------------------------------------------ variables
