@@ -106,3 +106,19 @@ def test_rows_of_merged_sums_solve_as_before(pool):
         return p.getSolution(), p.attributes.objval, p.getProbStatusString()
 
     assert build(True) == build(False)
+
+
+def test_operands_without_a_variable_are_refused_cleanly(run_python):
+    # A linear term made by __new__ alone has no variable: sums with it raise, never crash.
+    out = run_python("""
+        import tarvo as tv
+        x, y = tv.var(name=""), tv.var(name="")
+        e = x + 2 * y
+        empty = type(2 * x).__new__(type(2 * x))
+        for f in (lambda: empty + e, lambda: e - empty, lambda: e + empty):
+            try:
+                f()
+            except tv.ModelError as err:
+                print("refused:", err)
+    """)
+    assert out.count("refused:") == 3

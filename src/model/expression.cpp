@@ -242,7 +242,7 @@ PyObject* expr_add_in_place(PyObject* e, PyObject* b, double s) {
 namespace {
 
 // A purely linear operand of a sum, read in place: an expression (of the exact type, without a
-// quadratic part), a variable, or a linear term with a coefficient other than 0.
+// quadratic part), a variable, or a linear term with a variable and a coefficient other than 0.
 struct LinearOperand {
     const LinEntry* terms = nullptr;
     size_t count = 0;
@@ -268,7 +268,8 @@ bool read_linear_operand(PyObject* o, LinearOperand& out) {
     }
     if (t == &VarType) {
         out.single = LinEntry{o, 1.0};
-    } else if (t == &LinTermType && reinterpret_cast<LinTermObject*>(o)->coef != 0.0) {
+    } else if (t == &LinTermType && reinterpret_cast<LinTermObject*>(o)->var &&
+               reinterpret_cast<LinTermObject*>(o)->coef != 0.0) {
         LinTermObject* lt = reinterpret_cast<LinTermObject*>(o);
         out.single = LinEntry{lt->var, lt->coef};
     } else {
