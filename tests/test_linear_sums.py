@@ -122,3 +122,21 @@ def test_operands_without_a_variable_are_refused_cleanly(run_python):
                 print("refused:", err)
     """)
     assert out.count("refused:") == 3
+
+
+def test_sum_of_variable_arrays_equals_adding_one_by_one(pool):
+    # Arrays of variables are summed by counting occurrences: compare with the sum of the
+    # same elements taken from a list, for views, repeats, object arrays and mixed arrays.
+    x = np.array(pool[:20], dtype=object).reshape(4, 5).astype(tv.npvar)
+    rnd = np.random.default_rng(2)
+    repeats = x.ravel()[rnd.integers(0, 20, size=60)]  # out of order, with repeats
+    mixed = np.array([pool[0], 2 * pool[1], pool[0], 3.5], dtype=object)
+    cases = [x, x.T[::-1, ::2], repeats, repeats.astype(object), x[0, :1], mixed]
+    for arr in cases:
+        same(tv.Sum(arr), tv.Sum(list(arr.ravel())))
+    assert tv.Sum(x[:0]).extractLinear() == ([], [])
+    lv, lc = tv.Sum(repeats).extractLinear()
+    counts = {id(v): 0 for v in lv}
+    for v in repeats:
+        counts[id(v)] += 1
+    assert lc == [float(counts[id(v)]) for v in lv]
