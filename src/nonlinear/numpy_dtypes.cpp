@@ -202,6 +202,16 @@ int comparison_code(int op, bool number_left) {
     }
 }
 
+// A sum or difference of an expression and a variable, a linear term or another expression
+// (exact types): the operators of all three hand it to expression_sum, which is called here
+// without the operator dispatch.
+inline bool linear_pair(int op, PyObject* a, PyObject* b) {
+    if (op != OP_ADD && op != OP_SUB) return false;
+    PyTypeObject *ta = Py_TYPE(a), *tb = Py_TYPE(b);
+    auto linear = [](PyTypeObject* t) { return t == &ExpressionType || t == &VarType || t == &LinTermType; };
+    return (ta == &ExpressionType || tb == &ExpressionType) && linear(ta) && linear(tb);
+}
+
 // Stores r (a new reference) into the output element at out, releasing what was there.
 inline void put(char* out, PyObject* r) {
     PyObject* old = load(out);
@@ -245,7 +255,8 @@ void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void*
             yo = y.get();
         }
         if (!yo) return;
-        PyRef r(apply_op(d->op, xo, yo));
+        PyRef r(linear_pair(d->op, xo, yo) ? expression_sum(xo, yo, d->op == OP_ADD ? 1.0 : -1.0)
+                                           : apply_op(d->op, xo, yo));
         if (!r) return;
         put(out, r.release());
     }
