@@ -140,3 +140,17 @@ def test_sum_of_variable_arrays_equals_adding_one_by_one(pool):
     for v in repeats:
         counts[id(v)] += 1
     assert lc == [float(counts[id(v)]) for v in lv]
+
+
+def test_scaling_arrays_of_expressions_matches_element_scaling(pool):
+    x = np.array(pool[:6], dtype=object).astype(tv.npvar)
+    e = x - x[::-1] * 2 + 1.5
+    a = np.array([2.0, -0.5, 0.0, 3.0, 1e-300, -7.0])
+    for arr, el in [(e * a, lambda i: e[i] * a[i]), (a * e, lambda i: a[i] * e[i]),
+                    (e * 0.25, lambda i: e[i] * 0.25), (e / a[[0, 1, 3, 4, 5, 0]], lambda i: e[i] / a[[0, 1, 3, 4, 5, 0]][i])]:
+        for i in range(6):
+            same(arr[i], el(i))
+    with pytest.raises(tv.ModelError, match="Division by zero"):
+        e / a
+    with pytest.raises(tv.ModelError, match="Division by zero"):
+        e[2] / 0.0

@@ -237,6 +237,19 @@ void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void*
                 continue;
             }
         }
+        if (d->first_double != d->second_double && (d->op == OP_MUL || d->op == OP_DIV)) {
+            // An expression scaled by a number: what its operators compute, without the
+            // float object and the dispatch (a division by 0 takes the general path and its error).
+            PyObject* e = load(d->first_double ? b : a);
+            double v;
+            std::memcpy(&v, d->first_double ? a : b, sizeof v);
+            if (e && Py_TYPE(e) == &ExpressionType && (d->op == OP_MUL || (d->second_double && v != 0.0))) {
+                PyObject* r = expr_copy_scaled(e, d->op == OP_MUL ? v : 1.0 / v);
+                if (!r) return;
+                put(out, r);
+                continue;
+            }
+        }
         PyRef x;
         PyObject* xo;
         if (d->first_double) {
