@@ -205,7 +205,11 @@ enum {
                                       rows couple few neighbours, else the simplex method), 1 the
                                       simplex method, 2 the interior-point solver wherever the
                                       structure suits it (small models then step by separable
-                                      LPs instead of dense second-order QPs) */
+                                      LPs instead of dense second-order QPs). The interior-point
+                                      solver (steps and multiplier fits) runs the two halves of
+                                      a large model on two threads unless TRVO_THREADS is 1
+                                      (0, automatic: two threads where the machine has two);
+                                      the results are the same either way */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

@@ -422,7 +422,10 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         for (double& b : *v) b = bound_inf(b);
     SparseLpSolution sol;
     double tol = std::min(1e-10, dbl_control(prob, TSLP_FEASTOL) * 1e-2);
-    SparseStatus st = sparse_lp_solve(lp, tol, [&]() { return prob->interrupt.load() != 0 || out_of_time(); }, sol);
+    int threads = 0;
+    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
+    SparseStatus st = sparse_lp_solve(lp, tol, [&]() { return prob->interrupt.load() != 0 || out_of_time(); }, sol,
+                                      false, sparse_threads(threads));
     if (st == SparseStatus::Declined) {
         logf(prob, 2, "    step problems go to the simplex method: their structure does not suit the interior-point solver");
         sparse_ok = false;
