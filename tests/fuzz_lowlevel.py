@@ -156,7 +156,7 @@ def spoil(v, rng):
         return None
     if how == "scalar" or not seq:
         return spoil_element(v, rng)
-    if how == "element" and v:
+    if how == "element" and list(v):
         w = list(v)
         w[rng.randrange(len(w))] = spoil_element(w[0], rng)
         return w
@@ -169,7 +169,7 @@ def spoil(v, rng):
                             "U2", "M8[D]"])
         try:
             a = np.array(v if v else [0], dtype=dtype)
-        except (TypeError, ValueError, OverflowError):
+        except Exception:
             a = np.array([1, 2, 3], dtype=np.int8)
         if rng.random() < 0.3:
             a = np.repeat(a, 2)[::2]      # non-contiguous view of the same length
