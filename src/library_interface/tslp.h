@@ -206,6 +206,10 @@ enum {
                                       simplex method, 2 the interior-point solver wherever the
                                       structure suits it (small models then step by separable
                                       LPs instead of dense second-order QPs) */
+#define TSLP_QPWARMSTART 12418    /* 1: the second-order QP step problems start HiGHS's QP
+                                      solver from no step; 0: from a phase-one LP of HiGHS's
+                                      own at every step (slower). The QP's answer is made exact
+                                      on its active set either way, so both take the same steps */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

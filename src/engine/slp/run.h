@@ -57,6 +57,15 @@ private:
     // Small models take the exact Hessian of the Lagrangian (second_order.cpp) instead of BFGS.
     bool exact_h = false;
     bool lagrangian_hessian(const std::vector<double>& lam);
+    // QP step problems (second_order.cpp): HiGHS's QP solver starts from no step instead of a
+    // phase-one LP (TSLP_QPWARMSTART), and every answer is made exact on its active set.
+    static constexpr double kQpRegularisation = 1e-8;   // diagonal entry of every column
+    bool qp_warm = true;
+    long qp_warm_exact = 0, qp_cold_exact = 0, qp_inexact = 0;   // QP answers by how they were had
+    bool qp_start();
+    enum { kQpInexact = 0, kQpExact = 1, kQpTied = 2 };
+    int qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                  std::vector<double>& rd);
     // Separable curvature on large problems, where a dense model does not fit. The diagonal of
     // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
     // exact gradients for the rest, each row's share cut to its positive semidefinite part)
