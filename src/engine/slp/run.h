@@ -57,6 +57,10 @@ private:
     // Small models take the exact Hessian of the Lagrangian (second_order.cpp) instead of BFGS.
     bool exact_h = false;
     bool lagrangian_hessian(const std::vector<double>& lam);
+    bool lagpat_ready = false;
+    SparsePattern lagpat;                  // the Lagrangian's Hessian on qcols positions
+    std::vector<int> lagorder, lagcstart;  // positions by colour
+    void prepare_lagrangian_pattern();
     // QP step problems (second_order.cpp): HiGHS's QP solver starts from no step instead of a
     // phase-one LP (TSLP_QPWARMSTART), and every answer is made exact on its active set.
     static constexpr double kQpRegularisation = 1e-8;   // diagonal entry of every column

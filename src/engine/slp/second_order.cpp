@@ -33,13 +33,65 @@ bool positive_definite(const std::vector<double>& A, size_t K, double shift) {
 
 }  // namespace
 
+// The sparsity of the Lagrangian's Hessian on the curvature columns (positions into qcols):
+// the union of the objective's quadratic part and every nonlinear row's Hessian, coloured so
+// that one gradient difference per colour reads every entry. Built once per run; without a
+// usable pattern (a formula too large to trace) every column is a colour of its own.
+void Run::prepare_lagrangian_pattern() {
+    lagpat_ready = true;
+    const int K = (int)qcols.size();
+    std::vector<int> qpos(n, -1);
+    for (int a = 0; a < K; ++a) qpos[qcols[a]] = a;
+    std::vector<std::pair<int, int>> pairs, local;
+    bool ok = true;
+    auto add = [&](int i, int j) {
+        if (i >= 0 && i < n && j >= 0 && j < n && qpos[i] >= 0 && qpos[j] >= 0) pairs.emplace_back(qpos[i], qpos[j]);
+    };
+    for (size_t e = 0; e < E.qobj.v.size(); ++e) add(E.qobj.i[e], E.qobj.j[e]);
+    for (size_t k = 0; k < E.nlrows.size() && ok; ++k) {
+        if (E.roots[k] >= 0) {
+            local.clear();
+            ok = hessian_pattern(E.tapes[k], E.roots[k], (size_t)K * K * 4 + 1024, local);
+            for (auto& e : local) add(e.first, e.second);
+        }
+        auto q = m.qrows.find(E.nlrows[k]);
+        if (q != m.qrows.end())
+            for (size_t e = 0; e < q->second.v.size(); ++e) add(q->second.i[e], q->second.j[e]);
+    }
+    std::vector<int> colour(K);
+    int nc = K;
+    if (ok) {
+        lagpat = make_pattern(K, pairs);
+        nc = colour_columns(lagpat, colour);
+    }
+    if (!ok || nc >= K) {
+        // One column per colour: every entry of its column is read from its own difference.
+        std::vector<std::pair<int, int>> all;
+        for (int a = 0; a < K; ++a)
+            for (int b = a; b < K; ++b) all.emplace_back(a, b);
+        lagpat = make_pattern(K, all);
+        for (int a = 0; a < K; ++a) colour[a] = a;
+        nc = K;
+    }
+    lagcstart.assign(nc + 1, 0);
+    for (int a = 0; a < K; ++a) ++lagcstart[colour[a] + 1];
+    for (int c = 0; c < nc; ++c) lagcstart[c + 1] += lagcstart[c];
+    lagorder.assign(K, 0);
+    std::vector<int> fill(lagcstart.begin(), lagcstart.end() - 1);
+    for (int a = 0; a < K; ++a) lagorder[fill[colour[a]]++] = a;
+}
+
 // Fills B with the convexified Hessian of the Lagrangian at x (gf and nlgrad hold the exact
 // gradients there). Returns false, leaving B alone, when a gradient cannot be evaluated near
 // x or the Hessian has no positive curvature at all (the step problem then stays linear).
+// The Hessian is read one colour of its sparsity pattern at a time: the columns of a colour are
+// moved together, and row a of the gradient's change holds H(a, b) for the one column b of the
+// colour it neighbours (a chained sum of squares in 40 columns takes 3 gradients, not 40).
 bool Run::lagrangian_hessian(const std::vector<double>& lam) {
     const size_t K = qcols.size();
     if (K == 0) return false;
-    std::vector<double> g0, g1(n, 0.0), gfs(n, 0.0), H(K * K, 0.0);
+    if (!lagpat_ready) prepare_lagrangian_pattern();
+    std::vector<double> g0, g1(n, 0.0), gfs(n, 0.0), H(K * K, 0.0), steps(K, 0.0);
     lagrangian_grad(lam, g0);
     std::vector<char> active(E.nlrows.size(), 0);
     for (size_t k = 0; k < E.nlrows.size(); ++k) {
@@ -47,25 +99,38 @@ bool Run::lagrangian_hessian(const std::vector<double>& lam) {
         active[k] = r < (int)lam.size() && lam[r] != 0.0;
     }
     std::vector<double> xs = x;
-    for (size_t b = 0; b < K; ++b) {
-        int j = qcols[b];
-        double step = 1e-7 * std::max(1.0, std::fabs(x[j]));
-        // Stay inside the column's bounds (the formulas may not be defined beyond them).
-        if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
-        xs[j] = x[j] + step;
-        step = xs[j] - x[j];
-        if (!std::isfinite(E.objective(xs.data(), gfs.data()))) return false;
-        std::fill(g1.begin(), g1.end(), 0.0);
-        for (int c : qcols) g1[c] = sense * gfs[c];
-        for (size_t k = 0; k < E.nlrows.size(); ++k) {
-            if (!active[k]) continue;
-            double v;
-            if (!E.nlrow_grad((int)k, xs.data(), &v, gscratch.data())) return false;
-            double l = lam[E.nlrows[k]];
-            for (int c : E.pattern[k]) g1[c] -= l * gscratch[c];
+    const int ncolours = (int)lagcstart.size() - 1;
+    for (int c = 0; c < ncolours; ++c) {
+        for (int q = lagcstart[c]; q < lagcstart[c + 1]; ++q) {
+            int b = lagorder[q], j = qcols[b];
+            double step = 1e-7 * std::max(1.0, std::fabs(x[j]));
+            // Stay inside the column's bounds (the formulas may not be defined beyond them).
+            if (x[j] + step > m.ub[j] && x[j] - step >= m.lb[j]) step = -step;
+            xs[j] = x[j] + step;
+            steps[b] = xs[j] - x[j];
         }
-        xs[j] = x[j];
-        for (size_t a = 0; a < K; ++a) H[a * K + b] = (g1[qcols[a]] - g0[a]) / step;
+        bool ok = std::isfinite(E.objective(xs.data(), gfs.data()));
+        if (ok) {
+            std::fill(g1.begin(), g1.end(), 0.0);
+            for (int col : qcols) g1[col] = sense * gfs[col];
+            for (size_t k = 0; k < E.nlrows.size() && ok; ++k) {
+                if (!active[k]) continue;
+                double v;
+                ok = E.nlrow_grad((int)k, xs.data(), &v, gscratch.data());
+                double l = lam[E.nlrows[k]];
+                if (ok)
+                    for (int col : E.pattern[k]) g1[col] -= l * gscratch[col];
+            }
+        }
+        for (int q = lagcstart[c]; q < lagcstart[c + 1]; ++q) xs[qcols[lagorder[q]]] = x[qcols[lagorder[q]]];
+        if (!ok) return false;
+        for (int q = lagcstart[c]; q < lagcstart[c + 1]; ++q) {
+            int b = lagorder[q];
+            for (int e = lagpat.start[b]; e < lagpat.start[b + 1]; ++e) {
+                int a = lagpat.idx[e];
+                H[a * K + b] = (g1[qcols[a]] - g0[a]) / steps[b];
+            }
+        }
     }
     double big = 0.0;
     for (size_t a = 0; a < K; ++a)
