@@ -105,3 +105,23 @@ def test_control_default_and_values():
     q.setcbmessage(lambda prob, data, msg, kind: lines.append(msg))
     q.nlpoptimize()
     assert not any(COUNTS.search(m) for m in lines)
+
+
+def test_sparse_hessian_with_distant_cross_terms_converges_quickly():
+    # The Lagrangian's Hessian is read one colour of its sparsity pattern at a time: products of
+    # distant columns (x_i x_{n-1-i}) and a row coupling four columns must all be in the pattern,
+    # or the QP steps lose curvature and the run slows down or stalls.
+    n = 12
+    x = [tv.var(lb=-10, ub=10, name="x%d" % i) for i in range(n)]
+    f = (tv.Sum((x[i] * x[n - 1 - i] - 1 - 0.1 * i) ** 2 for i in range(n // 2))
+         + tv.Sum((x[i] - 0.5) ** 4 for i in range(n)))
+    p = tv.problem(x, f)
+    p.addConstraint(tv.exp(0.1 * x[0] + 0.2 * x[5]) + x[7] * x[9] <= 3)
+    for i, v in enumerate(x):
+        p.chgvar(colindex=v, initvalue=1.0 + 0.1 * i)
+    p.nlpoptimize()
+    assert p.getProbStatusString() == "nlp_solution"
+    assert p.getAttrib("tslp_iter") <= 15
+    assert p.getAttrib("tslp_kktresidual") <= 1e-6
+    point = {v: val for v, val in zip(x, p.getSolution(x))}
+    assert tv.evaluate(f, solution=point) == pytest.approx(p.getAttrib("tslp_objval"), rel=1e-9)
