@@ -66,6 +66,10 @@ private:
     static constexpr double kQpRegularisation = 1e-8;   // diagonal entry of every column
     bool qp_warm = true;
     long qp_warm_exact = 0, qp_cold_exact = 0, qp_inexact = 0;   // QP answers by how they were had
+    // The answers are made exact by a dense factorisation of at most ncolLP + nrowLP unknowns,
+    // O(N^3): cheap next to the QP solve on small step problems, not attempted on larger ones,
+    // which are solved from HiGHS's own start only.
+    bool qp_small() const { return ncolLP + nrowLP <= 150; }
     bool qp_start();
     enum { kQpInexact = 0, kQpExact = 1, kQpTied = 2 };
     int qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,

@@ -163,6 +163,7 @@ bool Run::lagrangian_hessian(const std::vector<double>& lam) {
 // start depends on the current step problem only, never on an earlier one. Returns false,
 // setting nothing, when d = 0 lies outside some column's bounds.
 bool Run::qp_start() {
+    if (!qp_small()) return false;
     std::vector<double> clo(ncolLP), cup(ncolLP), rlo(nrowLP), rup(nrowLP), value(ncolLP, 0.0);
     HighsInt got = 0, nz = 0;
     if (Highs_getColsByRange(h, 0, ncolLP - 1, &got, nullptr, clo.data(), cup.data(), &nz, nullptr, nullptr,
@@ -211,6 +212,7 @@ bool Run::qp_start() {
 int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                     std::vector<double>& rd) {
     const int nc = ncolLP, nr = nrowLP;
+    if (!qp_small()) return kQpInexact;
     HighsInt gc = 0, gr = 0, nz = Highs_getNumNz(h), sense_out = 0;
     double offset = 0.0;
     std::vector<double> cost(nc), clo(nc), cup(nc), rlo(nr), rup(nr);
@@ -243,10 +245,7 @@ int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector
         if (!std::isfinite(target[r])) return kQpInexact;
         rpos[r] = N++;
     }
-    // A dense factorisation: O(N^3), cheap next to a QP solve on the small models this path
-    // serves, and not attempted on larger ones.
-    const int kMaxDense = 250;
-    if (N == 0 || N > kMaxDense || N - nf > nf) return kQpInexact;
+    if (N == 0 || N - nf > nf) return kQpInexact;
 
     // The step problem's Hessian, as update_lp passed it: B plus the regularisation on the
     // curvature columns, the regularisation alone on the others.
