@@ -74,6 +74,12 @@ private:
     enum { kQpInexact = 0, kQpExact = 1, kQpTied = 2 };
     int qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
                   std::vector<double>& rd);
+    int qp_guess(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                 std::vector<double>& rd);
+    int qp_exact_on(const std::vector<int>& cs, const std::vector<int>& rs, std::vector<double>& cv,
+                    std::vector<double>& cd, std::vector<double>& rv, std::vector<double>& rd);
+    std::vector<int> guess_cs, guess_rs;   // active set (HiGHS's basis statuses) of the last exact answer
+    long qp_guessed = 0;
     // Separable curvature on large problems, where a dense model does not fit. The diagonal of
     // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
     // exact gradients for the rest, each row's share cut to its positive semidefinite part)

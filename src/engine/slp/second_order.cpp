@@ -210,9 +210,30 @@ bool Run::qp_start() {
 // solution whatever the start: cv, cd, rv, rd are replaced by it. Returns false, leaving them
 // alone, when the active set is not optimal or the system is too large or singular.
 int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
-                    std::vector<double>& rd) {
-    const int nc = ncolLP, nr = nrowLP;
+                   std::vector<double>& rd) {
     if (!qp_small()) return kQpInexact;
+    std::vector<HighsInt> hcs(ncolLP), hrs(nrowLP);
+    if (Highs_getBasis(h, hcs.data(), hrs.data()) != kHighsStatusOk) return kQpInexact;
+    return qp_exact_on(std::vector<int>(hcs.begin(), hcs.end()), std::vector<int>(hrs.begin(), hrs.end()), cv, cd, rv,
+                       rd);
+}
+
+// Near a solution the active set of the step problems settles: the last exact answer's active
+// set, tried first on the new step problem, gives its solution with one dense solve and no QP
+// solve at all, when it is still optimal (the same test as above decides, so such an answer is
+// the QP's unique solution too).
+int Run::qp_guess(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                  std::vector<double>& rd) {
+    if (!qp_small() || guess_cs.size() != (size_t)ncolLP || guess_rs.size() != (size_t)nrowLP) return kQpInexact;
+    std::vector<int> cs(guess_cs), rs(guess_rs);   // (an exact answer replaces guess_cs, guess_rs)
+    return qp_exact_on(cs, rs, cv, cd, rv, rd);
+}
+
+// The equality-constrained QP on the active set cs, rs (HiGHS's basis statuses: columns and
+// rows at a bound are active there, the others free), solved exactly and checked as above.
+int Run::qp_exact_on(const std::vector<int>& cs, const std::vector<int>& rs, std::vector<double>& cv,
+                     std::vector<double>& cd, std::vector<double>& rv, std::vector<double>& rd) {
+    const int nc = ncolLP, nr = nrowLP;
     HighsInt gc = 0, gr = 0, nz = Highs_getNumNz(h), sense_out = 0;
     double offset = 0.0;
     std::vector<double> cost(nc), clo(nc), cup(nc), rlo(nr), rup(nr);
@@ -224,8 +245,6 @@ int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector
         gc != nc || gr != nr)
         return kQpInexact;
     start[nc] = nz;
-    std::vector<HighsInt> cs(nc), rs(nr);
-    if (Highs_getBasis(h, cs.data(), rs.data()) != kHighsStatusOk) return kQpInexact;
 
     // Unknowns: the free columns' steps, then the active rows' multipliers.
     std::vector<int> pos(nc, -1), rpos(nr, -1);
@@ -290,7 +309,7 @@ int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector
 
     // Gaussian elimination with partial pivoting; false when a pivot is below tol * (largest
     // entry), the matrix then counting as singular.
-    auto eliminate = [N](std::vector<double>& A, std::vector<double>* b, double tol) {
+    auto eliminate = [](std::vector<double>& A, int N, std::vector<double>* b, double tol) {
         double big = 0.0;
         for (double v : A) big = std::max(big, std::fabs(v));
         if (!(big > 0.0) || !std::isfinite(big)) return false;
@@ -320,16 +339,7 @@ int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector
             }
         return true;
     };
-    // Without the regularisation, is the system still regular? If not, the QP has directions
-    // in which only the regularisation curves it (a column, or a combination of columns, free
-    // on the active set with no curvature of its own): along them the step is decided by
-    // 1e-8 against whatever gradient is left, and the point a QP solver stops at depends on
-    // its start. Such a QP is reported as tied.
-    std::vector<double> M0(M);
-    for (int j = 0; j < nc; ++j)
-        if (pos[j] >= 0) M0[(size_t)pos[j] * N + pos[j]] -= kQpRegularisation;
-    const bool tied = !eliminate(M0, nullptr, 1e-10);
-    if (!eliminate(M, &rhs, 1e-14)) return kQpInexact;
+    if (!eliminate(M, N, &rhs, 1e-14)) return kQpInexact;
     std::vector<double> y(nr, 0.0);
     for (int j = 0; j < nc; ++j)
         if (pos[j] >= 0) d[j] = rhs[pos[j]];
@@ -370,7 +380,38 @@ int Run::qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector
     }
     for (int j = 0; j < nc; ++j)
         if (pos[j] >= 0) z[j] = 0.0;   // stationary by construction
-    if (tied) return kQpTied;
+
+    // Without the regularisation, is the solution still determined? If not, the QP has
+    // directions in which only the regularisation curves it (a column, or a combination of
+    // columns, free of the binding bounds and rows, with no curvature of its own): along them
+    // the step is decided by 1e-8 against whatever gradient is left, and the point a QP solver
+    // stops at depends on its start. Such a QP is reported as tied. Bounds and rows active with
+    // a zero multiplier do not bind here, so that the verdict is the solution's, not that of
+    // whichever of several degenerate active sets found it.
+    const double wtol = 1e-9 * cmax;
+    std::vector<int> tpos(nc, -1), trpos(nr, -1);
+    int T = 0;
+    for (int j = 0; j < nc; ++j)
+        if (pos[j] >= 0 || (clo[j] != cup[j] && std::fabs(z[j]) <= wtol)) tpos[j] = T++;
+    for (int r = 0; r < nr; ++r)
+        if (rpos[r] >= 0 && (rlo[r] == rup[r] || std::fabs(y[r]) > wtol)) trpos[r] = T++;
+    std::vector<double> M0((size_t)T * T, 0.0);
+    for (int j = 0; j < nc; ++j) {
+        if (tpos[j] < 0) continue;
+        double* row = &M0[(size_t)tpos[j] * T];
+        if (qpos[j] >= 0)
+            for (int k : qcols)
+                if (tpos[k] >= 0) row[tpos[k]] += hess(j, k) - (j == k ? kQpRegularisation : 0.0);
+        for (HighsInt e = start[j]; e < start[j + 1]; ++e) {
+            int r = index[e];
+            if (trpos[r] < 0) continue;
+            row[trpos[r]] -= value[e];
+            M0[(size_t)trpos[r] * T + tpos[j]] += value[e];
+        }
+    }
+    if (T > 0 && !eliminate(M0, T, nullptr, 1e-10)) return kQpTied;
+    guess_cs = cs;
+    guess_rs = rs;
     cv.swap(d);
     cd.swap(z);
     rv.swap(act);

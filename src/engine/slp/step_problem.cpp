@@ -299,7 +299,8 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     // solution whichever start found it. Without one, or when the QP is tied (its solution
     // hangs on the regularisation, so that any exact answer is as arbitrary as another), the
     // answer from HiGHS's own start is taken as HiGHS gives it. So the order changes the time
-    // only, never the step.
+    // only, never the step. With TSLP_QPWARMSTART, the last exact answer's active set is tried
+    // before any QP solve (second_order.cpp).
     struct Answer {
         HighsInt rc = kHighsStatusError, ms = kHighsModelStatusNotset;
         bool ran = false, read = false;
@@ -336,8 +337,17 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         a.quality = qp_polish(a.cv, a.cd, a.rv, a.rd);
     };
     Answer* chosen = &cold_answer;
+    Answer guess;
     if (!hessian_passed) {
         run_qp(false, cold_answer);
+    } else if (qp_warm && qp_guess(guess.cv, guess.cd, guess.rv, guess.rd) == kQpExact) {
+        // The last exact answer's active set is still optimal: no QP solve.
+        guess.rc = kHighsStatusOk;
+        guess.ms = kHighsModelStatusOptimal;
+        guess.ran = guess.read = true;
+        guess.quality = kQpExact;
+        chosen = &guess;
+        ++qp_guessed;
     } else {
         for (int attempt = 0; attempt < 2; ++attempt) {
             bool hot = qp_warm == (attempt == 0);
