@@ -210,10 +210,12 @@ void Run::update_lp() {
     }
     bool curvature = use_b && have_b && !skip_b;
     if (curvature) {
-        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
-        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
-        // (columns without one have made it read and write out of bounds), and a strictly
-        // convex step problem has a unique solution.
+        // 1/2 d' (B + reg I) d, B on the curvature columns. Every column gets a diagonal entry:
+        // HiGHS's QP path expects a diagonal entry first in each column (columns without one
+        // have made it read and write out of bounds), and a strictly convex step problem has a
+        // unique solution (B, cut to its positive semidefinite part, may be singular; with a
+        // singular Hessian HiGHS's QP solver reports non-convexity when it starts from a point
+        // with free columns).
         const double reg = kQpRegularisation;
         size_t K = qcols.size();
         std::vector<HighsInt> start(ncolLP + 1, 0), index;
