@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace trvo {
 
@@ -210,6 +213,16 @@ void results_resize(TRVOprob p) {
         r.mipslack.assign(m, 0.0);
         r.have_lp = r.have_mip = r.have_duals = false;
     }
+}
+
+void release_free_heap(int64_t items) {
+    // Trimming walks the heaps' free lists (a few milliseconds after a million-row build);
+    // small models are solved again and again, by callbacks and tests, and gain nothing.
+    constexpr int64_t kTrimItems = 65536;
+    if (items < kTrimItems) return;
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
 }
 
 int64_t mip_entities(TRVOprob p) {
