@@ -252,6 +252,12 @@ void results_resize(TRVOprob p);
 // allocates on threads of its own, from other heaps, so without this the solve's peak carries
 // that freed memory on top of HiGHS's own.
 void release_free_heap(int64_t items);
+// At the start of a solve: marks the problem's entity count for recounting and, when the
+// result vectors no longer fit the problem, frees them and marks the results unavailable.
+void results_drop_unfit(TRVOprob p);
+// Sizes each result vector that does not fit the problem (zeros), leaving the others and the
+// availability marks alone: the solve then writes the results it has.
+void results_fit(TRVOprob p);
 // After a structural change: drops results whose dimensions no longer fit without
 // touching the vectors' contents, so adding one row or column costs O(1).
 void results_invalidate(TRVOprob p);
