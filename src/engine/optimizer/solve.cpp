@@ -538,8 +538,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         p->nrows() != nrows_before)
         fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
              "its results are not available");
-    // What HiGHS's run freed goes back to the system before the results take their room.
-    release_free_heap(static_cast<int64_t>(ncols_before) + nrows_before + p->matrix.nnz());
+    // The run is over: the results take their room now (HiGHS's working memory is freed).
     results_fit(p);
     {
         // Read before a crossover run of the engine's own resets HiGHS's counts.
