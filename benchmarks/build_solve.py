@@ -15,7 +15,8 @@ The time printed covers building the variables, constraints and objective, loadi
 the problem and handing the model to HiGHS (a solve with a time limit that stops HiGHS at
 once, as the native program does), as wall time and as processor time (`cpu s`, user +
 system of all threads: the fairer figure on a shared, loaded machine; the load is printed
-first). `peak B/item` is the growth of the process's peak resident set per column + row.
+first). `peak B/item` is the growth of the process's peak resident set over its resident set
+before building, per column + row.
 The native program (benchmarks/native/build_models.cpp) is built here with the system's C++
 compiler against HiGHS from highsbox; without a compiler its column is skipped with a message.
 
@@ -46,6 +47,16 @@ INF = 1e20
 
 def peak_bytes():
     return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024
+
+
+def resident_bytes():
+    """The resident set now: the baseline of `peak B/item` here and in the native program (the
+    peak alone starts at the parent's resident set, which Linux carries across exec)."""
+    try:
+        with open("/proc/self/statm") as f:
+            return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+    except (OSError, ValueError, IndexError):
+        return peak_bytes()
 
 
 # ----------------------------------------------------------------- tarvo models
@@ -181,7 +192,7 @@ def child(argv):
     import tarvo as tv
     tv.setOutputEnabled(False)
     what = argv[0]
-    base = peak_bytes()
+    base = resident_bytes()
     if what == "build":
         kind, size = parse_model(argv[1])
         builder = {"fac": facility, "lqcp": lqcp, "basic": basic}[kind]
