@@ -6,11 +6,13 @@
 #include "engine/optimizer/mps_reader.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -607,7 +609,15 @@ void read_through_highs(const std::string& name, bool lp, trvo_problem_s& scratc
         if (Highs_getRowName(h, i, buf.data()) != kHighsStatusError) scratch.rownames.set(i, buf.data());
 }
 
+double thread_cpu_seconds() {
+    timespec ts;
+    if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts) != 0) return 0;
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
 void read_problem(TRVOprob p, const char* filename, const char* flags) {
+    const auto wall0 = std::chrono::steady_clock::now();
+    const double cpu0 = thread_cpu_seconds();
     std::string name = file_to_read(filename, flags);
     const bool lp = read_as_lp(name, flags);
     // The file is read into a scratch problem: a failure leaves the target untouched.
@@ -646,6 +656,12 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->gencons.swap(scratch.gencons);
     p->pwlcons.swap(scratch.pwlcons);
     results_resize(p);
+    char msg[512];
+    std::snprintf(msg, sizeof msg, "Read %.300s: %d rows, %d columns, %lld elements in %.3fs (cpu %.3fs)", name.c_str(),
+                  p->nrows(), p->ncols(), static_cast<long long>(p->matrix.nnz()),
+                  std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count(),
+                  thread_cpu_seconds() - cpu0);
+    emit_message(p, msg, 1, TRVO_MSG_READ);
 }
 
 }  // namespace
