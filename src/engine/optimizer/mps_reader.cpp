@@ -227,16 +227,23 @@ void split(const char* s, size_t len, Tokens& out) {
     }
 }
 
-// Whether a data line could be a fixed-format line whose name fields (columns 5-12, 15-22 and
-// 40-47) hold blanks: such a line splits into the wrong words.
-bool fixed_blank_names(const char* s, size_t len) {
-    for (size_t from : {4u, 14u, 39u}) {
-        if (len <= from) break;
-        size_t to = std::min(len, from + 8);
+// Whether a data line could be a fixed-format line whose names hold blanks: all its characters
+// lie within the fixed fields (columns 2-3, 5-12, 15-22, 25-36, 40-47 and 50-61) and a name
+// field (5-12, 15-22 or 40-47) holds a blank between other characters. Such a line splits into
+// the wrong words. Lines after ROWS reach the third field (a row or column name there).
+bool fixed_blank_names(const char* s, size_t len, bool rows) {
+    static const size_t fields[][2] = {{1, 3}, {4, 12}, {14, 22}, {24, 36}, {39, 47}, {49, 61}};
+    if (len > 61 || (!rows && len <= 14)) return false;
+    size_t f = 0;
+    for (size_t k = 0; k < len; ++k) {
+        while (f < 6 && k >= fields[f][1]) ++f;
+        if (!blank(s[k]) && (f == 6 || k < fields[f][0])) return false;
+    }
+    for (int name : {1, 2, 4}) {
         bool seen = false, gap = false;
-        for (size_t k = from; k < to; ++k) {
+        for (size_t k = fields[name][0]; k < std::min(len, fields[name][1]); ++k) {
             if (!blank(s[k])) {
-                if (gap && seen) return true;
+                if (gap) return true;
                 seen = true;
             } else if (seen) {
                 gap = true;
@@ -344,7 +351,7 @@ private:
     // A data line this reader cannot take: HiGHS's reader gets the file when the line may be
     // fixed-format with blanks in its names; otherwise the file is malformed.
     bool unreadable(const char* s, size_t len, const char* what, Text name = Text()) {
-        if (!fixed_blank_names(s, len)) bad(what, name);
+        if (!fixed_blank_names(s, len, section_ == Section::kRows)) bad(what, name);
         char msg[200];
         std::snprintf(msg, sizeof msg, "%s, line %d: %s %.*s", file_.c_str(), lineno_, what,
                       static_cast<int>(std::min<size_t>(name.size(), 80)), name.data());
