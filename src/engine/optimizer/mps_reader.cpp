@@ -309,6 +309,23 @@ private:
         int v = rows_.find(name);
         return v < 0 ? kNoRow : v - 2;
     }
+    // RHS, RANGES and BOUNDS lines mostly follow the order of the rows and columns: the name
+    // after the last one found is tried before the hash table.
+    int next_row_ = 0, next_col_ = 0;
+    int row_in_order(Text name) {
+        if (static_cast<size_t>(next_row_) < row_names_.size() && row_names_[static_cast<size_t>(next_row_)] == name)
+            return next_row_++;
+        int code = row_code(name);
+        if (code >= 0) next_row_ = code + 1;
+        return code;
+    }
+    int col_in_order(Text name) {
+        if (static_cast<size_t>(next_col_) < col_names_.size() && col_names_[static_cast<size_t>(next_col_)] == name)
+            return next_col_++;
+        int j = cols_.find(name);
+        if (j >= 0) next_col_ = j + 1;
+        return j;
+    }
     std::vector<Text> row_names_;
     std::vector<char> row_type_;
     std::vector<double> rhs_, range_;
@@ -476,9 +493,10 @@ private:
         last_col_.assign(m, -1);
     }
 
-    void new_column(Text name, bool integer) {
+    // False when the name is already a column's.
+    bool new_column(Text name, bool integer) {
         int j = static_cast<int>(col_names_.size());
-        cols_.insert(name, j);
+        if (!cols_.insert(name, j)) return false;
         col_names_.push_back(name);
         cost_.push_back(0.0);
         lower_.push_back(0.0);
@@ -489,6 +507,7 @@ private:
         has_upper_.push_back(0);
         has_cost_.push_back(0);
         col_start_.push_back(static_cast<int64_t>(entry_row_.size()));  // its entries follow
+        return true;
     }
 
     bool column_line(const char* s, size_t len, const Tokens& tk) {
@@ -504,8 +523,7 @@ private:
             return unreadable(s, len, "a COLUMNS line holds a column and one or two row-value pairs:", Text(s, len));
         const Text col = tk.t[0];
         if (col != current_col_) {
-            if (cols_.find(col) >= 0) return false;  // a column given twice: HiGHS's handling
-            new_column(col, in_integer_);
+            if (!new_column(col, in_integer_)) return false;  // a column given twice: HiGHS's handling
             current_col_ = col_names_.back();
         }
         const int j = static_cast<int>(col_names_.size()) - 1;
@@ -536,7 +554,7 @@ private:
                                              : "an RHS line holds a set name and row-value pairs:", Text(s, len));
         for (int k = tk.n % 2; k + 1 < tk.n; k += 2) {
             const Text name = tk.t[k];
-            int code = row_code(name);
+            int code = row_in_order(name);
             if (code == kNoRow) return unreadable(s, len, "unknown row", name);
             double v = number(tk.t[k + 1], false);
             if (code == -2) continue;
@@ -567,17 +585,17 @@ private:
         const bool valued = which <= 2 || which == 6 || which == 7 || which >= 9;
         // The set name may be left out: then the column comes first.
         int at = 1;
-        int j = cols_.find(tk.t[1]);
+        int j = col_in_order(tk.t[1]);
         if (j < 0 && tk.n >= 3) {
             at = 2;
-            j = cols_.find(tk.t[2]);
+            j = col_in_order(tk.t[2]);
         }
         if (valued && at + 1 >= tk.n) return unreadable(s, len, "a bound without a value for", tk.t[at]);
         if (at + 2 < tk.n)
             return unreadable(s, len, "a BOUNDS line holds a type, a set name, a column and a value:", Text(s, len));
         if (j < 0) {
             // A bound on a column that is in no COLUMNS line makes that column.
-            new_column(tk.t[at], false);
+            if (!new_column(tk.t[at], false)) bad("a column named twice:", tk.t[at]);
             j = static_cast<int>(col_names_.size()) - 1;
         }
         const size_t c = static_cast<size_t>(j);
