@@ -18,7 +18,9 @@ first). `peak B/item` is the growth of the process's peak resident set per colum
 The native program (benchmarks/native/build_models.cpp) is built here with the system's C++
 compiler against HiGHS from highsbox; without a compiler its column is skipped with a message.
 
-Also printed: reading an MPS file (tarvo `read` against HiGHS's reader), 10,000 single-value
+Also printed: reading an MPS file and the same model as an LP file (tarvo `read`, split into
+the engine's part and the module's objects and maps, against HiGHS's reader natively and
+through highspy), 10,000 single-value
 `getSolution(v)` calls on a 1M-column model, and the row style at 100k and 1M rows (linear
 growth means a time ratio near 10). No assertions; targets are printed next to the figures.
 
@@ -212,6 +214,11 @@ def child(argv):
                "peak_bytes": peak_bytes() - base}
         if engine:
             out["engine"], out["engine_cpu"] = float(engine[-1].group(1)), float(engine[-1].group(2))
+    elif what == "to-lp":  # the same model as an LP file, for the LP reading comparison
+        p = tv.problem()
+        p.read(argv[1])
+        p.write(argv[2], "l")
+        out = {}
     elif what == "highspy-read":  # HiGHS's reader in a Python process, as highspy runs it
         import highspy
         h = highspy.Highs()
@@ -374,48 +381,53 @@ def main():
         if "--skip-extras" in args:
             return
 
-        # Reading an MPS file: tarvo's read (the engine's part and the module's objects and
-        # maps, separately) against HiGHS's reader, in the native program (the HiGHS tarvo links)
-        # and in a Python process through highspy when it is installed.
+        # Reading an MPS file (and the same model as an LP file): tarvo's read (the engine's
+        # part and the module's objects and maps, separately) against HiGHS's reader, in the
+        # native program (the HiGHS tarvo links) and in a Python process through highspy when
+        # it is installed.
         mps = os.path.join(tmp, "fac.mps")
+        lpf = os.path.join(tmp, "fac.lp")
         G = 10 if quick else 25
         best_of(1, "build", "fac-%d" % G, "array", mps)
         if os.path.exists(mps):
-            runs = max(repeat, 5)
-            all_runs = [run_child("read", mps) for _ in range(runs)]
+            run_child("to-lp", mps, lpf)
+        for kind, path in (("MPS", mps), ("LP", lpf)):
+            if not os.path.exists(path):
+                print("read fac-%d %s: no file to read" % (G, kind))
+                continue
+            runs = max(repeat, 5 if kind == "MPS" else 3)
+            all_runs = [run_child("read", path) for _ in range(runs)]
             ours = fastest(all_runs)
             if "error" in ours:
-                print("read fac-%d MPS failed: %s" % (G, ours["error"]))
-            else:
-                # Each figure is its own minimum over the runs (the parts included).
-                good = [r for r in all_runs if "error" not in r and "engine" in r]
-                if good:
-                    ours["engine"] = min(r["engine"] for r in good)
-                    ours["engine_cpu"] = min(r["engine_cpu"] for r in good)
-                    ours["module"] = min(r["seconds"] - r["engine"] for r in good)
-                    ours["module_cpu"] = min(r["cpu"] - r["engine_cpu"] for r in good)
-                print("read fac-%d MPS (%d rows + columns, %.1f MB), best of %d:" % (
-                    G, ours["rows"] + ours["cols"], os.path.getsize(mps) / 1e6, runs))
-                print("  tarvo read             %.3f s (cpu %.3f s)" % (ours["seconds"], ours["cpu"]))
-                if "engine" in ours:
-                    print("    engine (file to store) %.3f s (cpu %.3f s)" % (ours["engine"], ours["engine_cpu"]))
-                    print("    module objects and maps %.3f s (cpu %.3f s)" % (ours["module"], ours["module_cpu"]))
-                refs = []
-                if exe:
-                    refs.append(("HiGHS reader (native)", run_native(exe, runs, "read", mps)))
-                try:
-                    import highspy  # noqa: F401
-                    refs.append(("HiGHS reader (highspy)", best_of(runs, "highspy-read", mps)))
-                except ImportError:
-                    print("  highspy not installed: its reader is not timed")
-                for label, theirs in refs:
-                    if "error" in theirs:
-                        print("  %s failed: %s" % (label, theirs["error"]))
-                        continue
-                    print("  %-22s %.3f s (cpu %.3f s)%s; tarvo/HiGHS %.2f, cpu %.2f (target <= 1.2)" % (
-                        label, theirs["seconds"], theirs["cpu"],
-                        " [%s]" % theirs["version"] if "version" in theirs else "",
-                        ours["seconds"] / theirs["seconds"], ours["cpu"] / theirs["cpu"]))
+                print("read fac-%d %s failed: %s" % (G, kind, ours["error"]))
+                continue
+            # Each figure is its own minimum over the runs (the parts included).
+            good = [r for r in all_runs if "error" not in r and "engine" in r]
+            print("read fac-%d %s (%d rows + columns, %.1f MB), best of %d:" % (
+                G, kind, ours["rows"] + ours["cols"], os.path.getsize(path) / 1e6, runs))
+            print("  tarvo read             %.3f s (cpu %.3f s)" % (ours["seconds"], ours["cpu"]))
+            if good:
+                print("    engine (file to store) %.3f s (cpu %.3f s)" % (
+                    min(r["engine"] for r in good), min(r["engine_cpu"] for r in good)))
+                print("    module objects and maps %.3f s (cpu %.3f s)" % (
+                    min(r["seconds"] - r["engine"] for r in good), min(r["cpu"] - r["engine_cpu"] for r in good)))
+            refs = []
+            if exe:
+                refs.append(("HiGHS reader (native)", run_native(exe, runs, "read", path)))
+            try:
+                import highspy  # noqa: F401
+                refs.append(("HiGHS reader (highspy)", best_of(runs, "highspy-read", path)))
+            except ImportError:
+                print("  highspy not installed: its reader is not timed")
+            for label, theirs in refs:
+                if "error" in theirs:
+                    print("  %s failed: %s" % (label, theirs["error"]))
+                    continue
+                print("  %-22s %.3f s (cpu %.3f s)%s; tarvo/HiGHS %.2f, cpu %.2f%s" % (
+                    label, theirs["seconds"], theirs["cpu"],
+                    " [%s]" % theirs["version"] if "version" in theirs else "",
+                    ours["seconds"] / theirs["seconds"], ours["cpu"] / theirs["cpu"],
+                    " (target <= 1.2)" if kind == "MPS" else ""))
 
         # Single-value queries.
         n = 100_000 if quick else 1_000_000
