@@ -172,15 +172,16 @@ std::vector<std::string> tokens(const std::string& line) {
     return out;
 }
 
-// Takes the SOS and INDICATORS sections out of an MPS file. Returns the name of a temporary
-// copy without them for HiGHS to read, or "" when the file has none.
+// Takes the engine's own sections and blank lines (HiGHS's fixed-format reader never returns
+// from a blank line) out of an MPS file. Returns the name of a temporary copy without them for
+// HiGHS to read, or "" when the file has none.
 std::string strip_entity_sections(const std::string& file, EntitySections& found) {
     std::FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string rest, line;
     EntitySection section = EntitySection::kNone;
     int c, lineno = 0;
-    bool more = true;
+    bool more = true, blank_lines = false;
     struct Close {
         std::FILE* f;
         ~Close() { std::fclose(f); }
@@ -191,8 +192,12 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
         more = c != EOF;
         if (!more && line.empty()) break;
         std::vector<std::string> t = tokens(line);
-        bool header = !line.empty() && !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
         ++lineno;
+        if (t.empty()) {
+            blank_lines = true;
+            continue;
+        }
+        bool header = !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
         if (header && t[0] == kNonlinearSection)
             fail("%s holds the nonlinear problem sections from line %d on; it is read through the "
                  "nonlinear library", file.c_str(), lineno);
@@ -210,7 +215,7 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
         }
         entity_line(section, t, line, file, found);
     }
-    if (!found.any) return "";
+    if (!found.any && !blank_lines) return "";
     const char* dir = std::getenv("TMPDIR");
     std::string tmpl = std::string(dir && *dir ? dir : "/tmp") + "/trvoreadXXXXXX.mps";
     std::vector<char> path(tmpl.begin(), tmpl.end());
@@ -532,7 +537,10 @@ void read_through_highs(const std::string& name, bool lp, trvo_problem_s& scratc
     bool engine_sections = false;
     const size_t longest_line = check_problem_file(name, lp, &engine_sections);
     std::string stripped;
-    if (!lp && engine_sections) stripped = strip_entity_sections(name, entities);
+    // The engine's reader leaves few MPS files to HiGHS: each gets the pass that takes out
+    // the engine's sections and blank lines.
+    (void)engine_sections;
+    if (!lp) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
