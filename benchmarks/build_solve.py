@@ -10,6 +10,7 @@ Each model is built in three styles, each in a fresh process:
 - array: `tarvo.vars` arrays and vectorised expressions (`Dot`, NumPy broadcasting);
 - list:  Python lists of variables and one `addConstraint` call with a list of constraints;
 - row:   one `addVariable` call per variable and one `addConstraint` call per row.
+`cpu ns/it` is the processor time per column + row.
 The time printed covers building the variables, constraints and objective, loading them into
 the problem and handing the model to HiGHS (a solve with a time limit that stops HiGHS at
 once, as the native program does), as wall time and as processor time (`cpu s`, user +
@@ -350,17 +351,17 @@ def main():
     with tempfile.TemporaryDirectory() as tmp:
         exe = build_native(tmp)
         print("load: %s (1-minute average over %d processors)" % (load_average(), os.cpu_count() or 1))
-        print("%-11s %-6s %9s %9s %9s %8s %8s %9s %11s %8s" % (
+        print("%-11s %-6s %9s %9s %9s %8s %8s %9s %9s %11s %8s" % (
             "model", "style", "items", "build s", "+HiGHS s", "ratio", "cpu s", "cpu ratio",
-            "peak B/item", "mem ratio"))
+            "cpu ns/it", "peak B/item", "mem ratio"))
         for name in models:
             kind, size = parse_model(name)
             native = run_native(exe, repeat, kind, *map(str, size)) if exe else None
             if native and "error" not in native:
                 items = native["rows"] + native["cols"]
-                print("%-11s %-6s %9d %9s %9.3f %8s %8.3f %9s %11.0f %8s" % (
+                print("%-11s %-6s %9d %9s %9.3f %8s %8.3f %9s %9.0f %11.0f %8s" % (
                     name, "native", items, "", native["seconds"], "1.00", native.get("cpu", float("nan")),
-                    "1.00", native["peak_bytes"] / items, "1.00"))
+                    "1.00", native.get("cpu", float("nan")) / items * 1e9, native["peak_bytes"] / items, "1.00"))
             elif native:
                 print("%-11s native failed: %s" % (name, native["error"]))
                 native = None
@@ -372,10 +373,10 @@ def main():
                 items = r["rows"] + r["cols"]
                 ratio = "%.2f" % (r["seconds"] / native["seconds"]) if native else "-"
                 cpu_ratio = "%.2f" % (r["cpu"] / native["cpu"]) if native and native.get("cpu") else "-"
-                mem = "%.2f" % (r["peak_bytes"] / native["peak_bytes"]) if native else "-"
-                print("%-11s %-6s %9d %9.3f %9.3f %8s %8.3f %9s %11.0f %8s" % (
+                mem = "%.2f" % (r["peak_bytes"] / native["peak_bytes"]) if native and native["peak_bytes"] > 0 else "-"
+                print("%-11s %-6s %9d %9.3f %9.3f %8s %8.3f %9s %9.0f %11.0f %8s" % (
                     name, style, items, r["build"], r["seconds"], ratio, r["cpu"], cpu_ratio,
-                    r["peak_bytes"] / items, mem))
+                    r["cpu"] / items * 1e9, r["peak_bytes"] / items, mem))
             sys.stdout.flush()
         print("targets: array and list <= 2x native, row <= 3x native, memory <= 1.2x native")
         if "--skip-extras" in args:

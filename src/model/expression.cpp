@@ -239,8 +239,95 @@ PyObject* expr_add_in_place(PyObject* e, PyObject* b, double s) {
 
 // ---------------------------------------------------------------- binary operations
 
+namespace {
+
+// A purely linear operand of a sum, read in place: an expression (of the exact type, without a
+// quadratic part), a variable, or a linear term with a variable and a coefficient other than 0.
+struct LinearOperand {
+    const LinEntry* terms = nullptr;
+    size_t count = 0;
+    double constant = 0;
+    bool expression = false;
+    bool has_linear = false;  // an expression with a linear part (possibly emptied)
+    LinEntry single{nullptr, 0.0};
+};
+
+bool read_linear_operand(PyObject* o, LinearOperand& out) {
+    PyTypeObject* t = Py_TYPE(o);
+    if (t == &ExpressionType) {
+        ExpressionObject* e = as_expr(o);
+        if (e->quadratic || e->quadratic_vars) return false;
+        out.expression = true;
+        out.constant = e->constant;
+        if (e->linear) {
+            out.has_linear = true;
+            out.terms = e->linear->begin();
+            out.count = e->linear->size();
+        }
+        return true;
+    }
+    if (t == &VarType) {
+        out.single = LinEntry{o, 1.0};
+    } else if (t == &LinTermType && reinterpret_cast<LinTermObject*>(o)->var &&
+               reinterpret_cast<LinTermObject*>(o)->coef != 0.0) {
+        LinTermObject* lt = reinterpret_cast<LinTermObject*>(o);
+        out.single = LinEntry{lt->var, lt->coef};
+    } else {
+        return false;
+    }
+    out.terms = &out.single;
+    out.count = 1;
+    return true;
+}
+
+// a + s*b for linear operands, at least one of them an expression, in one merge of the two
+// sorted term lists. The result equals, to the bit, copying the expression operand (b scaled
+// by s when a is not an expression) and adding the other's terms one by one: each shared
+// variable's coefficient is the same single sum, exact zeros are dropped, the constant is the
+// same sum, and the linear part exists exactly when that sequence would have created it.
+PyObject* merge_linear_sum(const LinearOperand& a, const LinearOperand& b, double s) {
+    const size_t total = a.count + b.count;
+    PyRef r(expr_new_sized(total));
+    if (!r) return nullptr;
+    ExpressionObject* x = as_expr(r.get());
+    x->constant = a.expression ? (b.expression ? a.constant + s * b.constant : a.constant) : b.constant * s;
+    if (a.expression && !a.has_linear && b.count == 0) return r.release();
+    LinearMap& m = linear_part(r.get());
+    m.reserve(total);
+    const LinEntry *p = a.terms, *pe = a.terms + a.count, *q = b.terms, *qe = b.terms + b.count;
+    while (p != pe || q != qe) {
+        PyObject* v;
+        double c;
+        if (q == qe || (p != pe && var_serial(p->first) < var_serial(q->first))) {
+            v = p->first;
+            c = p->second;
+            ++p;
+        } else if (p == pe || var_serial(q->first) < var_serial(p->first)) {
+            v = q->first;
+            c = q->second * s;
+            ++q;
+        } else {
+            v = p->first;
+            c = p->second + q->second * s;
+            ++p;
+            ++q;
+            if (c == 0.0) continue;
+        }
+        Py_INCREF(v);
+        m.append_sorted(v, c);
+    }
+    return r.release();
+}
+
+}  // namespace
+
 PyObject* expression_sum(PyObject* a, PyObject* b, double s) {
     if (is_ndarray(b)) return array_sum(a, b, s);
+    if ((s == 1.0 || s == -1.0) && (Py_TYPE(a) == &ExpressionType || Py_TYPE(b) == &ExpressionType)) {
+        LinearOperand la, lb;
+        if (read_linear_operand(a, la) && read_linear_operand(b, lb))
+            return alloc_guard("Error adding expressions", [&] { return merge_linear_sum(la, lb, s); });
+    }
     if (is_nonlinear(a) || is_nonlinear(b)) return nl_sum(a, b, s);
     int ka = operand_kind_quiet(a), kb = operand_kind_quiet(b);
     if (ka < 0 || kb < 0) return model_error("Invalid object in operation");

@@ -15,9 +15,6 @@ constexpr int UB_SHIFT = 55;
 constexpr uint64_t UB_STORED = uint64_t(1) << 57;
 constexpr uint64_t THRESHOLD_STORED = uint64_t(1) << 58;
 constexpr uint64_t NAME_STORED = uint64_t(1) << 59;
-// The name is the empty string, kept without a table entry: models built with name="" (no
-// names for the library, none made up either) cost no name-table entry per variable.
-constexpr uint64_t EMPTY_NAME = uint64_t(1) << 63;
 constexpr int TYPE_SHIFT = 60;
 constexpr uint64_t CODE_MASK = 3;
 
@@ -82,17 +79,20 @@ void var_set_threshold(uint64_t* word, double v) {
     table_store(side_tables->var_threshold, serial, v);
 }
 
+// The empty name (str or bytes) is no name: the variable takes the default name "C<serial>",
+// which it then reports and which its problems hand to the library, as vars(name="") does. It
+// costs no name-table entry, so models built with name="" stay cheap.
 void var_set_name(uint64_t* word, PyObject* name) {
-    if (PyUnicode_CheckExact(name) && PyUnicode_GET_LENGTH(name) == 0) {
+    if ((PyUnicode_CheckExact(name) && PyUnicode_GET_LENGTH(name) == 0) ||
+        (PyBytes_CheckExact(name) && PyBytes_GET_SIZE(name) == 0)) {
         if (*word & NAME_STORED) {
             *word &= ~NAME_STORED;
             name_erase(side_tables->var_name, serial_of(*word));
         }
-        *word |= EMPTY_NAME;
         return;
     }
     name_store(side_tables->var_name, serial_of(*word), name);
-    *word = (*word & ~EMPTY_NAME) | NAME_STORED;
+    *word |= NAME_STORED;
 }
 
 PyObject* var_default_name(uint64_t serial) {
@@ -100,16 +100,14 @@ PyObject* var_default_name(uint64_t serial) {
 }
 
 bool var_default_name_text(uint64_t word, char* buf) {
-    if (word & (NAME_STORED | EMPTY_NAME)) return false;
+    if (word & NAME_STORED) return false;
     numbered_name('C', static_cast<int>(serial_of(word)), buf);
     return true;
 }
 
 PyObject* var_get_name(uint64_t word) {
     PyObject* result = nullptr;
-    if (word & EMPTY_NAME) {
-        result = PyUnicode_New(0, 0);
-    } else if (!(word & NAME_STORED)) {
+    if (!(word & NAME_STORED)) {
         result = var_default_name(serial_of(word));
     } else {
         auto it = side_tables->var_name.find(serial_of(word));

@@ -202,6 +202,16 @@ int comparison_code(int op, bool number_left) {
     }
 }
 
+// A sum or difference of an expression and a variable, a linear term or another expression
+// (exact types): the operators of all three hand it to expression_sum, which is called here
+// without the operator dispatch.
+inline bool linear_pair(int op, PyObject* a, PyObject* b) {
+    if (op != OP_ADD && op != OP_SUB) return false;
+    PyTypeObject *ta = Py_TYPE(a), *tb = Py_TYPE(b);
+    auto linear = [](PyTypeObject* t) { return t == &ExpressionType || t == &VarType || t == &LinTermType; };
+    return (ta == &ExpressionType || tb == &ExpressionType) && linear(ta) && linear(tb);
+}
+
 // Stores r (a new reference) into the output element at out, releasing what was there.
 inline void put(char* out, PyObject* r) {
     PyObject* old = load(out);
@@ -227,6 +237,19 @@ void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void*
                 continue;
             }
         }
+        if (d->first_double != d->second_double && (d->op == OP_MUL || d->op == OP_DIV)) {
+            // An expression scaled by a number: what its operators compute, without the
+            // float object and the dispatch (a division by 0 takes the general path and its error).
+            PyObject* e = load(d->first_double ? b : a);
+            double v;
+            std::memcpy(&v, d->first_double ? a : b, sizeof v);
+            if (e && Py_TYPE(e) == &ExpressionType && (d->op == OP_MUL || (d->second_double && v != 0.0))) {
+                PyObject* r = expr_copy_scaled(e, d->op == OP_MUL ? v : 1.0 / v);
+                if (!r) return;
+                put(out, r);
+                continue;
+            }
+        }
         PyRef x;
         PyObject* xo;
         if (d->first_double) {
@@ -245,7 +268,8 @@ void binary_loop(char** args, npy_intp const* dims, npy_intp const* steps, void*
             yo = y.get();
         }
         if (!yo) return;
-        PyRef r(apply_op(d->op, xo, yo));
+        PyRef r(linear_pair(d->op, xo, yo) ? expression_sum(xo, yo, d->op == OP_ADD ? 1.0 : -1.0)
+                                           : apply_op(d->op, xo, yo));
         if (!r) return;
         put(out, r.release());
     }

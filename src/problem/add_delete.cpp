@@ -55,6 +55,24 @@ int append_name(std::string& buf, PyObject* name, size_t limit, const char* mess
     return 0;
 }
 
+// About how many objects an add call receives: array sizes, and for nested sequences the
+// length times the estimate of the first item (a list of equal rows is counted exactly). Only
+// sizes storage ahead, so it is capped; the walk decides what is really added.
+size_t leaf_count_hint(PyObject* o, int depth = 4) {
+    if (is_ndarray(o)) return static_cast<size_t>(PyArray_SIZE(reinterpret_cast<PyArrayObject*>(o)));
+    if (!PyList_Check(o) && !PyTuple_Check(o)) return 1;
+    const Py_ssize_t n = PySequence_Fast_GET_SIZE(o);
+    if (n == 0) return 0;
+    size_t each = depth > 0 ? leaf_count_hint(PySequence_Fast_GET_ITEM(o, 0), depth - 1) : 1;
+    if (PyTuple_Check(o) && n < 16) {  // the arguments of a call: add them up
+        each = 0;
+        for (Py_ssize_t i = 0; i < n; ++i)
+            each += depth > 0 ? leaf_count_hint(PySequence_Fast_GET_ITEM(o, i), depth - 1) : 1;
+        return std::min<size_t>(each, size_t(1) << 26);
+    }
+    return std::min<size_t>(static_cast<size_t>(n) * std::max<size_t>(each, 1), size_t(1) << 26);
+}
+
 // ------------------------------------------------------------------ variables
 
 PyObject* add_variables(ProblemObject* p, PyObject* args) {
@@ -66,6 +84,16 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
     std::vector<int> limit_cols;
     std::string names;
     int count = 0;
+    try {
+        const size_t hint = leaf_count_hint(args);
+        types.reserve(hint);
+        lbs.reserve(hint);
+        ubs.reserve(hint);
+        names.reserve(8 * hint);
+        p->colmap->reserve(p->colmap->size() + hint);
+    } catch (const std::bad_alloc&) {
+        // Only a head start: the vectors grow as they go.
+    }
     int rc = walk_leaves(args, WALK_DEPTH, [&](PyObject* v) -> int {
         if (!is_var(v)) {
             PyErr_SetString(ModelError, "Incorrect objects added as variables to problem");
@@ -95,7 +123,7 @@ PyObject* add_variables(ProblemObject* p, PyObject* args) {
             limits.push_back(th);
         }
         try {
-            (*p->colmap)[serial] = c0 + count;
+            p->colmap->insert_absent(serial, c0 + count);
             types.push_back(t);
             lbs.push_back(lb);
             ubs.push_back(ub);
@@ -163,8 +191,44 @@ struct RowBatch {
     std::string names;
     NlItems nl;     // nonlinear coefficients of the rows
     int nl_rows = 0;  // rows with nonlinear coefficients
+    PolyParts parts;  // scratch for one row's terms, reused from row to row
     int rows() const { return static_cast<int>(types.size()); }
+    // Room for about n rows of a few terms each.
+    void reserve(size_t n) {
+        types.reserve(n);
+        rhs.reserve(n);
+        range.reserve(n);
+        starts.reserve(n + 1);
+        qstarts.reserve(n + 1);
+        cols.reserve(2 * n);
+        vals.reserve(2 * n);
+        names.reserve(8 * n);
+    }
 };
+
+// Appends the terms of a linear expression straight to the batch's matrix. False (the batch
+// unchanged) when the body is of another kind or names a variable not in the problem: the
+// general path then takes it, and reports the error.
+bool append_linear_body(ProblemObject* p, PyObject* body, RowBatch& b, double* constant) {
+    if (!is_expression(body) || is_nonlinear(body)) return false;
+    ExpressionObject* e = as_expr(body);
+    if (e->quadratic) return false;
+    const size_t mark = b.cols.size();
+    if (e->linear) {
+        for (const auto& kv : *e->linear) {
+            auto it = p->colmap->find(var_serial(kv.first));
+            if (it == p->colmap->end()) {
+                b.cols.resize(mark);
+                b.vals.resize(mark);
+                return false;
+            }
+            b.cols.push_back(it->second);
+            b.vals.push_back(kv.second);
+        }
+    }
+    *constant = e->constant;
+    return true;
+}
 
 int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
     ConstraintObject* con = reinterpret_cast<ConstraintObject*>(c);
@@ -174,16 +238,29 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
         PyErr_SetString(ModelError, "Stale expression link, cannot add constraint");
         return -1;
     }
-    PolyParts parts;
-    if (is_nonlinear(body)) {
-        int before = b.nl.count();
-        if (formula_split(p, body, false, row_index, parts, b.nl) < 0) return -1;
-        if (b.nl.count() > before) ++b.nl_rows;
-    } else if (polynomial_parts(p, body, false, parts) < 0) {
-        return -1;
+    double constant = 0;
+    if (!append_linear_body(p, body, b, &constant)) {
+        PolyParts& parts = b.parts;
+        if (is_nonlinear(body)) {
+            int before = b.nl.count();
+            if (formula_split(p, body, false, row_index, parts, b.nl) < 0) return -1;
+            if (b.nl.count() > before) ++b.nl_rows;
+        } else if (polynomial_parts(p, body, false, parts) < 0) {
+            return -1;
+        }
+        constant = parts.constant;
+        for (const auto& e : parts.lin) {
+            b.cols.push_back(e.first);
+            b.vals.push_back(e.second);
+        }
+        for (const auto& q : parts.quad) {
+            b.q1.push_back(std::get<0>(q));
+            b.q2.push_back(std::get<1>(q));
+            b.qv.push_back(std::get<2>(q));
+        }
     }
     double lb = con_get_lb(con->word), ub = con_get_ub(con->word);
-    double rhs = -parts.constant, range = 0;
+    double rhs = -constant, range = 0;
     char type;
     if (lb <= -INF && ub >= INF) type = 'N';
     else if (lb <= -INF) { type = 'L'; rhs += ub; }
@@ -193,16 +270,7 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
     b.types.push_back(type);
     b.rhs.push_back(rhs);
     b.range.push_back(range);
-    for (const auto& e : parts.lin) {
-        b.cols.push_back(e.first);
-        b.vals.push_back(e.second);
-    }
     b.starts.push_back(static_cast<int64_t>(b.cols.size()));
-    for (const auto& q : parts.quad) {
-        b.q1.push_back(std::get<0>(q));
-        b.q2.push_back(std::get<1>(q));
-        b.qv.push_back(std::get<2>(q));
-    }
     b.qstarts.push_back(static_cast<int64_t>(b.q1.size()));
     char text[24];
     if (con_default_name_text(con->word, text)) {
@@ -212,7 +280,7 @@ int gather_row(ProblemObject* p, PyObject* c, int row_index, RowBatch& b) {
         PyRef name(con_get_name(con->word));
         if (append_name(b.names, name.get(), std::string::npos, "Invalid constraint name (must be a string)") < 0) return -1;
     }
-    (*p->rowmap)[con_serial(c)] = row_index;
+    p->rowmap->insert_absent(con_serial(c), row_index);
     return 0;
 }
 
@@ -246,6 +314,13 @@ PyObject* add_constraints(ProblemObject* p, PyObject* args) {
     if (prob_rows(p, &r0) < 0) return nullptr;
     const Py_ssize_t old_len = PyList_GET_SIZE(p->cons);
     RowBatch batch;
+    try {
+        const size_t hint = leaf_count_hint(args);
+        batch.reserve(hint);
+        p->rowmap->reserve(p->rowmap->size() + hint);
+    } catch (const std::bad_alloc&) {
+        // Only a head start: the batch grows as it goes.
+    }
     int rc = walk_leaves(args, WALK_DEPTH, [&](PyObject* c) -> int {
         if (!is_constraint(c)) {
             PyErr_SetString(ModelError, "Invalid constraint");

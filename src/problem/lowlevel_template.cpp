@@ -2,6 +2,7 @@
 // shared length, single-index and scalar arguments, filled output lists, and the objects that
 // columns and rows added by the low-level methods get in the problem's lists and maps.
 #include "problem/lowlevel.h"
+#include "model/algebra.h"
 #include "model/model.h"
 
 #include <cstdlib>
@@ -374,6 +375,24 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
             if (alloc_guard_status("Could not amend variable map", [&] { var_set_name(word, name.get()); return 0; }) < 0)
                 return undo();
         }
+    // Columns left unnamed (no names, or the empty name) have their variables' default names
+    // "C<serial>" in the library too, so that the library and the variables agree.
+    std::string given;
+    bool unnamed = false;
+    for (int i = 0; i < n; ++i) {
+        PyObject* v = PyList_GET_ITEM(made.get(), i);
+        char text[24];
+        if (var_default_name_text(reinterpret_cast<VarObject*>(v)->word, text)) {
+            unnamed = true;
+            given.append(text);
+        } else {
+            std::string s;
+            if (!var_name_text(v, &s)) return undo();
+            given.append(s);
+        }
+        given.push_back('\0');
+    }
+    if (unnamed && TRVOaddnames(p->prob, 2, given.data(), c0, c0 + n - 1) != 0) return problem_error(p), undo();
     if (append_new_objects(p->vars, p->colmap, made.get(), c0, "Could not amend variable map") < 0) return undo();
     return 0;
 }

@@ -270,14 +270,15 @@ SearchCuts::SearchCuts(TRVOprob p, search::Model& model, search::NodeCuts& nc) :
         for (const auto& kv : p->qrows) model.lazy[static_cast<size_t>(kv.first)] = 0;
     }
     const double tol = ctl_dbl(p, TRVO_FEASTOL);
-    // Pool cuts violated at a node's solution join the node.
+    // Pool cuts violated at a node's solution join the node (and its subtree).
     nc.pool = [this, tol](const double* x) {
         CutPool& pool = cut_pool(p_);
         int n = 0;
         for (const auto& kv : pool.cuts) {
             if (!kv.second.in_pool) continue;
             const int key = nc_.known(kv.first);
-            if (key >= 0 && nc_.position(key) >= 0) continue;
+            // Active here already, or given to a branch: kept to that branch's subtree.
+            if (key >= 0 && (nc_.position(key) >= 0 || nc_.local(key))) continue;
             if (violation(kv.second, x) <= tol * std::max(1.0, std::fabs(kv.second.rhs))) continue;
             nc_.activate(search_key(nc_, kv.first, kv.second));
             ++n;

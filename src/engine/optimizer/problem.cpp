@@ -303,6 +303,13 @@ int TRVOcopyprob(TRVOprob dest, TRVOprob src, const char* probname) {
         dest->controls = src->controls;
         dest->message_status = src->message_status;
         dest->tuner_method = src->tuner_method;
+        // What was loaded for the next solve goes with the copy (a basis, a MIP start and
+        // solutions to offer); the results of the source's solves do not: the copy starts
+        // unsolved, without a solution, basis or interior-point solution (views_copy).
+        dest->start_rbasis = src->start_rbasis;
+        dest->start_cbasis = src->start_cbasis;
+        dest->mip_start = src->mip_start;
+        dest->user_solutions = src->user_solutions;
         dest->results = Results();
         results_resize(dest);
     });

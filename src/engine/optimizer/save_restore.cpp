@@ -42,13 +42,14 @@
 //         coefficients (double array). Restored cuts get new handles (getcpcutlist lists them)
 //   SECV  secure vectors: rows and columns presolve must keep (int32 arrays)
 //   SCAL  scaling exponents of TRVOscale: per row and per column (int32 arrays, either empty)
+//   BARS  the last interior-point solution before crossover, when there is one: x, slack,
+//         dual, dj (double arrays of the problem's columns and rows); it goes with SOLN
 //   TUNM  the tuner's method (TRVOtunerreadmethod): count, then per candidate its kind (int32)
 //         and settings (count, then int32 control id and double value); absent: the built-in set
 //   NL..  the nonlinear library's sections (engine/slp/save_restore.cpp)
 // Not saved, because they only have a meaning inside this process or during one solve: the
 // cut pool's stored bound sets (TRVOstorebounds; only their handles name them), cuts added at
-// the nodes of a running search, the last interior-point solution before crossover, callbacks
-// and the log file. Branching objects stored for the next solve (TRVO_bo_store) cannot be
+// the nodes of a running search, callbacks and the log file. Branching objects stored for the next solve (TRVO_bo_store) cannot be
 // saved: save fails while any are held, rather than writing a file without them.
 // Store members added later get sections of their own, written after PWLC and read in
 // Staged::read (a reader refuses a section it does not know, so an older version never drops
@@ -284,6 +285,16 @@ void write_extras(TRVOprob p, Writer& w) {
             std::vector<int32_t> c(cs ? v->col_scale.begin() : v->col_scale.end(), v->col_scale.end());
             w.put_vec(r);
             w.put_vec(c);
+            w.end();
+        }
+        const size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
+        if (v->have_bar && v->bar_x.size() == n && v->bar_dj.size() == n && v->bar_slack.size() == m &&
+            v->bar_dual.size() == m) {
+            w.begin("BARS");
+            w.put_vec(v->bar_x);
+            w.put_vec(v->bar_slack);
+            w.put_vec(v->bar_dual);
+            w.put_vec(v->bar_dj);
             w.end();
         }
     }
@@ -753,6 +764,17 @@ void Staged::read(const File& f) {
             // Types are read before (COLS): the scaling check of integer columns holds.
             if (TRVOscale(s, rows.empty() ? nullptr : rows.data(), cols.empty() ? nullptr : cols.data()) != 0)
                 fail("The saved file is damaged: %s", s->last_error.c_str());
+        } else if (t == "BARS") {
+            need_shape();
+            Views& v = views(s);
+            v.bar_x = r.get_vec<double>();
+            v.bar_slack = r.get_vec<double>();
+            v.bar_dual = r.get_vec<double>();
+            v.bar_dj = r.get_vec<double>();
+            if (v.bar_x.size() != s->lb.size() || v.bar_dj.size() != s->lb.size() ||
+                v.bar_slack.size() != s->rowtype.size() || v.bar_dual.size() != s->rowtype.size())
+                fail("The saved file is damaged: the interior-point solution does not fit the problem");
+            v.have_bar = true;
         } else if (t == "TUNM") {
             size_t n = r.get_count(12);
             s->tuner_method.assign(n, TunerCandidate());

@@ -7,9 +7,11 @@
 #include "engine/optimizer/cuts.h"
 #include "engine/search/cuts.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/views.h"
 
 #include <chrono>
 #include <cmath>
+#include <cstdio>
 
 namespace trvo {
 namespace {
@@ -236,8 +238,21 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
         model.qrows.push_back(std::move(q));
     }
 
+    if (const Views* v = views_if(p)) {
+        // The user's scaling factors (TRVOscale) scale the relaxations as they scale the LP
+        // solve's model; rows and columns added after them are unscaled.
+        auto factors = [](const std::vector<int>& e, int count, std::vector<double>& out) {
+            if (e.empty()) return;
+            out.assign(static_cast<size_t>(count), 1.0);
+            for (size_t k = 0; k < e.size() && k < out.size(); ++k) out[k] = std::ldexp(1.0, e[k]);
+        };
+        factors(v->col_scale, n, model.col_scale);
+        factors(v->row_scale, m, model.row_scale);
+    }
+
     SolveScope scope(static_cast<int>(ctl_int(p, TRVO_THREADS)), &p->stop_request);
     search::Settings s;
+    s.scaling = ctl_int(p, TRVO_SCALING) != 0;
     s.feastol = ctl_dbl(p, TRVO_FEASTOL);
     s.optimalitytol = ctl_dbl(p, TRVO_OPTIMALITYTOL);
     s.miptol = ctl_dbl(p, TRVO_MIPTOL);
@@ -274,25 +289,62 @@ void optimize_by_search(TRVOprob p, bool mip_call, bool mip, const search::Hooks
         ~DropStored() { drop_stored_branchobjects(p); }
     } drop_stored{p};
     search::Outcome o;
-    const auto started = std::chrono::steady_clock::now();
     {
-        SearchCuts connect(p, model, node_cuts);
-        o = search::run(model, s, all);
-    }
-    // The second search below gets what is left of the time limit, not the whole limit again.
-    const double used = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    const bool time_left = s.maxtime <= 0 || used < s.maxtime;
-    if (s.maxtime > 0) s.maxtime = std::max(s.maxtime - used, 1e-3);
-    if (o.qp_stalled && time_left && !model.qrows.empty() && !model.lp.q_index.empty()) {
-        // HiGHS's QP solver cycled on a relaxation with cuts: the search starts again with the
-        // objective in a row, on LP relaxations (the node callbacks see this second search too).
-        emit_message(p, "The QP solver cycled on a node relaxation: solving again with the quadratic objective "
-                        "outer-approximated", 3);
-        epigraph_objective(model);
-        search::NodeCuts again_cuts;
-        all.cuts = &again_cuts;
-        SearchCuts connect(p, model, again_cuts);
-        o = search::run(model, s, all);
+        // mipthread and destroymt bracket the whole solve, which may run the search twice.
+        search::Hooks once = all;
+        all.mipthread = nullptr;
+        all.destroymt = nullptr;
+        if (once.mipthread) once.mipthread();
+        struct ThreadEnd {
+            const search::Hooks& h;
+            ~ThreadEnd() {
+                if (h.destroymt) h.destroymt();
+            }
+        } thread_end{once};
+        const auto started = std::chrono::steady_clock::now();
+        {
+            SearchCuts connect(p, model, node_cuts);
+            o = search::run(model, s, all);
+        }
+        // The second search below gets what is left of the time limit, not the whole limit again.
+        const double used = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+        const bool time_left = s.maxtime <= 0 || used < s.maxtime;
+        if (s.maxtime > 0) s.maxtime = std::max(s.maxtime - used, 1e-3);
+        if (o.qp_stalled && time_left && !model.qrows.empty() && !model.lp.q_index.empty()) {
+            // HiGHS's QP solver failed on a relaxation with cuts: the search starts again from the
+            // root with the objective in a row, on LP relaxations. To the callbacks and the limits
+            // it is one search: node numbers go on, the node, solution and iteration limits count
+            // both runs, and the best solution found so far stays the incumbent.
+            char line[400];
+            std::snprintf(line, sizeof line,
+                          "The QP solver failed on a node relaxation (cycling, or an unbounded answer among cuts) "
+                          "after %lld nodes: solving again from the root "
+                          "(node %lld) with the quadratic objective outer-approximated; node, solution, iteration "
+                          "and time limits count both runs",
+                          static_cast<long long>(o.nodes), static_cast<long long>(o.last_node + 1));
+            emit_message(p, line, 3);
+            epigraph_objective(model);
+            s.earlier.last_node = o.last_node;
+            s.earlier.nodes = o.nodes;
+            s.earlier.solutions = o.solutions;
+            s.earlier.lp_iterations = o.lp_iterations;
+            if (o.have_solution && model.lp.ncol == static_cast<int>(o.x.size()) + 1) {
+                // The objective's column takes the quadratic part's value at the incumbent.
+                const search::QuadRow& q = model.qrows.back();
+                double t = 0;
+                for (const auto& e : q.quad) {
+                    const int i = e.first.first, j = e.first.second;
+                    t += (i == j ? 1.0 : 2.0) * e.second * o.x[static_cast<size_t>(i)] * o.x[static_cast<size_t>(j)];
+                }
+                s.earlier.incumbent = o.x;
+                s.earlier.incumbent.push_back(t);
+            }
+            s.start.clear();  // offered to the first run already
+            search::NodeCuts again_cuts;
+            all.cuts = &again_cuts;
+            SearchCuts connect(p, model, again_cuts);
+            o = search::run(model, s, all);
+        }
     }
 
     const size_t nn = static_cast<size_t>(n), mm = static_cast<size_t>(m);

@@ -28,6 +28,7 @@ void NodeCuts::attach(Relaxation* rel, const Model* model, const Settings* setti
     by_tag_.clear();
     inst_.clear();
     on_.clear();
+    local_.clear();
     active_.clear();
     lazy_on_.assign(static_cast<size_t>(model->lp.nrow), 0);
     lazy_left_ = 0;
@@ -85,6 +86,7 @@ int NodeCuts::add(CutRow row) {
     rows_.push_back(std::move(row));
     inst_.push_back(-1);
     on_.push_back(0);
+    local_.push_back(0);
     return static_cast<int>(rows_.size()) - 1;
 }
 
@@ -116,9 +118,10 @@ bool NodeCuts::basic(int key) const {
     return r < 0 || rel_->row_basic(r);
 }
 
-std::vector<int> NodeCuts::child_keys(const std::vector<int>& extra) const {
+std::vector<int> NodeCuts::child_keys(const std::vector<int>& extra) {
     std::vector<int> keys = active_;
     auto put = [&](int k) {
+        local_[static_cast<size_t>(k)] = 1;
         if (std::find(keys.begin(), keys.end(), k) == keys.end()) keys.push_back(k);
     };
     for (int k : branch_cuts) put(k);

@@ -56,7 +56,8 @@ public:
     bool has_lazy() const { return lazy_left_ > 0; }
     // What a child of the current node starts with: the node's active keys, the keys given to
     // every child, and the keys and bounds given to this child while its newnode hook ran.
-    std::vector<int> child_keys(const std::vector<int>& extra) const;
+    // Those keys become local (below): a row given to a branch holds in that branch's subtree.
+    std::vector<int> child_keys(const std::vector<int>& extra);
     // Collected while a child's newnode hook runs (null outside it).
     std::vector<int>* child_cuts = nullptr;
     std::vector<Branch::Bound>* child_bounds = nullptr;
@@ -74,6 +75,9 @@ public:
     void deactivate(int key);
     const std::vector<int>& active() const { return active_; }
     int position(int key) const;             // in active(), -1 when not active
+    // Whether the row was given to a branch: it then belongs to that branch's subtree, and the
+    // pool's separation (pool below) leaves it out of other nodes even where it is violated.
+    bool local(int key) const { return key >= 0 && static_cast<size_t>(key) < local_.size() && local_[static_cast<size_t>(key)]; }
     // Whether the key's row is basic (not binding) in the relaxation's last basis.
     bool basic(int key) const;
     int model_rows() const;
@@ -91,6 +95,7 @@ private:
     std::unordered_map<int64_t, int> by_tag_;  // key of each row by its tag
     std::vector<int> inst_;    // instance row of each key, -1 before it first became active
     std::vector<char> on_;     // active at the current node
+    std::vector<char> local_;  // given to a branch (local())
     std::vector<int> active_;
     std::vector<char> lazy_on_;  // lazy model rows switched on for good
     int lazy_left_ = 0;

@@ -88,16 +88,50 @@ Relaxation::Relaxation(const Model& model, const Settings& settings,
         }
     rlo_ = rlo;
     rup_ = rup;
+    // The user's scaling factors, as the LP solve applies them: costs and matrix columns times
+    // the column's factor, column bounds divided by it, rows (bounds and entries) times the
+    // row's factor, Hessian entries times both columns' factors. HiGHS's own scaling is off
+    // then, as for the LP solve; otherwise it follows the settings.
+    scaled_ = !model.col_scale.empty() || !model.row_scale.empty();
+    Highs_setIntOptionValue(h_, "simplex_scale_strategy", settings.scaling && !scaled_ ? 1 : 0);
+    std::vector<double> cost = m.cost, clo = m.col_lower, cup = m.col_upper, aval, qval;
+    if (scaled_) {
+        for (int j = 0; j < ncol_; ++j) {
+            const size_t s = static_cast<size_t>(j);
+            const double c = col_factor(j);
+            cost[s] *= c;
+            clo[s] /= c;
+            cup[s] /= c;
+        }
+        aval = m.a_value;
+        for (int i = 0; i < nrow_; ++i) {
+            const size_t s = static_cast<size_t>(i);
+            const double r = row_factor(i);
+            rlo[s] *= r;
+            rup[s] *= r;
+            const HighsInt end = i + 1 < nrow_ ? m.a_start[s + 1] : static_cast<HighsInt>(m.a_index.size());
+            for (HighsInt k = m.a_start[s]; k < end; ++k)
+                aval[static_cast<size_t>(k)] *= r * col_factor(m.a_index[static_cast<size_t>(k)]);
+        }
+        qval = m.q_value;
+        for (int j = 0; hessian_ && j < ncol_; ++j) {
+            const HighsInt end = j + 1 < ncol_ ? m.q_start[static_cast<size_t>(j) + 1] : static_cast<HighsInt>(m.q_index.size());
+            for (HighsInt k = m.q_start[static_cast<size_t>(j)]; k < end; ++k)
+                qval[static_cast<size_t>(k)] *= col_factor(j) * col_factor(m.q_index[static_cast<size_t>(k)]);
+        }
+    }
+    const std::vector<double>& a_value = scaled_ ? aval : m.a_value;
+    const std::vector<double>& q_value = scaled_ ? qval : m.q_value;
     check(Highs_passModel(h_, m.ncol, m.nrow, static_cast<HighsInt>(m.a_index.size()),
                           static_cast<HighsInt>(m.q_index.size()), kHighsMatrixFormatRowwise,
                           kHighsHessianFormatTriangular, kHighsObjSenseMinimize, m.offset,
-                          m.cost.data(), m.col_lower.data(), m.col_upper.data(), rlo.data(),
+                          cost.data(), clo.data(), cup.data(), rlo.data(),
                           rup.data(), m.nrow ? m.a_start.data() : nullptr,
                           m.a_index.empty() ? nullptr : m.a_index.data(),
-                          m.a_value.empty() ? nullptr : m.a_value.data(),
+                          a_value.empty() ? nullptr : a_value.data(),
                           hessian_ ? m.q_start.data() : nullptr,
                           hessian_ ? m.q_index.data() : nullptr,
-                          hessian_ ? m.q_value.data() : nullptr, nullptr),
+                          hessian_ ? q_value.data() : nullptr, nullptr),
           "accept the relaxation");
     lo_ = set_lo_ = m.col_lower;
     up_ = set_up_ = m.col_upper;
@@ -143,8 +177,8 @@ void Relaxation::apply_bounds() {
         set_lo_[s] = a;
         set_up_[s] = b;
         idx.push_back(j);
-        l.push_back(a);
-        u.push_back(b);
+        l.push_back(a / col_factor(j));
+        u.push_back(b / col_factor(j));
     }
     if (!idx.empty())
         check(Highs_changeColsBoundsBySet(h_, static_cast<HighsInt>(idx.size()), idx.data(), l.data(),
@@ -217,6 +251,14 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
             return Limit;
         }
     }
+    if (hessian_ && ms == kHighsModelStatusUnbounded && !cuts_.empty()) {
+        // HiGHS's QP solver has been seen to call a QP unbounded among outer-approximation cuts
+        // although every column was bounded. Cuts only shrink the region of a relaxation that
+        // was bounded before they came, so this is the QP solver failing: treated as its
+        // cycling is (the model is solved again on LP relaxations, which settle it).
+        qp_stalled_ = true;
+        return Limit;
+    }
     if (ms == kHighsModelStatusUnboundedOrInfeasible) {
         // Decide with the primal simplex from scratch.
         Highs_setIntOptionValue(h_, "simplex_strategy", 4);
@@ -251,6 +293,8 @@ Relaxation::Result Relaxation::run_once(double cutoff) {
     const HighsInt nr = Highs_getNumRow(h_);
     std::vector<double> cd(static_cast<size_t>(ncol_)), rv(static_cast<size_t>(nr)), rd(static_cast<size_t>(nr));
     Highs_getSolution(h_, x_.data(), cd.data(), rv.data(), rd.data());
+    if (scaled_)
+        for (int j = 0; j < ncol_; ++j) x_[static_cast<size_t>(j)] *= col_factor(j);
     obj_ = Highs_getObjectiveValue(h_);
     return Optimal;
 }
@@ -455,7 +499,14 @@ void Relaxation::set_basis(const Basis& b) {
 
 int Relaxation::add_row(double lo, double up, int n, const HighsInt* idx, const double* val) {
     const int r = static_cast<int>(Highs_getNumRow(h_));
-    check(Highs_addRow(h_, lo, up, n, idx, val), "add a cut row");
+    if (scaled_) {
+        // A row of model columns, in the instance's scaled columns (the row itself unscaled).
+        std::vector<double> v(val, val + n);
+        for (int k = 0; k < n; ++k) v[static_cast<size_t>(k)] *= col_factor(idx[k]);
+        check(Highs_addRow(h_, lo, up, n, idx, v.data()), "add a cut row");
+    } else {
+        check(Highs_addRow(h_, lo, up, n, idx, val), "add a cut row");
+    }
     rlo_.push_back(lo);
     rup_.push_back(up);
     return r;
@@ -467,7 +518,9 @@ void Relaxation::set_row_bounds(int row, double lo, double up) {
     rlo_[s] = lo;
     rup_[s] = up;
     const HighsInt r = row;
-    check(Highs_changeRowsBoundsBySet(h_, 1, &r, &lo, &up), "change row bounds");
+    const double f = row_factor(row);
+    const double slo = lo * f, sup = up * f;
+    check(Highs_changeRowsBoundsBySet(h_, 1, &r, &slo, &sup), "change row bounds");
 }
 
 bool Relaxation::row_basic(int row) const {
@@ -490,6 +543,10 @@ bool Relaxation::duals(std::vector<double>& row_dual, std::vector<double>& col_d
     col_dual.assign(static_cast<size_t>(ncol_), 0.0);
     Highs_getSolution(h_, cv.data(), col_dual.data(), rv.data(), rd.data());
     row_dual.assign(rd.begin(), rd.begin() + nrow_);
+    if (scaled_) {
+        for (int j = 0; j < ncol_; ++j) col_dual[static_cast<size_t>(j)] /= col_factor(j);
+        for (int i = 0; i < nrow_; ++i) row_dual[static_cast<size_t>(i)] *= row_factor(i);
+    }
     // A cut is the row's linearisation divided by its largest gradient entry s: its dual stands
     // for dual / s of the row's linearisation, hence of the row itself near the solution.
     for (size_t c = 0; c < cut_row_.size(); ++c) {

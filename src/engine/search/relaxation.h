@@ -87,6 +87,14 @@ public:
 
 private:
     Result run_once(double cutoff);
+    // The user's scaling factor of column j and of row i (1 when none; cut rows are unscaled).
+    double col_factor(int j) const {
+        return static_cast<size_t>(j) < model_.col_scale.size() ? model_.col_scale[static_cast<size_t>(j)] : 1.0;
+    }
+    double row_factor(int i) const {
+        return i < nrow_ && static_cast<size_t>(i) < model_.row_scale.size() ? model_.row_scale[static_cast<size_t>(i)]
+                                                                             : 1.0;
+    }
     HighsInt run_counted();
     HighsInt qp_limit() const;
     int add_cuts(const double* x, double tol);
@@ -104,7 +112,8 @@ private:
     double box_ = 0;  // artificial bound on infinite column bounds while > 0
     std::vector<int> cut_row_;               // quadratic row index of each cut
     std::vector<int> cut_pos_;               // instance row of each cut
-    std::vector<double> rlo_, rup_;          // bounds of every instance row
+    std::vector<double> rlo_, rup_;          // bounds of every instance row (unscaled)
+    bool scaled_ = false;                    // the instance holds the model scaled (col_factor)
     // Branching rows (node_rows.cpp): each added once, at the position recorded here, and switched
     // off (made free) while the node being solved does not hold it, so that rows never move and
     // the positions of cut rows stay valid.

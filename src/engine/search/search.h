@@ -44,6 +44,11 @@ struct Model {
     std::vector<char> lazy;
     // Solves the node relaxations instead of HiGHS when set (mixed-integer nonlinear problems).
     std::shared_ptr<NodeSolver> node_solver;
+    // The user's scaling factors of the first columns and rows (empty: none; columns and rows
+    // beyond them are unscaled). The HiGHS relaxation holds the model scaled by them (column j
+    // stands for x_j / col_scale[j], row i is multiplied by row_scale[i]); everything the search
+    // sees stays in the model's own units (relaxation.cpp).
+    std::vector<double> col_scale, row_scale;
 };
 
 class NodeCuts;
@@ -145,11 +150,20 @@ struct Settings {
     int64_t maxnode = INT64_MAX, maxmipsol = 0;  // maxmipsol 0: no limit
     double maxtime = 0;                          // seconds, <= 0: none
     int threads = 1;                             // HiGHS's threads option (shared value)
+    bool scaling = true;                         // HiGHS's own scaling of the relaxations
     int64_t lpiterlimit = INT64_MAX;             // simplex/QP iterations of the whole search
     std::atomic<int>* stop = nullptr;            // non-zero: stop with that reason
     std::function<void(const std::string&)> log;  // progress lines (null: silent)
     std::vector<std::pair<int, double>> start;   // a starting solution to try (model columns)
     Directives directives;                       // branching priorities, directions, pseudocosts
+    // A search that continues an earlier one on the same problem (the re-run after a QP stall,
+    // tree_search.cpp): its nodes are numbered on after the earlier search's, the node, solution
+    // and iteration limits count what that search used, and its best solution (model columns,
+    // empty: none) is the incumbent from the start without being offered to the hooks again.
+    struct Earlier {
+        int64_t last_node = 0, nodes = 0, solutions = 0, lp_iterations = 0;
+        std::vector<double> incumbent;
+    } earlier;
 };
 
 enum class Status { Optimal, Infeasible, Unbounded, Stopped, Failed };
@@ -162,6 +176,7 @@ struct Outcome {
     double objective = INFINITY; // its objective (model sense)
     double bound = -INFINITY;    // proven lower bound
     int64_t nodes = 0, solutions = 0, lp_iterations = 0;
+    int64_t last_node = 0;       // the highest node number given
     bool exact = true;           // false: some node could not be resolved to the tolerances
     // The search stopped because HiGHS's QP solver cycled on a relaxation (relaxation.h).
     bool qp_stalled = false;

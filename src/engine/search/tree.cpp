@@ -64,18 +64,23 @@ public:
         pc_.resize(static_cast<size_t>(lp_.ncol));
         cutoff_ = s.cutoff;
         has_continuous_ = static_cast<int>(ints_.size()) < lp_.ncol;
+        // A continued search goes on with the earlier one's counts (search.h).
+        next_id_ = s.earlier.last_node + 1;
+        out_.solutions = s.earlier.solutions;
     }
 
     Outcome run();
 
 private:
+    // Simplex/QP iterations, with those of an earlier search this one continues.
+    int64_t iterations() const { return rel_.iterations() + set_.earlier.lp_iterations; }
     // Limits; returns the stop reason or 0.
     int limit_reached() const {
         if (set_.stop && set_.stop->load() != 0) return set_.stop->load();
         if (set_.maxtime > 0 && Clock::now() >= deadline_) return TRVO_STOP_TIMELIMIT;
-        if (nodes_ >= set_.maxnode) return TRVO_STOP_NODELIMIT;
+        if (nodes_ + set_.earlier.nodes >= set_.maxnode) return TRVO_STOP_NODELIMIT;
         if (set_.maxmipsol > 0 && out_.solutions >= set_.maxmipsol) return TRVO_STOP_SOLLIMIT;
-        if (rel_.iterations() >= set_.lpiterlimit) return TRVO_STOP_ITERLIMIT;
+        if (iterations() >= set_.lpiterlimit) return TRVO_STOP_ITERLIMIT;
         return 0;
     }
     double gap_tolerance() const {
@@ -124,7 +129,7 @@ private:
     std::priority_queue<NodePtr, std::vector<NodePtr>, ByBound> open_;
     double cutoff_ = INFINITY;
     double gap_bound_ = INFINITY;
-    int64_t nodes_ = 0, next_id_ = 1;
+    int64_t nodes_ = 0, next_id_ = 1;  // nodes_: this search's own (see Settings::earlier)
     Outcome out_;
     Clock::time_point last_log_ = Clock::now();
     double node_bound_ = INFINITY;  // bound of the node in process (for a stop mid-node)
@@ -451,11 +456,11 @@ void Search::log_progress(bool force) {
     const double bound = std::min(open_bound(), out_.have_solution ? out_.objective : INFINITY);
     if (out_.have_solution)
         std::snprintf(line, sizeof line, "Tree search: %lld nodes, %lld open, best %.10g, bound %.10g",
-                      static_cast<long long>(nodes_), static_cast<long long>(open_.size()), out_.objective,
+                      static_cast<long long>(nodes_ + set_.earlier.nodes), static_cast<long long>(open_.size()), out_.objective,
                       bound);
     else
         std::snprintf(line, sizeof line, "Tree search: %lld nodes, %lld open, no solution yet, bound %.10g",
-                      static_cast<long long>(nodes_), static_cast<long long>(open_.size()), bound);
+                      static_cast<long long>(nodes_ + set_.earlier.nodes), static_cast<long long>(open_.size()), bound);
     set_.log(line);
 }
 
@@ -470,10 +475,20 @@ Outcome Search::run() {
     if (set_.log) {
         char line[200];
         std::snprintf(line, sizeof line,
-                      "Tree search: %d columns (%d integer), %d rows (%d quadratic), %s relaxation",
+                      "Tree search: %d columns (%d integer), %d rows (%d quadratic), %s relaxation%s",
                       lp_.ncol, static_cast<int>(ints_.size()), lp_.nrow, static_cast<int>(model_.qrows.size()),
-                      rel_.kind());
+                      rel_.kind(),
+                      model_.node_solver || (model_.col_scale.empty() && model_.row_scale.empty())
+                          ? ""
+                          : " scaled by the problem's scaling factors");
         set_.log(line);
+    }
+    if (!set_.earlier.incumbent.empty() && set_.earlier.incumbent.size() == static_cast<size_t>(lp_.ncol) &&
+        feasible(set_.earlier.incumbent.data())) {
+        // The earlier search's best solution, accepted there already (hooks and count).
+        out_.have_solution = true;
+        out_.x = set_.earlier.incumbent;
+        out_.objective = objective_at(out_.x.data());
     }
     if (!set_.start.empty()) {
         std::vector<double> x(static_cast<size_t>(lp_.ncol), 0.0);
@@ -572,8 +587,9 @@ Outcome Search::run() {
         if (r == Relaxation::Unbounded) {
             if (is_root) {
                 out_.status = Status::Unbounded;
-                out_.nodes = nodes_;
-                out_.lp_iterations = rel_.iterations();
+                out_.nodes = nodes_ + set_.earlier.nodes;
+                out_.last_node = next_id_ - 1;
+                out_.lp_iterations = iterations();
                 return out_;
             }
             fail("A node relaxation of the tree search is unbounded while the root's is not");
@@ -793,8 +809,9 @@ Outcome Search::run() {
     if (dive) open_.push(std::move(dive));
     cuts_.leave();
 
-    out_.nodes = nodes_;
-    out_.lp_iterations = rel_.iterations();
+    out_.nodes = nodes_ + set_.earlier.nodes;
+    out_.last_node = next_id_ - 1;
+    out_.lp_iterations = iterations();
     if (stop) {
         out_.status = Status::Stopped;
         out_.stop_reason = stop;
