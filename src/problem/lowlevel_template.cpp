@@ -87,6 +87,10 @@ int numpy_fast(PyObject* src, int type, int64_t* n, void** out) {
     char kind = PyArray_DESCR(a)->kind;
     bool integer = kind == 'i' || kind == 'u';
     bool index = type == CONV_ROW || type == CONV_COL || type == CONV_SET || type == CONV_INT || type == CONV_INT64;
+    if (kind == 'c' && type == CONV_DOUBLE) {
+        PyErr_SetString(PyExc_TypeError, "Complex array where real numbers are expected");
+        return -1;
+    }
     if (index ? !integer : (type != CONV_DOUBLE || !(integer || kind == 'f'))) return 0;
     int64_t len = PyArray_DIM(a, 0);
     if (*n >= 0 && *n != len) {
