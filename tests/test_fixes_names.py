@@ -153,8 +153,7 @@ def test_a_problem_loaded_with_sets_names_its_empty_named_items_alike():
 @pytest.mark.parametrize("kind", ["rows", "columns"])
 def test_default_names_do_not_shift_when_earlier_items_are_deleted(kind):
     xs = [tv.var() for _ in range(3)]
-    p = tv.problem(xs, [tv.constraint(body=x, ub=1, name="" if k else None) if k else x <= 1
-                        for k, x in enumerate(xs)])
+    p = tv.problem(xs, xs[0] <= 1, [tv.constraint(body=x, ub=1, name="") for x in xs[1:]])
     p.addrows(["L"], [4.0], [0, 3], [0, 1, 2], [1.0] * 3)
     p.addcols([0.0], [0, 1], [3], [1.0], [0], [1])
     items = p.getConstraint() if kind == "rows" else p.getVariable()
