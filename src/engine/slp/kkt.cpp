@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <vector>
 
 namespace slp {
 
@@ -259,6 +260,11 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
     int th = trvo::highs_solve_begin(1, &prob->interrupt);
     Highs_setIntOptionValue(h, "threads", th);
     Highs_setBoolOptionValue(h, "output_flag", 0);
+    // Near a point where the constraint qualification fails, a row's gradient has entries
+    // far below the others and its multiplier is correspondingly large: HiGHS would drop
+    // entries below its default 1e-9 from the matrix, and with them the only multipliers
+    // that make such a point stationary.
+    Highs_setDoubleOptionValue(h, "small_matrix_value", 1e-12);
     HighsInt rc = Highs_passLp(h, ny + 1, nrowLP, (HighsInt)index.size(), kHighsMatrixFormatColwise, kHighsObjSenseMinimize,
                                0.0, cost.data(), clo.data(), cup.data(), rlo.data(), rup.data(), start.data(),
                                index.data(), value.data());
@@ -273,6 +279,171 @@ bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double se
     trvo::highs_recycle(h);
     trvo::highs_solve_end(&prob->interrupt);
     return ok;
+}
+
+namespace {
+
+// Solves the dense p x p system M z = rhs (row-major M, overwritten) by Gaussian elimination
+// with partial pivoting; false when a pivot falls below tiny times the largest entry.
+bool dense_solve(std::vector<double>& M, std::vector<double>& rhs, int p) {
+    double big = 0.0;
+    for (double v : M) big = std::max(big, std::fabs(v));
+    if (!(big > 0.0) || !std::isfinite(big)) return false;
+    for (int c = 0; c < p; ++c) {
+        int piv = c;
+        for (int r = c + 1; r < p; ++r)
+            if (std::fabs(M[r * p + c]) > std::fabs(M[piv * p + c])) piv = r;
+        if (!(std::fabs(M[piv * p + c]) > 1e-13 * big)) return false;
+        if (piv != c) {
+            for (int k = 0; k < p; ++k) std::swap(M[c * p + k], M[piv * p + k]);
+            std::swap(rhs[c], rhs[piv]);
+        }
+        for (int r = c + 1; r < p; ++r) {
+            double f = M[r * p + c] / M[c * p + c];
+            if (f == 0.0) continue;
+            for (int k = c; k < p; ++k) M[r * p + k] -= f * M[c * p + k];
+            rhs[r] -= f * rhs[c];
+        }
+    }
+    for (int c = p - 1; c >= 0; --c) {
+        double v = rhs[c];
+        for (int k = c + 1; k < p; ++k) v -= M[c * p + k] * rhs[k];
+        rhs[c] = v / M[c * p + c];
+        if (!std::isfinite(rhs[c])) return false;
+    }
+    return true;
+}
+
+// Gradient of the Lagrangian sense f - sum_r y_r g_r (y in the minimisation form) at x over
+// every column; false when a formula cannot be evaluated.
+bool lagrangian_gradient(Evaluator& E, const Model& m, double sense, const double* x, const std::vector<int>& rows,
+                         const std::vector<double>& y, std::vector<double>& g, std::vector<double>& scratch) {
+    const int n = m.ncols;
+    g.assign(n, 0.0);
+    if (!std::isfinite(E.objective(x, g.data()))) return false;
+    for (int j = 0; j < n; ++j) g[j] *= sense;
+    std::vector<int> cols;
+    std::vector<double> vals;
+    for (size_t i = 0; i < rows.size(); ++i) {
+        double v;
+        if (!row_gradient(E, m, rows[i], x, scratch, cols, vals, &v)) return false;
+        for (size_t q = 0; q < cols.size(); ++q) g[cols[q]] -= y[i] * vals[q];
+    }
+    for (double v : g)
+        if (!std::isfinite(v)) return false;
+    return true;
+}
+
+}  // namespace
+
+bool polish_kkt(TSLPprob prob, Evaluator& E, const Model& m, double sense, double feastol, int max_cols,
+                std::vector<double>& x, std::vector<double>& dual, double* resid) {
+    PhaseScope timed(prob->profile, PH_KKT);
+    const int n = m.ncols;
+    if ((int)x.size() != n || (int)dual.size() != m.nrows) return false;
+    KktCheck c0;
+    if (!kkt_residual(E, m, sense, x.data(), dual.data(), feastol, &c0)) return false;
+    const double f0 = sense * E.objective(x.data(), nullptr);
+    double best = c0.residual;
+    std::vector<double> bx = x, by = dual, px, py, scratch(n, 0.0), gL, gp, vals;
+    std::vector<int> cols;
+    bool improved = false;
+    auto finish = [&]() {
+        if (improved) {
+            x = px;
+            dual = py;
+        }
+        if (resid) *resid = best;
+        return improved;
+    };
+    for (int it = 0; it < 8; ++it) {
+        // Active rows: the equalities and the rows with a multiplier, and the bound each holds.
+        std::vector<int> rows;
+        std::vector<double> y, target;
+        for (int r = 0; r < m.nrows; ++r) {
+            double yr = sense * by[r];
+            double lo, up;
+            row_bounds(m, r, &lo, &up);
+            if (yr == 0.0 && lo != up) continue;
+            double b = yr > 0 ? lo : up;
+            if (!std::isfinite(b)) return finish();
+            rows.push_back(r);
+            y.push_back(yr);
+            target.push_back(b);
+        }
+        if (!lagrangian_gradient(E, m, sense, bx.data(), rows, y, gL, scratch)) return finish();
+        // Free columns: those whose reduced cost no bound absorbs.
+        std::vector<int> free;
+        for (int j = 0; j < n; ++j) {
+            double lb = col_bound(m.lb[j]), ub = col_bound(m.ub[j]);
+            if (lb == ub) continue;
+            if (gL[j] > 0 && near(bx[j], lb, feastol)) continue;
+            if (gL[j] < 0 && near(bx[j], ub, feastol)) continue;
+            free.push_back(j);
+        }
+        const int nf = (int)free.size(), nr = (int)rows.size(), p = nf + nr;
+        if (nf == 0 || nf > max_cols || nr > nf) return finish();
+        // [H  -A'] [d ]   [-gL]
+        // [A   0 ] [dy] = [-c ]   (H the Lagrangian's Hessian on the free columns, A the
+        // active rows' gradients there, c their distances to the bounds they hold)
+        std::vector<double> M((size_t)p * p, 0.0), rhs(p, 0.0);
+        std::vector<double> xs = bx;
+        for (int a = 0; a < nf; ++a) {
+            int j = free[a];
+            double h = 1e-7 * std::max(1.0, std::fabs(bx[j]));
+            double lb = col_bound(m.lb[j]), ub = col_bound(m.ub[j]);
+            if (bx[j] + h > ub && bx[j] - h >= lb) h = -h;
+            xs[j] = bx[j] + h;
+            h = xs[j] - bx[j];
+            bool ok = lagrangian_gradient(E, m, sense, xs.data(), rows, y, gp, scratch);
+            xs[j] = bx[j];
+            if (!ok || h == 0.0) return finish();
+            for (int b = 0; b < nf; ++b) M[(size_t)b * p + a] = (gp[free[b]] - gL[free[b]]) / h;
+        }
+        for (int a = 0; a < nf; ++a)
+            for (int b = a + 1; b < nf; ++b) {
+                double v = 0.5 * (M[(size_t)a * p + b] + M[(size_t)b * p + a]);
+                M[(size_t)a * p + b] = M[(size_t)b * p + a] = v;
+            }
+        std::vector<int> pos(n, -1);
+        for (int a = 0; a < nf; ++a) pos[free[a]] = a;
+        for (int i = 0; i < nr; ++i) {
+            double v;
+            if (!row_gradient(E, m, rows[i], bx.data(), scratch, cols, vals, &v)) return finish();
+            for (size_t q = 0; q < cols.size(); ++q) {
+                int a = pos[cols[q]];
+                if (a < 0) continue;
+                M[(size_t)(nf + i) * p + a] += vals[q];
+                M[(size_t)a * p + nf + i] -= vals[q];
+            }
+            rhs[nf + i] = target[i] - v;
+        }
+        for (int a = 0; a < nf; ++a) rhs[a] = -gL[free[a]];
+        if (!dense_solve(M, rhs, p)) return finish();
+        std::vector<double> nx = bx, ny = by;
+        for (int a = 0; a < nf; ++a) {
+            int j = free[a];
+            nx[j] = std::min(std::max(bx[j] + rhs[a], col_bound(m.lb[j])), col_bound(m.ub[j]));
+        }
+        for (int i = 0; i < nr; ++i) ny[rows[i]] = sense * (y[i] + rhs[nf + i]);
+        // Newton's iterates may leave the rows by a second-order amount before they settle:
+        // every iterate goes on, the best acceptable one is kept.
+        bx.swap(nx);
+        by.swap(ny);
+        KktCheck c;
+        double f = sense * E.objective(bx.data(), nullptr);
+        if (!std::isfinite(f) || !kkt_residual(E, m, sense, bx.data(), by.data(), feastol, &c)) break;
+        double viol = max_violation(E, m, bx.data());
+        logf(prob, 3, "    KKT polish %d: residual %.3g, violation %.3g", it + 1, c.residual, viol);
+        if (f <= f0 + 1e-9 * (1.0 + std::fabs(f0)) && viol <= feastol && c.residual < best) {
+            best = c.residual;
+            px = bx;
+            py = by;
+            improved = true;
+            if (best <= 1e-2 * dbl_control(prob, TSLP_KKTTOL)) break;
+        }
+    }
+    return finish();
 }
 
 }  // namespace slp

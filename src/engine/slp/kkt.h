@@ -33,4 +33,16 @@ bool kkt_residual(Evaluator& E, const Model& m, double sense, const double* x, c
 bool estimate_multipliers(TSLPprob prob, Evaluator& E, const Model& m, double sense, const double* x,
                           double feastol, std::vector<double>& dual, const char* skip = nullptr);
 
+// Newton steps on the KKT conditions of the rows that hold x at a bound (nonzero dual) and
+// the columns at a bound whose reduced costs the bound absorbs: the Lagrangian's exact
+// Hessian by differences of the exact gradients, the active rows met to first order, the
+// multipliers updated with the step. Converges quadratically from a point close to a
+// regular local optimum, where the SLP steps, bounded by a nonsmooth merit function, creep.
+// Small problems only (at most max_cols free columns). x and dual (user's sense) are replaced
+// by the best point found when it is feasible within feastol, no worse in the objective (by
+// more than a relative 1e-9) and has a KKT residual below the one given; returns whether
+// they were replaced, and *resid receives its residual.
+bool polish_kkt(TSLPprob prob, Evaluator& E, const Model& m, double sense, double feastol, int max_cols,
+                std::vector<double>& x, std::vector<double>& dual, double* resid);
+
 }  // namespace slp

@@ -409,6 +409,7 @@ RunResult Run::solve(const std::vector<double>& x0) {
     const double kkttol = dbl_control(prob, TSLP_KKTTOL);
     std::vector<double> cert_dual;
     int kkt_misses = 0;
+    double polish_below = 1e3 * kkttol;   // residual below which Newton steps on the KKT conditions are tried
     auto certify = [&](const std::vector<double>& lpdual, double* resid) {
         std::vector<double> d(m.nrows, 0.0);
         for (int r = 0; r < m.nrows && r < (int)lpdual.size(); ++r) d[r] = sense * lpdual[r];
@@ -843,6 +844,27 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 certified = true;
                 break;
             }
+            // Close to a local optimum the SLP steps, judged by a nonsmooth merit function, may
+            // creep: Newton steps on the KKT conditions of the active rows finish the job on
+            // small models.
+            // After a failed attempt the next waits until the residual is ten times smaller:
+            // a run that stalls calls it a few times, not at every iteration.
+            if (last_kkt <= polish_below && !cert_dual.empty()) {
+                std::vector<double> xp = x, dp = cert_dual;
+                double r;
+                polish_below = 0.1 * last_kkt;
+                if (polish_kkt(prob, E, m, sense, feastol, (int)kDenseCurved, xp, dp, &r)) {
+                    x = xp;
+                    std::vector<double> lpd(m.nrows);
+                    for (int i = 0; i < m.nrows; ++i) lpd[i] = sense * dp[i];
+                    if (certify(lpd, &last_kkt)) {
+                        logf(prob, 2, "    Newton steps on the KKT conditions reached residual %.3g", last_kkt);
+                        status = TSLP_NLP_LOCALLY_OPTIMAL;
+                        certified = true;
+                        break;
+                    }
+                }
+            }
             logf(prob, 2, "    not yet a KKT point (residual %.3g); continuing", last_kkt);
             if (++kkt_misses >= 5) {
                 // The steps keep finding nothing better at a point that is not stationary:
@@ -882,8 +904,18 @@ RunResult Run::solve(const std::vector<double>& x0) {
     std::vector<double> true_dj(n, 0.0);
     {
         KktCheck c;
-        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data()))
+        if (!cert_dual.empty() && kkt_residual(E, m, sense, x.data(), cert_dual.data(), feastol, &c, true_dj.data())) {
             last_kkt = c.residual;
+            double ymax = 0.0;
+            for (double y : cert_dual) ymax = std::max(ymax, std::fabs(y));
+            // Multipliers far above the objective's gradient make the point stationary only by
+            // nearly cancelling row gradients: the constraint qualification fails or nearly
+            // fails there (the point may be the optimum all the same, as when a row's
+            // gradient vanishes at it).
+            if (certified && ymax > 1e6 * c.scale)
+                logf(prob, 1, "Row multipliers up to %.3g certify this point: the active rows are nearly "
+                              "degenerate here (their constraint qualification fails or nearly fails)", ymax);
+        }
     }
     res.kkt = last_kkt;
     Solution& sol = res.sol;
