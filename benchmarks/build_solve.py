@@ -15,11 +15,14 @@ The time printed covers building the variables, constraints and objective, loadi
 the problem and handing the model to HiGHS (a solve with a time limit that stops HiGHS at
 once, as the native program does), as wall time and as processor time (`cpu s`, user +
 system of all threads: the fairer figure on a shared, loaded machine; the load is printed
-first). `peak B/item` is the growth of the process's peak resident set per column + row.
+first). `peak B/item` is the growth of the process's peak resident set over its resident set
+before building, per column + row.
 The native program (benchmarks/native/build_models.cpp) is built here with the system's C++
 compiler against HiGHS from highsbox; without a compiler its column is skipped with a message.
 
-Also printed: reading an MPS file (tarvo `read` against HiGHS's reader), 10,000 single-value
+Also printed: reading an MPS file and the same model as an LP file (tarvo `read`, split into
+the engine's part and the module's objects and maps, against HiGHS's reader natively and
+through highspy), 10,000 single-value
 `getSolution(v)` calls on a 1M-column model, and the row style at 100k and 1M rows (linear
 growth means a time ratio near 10). No assertions; targets are printed next to the figures.
 
@@ -46,6 +49,16 @@ INF = 1e20
 
 def peak_bytes():
     return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss * 1024
+
+
+def resident_bytes():
+    """The resident set now: the baseline of `peak B/item` here and in the native program (the
+    peak alone starts at the parent's resident set, which Linux carries across exec)."""
+    try:
+        with open("/proc/self/statm") as f:
+            return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+    except (OSError, ValueError, IndexError):
+        return peak_bytes()
 
 
 # ----------------------------------------------------------------- tarvo models
@@ -181,7 +194,7 @@ def child(argv):
     import tarvo as tv
     tv.setOutputEnabled(False)
     what = argv[0]
-    base = peak_bytes()
+    base = resident_bytes()
     if what == "build":
         kind, size = parse_model(argv[1])
         builder = {"fac": facility, "lqcp": lqcp, "basic": basic}[kind]
@@ -196,11 +209,36 @@ def child(argv):
         if len(argv) > 3:  # also write it, for the reading comparison
             p.write(argv[3])
     elif what == "read":
+        # The engine reports its own part of the read (file to store, names included) in a
+        # message; the rest is the module making the variable and constraint objects and maps.
+        import re
         p = tv.problem()
+        tv.setOutputEnabled(True)
+        p.controls.outputlog = 1
+        lines = []
+        p.addcbmessage(lambda prob, data, msg, mtype: lines.append(msg))
         start, cpu = time.perf_counter(), time.process_time()
         p.read(argv[1])
-        out = {"rows": p.attributes.rows, "cols": p.attributes.cols, "seconds": time.perf_counter() - start,
-               "cpu": time.process_time() - cpu, "peak_bytes": peak_bytes() - base}
+        seconds, cpu = time.perf_counter() - start, time.process_time() - cpu
+        engine = [m for m in (re.search(r"in ([0-9.]+)s \(cpu ([0-9.]+)s\)", ln) for ln in lines
+                              if ln.startswith("Read ")) if m]
+        out = {"rows": p.attributes.rows, "cols": p.attributes.cols, "seconds": seconds, "cpu": cpu,
+               "peak_bytes": peak_bytes() - base}
+        if engine:
+            out["engine"], out["engine_cpu"] = float(engine[-1].group(1)), float(engine[-1].group(2))
+    elif what == "to-lp":  # the same model as an LP file, for the LP reading comparison
+        p = tv.problem()
+        p.read(argv[1])
+        p.write(argv[2], "l")
+        out = {}
+    elif what == "highspy-read":  # HiGHS's reader in a Python process, as highspy runs it
+        import highspy
+        h = highspy.Highs()
+        h.setOptionValue("output_flag", False)
+        start, cpu = time.perf_counter(), time.process_time()
+        h.readModel(argv[1])
+        out = {"seconds": time.perf_counter() - start, "cpu": time.process_time() - cpu,
+               "version": "highspy %s" % h.version()}
     elif what == "rows":  # one call per row, n rows over n + 1 columns
         n = int(argv[1])
         x = [tv.var(name="") for _ in range(n + 1)]
@@ -355,21 +393,53 @@ def main():
         if "--skip-extras" in args:
             return
 
-        # Reading an MPS file.
+        # Reading an MPS file (and the same model as an LP file): tarvo's read (the engine's
+        # part and the module's objects and maps, separately) against HiGHS's reader, in the
+        # native program (the HiGHS tarvo links) and in a Python process through highspy when
+        # it is installed.
         mps = os.path.join(tmp, "fac.mps")
+        lpf = os.path.join(tmp, "fac.lp")
         G = 10 if quick else 25
         best_of(1, "build", "fac-%d" % G, "array", mps)
         if os.path.exists(mps):
-            ours = best_of(max(repeat, 3), "read", mps)
-            line = "read fac-%d MPS: tarvo %.3f s (cpu %.3f s)" % (
-                G, ours.get("seconds", float("nan")), ours.get("cpu", float("nan")))
+            run_child("to-lp", mps, lpf)
+        for kind, path in (("MPS", mps), ("LP", lpf)):
+            if not os.path.exists(path):
+                print("read fac-%d %s: no file to read" % (G, kind))
+                continue
+            runs = max(repeat, 5 if kind == "MPS" else 3)
+            all_runs = [run_child("read", path) for _ in range(runs)]
+            ours = fastest(all_runs)
+            if "error" in ours:
+                print("read fac-%d %s failed: %s" % (G, kind, ours["error"]))
+                continue
+            # Each figure is its own minimum over the runs (the parts included).
+            good = [r for r in all_runs if "error" not in r and "engine" in r]
+            print("read fac-%d %s (%d rows + columns, %.1f MB), best of %d:" % (
+                G, kind, ours["rows"] + ours["cols"], os.path.getsize(path) / 1e6, runs))
+            print("  tarvo read             %.3f s (cpu %.3f s)" % (ours["seconds"], ours["cpu"]))
+            if good:
+                print("    engine (file to store) %.3f s (cpu %.3f s)" % (
+                    min(r["engine"] for r in good), min(r["engine_cpu"] for r in good)))
+                print("    module objects and maps %.3f s (cpu %.3f s)" % (
+                    min(r["seconds"] - r["engine"] for r in good), min(r["cpu"] - r["engine_cpu"] for r in good)))
+            refs = []
             if exe:
-                theirs = run_native(exe, max(repeat, 3), "read", mps)
-                if "error" not in theirs:
-                    line += ", HiGHS reader %.3f s (cpu %.3f s), ratio %.2f, cpu ratio %.2f (target <= 1.2)" % (
-                        theirs["seconds"], theirs["cpu"], ours["seconds"] / theirs["seconds"],
-                        ours["cpu"] / theirs["cpu"])
-            print(line)
+                refs.append(("HiGHS reader (native)", run_native(exe, runs, "read", path)))
+            try:
+                import highspy  # noqa: F401
+                refs.append(("HiGHS reader (highspy)", best_of(runs, "highspy-read", path)))
+            except ImportError:
+                print("  highspy not installed: its reader is not timed")
+            for label, theirs in refs:
+                if "error" in theirs:
+                    print("  %s failed: %s" % (label, theirs["error"]))
+                    continue
+                print("  %-22s %.3f s (cpu %.3f s)%s; tarvo/HiGHS %.2f, cpu %.2f%s" % (
+                    label, theirs["seconds"], theirs["cpu"],
+                    " [%s]" % theirs["version"] if "version" in theirs else "",
+                    ours["seconds"] / theirs["seconds"], ours["cpu"] / theirs["cpu"],
+                    " (target <= 1.2)" if kind == "MPS" else ""))
 
         # Single-value queries.
         n = 100_000 if quick else 1_000_000

@@ -8,7 +8,8 @@ per column and per row:
     released to its row is made again for the count, after the other figures are taken);
   - the C heap (glibc's mallinfo2: the engine's store, the problem's serial maps, the side
     tables of bounds and names);
-  - the growth of the peak resident set.
+  - the growth of the peak resident set over the resident set before the build (the step that
+    sets the peak, and what is held then: benchmarks/memory_split.py).
 No assertions.
 
     PYTHONPATH=. python benchmarks/module_memory.py [--models fac-25,lqcp-500,basic-300]
@@ -56,7 +57,7 @@ def child(model, style):
     tv.setOutputEnabled(False)
     kind, size = bs.parse_model(model)
     builder = {"fac": bs.facility, "lqcp": bs.lqcp, "basic": bs.basic}[kind]
-    base_rss = bs.peak_bytes()
+    base_rss = bs.resident_bytes()
     heap0 = c_heap()
     tracemalloc.start()
     p = builder(tv, np, style, *size)

@@ -19,6 +19,10 @@ time into:
              linearisation into the step problem, solving the step problems, KKT checks,
              the iteration logic itself, and log lines
 
+The summary also counts how the QP step problems were answered: on the last answer's active set
+without a QP solve, from the start at no step (both the default, control tslp_qpwarmstart), from
+HiGHS's own phase-one start, or as HiGHS solved them.
+
 The engine's split comes from its time profile (the log line "Time profile (ms): ..." that a
 solve writes at log level 2); the totals (wall and CPU time) from a separate run at the default
 log level, which the profile run does not disturb. Every figure is the best of --repeat runs on
@@ -53,6 +57,8 @@ PROFILE_NAMES = {"read": "read", "compile": "compile", "start": "start", "highs 
                  "results": "results", "teardown": "teardown", "log": "log",
                  "iteration logic": "logic"}
 PROFILE_RE = re.compile(r"([a-z][a-z ]*?) ([0-9.]+)")
+QP_RE = re.compile(r"QP step problems: (\d+) exact on the last active set, (\d+) exact from no step, "
+                   r"(\d+) exact from HiGHS's own start, (\d+) as HiGHS solved them")
 
 
 def build(name):
@@ -85,12 +91,18 @@ def profiled_solve(name, maxtime):
     p.setcbmessage(lambda prob, data, msg, kind: lines.append(msg))
     p.setControl("tslp_log", 2)
     p.nlpoptimize()
+    qp = [0, 0, 0, 0]
+    for line in lines:
+        m = QP_RE.search(line)
+        if m:
+            qp = [a + int(b) for a, b in zip(qp, m.groups())]
     for line in lines:
         if line.startswith("Time profile (CPU ms):"):
             body, _, steps = line.partition(";")
             phases = {PROFILE_NAMES[k.strip()]: float(v)
                       for k, v in PROFILE_RE.findall(body.split(":", 1)[1])}
             phases["steps"] = int(steps.split()[-1])
+            phases["qp"] = qp
             return phases
     raise RuntimeError("%s: the solve wrote no time profile" % name)
 
@@ -179,6 +191,11 @@ def print_summary(rows):
             "%s %.1f%%" % (c, 100.0 * total[c] / engine_sum) for c in COLUMNS
             if c not in ("module", "fetch", "log")) +
             " (log lines of the level-2 profile run, not written by default: %.3f ms)" % total["log"])
+    qp = [sum(r["qp"][i] for r in rows) for i in range(4)]
+    if sum(qp):
+        print("QP step problems: %d answers exact on the last answer's active set (no QP solve), %d exact from "
+              "the start at no step, %d exact from HiGHS's own start (phase-one LP), %d taken as HiGHS solved "
+              "them (tied or not exact)" % tuple(qp))
     fixed_each = sorted(sum(r[c] for c in FIXED) for r in rows)
     print("fixed cost of one solve: median %.3f ms, smallest %.3f ms" % (fixed_each[len(fixed_each) // 2],
                                                                           fixed_each[0]))

@@ -17,6 +17,7 @@ a crash or a hang shows as one row ("crashed", "killed") instead of ending the r
     PYTHONPATH=. python3 benchmarks/nonlinear.py --minlp      # mixed-integer set
     PYTHONPATH=. python3 benchmarks/nonlinear.py --scale                      # scaling table
     PYTHONPATH=. python3 benchmarks/nonlinear.py --scale --beam 1000 --beam 2000 --rows 2000
+    PYTHONPATH=. python3 benchmarks/nonlinear.py --scale --beam 5000 --rows 0 --repeat 5   # vs Ipopt
 
 `--scale` builds and solves the beam control model (clnlbeam: 3(N+1) columns, 2N rows, sin and
 cos terms) for N = 1000, 2000, 5000, 10000 and the Van der Pol model with 2,000 and 10,000 rows,
@@ -26,7 +27,10 @@ average interior-point iterations per step problem (ipm/st, read from the iterat
 iterations of the step problems (0 when the interior-point step solver took them all), peak
 memory and objective, the
 growth exponent of time per iteration and of memory between successive sizes, and Ipopt's time
-on the same model (through casadi, also in a child) when casadi is importable.
+on the same model (through casadi, also in a child) when casadi is importable. With `--repeat K`
+tarvo and Ipopt run alternately K times per size, so that both meet the same load on a shared
+machine; every run's wall-clock and CPU time is printed with the load average at its start, and
+the table holds the median run. `--threads` sets tarvo's threads control (1: one thread).
 
 Every problem is written once, as a function of a "kit" that supplies the variables, the
 elementary functions and the constraint and objective calls. The tarvo kit builds a problem from
@@ -1597,9 +1601,9 @@ def _peak_mb():
     return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024.0
 
 
-def scale_child(model, size, solver, maxtime):
+def scale_child(model, size, solver, maxtime, threads=None):
     """One measurement in this (child) interpreter; returns a dict."""
-    out = dict(model=model, size=size, solver=solver)
+    out = dict(model=model, size=size, solver=solver, load=os.getloadavg()[0])
     if solver == "ipopt":
         import casadi as ca
         nlp, args = (ipopt_clnlbeam if model == "beam" else ipopt_van_der_pol)(size)
@@ -1621,6 +1625,8 @@ def scale_child(model, size, solver, maxtime):
         out["build"] = time.perf_counter() - start
         if maxtime:
             p.setControl("tslp_maxtime", float(maxtime))
+        if threads is not None:
+            p.setControl("threads", int(threads))
         # The iteration log (one line per iteration and per interior-point step problem) goes
         # to a file, which gives the interior-point iterations of each step problem.
         tarvo.setOutputEnabled(True)
@@ -1652,9 +1658,11 @@ def scale_child(model, size, solver, maxtime):
     return out
 
 
-def _run_scale_child(model, size, solver, maxtime):
+def _run_scale_child(model, size, solver, maxtime, threads=None):
     cmd = [sys.executable, os.path.abspath(__file__), "--scale-child", "%s:%d:%s" % (model, size, solver),
            "--large-maxtime", str(maxtime)]
+    if threads is not None:
+        cmd += ["--threads", str(threads)]
     try:
         r = subprocess.run(cmd, capture_output=True, text=True, timeout=maxtime * 2 + 600)
     except subprocess.TimeoutExpired:
@@ -1672,7 +1680,15 @@ def _exponent(a, b, key, size_key="size"):
     return math.log(b[key] / a[key]) / math.log(b[size_key] / a[size_key])
 
 
-def run_scale(beams, vdp_rows, maxtime):
+def _median(values):
+    v = sorted(values)
+    return v[len(v) // 2] if len(v) % 2 else 0.5 * (v[len(v) // 2 - 1] + v[len(v) // 2])
+
+
+def run_scale(beams, vdp_rows, maxtime, repeat=1, threads=None):
+    """The scaling table; with repeat > 1 each size runs tarvo and Ipopt alternately that many
+    times (so that both see the same load) and the table shows the median wall-clock run, and
+    a line per size lists every run of both with the load average at its start."""
     try:
         import casadi  # noqa: F401
         have_ipopt = WITH_IPOPT
@@ -1688,11 +1704,30 @@ def run_scale(beams, vdp_rows, maxtime):
             "objective", "ipopt s", "ipopt cpu", "ipopt MB", "status"))
         rows = []
         for size in sizes:
-            r = _run_scale_child(model, size, "tarvo", maxtime)
-            ip = _run_scale_child(model, size, "ipopt", maxtime) if have_ipopt else {}
+            runs, ipruns = [], []
+            for _ in range(max(1, repeat)):
+                runs.append(_run_scale_child(model, size, "tarvo", maxtime, threads))
+                if have_ipopt:
+                    ipruns.append(_run_scale_child(model, size, "ipopt", maxtime))
+            ok = [x for x in runs if "error" not in x]
+            ipok = [x for x in ipruns if "solve" in x]
+            r = sorted(ok, key=lambda x: x["solve"])[len(ok) // 2] if ok else runs[0]
+            ip = (sorted(ipok, key=lambda x: x["solve"])[len(ipok) // 2] if ipok else
+                  (ipruns[0] if ipruns else {}))
             if "error" in r:
                 print("  %6d  failed: %s" % (size, r["error"]))
                 continue
+            if repeat > 1:
+                print("  %6d  runs (wall/cpu s, load): tarvo %s" % (size, "  ".join(
+                    "%.2f/%.2f (%.1f)" % (x["solve"], x["cpu"], x["load"]) for x in ok)))
+                if ipok:
+                    print("  %6s                           ipopt %s" % ("", "  ".join(
+                        "%.2f/%.2f (%.1f)" % (x["solve"], x["cpu"], x["load"]) for x in ipok)))
+                    print("  %6s  median wall: tarvo %.2f s, ipopt %.2f s, ratio %.2f; tarvo faster in %d of %d pairs" % (
+                        "", _median([x["solve"] for x in ok]), _median([x["solve"] for x in ipok]),
+                        _median([x["solve"] for x in ok]) / max(1e-9, _median([x["solve"] for x in ipok])),
+                        sum(1 for a, b in zip(runs, ipruns) if "solve" in a and "solve" in b and a["solve"] < b["solve"]),
+                        min(len(runs), len(ipruns))))
             r["per_iter"] = r["solve"] / max(1, r["iterations"])
             rows.append(r)
             r["cpu_per_iter"] = r.get("cpu", 0.0) / max(1, r["iterations"])
@@ -1742,6 +1777,10 @@ def main(argv=None):
     ap.add_argument("--beam", type=int, action="append", metavar="N",
                     help="beam sizes for --scale (default 1000 2000 5000 10000)")
     ap.add_argument("--scale-child", help=argparse.SUPPRESS)
+    ap.add_argument("--repeat", type=int, default=1,
+                    help="--scale: run tarvo and Ipopt alternately this many times per size (medians)")
+    ap.add_argument("--threads", type=int, default=None,
+                    help="--scale: the threads control for tarvo (default: the control's default)")
     ap.add_argument("--no-ipopt", action="store_true",
                     help="leave out the comparison with Ipopt (through casadi)")
     ap.add_argument("--maxtime", type=float, default=MAXTIME,
@@ -1767,10 +1806,13 @@ def main(argv=None):
         return 1 if run_check(names) else 0
     if args.scale_child:
         model, size, solver = args.scale_child.split(":")
-        print(json.dumps(scale_child(model, int(size), solver, args.large_maxtime)))
+        print(json.dumps(scale_child(model, int(size), solver, args.large_maxtime, args.threads)))
         return 0
     if args.scale:
-        run_scale(args.beam or [1000, 2000, 5000, 10000], args.rows or [2000, 10000], args.large_maxtime)
+        # A size of 0 leaves that model out (--rows 0: the beam only).
+        beams = [1000, 2000, 5000, 10000] if args.beam is None else [b for b in args.beam if b > 0]
+        vdp = [2000, 10000] if args.rows is None else [r for r in args.rows if r > 0]
+        run_scale(beams, vdp, args.large_maxtime, args.repeat, args.threads)
         return 0
     tarvo.setOutputEnabled(False)
     if args.child:

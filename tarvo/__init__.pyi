@@ -225,6 +225,7 @@ class control:
     tslp_penaltyincrease: float
     tslp_postsolve: int
     tslp_presolve: int
+    tslp_qpwarmstart: int
     tslp_quasinewton: int
     tslp_stepsolver: int
     tslp_samecount: int

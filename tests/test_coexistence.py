@@ -4,8 +4,12 @@ Each case runs in a fresh interpreter: a clash of native libraries shows as a cr
 process, not as an exception.
 """
 import importlib.util
+import itertools
+import subprocess
+import sys
 
 import pytest
+from conftest import outside_dir
 
 SOLVE_TARVO = """
     x = tv.var(ub=4)
@@ -62,15 +66,36 @@ def _indent(code):
     return textwrap.indent(textwrap.dedent(code), "    ")
 
 
+def _program(order):
+    """Imports and solves with each package in the given order, then tarvo solves once more."""
+    parts = []
+    for name in order:
+        if name == "tarvo":
+            parts.append("import tarvo as tv\nif True:\n%s\n" % _indent(SOLVE_TARVO))
+        else:
+            parts.append("if True:\n%s\n" % _indent(SOLVE_OTHERS[name]))
+    return "".join(parts) + "if True:\n%s\nprint('ok')\n" % _indent(SOLVE_TARVO)
+
+
 @pytest.mark.skipif(not AVAILABLE, reason="no other solver package installed")
-@pytest.mark.parametrize("tarvo_first", [True, False], ids=["tarvo-first", "tarvo-last"])
-def test_solver_packages_share_the_process(run_python, tarvo_first):
-    # Every available package is imported and solves a model, and tarvo solves before and after.
-    others = "".join("if True:\n%s\n" % _indent(SOLVE_OTHERS[name]) for name in AVAILABLE)
-    tarvo_part = "import tarvo as tv\nif True:\n%s\n" % _indent(SOLVE_TARVO)
-    code = (tarvo_part + others if tarvo_first else others + tarvo_part) + \
-        "if True:\n%s\nprint('ok')\n" % _indent(SOLVE_TARVO)
-    assert run_python(code).strip().endswith("ok")
+def test_solver_packages_share_the_process_in_every_import_order():
+    # Every order of tarvo and the available packages, each in a fresh interpreter (a few at a
+    # time: the interpreters spend most of their time loading libraries).
+    orders = list(itertools.permutations(["tarvo"] + AVAILABLE))
+    failed = []
+    pending = list(orders)
+    running = []
+    while pending or running:
+        while pending and len(running) < 4:
+            order = pending.pop()
+            proc = subprocess.Popen([sys.executable, "-c", _program(order)], stdout=subprocess.PIPE,
+                                    stderr=subprocess.PIPE, text=True, cwd=outside_dir())
+            running.append((order, proc))
+        order, proc = running.pop(0)
+        out, err = proc.communicate(timeout=300)
+        if proc.returncode != 0 or not out.strip().endswith("ok"):
+            failed.append("%s: status %d\n%s" % (" < ".join(order), proc.returncode, err[-1500:]))
+    assert not failed, "%d of %d orders failed:\n%s" % (len(failed), len(orders), "\n".join(failed[:4]))
 
 
 def test_highs_is_not_in_the_global_symbol_scope(run_python):

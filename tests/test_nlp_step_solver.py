@@ -193,15 +193,16 @@ def max_violation(p, x, rows, lb, ub, curved):
     return worst
 
 
-@pytest.mark.parametrize("seed", [0, 1, 2])
-def test_diagonal_curvature_steps_solve_a_separable_qp_exactly(seed):
+@pytest.mark.parametrize("n,seed,threads", [(150, 0, 1), (150, 1, 1), (150, 2, 1), (1500, 3, 1), (1500, 4, 2)])
+def test_diagonal_curvature_steps_solve_a_separable_qp_exactly(n, seed, threads):
     # The curvature of a separable quadratic objective goes into the interior-point step
     # problem as its exact diagonal, so the nonlinear solver lands on the QP optimum in a
-    # few steps, as the second-order QP steps of the simplex path do.
+    # few steps, as the second-order QP steps of the simplex path do. At 1,500 rows the
+    # solver splits the rows into two halves and a separator (on two threads or one).
     highspy = pytest.importorskip("highspy")
     np = pytest.importorskip("numpy")
-    n = 150
     p, x, (q, c, lb, ub, rows) = banded_model(n, seed, curved=False)
+    p.setControl("threads", threads)
     p.setControl("tslp_stepsolver", 2)
     p.nlpoptimize()
     assert p.getProbStatusString() == "nlp_solution"
@@ -283,12 +284,12 @@ def test_sparse_multiplier_estimates_agree_with_the_simplex_ones(seed):
 
 
 def test_multiplier_estimate_falls_back_when_the_sparse_solver_declines():
-    # Twelve equality rows over all 100 columns: the multiplier of each is in every row of the
-    # fit, too many dense columns for the interior-point solver, so the simplex method fits
-    # them, and the result is the same as asking for it directly.
+    # Sixty equality rows over all 100 columns: each column's stationarity involves every
+    # multiplier, too many dense columns for the interior-point solver, so the simplex method
+    # fits them, and the result is the same as asking for it directly.
     np = pytest.importorskip("numpy")
     rng = np.random.default_rng(11)
-    n, m = 100, 12
+    n, m = 100, 60
     a = rng.uniform(-1.0, 1.0, (m, n))
     x = [tv.var(lb=-5.0, ub=5.0) for _ in range(n)]
     p = tv.problem()
@@ -304,3 +305,66 @@ def test_multiplier_estimate_falls_back_when_the_sparse_solver_declines():
     assert r_sparse == pytest.approx(r_simplex, rel=1e-12, abs=1e-15)
     assert sparse == pytest.approx(simplex, rel=1e-12, abs=1e-12)
     assert any(d != 0.0 for d in sparse)
+
+
+# ---------------------------------------------------------------- two threads
+
+def split_models():
+    # Large enough for the interior-point solver to split the rows in two halves: the beam and
+    # the Van der Pol model (equality rows, free columns), random banded rows of all senses
+    # (row slacks) and rows that all share three dense columns (a low-rank correction across
+    # both halves).
+    return {
+        "beam": lambda: beam(600),
+        "vanderpol": lambda: van_der_pol(600)[0],
+        "banded": lambda: banded_model(1500, 5, curved=False)[0],
+        "dense": lambda: dense_columns_model(1200, 3)[0],
+    }
+
+
+@pytest.mark.parametrize("name", ["beam", "vanderpol", "banded", "dense"])
+def test_two_threads_give_the_single_thread_answer_bit_for_bit(name):
+    runs = []
+    for threads in (1, 2, 0):
+        p = split_models()[name]()
+        p.setControl("threads", threads)
+        p.setControl("tslp_stepsolver", 2)
+        p.nlpoptimize()
+        x = []
+        p.getslpsol(x=x)
+        runs.append((p.getProbStatusString(), p.getAttrib("tslp_iter"), p.getAttrib("tslp_simplexiter"),
+                     p.getObjVal(), x))
+    assert runs[0][0] == "nlp_solution" and runs[0][2] == 0
+    assert runs[1] == runs[0]
+    assert runs[2] == runs[0]
+
+
+def test_split_steps_hold_the_rows_of_the_dense_column_model():
+    n = 1200
+    p, x, s = dense_columns_model(n, 3)
+    p.setControl("threads", 2)
+    value, pivots = solve(p, 2)
+    assert pivots == 0
+    xv, sv = p.getSolution(x), p.getSolution(s)
+    coupling = sum(0.3 * (k + 1) * sv[k] for k in range(3))
+    assert max(abs(math.sin(xv[i]) + 0.5 * xv[i + 1] + coupling - 0.1) for i in range(n - 1)) < 1e-6
+    assert max(abs(v) for v in xv) <= 1.0 + 1e-9
+
+
+def test_large_multiplier_fit_converges_on_free_multipliers():
+    # Every row of the beam is an equality, so every multiplier of the fit is free. The
+    # interior-point fit must converge (not stop on its stall rule) and certify the solution.
+    p = beam(500)
+    p.setControl("threads", 2)
+    solve(p, 0)
+    tol = p.getControl("tslp_kkttol")
+    lines = []
+    p.setcbmessage(lambda prob, data, msg, kind: lines.append(msg))
+    p.setControl("tslp_log", 2)
+    sparse, r_sparse = estimated_multipliers(p, 0)
+    fits = [l for l in lines if "interior-point fit" in l]
+    assert len(fits) == 1 and "converged" in fits[0], lines
+    assert any(d != 0.0 for d in sparse)
+    # The simplex method fits the least worst violation: never more than the sparse fit's.
+    simplex, r_simplex = estimated_multipliers(p, 1)
+    assert r_simplex <= r_sparse * (1 + 1e-9) <= tol

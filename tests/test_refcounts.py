@@ -73,6 +73,9 @@ def test_names_are_released_with_their_owner():
 
 
 def test_side_tables_do_not_grow_over_create_and_drop_cycles():
+    if "libasan" in os.environ.get("LD_PRELOAD", ""):
+        # AddressSanitizer holds freed memory in quarantine: the peak grows without a leak
+        pytest.skip("peak memory is not measurable under AddressSanitizer")
     def cycle():
         for _ in range(4):
             vs = [tarvo.var(name="n", lb=-2.5, ub=3.5, threshold=1.5) for _ in range(50_000)]

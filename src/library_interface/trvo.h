@@ -132,6 +132,7 @@ enum {
    global message handlers receive them as msgnumber) */
 #define TRVO_MSG_SOLVER_LOG 1      /* a line of the LP/MIP optimiser's log */
 #define TRVO_MSG_SEARCH_LOG 2      /* a line of the engine's tree search log */
+#define TRVO_MSG_READ 3            /* what TRVOreadprob read, and its wall and processor time */
 #define TRVO_MSG_NONCONVEX 101     /* the problem is nonconvex */
 #define TRVO_MSG_ABANDONED 102     /* a run that did not stop when asked was abandoned */
 #define TRVO_MSG_QROW_ACCURACY 103 /* quadratic rows not met to the feasibility tolerance */

@@ -205,7 +205,18 @@ enum {
                                       rows couple few neighbours, else the simplex method), 1 the
                                       simplex method, 2 the interior-point solver wherever the
                                       structure suits it (small models then step by separable
-                                      LPs instead of dense second-order QPs) */
+                                      LPs instead of dense second-order QPs). The interior-point
+                                      solver (steps and multiplier fits) runs the two halves of
+                                      a large model on two threads unless TRVO_THREADS is 1
+                                      (0, automatic: two threads where the machine has two);
+                                      the results are the same either way */
+#define TSLP_QPWARMSTART 12418    /* 1: the second-order QP step problems of small models try
+                                      the last answer's active set first (no QP solve when it is
+                                      still optimal), then start HiGHS's QP solver from no step;
+                                      0: from a phase-one LP of HiGHS's own at every step
+                                      (slower). Answers are made exact on their active sets
+                                      either way, so both take the same steps (except where
+                                      HiGHS's answers cannot be made exact) */
 
 /* ---- callback types */
 typedef void (*TSLPcbmessage)(TSLPprob prob, void* context, const char* msg, int len,

@@ -6,6 +6,7 @@
 #include "problem/nonlinear_bridge.h"
 #include "nonlinear/formula.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -462,6 +463,29 @@ int load_from_library(ProblemObject* p) {
             uint64_t* word = &reinterpret_cast<VarObject*>(PyList_GET_ITEM(made.get(), i))->word;
             if (alloc_guard_status("Could not read problem", [&] { var_set_name(word, name.get()); return 0; }) < 0)
                 return -1;
+        }
+        // Semi-continuous, semi-integer and partial-integer columns carry their limit as the
+        // variable's threshold.
+        if (std::any_of(ct.begin(), ct.end(), [](char t) { return t == 'S' || t == 'R' || t == 'P'; })) {
+            int ng = 0, ns = 0;
+            if (TRVOgetglobal64(p->prob, &ng, &ns, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr) != 0) {
+                problem_error(p);
+                return -1;
+            }
+            std::vector<char> gt(static_cast<size_t>(ng) + 1);
+            std::vector<int> gc(static_cast<size_t>(ng) + 1);
+            std::vector<double> lim(static_cast<size_t>(ng) + 1);
+            if (TRVOgetglobal64(p->prob, &ng, &ns, gt.data(), gc.data(), lim.data(), nullptr, nullptr, nullptr,
+                                nullptr) != 0) {
+                problem_error(p);
+                return -1;
+            }
+            for (int k = 0; k < ng; ++k) {
+                const int j = gc[static_cast<size_t>(k)];
+                if (j < 0 || j >= ncols || !std::strchr("SRP", ct[static_cast<size_t>(j)])) continue;
+                var_set_threshold(&reinterpret_cast<VarObject*>(PyList_GET_ITEM(made.get(), j))->word,
+                                  lim[static_cast<size_t>(k)]);
+            }
         }
         if (append_new_objects(p->vars, p->colmap, made.get(), 0, "Could not read problem") < 0) return -1;
     }

@@ -3,13 +3,16 @@
 #include "engine/optimizer/formulate.h"
 #include "engine/optimizer/gencons.h"
 #include "engine/optimizer/highs_instances.h"
+#include "engine/optimizer/mps_reader.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <unordered_set>
@@ -156,33 +159,6 @@ void insert_before_endata(const std::string& file, const std::string& text) {
     if (!ok) fail("Could not write problem file %s", file.c_str());
 }
 
-struct SosEntry {
-    std::string set, col;
-    double weight;
-};
-struct SosHeader {
-    std::string name;
-    char type;
-};
-struct IndicatorEntry {
-    std::string row, col;
-    int value;
-};
-struct PartialEntry {
-    std::string col;
-    double limit;
-};
-constexpr double kFreeRowBound = -1e19;
-struct EntitySections {
-    std::vector<SosHeader> sets;
-    std::vector<SosEntry> members;
-    std::vector<IndicatorEntry> indicators;
-    std::vector<PartialEntry> partial;
-    std::vector<std::string> free_rows;
-    std::vector<std::vector<std::string>> gencons;  // lines of GENCONS and PWLCONS, as tokens
-    bool any = false;
-};
-
 std::vector<std::string> tokens(const std::string& line) {
     std::vector<std::string> out;
     size_t i = 0;
@@ -196,82 +172,50 @@ std::vector<std::string> tokens(const std::string& line) {
     return out;
 }
 
-// Takes the SOS and INDICATORS sections out of an MPS file. Returns the name of a temporary
-// copy without them for HiGHS to read, or "" when the file has none.
+// Takes the engine's own sections and blank lines (HiGHS's fixed-format reader never returns
+// from a blank line) out of an MPS file. Returns the name of a temporary copy without them for
+// HiGHS to read, or "" when the file has none.
 std::string strip_entity_sections(const std::string& file, EntitySections& found) {
     std::FILE* f = std::fopen(file.c_str(), "rb");
     if (!f) fail("Could not open problem file %s", file.c_str());
     std::string rest, line;
-    enum { kOther, kSos, kIndicators, kPartial, kFree, kGencons } section = kOther;
+    EntitySection section = EntitySection::kNone;
     int c, lineno = 0;
-    bool more = true;
+    bool more = true, blank_lines = false;
+    struct Close {
+        std::FILE* f;
+        ~Close() { std::fclose(f); }
+    } close{f};
     while (more) {
         line.clear();
         while ((c = std::fgetc(f)) != EOF && c != '\n') line.push_back(static_cast<char>(c));
         more = c != EOF;
         if (!more && line.empty()) break;
         std::vector<std::string> t = tokens(line);
-        bool header = !line.empty() && !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
         ++lineno;
-        if (header && t[0] == kNonlinearSection) {
-            std::fclose(f);
+        if (t.empty()) {
+            blank_lines = true;
+            continue;
+        }
+        bool header = !std::isspace(static_cast<unsigned char>(line[0])) && line[0] != '*';
+        if (header && t[0] == kNonlinearSection)
             fail("%s holds the nonlinear problem sections from line %d on; it is read through the "
                  "nonlinear library", file.c_str(), lineno);
-        }
         if (header) {
-            section = t[0] == "SOS" ? kSos : t[0] == "INDICATORS" ? kIndicators
-                    : t[0] == "PARTIALINTEGER" ? kPartial : t[0] == "FREEROWS" ? kFree
-                    : is_gencons_section(t[0]) ? kGencons : kOther;
-            if (section != kOther) {
+            section = entity_section_of(t[0]);
+            if (section != EntitySection::kNone) {
                 found.any = true;
                 continue;
             }
         }
-        if (section == kOther || t.empty() || line[0] == '*') {
+        if (section == EntitySection::kNone || t.empty() || line[0] == '*') {
             rest += line;
             rest += '\n';
             continue;
         }
-        if (section == kGencons) {
-            found.gencons.push_back(t);
-        } else if (section == kFree) {
-            if (t.size() != 1) {
-                std::fclose(f);
-                fail("Unreadable FREEROWS line in %s: %.80s", file.c_str(), line.c_str());
-            }
-            found.free_rows.push_back(t[0]);
-        } else if (section == kPartial) {
-            if (t.size() != 2) {
-                std::fclose(f);
-                fail("Unreadable PARTIALINTEGER line in %s: %.80s", file.c_str(), line.c_str());
-            }
-            char* end = nullptr;
-            double limit = std::strtod(t[1].c_str(), &end);
-            if (!end || *end) {
-                std::fclose(f);
-                fail("Unreadable PARTIALINTEGER line in %s: %.80s", file.c_str(), line.c_str());
-            }
-            found.partial.push_back({t[0], limit});
-        } else if (section == kSos) {
-            if ((t[0] == "S1" || t[0] == "S2") && t.size() >= 3) {
-                found.sets.push_back({t[2], t[0][1]});
-            } else if (found.sets.empty()) {
-                std::fclose(f);
-                fail("SOS member before any set in %s", file.c_str());
-            } else if (t.size() >= 3) {
-                found.members.push_back({t[0], t[1], std::strtod(t[2].c_str(), nullptr)});
-            } else if (t.size() == 2) {
-                found.members.push_back({found.sets.back().name, t[0], std::strtod(t[1].c_str(), nullptr)});
-            }
-        } else if (t.size() >= 4 && t[0] == "IF") {
-            found.indicators.push_back({t[1], t[2], std::atoi(t[3].c_str())});
-        } else {
-            std::fclose(f);
-            fail("Unreadable INDICATORS line in %s: %.80s", file.c_str(), line.c_str());
-        }
+        entity_line(section, t, line, file, found);
     }
-    std::fclose(f);
-    if (!found.any) return "";
+    if (!found.any && !blank_lines) return "";
     const char* dir = std::getenv("TMPDIR");
     std::string tmpl = std::string(dir && *dir ? dir : "/tmp") + "/trvoreadXXXXXX.mps";
     std::vector<char> path(tmpl.begin(), tmpl.end());
@@ -285,54 +229,6 @@ std::string strip_entity_sections(const std::string& file, EntitySections& found
         fail("Could not write a temporary file to read %s", file.c_str());
     }
     return std::string(path.data());
-}
-
-// Resolves the sections' names against the columns and rows read by HiGHS.
-void load_entity_sections(const EntitySections& found, trvo_problem_s& target) {
-    std::unordered_map<std::string, size_t> set_index;
-    for (const auto& h : found.sets) {
-        if (set_index.count(h.name)) fail("Set %s is defined twice", h.name.c_str());
-        set_index[h.name] = target.sets.size();
-        Sos s;
-        s.type = h.type;
-        target.sets.push_back(s);
-        target.setnames.resize(target.sets.size());
-        target.setnames.set(static_cast<int>(target.sets.size()) - 1, h.name);
-    }
-    for (const auto& m : found.members) {
-        auto it = set_index.find(m.set);
-        if (it == set_index.end()) fail("SOS member of an unknown set %s", m.set.c_str());
-        int col = target.colnames.find(m.col);
-        if (col < 0) fail("SOS member %s is not a column", m.col.c_str());
-        target.sets[it->second].cols.push_back(col);
-        target.sets[it->second].weights.push_back(m.weight);
-    }
-    for (const auto& e : found.indicators) {
-        int row = target.rownames.find(e.row), col = target.colnames.find(e.col);
-        if (row < 0) fail("Indicator row %s is not a row", e.row.c_str());
-        if (col < 0) fail("Indicator column %s is not a column", e.col.c_str());
-        if (e.value != 0 && e.value != 1) fail("Indicator value of row %s must be 0 or 1", e.row.c_str());
-        target.indicators[row] = Indicator{col, e.value == 1 ? 1 : -1};
-    }
-    if (!found.gencons.empty()) gencons_from_file_lines(found.gencons, target);
-    for (const auto& r : found.free_rows) {
-        int row = target.rownames.find(r);
-        if (row < 0) fail("Free row %s is not a row", r.c_str());
-        size_t s = static_cast<size_t>(row);
-        if (target.rowtype[s] != 'G' || target.rhs[s] != kFreeRowBound) fail("Row %s is not written as a free row", r.c_str());
-        target.rowtype[s] = 'N';
-        target.rhs[s] = 0;
-        target.range[s] = 0;
-    }
-    for (const auto& e : found.partial) {
-        int col = target.colnames.find(e.col);
-        if (col < 0) fail("Partial integer column %s is not a column", e.col.c_str());
-        size_t s = static_cast<size_t>(col);
-        if (target.coltype[s] != 'C' || !std::isfinite(e.limit))
-            fail("Column %s cannot be partial integer", e.col.c_str());
-        target.coltype[s] = 'P';
-        target.limit[s] = e.limit;
-    }
 }
 
 // Writes the problem through HiGHS and appends the engine's own sections. With `extra` (the
@@ -634,22 +530,27 @@ size_t check_problem_file(const std::string& name, bool lp, bool* engine_section
     return longest;
 }
 
-void read_problem(TRVOprob p, const char* filename, const char* flags) {
-    std::string name = file_to_read(filename, flags);
-    const bool lp = read_as_lp(name, flags);
+// Reads a file through HiGHS's reader into scratch: LP files, and MPS files the engine's own
+// reader leaves to HiGHS. `why`: the engine reader's message for a file HiGHS cannot read either.
+void read_through_highs(const std::string& name, bool lp, trvo_problem_s& scratch, EntitySections& entities,
+                        const std::string& why) {
     bool engine_sections = false;
     const size_t longest_line = check_problem_file(name, lp, &engine_sections);
-    EntitySections entities;
     std::string stripped;
-    if (!lp && engine_sections) stripped = strip_entity_sections(name, entities);
+    // The engine's reader leaves few MPS files to HiGHS: each gets the pass that takes out
+    // the engine's sections and blank lines.
+    (void)engine_sections;
+    if (!lp) stripped = strip_entity_sections(name, entities);
     struct RemoveTemp {
         const std::string& path;
         ~RemoveTemp() { if (!path.empty()) std::remove(path.c_str()); }
     } remove_temp{stripped};
     Instance inst;
     void* h = inst.h;
-    if (Highs_readModel(h, (stripped.empty() ? name : stripped).c_str()) == kHighsStatusError)
+    if (Highs_readModel(h, (stripped.empty() ? name : stripped).c_str()) == kHighsStatusError) {
+        if (!why.empty()) fail("%s", why.c_str());
         fail("Could not read problem file %s", name.c_str());
+    }
     HighsInt ncol = Highs_getNumCol(h), nrow = Highs_getNumRow(h), nnz = Highs_getNumNz(h),
              qnz = Highs_getHessianNumNz(h);
     // The model comes over row-wise, straight into the arrays the store keeps.
@@ -666,22 +567,10 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
                        ru.data(), as.data(), ai.data(), av.data(), qs.data(), qi.data(), qv.data(),
                        integ.data()) == kHighsStatusError)
         fail("Could not read the model of %s", name.c_str());
-    trvo_problem_s scratch;  // a failure leaves the target untouched
-    scratch.magic = kProblemMagic;
     scratch.rowtype.resize(static_cast<size_t>(nrow));
     scratch.rhs.resize(static_cast<size_t>(nrow));
     scratch.range.assign(static_cast<size_t>(nrow), 0.0);
-    for (HighsInt i = 0; i < nrow; ++i) {
-        size_t s = static_cast<size_t>(i);
-        char& t = scratch.rowtype[s];
-        double& rhs = scratch.rhs[s];
-        bool lo = std::isfinite(rl[s]) && rl[s] > -kInf, up = std::isfinite(ru[s]) && ru[s] < kInf;
-        if (!lo && !up) { t = 'N'; rhs = 0; }
-        else if (lo && up && rl[s] == ru[s]) { t = 'E'; rhs = ru[s]; }
-        else if (!lo) { t = 'L'; rhs = ru[s]; }
-        else if (!up) { t = 'G'; rhs = rl[s]; }
-        else { t = 'R'; rhs = ru[s]; scratch.range[s] = ru[s] - rl[s]; }
-    }
+    for (HighsInt i = 0; i < nrow; ++i) store_row_bounds(scratch, static_cast<size_t>(i), rl[static_cast<size_t>(i)], ru[static_cast<size_t>(i)]);
     rl = std::vector<double>();
     ru = std::vector<double>();
     for (auto& v : cl) if (v <= -kInf) v = -kInf;
@@ -726,6 +615,34 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
         if (Highs_getColName(h, j, buf.data()) != kHighsStatusError) scratch.colnames.set(j, buf.data());
     for (HighsInt i = 0; i < nrow; ++i)
         if (Highs_getRowName(h, i, buf.data()) != kHighsStatusError) scratch.rownames.set(i, buf.data());
+}
+
+double thread_cpu_seconds() {
+    timespec ts;
+    if (clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts) != 0) return 0;
+    return static_cast<double>(ts.tv_sec) + 1e-9 * static_cast<double>(ts.tv_nsec);
+}
+
+void read_problem(TRVOprob p, const char* filename, const char* flags) {
+    const auto wall0 = std::chrono::steady_clock::now();
+    const double cpu0 = thread_cpu_seconds();
+    std::string name = file_to_read(filename, flags);
+    const bool lp = read_as_lp(name, flags);
+    // The file is read into a scratch problem: a failure leaves the target untouched.
+    auto fresh = [] {
+        auto s = std::make_unique<trvo_problem_s>();
+        s->magic = kProblemMagic;
+        return s;
+    };
+    std::unique_ptr<trvo_problem_s> held = fresh();
+    EntitySections entities;
+    std::string why;
+    if (lp || read_mps_file(name, *held, entities, why) == MpsRead::kUseHighs) {
+        held = fresh();
+        entities = EntitySections();
+        read_through_highs(name, lp, *held, entities, why);
+    }
+    trvo_problem_s& scratch = *held;
     if (entities.any) load_entity_sections(entities, scratch);
     if (lp) apply_lp_notes(name, scratch);
     std::string base = name.substr(name.find_last_of('/') == std::string::npos ? 0 : name.find_last_of('/') + 1);
@@ -747,6 +664,12 @@ void read_problem(TRVOprob p, const char* filename, const char* flags) {
     p->gencons.swap(scratch.gencons);
     p->pwlcons.swap(scratch.pwlcons);
     results_resize(p);
+    char msg[512];
+    std::snprintf(msg, sizeof msg, "Read %.300s: %d rows, %d columns, %lld elements in %.3fs (cpu %.3fs)", name.c_str(),
+                  p->nrows(), p->ncols(), static_cast<long long>(p->matrix.nnz()),
+                  std::chrono::duration<double>(std::chrono::steady_clock::now() - wall0).count(),
+                  thread_cpu_seconds() - cpu0);
+    emit_message(p, msg, 1, TRVO_MSG_READ);
 }
 
 }  // namespace

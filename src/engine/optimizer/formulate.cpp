@@ -293,6 +293,9 @@ void row_bounds(TRVOprob p, int i, double& lo, double& up) {
 
 void formulate(TRVOprob p, bool mip, HighsModel& out, bool borrow) {
     const int n = p->ncols(), m = p->nrows();
+    // A hand-over for a solve: the copies below and HiGHS's run then reuse the pages the
+    // build's temporaries left behind, or get fresh ones, instead of adding to them.
+    if (borrow) release_free_heap(static_cast<int64_t>(n) + m + p->matrix.nnz());
     Builder b(p);
     b.lo = p->lb;
     b.up = p->ub;

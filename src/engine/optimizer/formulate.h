@@ -49,8 +49,10 @@ struct HighsModel {
     }
 
     // Frees the arrays once HiGHS holds its own copy, so the solve does not run with the
-    // model stored a third time; the dimensions and the sign stay.
+    // model stored a third time, and returns their pages to the system; the dimensions and
+    // the sign stay.
     void release_arrays() {
+        const int64_t items = static_cast<int64_t>(ncol) + nrow + num_nz();
         HighsModel kept;
         kept.ncol = ncol;
         kept.nrow = nrow;
@@ -58,6 +60,7 @@ struct HighsModel {
         kept.offset = offset;
         kept.discrete = discrete;
         *this = std::move(kept);
+        release_free_heap(items);
     }
 };
 

@@ -10,6 +10,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace trvo {
 
@@ -210,6 +213,36 @@ void results_resize(TRVOprob p) {
         r.mipslack.assign(m, 0.0);
         r.have_lp = r.have_mip = r.have_duals = false;
     }
+}
+
+void release_free_heap(int64_t items) {
+    // Trimming walks the heaps' free lists (a few milliseconds after a million-row build);
+    // small models are solved again and again, by callbacks and tests, and gain nothing.
+    constexpr int64_t kTrimItems = 65536;
+    if (items < kTrimItems) return;
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
+
+void results_drop_unfit(TRVOprob p) {
+    p->mipents = -1;
+    auto& r = p->results;
+    size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
+    if (r.x.size() == n && r.dj.size() == n && r.mipx.size() == n && r.slack.size() == m &&
+        r.dual.size() == m && r.mipslack.size() == m)
+        return;
+    for (auto* v : {&r.x, &r.dj, &r.mipx, &r.slack, &r.dual, &r.mipslack}) std::vector<double>().swap(*v);
+    r.have_lp = r.have_mip = r.have_duals = false;
+}
+
+void results_fit(TRVOprob p) {
+    auto& r = p->results;
+    size_t n = static_cast<size_t>(p->ncols()), m = static_cast<size_t>(p->nrows());
+    for (auto* v : {&r.x, &r.dj, &r.mipx})
+        if (v->size() != n) v->assign(n, 0.0);
+    for (auto* v : {&r.slack, &r.dual, &r.mipslack})
+        if (v->size() != m) v->assign(m, 0.0);
 }
 
 int64_t mip_entities(TRVOprob p) {

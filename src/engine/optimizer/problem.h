@@ -246,6 +246,18 @@ bool message_shown(TRVOprob p, int number);
 // Sizes the result vectors to the problem; results whose dimensions no longer fit are
 // zeroed and marked unavailable. Called where results are about to be written (O(size)).
 void results_resize(TRVOprob p);
+// Returns the free pages of the C heap to the system when a model of `items` columns, rows
+// and entries is about to be handed to HiGHS (below a size where it matters, nothing is done).
+// Building a large model frees many temporaries whose memory the allocator keeps; HiGHS's run
+// allocates on threads of its own, from other heaps, so without this the solve's peak carries
+// that freed memory on top of HiGHS's own.
+void release_free_heap(int64_t items);
+// At the start of a solve: marks the problem's entity count for recounting and, when the
+// result vectors no longer fit the problem, frees them and marks the results unavailable.
+void results_drop_unfit(TRVOprob p);
+// Sizes each result vector that does not fit the problem (zeros), leaving the others and the
+// availability marks alone: the solve then writes the results it has.
+void results_fit(TRVOprob p);
 // After a structural change: drops results whose dimensions no longer fit without
 // touching the vectors' contents, so adding one row or column costs O(1).
 void results_invalidate(TRVOprob p);

@@ -407,7 +407,9 @@ HighsInt check_uncapped_semicontinuous(TRVOprob p, HighsInt ms, const char* flag
 void optimize(TRVOprob p, const char* flags, bool mip) {
     auto t0 = std::chrono::steady_clock::now();
     p->stop_request.store(0);
-    results_resize(p);
+    // Result vectors of the wrong size are freed now and sized once HiGHS's run is over, so
+    // they do not add to the run's peak.
+    results_drop_unfit(p);
     Results& r = p->results;
     r.stopstatus = TRVO_STOP_NONE;
     r.simplexiter = r.bariter = r.nodes = r.mipsols = 0;
@@ -423,6 +425,7 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
     const search::Hooks hooks = node_hooks(p);
     if (use_tree_search(p, mip, needs_search, hooks)) {
         require_served(p, SolvePath::TreeSearch);
+        results_resize(p);
         optimize_by_search(p, mip_call, mip, hooks, t0);
         return;
     }
@@ -535,6 +538,8 @@ void optimize(TRVOprob p, const char* flags, bool mip) {
         p->nrows() != nrows_before)
         fail("The problem was changed during its solve (columns or rows added or deleted by a callback); "
              "its results are not available");
+    // The run is over: the results take their room now (HiGHS's working memory is freed).
+    results_fit(p);
     {
         // Read before a crossover run of the engine's own resets HiGHS's counts.
         HighsInt bar = 0;

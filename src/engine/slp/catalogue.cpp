@@ -94,6 +94,7 @@ const Entry entries[] = {
     {"TSLP_THREADSAFEUSERFUNC", TSLP_THREADSAFEUSERFUNC, INT | CONTROL, 0},
     {"TSLP_QUASINEWTON", TSLP_QUASINEWTON, INT | CONTROL, 1},
     {"TSLP_STEPSOLVER", TSLP_STEPSOLVER, INT | CONTROL, 0},
+    {"TSLP_QPWARMSTART", TSLP_QPWARMSTART, INT | CONTROL, 1},
     {"", 0, 0, 0},
 };
 const int n_entries = sizeof entries / sizeof entries[0];

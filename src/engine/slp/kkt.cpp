@@ -54,14 +54,22 @@ double col_bound(double v) {
 // pivot per row, each O(rows), while the interior-point solver stays linear.
 constexpr int kSparseMultiplierRows = 2000;
 
-// The interior-point solver takes the least-violation problem in its l1 form: one row per
-// stationary column, a'y + p - q = c_j with p, q >= 0 priced 1 (0 on the side the column's
-// bound absorbs), min sum p + q. The l-infinity form the simplex method solves pairs two rows
-// with the same a' per column and couples them all through t: the normal matrix is then
-// singular but for the row slacks, which vanish at the optimum, and the iterations stall. At
-// a KKT point both optima are 0; elsewhere the certificate measures the residual again from
-// the multipliers, so the form only decides how small it gets, never whether it is reported.
-constexpr double kSparseMultiplierTol = 1e-9;
+// The interior-point solver fits the multipliers in the least-total-violation (l1) sense:
+// min sum_j p_j + q_j subject to a_j'y + p_j - q_j = c_j for each stationary column j, p, q >= 0
+// (priced 0 on the side the column's bound absorbs). It solves that problem's dual instead:
+//     max c'w  subject to  sum_j a_j w_j = 0 for a free multiplier (<= 0 for y >= 0, >= 0 for
+//     y <= 0),  -[q priced] <= w_j <= [p priced],
+// whose row duals are the multipliers (with the sign of a minimisation of -c'w reversed). The
+// dual has only boxed columns: the fit itself has a free column for every equality row, and
+// an interior-point method recovers a free column's step as the difference of two large
+// nearly equal terms, which near the optimum is noise (the fits stalled that way). The
+// l-infinity form the simplex method solves pairs two rows with the same a' per column and
+// couples them all through t, which the interior-point method handles no better. At a KKT
+// point the optimum is 0 either way; elsewhere the certificate measures the residual again
+// from the multipliers, so the form only decides how small it gets, never whether it is
+// reported. The fit is solved to kSparseMultiplierTol, or a thousandth of the KKT tolerance
+// when that is finer: its residuals then move the certificate by a thousandth of its bound.
+constexpr double kSparseMultiplierTol = 1e-8;
 
 // Multipliers by the sparse interior-point solver from the l-infinity LP's arrays (columns:
 // the multipliers, then t; rows: two per stationary column, see estimate_multipliers); false
@@ -74,42 +82,62 @@ bool sparse_multipliers(TSLPprob prob, int ny, const std::vector<HighsInt>& star
                         bool large, std::vector<double>& y) {
     const int nstat = (int)rlo.size() / 2;
     SparseLp lp;
-    lp.ncol = ny + 2 * nstat;
-    lp.nrow = nstat;
-    lp.cost.assign(lp.ncol, 0.0);
-    lp.collo.assign(lp.ncol, 0.0);
-    lp.colup.assign(lp.ncol, INFINITY);
-    lp.rowlo.resize(nstat);
-    lp.rowup.resize(nstat);
-    lp.start.assign(1, 0);
-    for (int i = 0; i < ny; ++i) {
-        lp.collo[i] = clo[i];
-        lp.colup[i] = cup[i];
-        for (HighsInt e = start[i]; e < start[i + 1]; ++e)
-            if (index[e] % 2 == 0) {
-                lp.index.push_back((int)(index[e] / 2));
-                lp.value.push_back(value[e]);
-            }
-        lp.start.push_back((int)lp.index.size());
-    }
+    lp.ncol = nstat;
+    lp.nrow = ny;
+    lp.cost.resize(nstat);
+    lp.collo.resize(nstat);
+    lp.colup.resize(nstat);
     for (int k = 0; k < nstat; ++k) {
-        // d = c_j - a'y = p - q; rup[2k] infinite lets d go below 0 freely, rlo[2k+1] above.
+        // rup[2k] finite: the column's reduced cost may not go below 0 freely (q priced);
+        // rlo[2k+1] finite: nor above (p priced).
         double cj = std::isfinite(rup[2 * k]) ? rup[2 * k] : rlo[2 * k + 1];
-        lp.rowlo[k] = lp.rowup[k] = cj;
-        lp.cost[ny + 2 * k] = std::isfinite(rlo[2 * k + 1]) ? 1.0 : 0.0;       // p: d > 0
-        lp.cost[ny + 2 * k + 1] = std::isfinite(rup[2 * k]) ? 1.0 : 0.0;       // q: d < 0
-        lp.index.push_back(k);
-        lp.value.push_back(1.0);
-        lp.start.push_back((int)lp.index.size());
-        lp.index.push_back(k);
-        lp.value.push_back(-1.0);
-        lp.start.push_back((int)lp.index.size());
+        lp.cost[k] = -cj;
+        lp.collo[k] = std::isfinite(rup[2 * k]) ? -1.0 : 0.0;
+        lp.colup[k] = std::isfinite(rlo[2 * k + 1]) ? 1.0 : 0.0;
+    }
+    lp.rowlo.resize(ny);
+    lp.rowup.resize(ny);
+    for (int i = 0; i < ny; ++i) {
+        const bool nonneg = std::isfinite(clo[i]) && !std::isfinite(cup[i]);
+        const bool nonpos = std::isfinite(cup[i]) && !std::isfinite(clo[i]);
+        lp.rowlo[i] = nonneg ? -INFINITY : 0.0;   // y >= 0: a'w <= 0
+        lp.rowup[i] = nonpos ? INFINITY : 0.0;    // y <= 0: a'w >= 0
+    }
+    // The fit's matrix transposed: column k of the dual holds the entries of stationary
+    // column k (LP row 2k) of every multiplier.
+    lp.start.assign(nstat + 1, 0);
+    for (int i = 0; i < ny; ++i)
+        for (HighsInt e = start[i]; e < start[i + 1]; ++e)
+            if (index[e] % 2 == 0) ++lp.start[index[e] / 2 + 1];
+    for (int k = 0; k < nstat; ++k) lp.start[k + 1] += lp.start[k];
+    lp.index.resize(lp.start[nstat]);
+    lp.value.resize(lp.start[nstat]);
+    {
+        std::vector<int> fill(lp.start.begin(), lp.start.end() - 1);
+        for (int i = 0; i < ny; ++i)
+            for (HighsInt e = start[i]; e < start[i + 1]; ++e)
+                if (index[e] % 2 == 0) {
+                    int k = (int)(index[e] / 2);
+                    lp.index[fill[k]] = i;
+                    lp.value[fill[k]++] = value[e];
+                }
     }
     SparseLpSolution sol;
     auto stop = [prob]() { return prob->interrupt.load() != 0; };
-    auto st = sparse_lp_solve(lp, kSparseMultiplierTol, stop, sol, true);
-    if (st != SparseStatus::Optimal && (st != SparseStatus::Failed || (int)sol.colval.size() < ny)) return false;
-    y.assign(sol.colval.begin(), sol.colval.begin() + ny);
+    int threads = 0;
+    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
+    const double tol = std::min(kSparseMultiplierTol, 1e-3 * dbl_control(prob, TSLP_KKTTOL));
+    auto st = sparse_lp_solve(lp, tol, stop, sol, true, sparse_threads(threads));
+    if (st == SparseStatus::Optimal || st == SparseStatus::Failed)
+        logf(prob, 2, "    multipliers: interior-point fit %s after %d iterations",
+             st == SparseStatus::Optimal ? "converged" : "stopped short of convergence", sol.iterations);
+    if (st != SparseStatus::Optimal && (st != SparseStatus::Failed || (int)sol.rowdual.size() < ny)) return false;
+    y.resize(ny);
+    for (int i = 0; i < ny; ++i) {
+        // Within the multiplier's bounds (the solver's duals meet their signs only to its
+        // tolerance).
+        y[i] = std::min(cup[i], std::max(clo[i], -sol.rowdual[i]));
+    }
     // Multipliers that certify x are as good as any (a run that stalled near the optimum, with
     // free multipliers of dependent rows drifting along the optimal face, gives such too).
     if (good(y)) return true;

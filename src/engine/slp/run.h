@@ -57,6 +57,29 @@ private:
     // Small models take the exact Hessian of the Lagrangian (second_order.cpp) instead of BFGS.
     bool exact_h = false;
     bool lagrangian_hessian(const std::vector<double>& lam);
+    bool lagpat_ready = false;
+    SparsePattern lagpat;                  // the Lagrangian's Hessian on qcols positions
+    std::vector<int> lagorder, lagcstart;  // positions by colour
+    void prepare_lagrangian_pattern();
+    // QP step problems (second_order.cpp): HiGHS's QP solver starts from no step instead of a
+    // phase-one LP (TSLP_QPWARMSTART), and every answer is made exact on its active set.
+    static constexpr double kQpRegularisation = 1e-8;   // diagonal entry of every column
+    bool qp_warm = true;
+    long qp_warm_exact = 0, qp_cold_exact = 0, qp_inexact = 0;   // QP answers by how they were had
+    // The answers are made exact by a dense factorisation of at most ncolLP + nrowLP unknowns,
+    // O(N^3): cheap next to the QP solve on small step problems, not attempted on larger ones,
+    // which are solved from HiGHS's own start only.
+    bool qp_small() const { return ncolLP + nrowLP <= 150; }
+    bool qp_start();
+    enum { kQpInexact = 0, kQpExact = 1, kQpTied = 2 };
+    int qp_polish(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                  std::vector<double>& rd);
+    int qp_guess(std::vector<double>& cv, std::vector<double>& cd, std::vector<double>& rv,
+                 std::vector<double>& rd);
+    int qp_exact_on(const std::vector<int>& cs, const std::vector<int>& rs, std::vector<double>& cv,
+                    std::vector<double>& cd, std::vector<double>& rv, std::vector<double>& rd);
+    std::vector<int> guess_cs, guess_rs;   // active set (HiGHS's basis statuses) of the last exact answer
+    long qp_guessed = 0;
     // Separable curvature on large problems, where a dense model does not fit. The diagonal of
     // the Lagrangian's Hessian (exact for the quadratic objective, by differences of the rows'
     // exact gradients for the rest, each row's share cut to its positive semidefinite part)

@@ -893,6 +893,9 @@ RunResult Run::solve(const std::vector<double>& x0) {
     res.stopstatus = stop;
     res.iter = iter;
     res.simplexiter = (int)simplex_total;
+    if (qp_guessed + qp_warm_exact + qp_cold_exact + qp_inexact > 0)
+        logf(prob, 2, "QP step problems: %ld exact on the last active set, %ld exact from no step, %ld exact from "
+             "HiGHS's own start, %ld as HiGHS solved them", qp_guessed, qp_warm_exact, qp_cold_exact, qp_inexact);
     double f_end = E.objective(x.data(), nullptr);
     res.objval = f_end;
     double vs;

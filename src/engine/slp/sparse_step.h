@@ -8,7 +8,8 @@
 // step problem to high accuracy. A few dense columns (one in every row, say) stay out of the
 // normal matrix and come back through a low-rank correction of each solve. Problems whose
 // normal matrix would still fill in (many dense columns, wide envelopes) are declined; the
-// caller then uses HiGHS.
+// caller then uses HiGHS. Large problems are split into two halves of rows that no column
+// couples and a small separator: the halves are factored, solved and updated on two threads.
 #pragma once
 
 #include <functional>
@@ -37,9 +38,15 @@ enum class SparseStatus { Optimal, Declined, Failed, Stopped };
 
 // Solves lp to relative primal and dual residuals and a relative gap of `tol`. `stop` is
 // polled once per iteration. With `keep_best`, a run that makes no progress for a while stops
-// (Failed) and leaves the column values of its best iterate (least of the three relative
-// measures) in sol.colval, for callers that can judge such a point themselves.
+// (Failed) and leaves the column values and row duals of its best iterate (least of the three
+// relative measures) in sol.colval and sol.rowdual, for callers that can judge such a point
+// themselves. With `threads`
+// 2 or more, large problems are solved on two threads; the results are the same as on one.
 SparseStatus sparse_lp_solve(const SparseLp& lp, double tol, const std::function<bool()>& stop,
-                             SparseLpSolution& sol, bool keep_best = false);
+                             SparseLpSolution& sol, bool keep_best = false, int threads = 1);
+
+// The threads the solver uses for the value of the threads control (0 automatic: two when
+// the machine has two or more hardware threads).
+int sparse_threads(int control);
 
 }  // namespace slp

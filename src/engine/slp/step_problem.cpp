@@ -65,6 +65,7 @@ void Run::build() {
     if (use_h) Highs_setIntOptionValue(h, "simplex_dual_edge_weight_strategy", 0);
     Highs_setIntOptionValue(h, "qp_iteration_limit", 200 + 20 * (HighsInt)(m.ncols + m.nrows));
     Highs_setDoubleOptionValue(h, "qp_regularization_value", 0.0);   // the step problem carries its own
+    qp_warm = int_control(prob, TSLP_QPWARMSTART) != 0;
     Highs_setDoubleOptionValue(h, "primal_feasibility_tolerance",
                                std::min(1e-9, dbl_control(prob, TSLP_FEASTOL) * 0.1));
 
@@ -209,11 +210,13 @@ void Run::update_lp() {
     }
     bool curvature = use_b && have_b && !skip_b;
     if (curvature) {
-        // 1/2 d' B d on the curvature columns. Every column gets a diagonal entry, at least a
-        // tiny positive one: HiGHS's QP path expects a diagonal entry first in each column
-        // (columns without one have made it read and write out of bounds), and a strictly
-        // convex step problem has a unique solution.
-        const double reg = 1e-8;
+        // 1/2 d' (B + reg I) d, B on the curvature columns. Every column gets a diagonal entry:
+        // HiGHS's QP path expects a diagonal entry first in each column (columns without one
+        // have made it read and write out of bounds), and a strictly convex step problem has a
+        // unique solution (B, cut to its positive semidefinite part, may be singular; with a
+        // singular Hessian HiGHS's QP solver reports non-convexity when it starts from a point
+        // with free columns).
+        const double reg = kQpRegularisation;
         size_t K = qcols.size();
         std::vector<HighsInt> start(ncolLP + 1, 0), index;
         std::vector<double> value;
@@ -222,7 +225,7 @@ void Run::update_lp() {
             if (c < K && qcols[c] == j) {
                 for (size_t c2 = c; c2 < K; ++c2) {
                     double v = B[c2 * K + c];
-                    if (c2 == c) v = std::max(v, reg);
+                    if (c2 == c) v += reg;
                     if (v != 0.0 || c2 == c) {
                         index.push_back(qcols[c2]);
                         value.push_back(v);
@@ -292,23 +295,87 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
     int sparse = sparse_step(cv, cd, rv, rd);
     if (sparse == 1) return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
     if (sparse == 2) return 3;
-    HighsInt rc = Highs_run(h);
-    if (rc == kHighsStatusError && auto_threads) {
-        // HiGHS's scheduler was started with another thread count than its automatic one:
-        // leave the count to HiGHS from now on.
-        auto_threads = false;
-        Highs_setIntOptionValue(h, "threads", 0);
-        rc = Highs_run(h);
-    }
-    HighsInt ms = Highs_getModelStatus(h);
-    HighsInt it = 0;
-    Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
-    simplex_total += it;
-    if (hessian_passed) {   // a QP step problem's active-set iterations count as its pivots
-        it = 0;
+    // A QP step problem is solved from one start and, unless its answer can be made exact on
+    // its active set (second_order.cpp), from the other: from no step first (TSLP_QPWARMSTART,
+    // the default) or from HiGHS's own phase-one LP first. An exact answer is the QP's unique
+    // solution whichever start found it. Without one, or when the QP is tied (its solution
+    // hangs on the regularisation, so that any exact answer is as arbitrary as another), the
+    // answer from HiGHS's own start is taken as HiGHS gives it. So the order changes the time
+    // only, never the step. With TSLP_QPWARMSTART, the last exact answer's active set is tried
+    // before any QP solve (second_order.cpp).
+    struct Answer {
+        HighsInt rc = kHighsStatusError, ms = kHighsModelStatusNotset;
+        bool ran = false, read = false;
+        int quality = kQpInexact;
+        std::vector<double> cv, cd, rv, rd;
+    };
+    Answer warm_answer, cold_answer;
+    auto run_qp = [&](bool hot, Answer& a) {
+        if (hessian_passed) Highs_setBoolOptionValue(h, "qp_allow_hot_start", hot);
+        a.ran = true;
+        a.rc = Highs_run(h);
+        if (a.rc == kHighsStatusError && auto_threads) {
+            // HiGHS's scheduler was started with another thread count than its automatic one:
+            // leave the count to HiGHS from now on.
+            auto_threads = false;
+            Highs_setIntOptionValue(h, "threads", 0);
+            a.rc = Highs_run(h);
+        }
+        a.ms = Highs_getModelStatus(h);
+        HighsInt it = 0;
+        Highs_getIntInfoValue(h, "simplex_iteration_count", &it);
+        simplex_total += it;
+        if (!hessian_passed) return;
+        it = 0;   // a QP step problem's active-set iterations count as its pivots
         Highs_getIntInfoValue(h, "qp_iteration_count", &it);
         simplex_total += it;
+        if (a.ms != kHighsModelStatusOptimal || a.rc == kHighsStatusError) return;
+        a.cv.resize(ncolLP);
+        a.cd.resize(ncolLP);
+        a.rv.resize(nrowLP);
+        a.rd.resize(nrowLP);
+        Highs_getSolution(h, a.cv.data(), a.cd.data(), a.rv.data(), a.rd.data());
+        a.read = true;
+        a.quality = qp_polish(a.cv, a.cd, a.rv, a.rd);
+    };
+    Answer* chosen = &cold_answer;
+    Answer guess;
+    if (!hessian_passed) {
+        run_qp(false, cold_answer);
+    } else if (qp_warm && qp_guess(guess.cv, guess.cd, guess.rv, guess.rd) == kQpExact) {
+        // The last exact answer's active set is still optimal: no QP solve.
+        guess.rc = kHighsStatusOk;
+        guess.ms = kHighsModelStatusOptimal;
+        guess.ran = guess.read = true;
+        guess.quality = kQpExact;
+        chosen = &guess;
+        ++qp_guessed;
+    } else {
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            bool hot = qp_warm == (attempt == 0);
+            if (hot && !qp_start()) continue;   // no consistent start at no step: HiGHS's own only
+            Answer& a = hot ? warm_answer : cold_answer;
+            run_qp(hot, a);
+            if (a.quality == kQpExact) {
+                chosen = &a;
+                ++(hot ? qp_warm_exact : qp_cold_exact);
+                break;
+            }
+            if (a.quality == kQpTied) break;
+        }
+        if (chosen->quality != kQpExact) {
+            if (!cold_answer.ran) run_qp(false, cold_answer);
+            ++qp_inexact;
+        }
     }
+    HighsInt rc = chosen->rc;
+    if (chosen->read) {
+        cv.swap(chosen->cv);
+        cd.swap(chosen->cd);
+        rv.swap(chosen->rv);
+        rd.swap(chosen->rd);
+    }
+    HighsInt ms = chosen->ms;
     if (ms == kHighsModelStatusIterationLimit && hessian_passed && !prob->interrupt.load() && !out_of_time()) {
         // The active-set QP solver can cycle: its iteration limit sends us back to a linear step.
         last_highs = "QP iteration limit";
@@ -323,11 +390,13 @@ int Run::solve_lp(std::vector<double>& xlp, std::vector<double>& rowdual, std::v
         last_highs = "run status " + std::to_string((int)rc) + ", model status " + std::to_string((int)ms);
         return 4;
     }
-    cv.resize(ncolLP);
-    cd.resize(ncolLP);
-    rv.resize(nrowLP);
-    rd.resize(nrowLP);
-    Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    if (!hessian_passed || cv.size() != (size_t)ncolLP) {   // (a QP's answer was read above)
+        cv.resize(ncolLP);
+        cd.resize(ncolLP);
+        rv.resize(nrowLP);
+        rd.resize(nrowLP);
+        Highs_getSolution(h, cv.data(), cd.data(), rv.data(), rd.data());
+    }
     return finish_lp(cv, cd, rv, rd, xlp, rowdual, coldual, errsum);
 }
 
@@ -422,7 +491,10 @@ int Run::sparse_step(std::vector<double>& cv, std::vector<double>& cd, std::vect
         for (double& b : *v) b = bound_inf(b);
     SparseLpSolution sol;
     double tol = std::min(1e-10, dbl_control(prob, TSLP_FEASTOL) * 1e-2);
-    SparseStatus st = sparse_lp_solve(lp, tol, [&]() { return prob->interrupt.load() != 0 || out_of_time(); }, sol);
+    int threads = 0;
+    TRVOgetintcontrol(prob->trvo, TRVO_THREADS, &threads);
+    SparseStatus st = sparse_lp_solve(lp, tol, [&]() { return prob->interrupt.load() != 0 || out_of_time(); }, sol,
+                                      false, sparse_threads(threads));
     if (st == SparseStatus::Declined) {
         logf(prob, 2, "    step problems go to the simplex method: their structure does not suit the interior-point solver");
         sparse_ok = false;
