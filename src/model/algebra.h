@@ -34,6 +34,11 @@ double table_lookup(const ValueTable& table, uint64_t serial);
 void name_store(NameTable& table, uint64_t serial, PyObject* name);
 // Removes and releases the name of serial, if any.
 void name_erase(NameTable& table, uint64_t serial);
+// The empty str or bytes, which as a name means no name (the default name applies).
+inline bool is_empty_name(PyObject* name) {
+    return (PyUnicode_CheckExact(name) && PyUnicode_GET_LENGTH(name) == 0) ||
+           (PyBytes_CheckExact(name) && PyBytes_GET_SIZE(name) == 0);
+}
 
 // ---------------------------------------------------------------- operand helpers
 // Value of a number or of a constant expression.

@@ -73,9 +73,19 @@ void con_set_ub(uint64_t* word, double v) {
     store_bound(word, serial_of(*word), UB_SHIFT, UB_STORED, side_tables->con_ub, code, v);
 }
 
+// The empty name (str or bytes) is no name: the constraint takes the default name "R<serial>",
+// which it then reports and which its problems hand to the library. It costs no name-table
+// entry, so models built with name="" stay cheap.
 void con_set_name(uint64_t* word, PyObject* name) {
-    *word |= NAME_STORED;
+    if (is_empty_name(name)) {
+        if (*word & NAME_STORED) {
+            *word &= ~NAME_STORED;
+            name_erase(side_tables->con_name, serial_of(*word));
+        }
+        return;
+    }
     name_store(side_tables->con_name, serial_of(*word), name);
+    *word |= NAME_STORED;
 }
 
 bool con_default_name_text(uint64_t word, char* buf) {

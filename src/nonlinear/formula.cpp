@@ -7,6 +7,7 @@
 #include "model/model.h"
 #include "nonlinear/internal.h"
 #include "library_interface/tslp.h"
+#include "problem/problem.h"
 
 #include <algorithm>
 #include <cmath>
@@ -143,13 +144,21 @@ int register_user_function(ProblemObject* p, PyObject* args, bool deriv, int* in
 
 double user_function_call(const double* input, const double* delta, double* results, TSLPfuncobject fobj, bool) {
     if (interpreter_finalizing()) return -1.0;  // the function cannot run any more: a failed evaluation
+    bool own_thread = PyGILState_Check() != 0;
     PyGILState_STATE gil = PyGILState_Ensure();
     double ret = -1.0;
     void* slp = nullptr;
     void* stored = nullptr;
+    void* underlying = nullptr;  // the optimisation problem under the nonlinear one: the key of kept exceptions
     int ninput = 0, flags = 0, index = 0;
-    if (TSLPgetfuncobject(fobj, TSLP_GLOBALFUNCOBJECT, &slp) == 0 &&
-        TSLPgetfuncinfo(fobj, &ninput, &flags, &index) == 0 &&
+    bool have_slp = TSLPgetfuncobject(fobj, TSLP_GLOBALFUNCOBJECT, &slp) == 0 && slp;
+    if (have_slp) TSLPgetptrattrib(static_cast<TSLPprob>(slp), 12601, &underlying);
+    // After a user function raised in this solve, no more Python runs: the solve is stopping.
+    if (!own_thread && underlying && callback_exception_pending(underlying)) {
+        PyGILState_Release(gil);
+        return -1.0;
+    }
+    if (have_slp && TSLPgetfuncinfo(fobj, &ninput, &flags, &index) == 0 &&
         TSLPgetuserfuncobject(static_cast<TSLPprob>(slp), index, &stored) == 0 && stored &&
         PyTuple_Check(static_cast<PyObject*>(stored))) {
         PyObject* fn = PyTuple_GET_ITEM(static_cast<PyObject*>(stored), 0);
@@ -184,10 +193,17 @@ double user_function_call(const double* input, const double* delta, double* resu
         }
     }
     if (PyErr_Occurred()) {
-        // The library sees the failure through the return value; the exception is reported
-        // on the standard error stream as this thread cannot hand it to the caller of solve.
-        PyObject* where = static_cast<PyObject*>(stored);
-        PyErr_WriteUnraisable(where && PyTuple_Check(where) ? PyTuple_GET_ITEM(where, 0) : Py_None);
+        // As for callbacks: on the solve's worker thread the first exception is kept and raised,
+        // unchanged, by the solve, which is stopped; called from a thread already holding the
+        // interpreter lock (outside a solve) nothing would raise it, so it is reported as
+        // unraisable. The library sees the failure through the return value either way.
+        if (!own_thread && underlying) {
+            callback_exception_keep(underlying);
+            TSLPinterrupt(static_cast<TSLPprob>(slp), 9);
+        } else {
+            PyObject* where = static_cast<PyObject*>(stored);
+            PyErr_WriteUnraisable(where && PyTuple_Check(where) ? PyTuple_GET_ITEM(where, 0) : Py_None);
+        }
     }
     PyGILState_Release(gil);
     return ret;

@@ -22,6 +22,21 @@ long long index_integer_value(PyObject* o) {
     return v ? PyLong_AsLongLong(v.get()) : -1;
 }
 
+int conv_real(PyObject* o, double* out) {
+    if (PyFloat_CheckExact(o)) {
+        *out = PyFloat_AS_DOUBLE(o);
+        return 0;
+    }
+    if (PyComplex_Check(o) || PyArray_IsScalar(o, ComplexFloating)) {
+        PyErr_Format(PyExc_TypeError, "Complex value %R where a real number is expected", o);
+        return -1;
+    }
+    double v = PyFloat_AsDouble(o);
+    if (v == -1.0 && PyErr_Occurred()) return -1;
+    *out = v;
+    return 0;
+}
+
 size_t conv_elem_size(int type) {
     switch (type) {
         case CONV_ROW: case CONV_COL: case CONV_SET: case CONV_INT: case CONV_ROWCOL: return 4;
@@ -163,10 +178,7 @@ int conv_item(ProblemObject* p, PyObject* obj, void* array, int64_t pos, int typ
             return 0;
         }
         case CONV_DOUBLE: {
-            double v = PyFloat_AsDouble(obj);
-            if (v == -1.0 && PyErr_Occurred()) return -1;
-            static_cast<double*>(array)[pos] = v;
-            return 0;
+            return conv_real(obj, static_cast<double*>(array) + pos);
         }
         case CONV_CHAR: {
             // Row and column types come as lists of one-letter strings: read those directly.

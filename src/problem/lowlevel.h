@@ -85,6 +85,9 @@ int cols(ProblemObject* p, int* n);
 // lists and maps are left as before.
 int check_new_columns(int n, PyObject* names, PyObject* types, std::vector<char>& typechars);
 int check_new_rows(int n, PyObject* names);
+// Gives the library the names of the objects in `made` (new columns, kind 2, or rows, kind 1,
+// from `first` on): the name given in `names`, or the object's default name where it has none.
+int name_in_library(ProblemObject* p, int kind, int first, PyObject* made, PyObject* names);
 // Sets a variable's type bits from a column type character ('C', 'B', 'I', 'S', 'R', 'P').
 void set_var_type(PyObject* var, char type);
 int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::vector<char>& types,

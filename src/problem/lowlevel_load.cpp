@@ -100,20 +100,19 @@ int name_objects(ProblemObject* p, PyObject* colnames, PyObject* rownames, int n
         PyObject* names = kind == 2 ? colnames : rownames;
         int n = kind == 2 ? ncol : nrow;
         if (names == Py_None || n == 0) continue;
-        std::string buf;
         for (int i = 0; i < n; ++i) {
             PyRef tmp;
             const char* s = str_arg(PySequence_Fast_GET_ITEM(names, i), "names", tmp);
             if (!s) return -1;
-            buf.append(s);
-            buf.push_back('\0');
             PyObject* o = PyList_GET_ITEM(kind == 2 ? p->vars : p->cons, i);
             PyRef name(PyUnicode_FromString(s));
             if (!name) return -1;
             if (kind == 2) var_set_name(&reinterpret_cast<VarObject*>(o)->word, name.get());
             else con_set_name(&reinterpret_cast<ConstraintObject*>(o)->word, name.get());
         }
-        if (TRVOaddnames(p->prob, kind, buf.data(), 0, n - 1) != 0) return problem_error(p), -1;
+        // An empty name leaves the object its default name, which the library gets too.
+        PyRef made(PyList_GetSlice(kind == 2 ? p->vars : p->cons, 0, n));
+        if (!made || name_in_library(p, kind, 0, made.get(), names) < 0) return -1;
     }
     return 0;
 }

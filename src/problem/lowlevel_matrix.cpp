@@ -116,8 +116,7 @@ PyObject* coef_call(PyObject* self, PyObject* args, PyObject* kw, const char* me
     }
     double val = 0;
     if (set) {
-        val = PyFloat_AsDouble(a[k]);
-        if (val == -1.0 && PyErr_Occurred()) return nullptr;
+        if (conv_real(a[k], &val) < 0) return nullptr;
     }
     if (call(a.p->prob, idx, &val) != 0) return problem_error(a.p);
     if (set) Py_RETURN_NONE;

@@ -87,6 +87,10 @@ int numpy_fast(PyObject* src, int type, int64_t* n, void** out) {
     char kind = PyArray_DESCR(a)->kind;
     bool integer = kind == 'i' || kind == 'u';
     bool index = type == CONV_ROW || type == CONV_COL || type == CONV_SET || type == CONV_INT || type == CONV_INT64;
+    if (kind == 'c' && type == CONV_DOUBLE) {
+        PyErr_SetString(PyExc_TypeError, "Complex array where real numbers are expected");
+        return -1;
+    }
     if (index ? !integer : (type != CONV_DOUBLE || !(integer || kind == 'f'))) return 0;
     int64_t len = PyArray_DIM(a, 0);
     if (*n >= 0 && *n != len) {
@@ -250,22 +254,45 @@ int check_names(int n, PyObject* names) {
     return 0;
 }
 
-// The names one after the other, each ended by NUL.
-int name_buffer(PyObject* names, std::string& buf) {
-    Py_ssize_t n = PySequence_Fast_GET_SIZE(names);
+}  // namespace
+
+// Hands the library the names of the new columns (kind 2) or rows (kind 1) from `first` on,
+// one per object of `made`, already named from `names`: the given name, or for an object left
+// unnamed (no names, or the empty name) its default name "C<serial>" or "R<serial>". So the
+// library, written files and the objects agree, and a default name does not change when
+// columns or rows before it are deleted.
+int name_in_library(ProblemObject* p, int kind, int first, PyObject* made, PyObject* names) {
+    Py_ssize_t n = PyList_GET_SIZE(made);
+    if (n == 0) return 0;
+    const char* message = kind == 2 ? "Could not amend variable map" : "Internal error -- Could not amend constraint map";
+    std::string buf;
+    try {
+        buf.reserve(static_cast<size_t>(n) * 8);
+    } catch (const std::bad_alloc&) {
+        // Only a head start.
+    }
     for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* o = PyList_GET_ITEM(made, i);
+        char text[24];
+        bool unnamed = kind == 2 ? var_default_name_text(reinterpret_cast<VarObject*>(o)->word, text)
+                                 : con_default_name_text(reinterpret_cast<ConstraintObject*>(o)->word, text);
+        const char* s = text;
         PyRef tmp;
-        const char* s = str_arg(PySequence_Fast_GET_ITEM(names, i), "names", tmp);
-        if (!s) {
+        if (!unnamed && (names == Py_None || !(s = str_arg(PySequence_Fast_GET_ITEM(names, i), "names", tmp)))) {
             PyErr_Clear();
             PyErr_Format(ModelError, "Erroneous name for variable %d", static_cast<int>(i));
             return -1;
         }
-        buf.append(s);
-        buf.push_back('\0');
+        if (alloc_guard_status(message, [&] { buf.append(s); buf.push_back('\0'); return 0; }) < 0) return -1;
+    }
+    if (TRVOaddnames(p->prob, kind, buf.data(), first, first + static_cast<int>(n) - 1) != 0) {
+        problem_error(p);
+        return -1;
     }
     return 0;
 }
+
+namespace {
 
 PyObject* name_object(PyObject* names, int i) {
     PyObject* s = PySequence_Fast_GET_ITEM(names, i);
@@ -353,11 +380,6 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
                   const double* lb, const double* ub) {
     Py_ssize_t from = PyList_GET_SIZE(p->vars);
     auto undo = [&] { return take_back(p, true, c0, n, from); };
-    if (names != Py_None) {
-        std::string buf;
-        if (name_buffer(names, buf) < 0) return undo();
-        if (n > 0 && TRVOaddnames(p->prob, 2, buf.data(), c0, c0 + n - 1) != 0) return problem_error(p), undo();
-    }
     if (!types.empty()) {
         std::vector<int> idx(static_cast<size_t>(n));
         for (int i = 0; i < n; ++i) idx[static_cast<size_t>(i)] = c0 + i;
@@ -375,24 +397,7 @@ int adopt_columns(ProblemObject* p, int c0, int n, PyObject* names, const std::v
             if (alloc_guard_status("Could not amend variable map", [&] { var_set_name(word, name.get()); return 0; }) < 0)
                 return undo();
         }
-    // Columns left unnamed (no names, or the empty name) have their variables' default names
-    // "C<serial>" in the library too, so that the library and the variables agree.
-    std::string given;
-    bool unnamed = false;
-    for (int i = 0; i < n; ++i) {
-        PyObject* v = PyList_GET_ITEM(made.get(), i);
-        char text[24];
-        if (var_default_name_text(reinterpret_cast<VarObject*>(v)->word, text)) {
-            unnamed = true;
-            given.append(text);
-        } else {
-            std::string s;
-            if (!var_name_text(v, &s)) return undo();
-            given.append(s);
-        }
-        given.push_back('\0');
-    }
-    if (unnamed && TRVOaddnames(p->prob, 2, given.data(), c0, c0 + n - 1) != 0) return problem_error(p), undo();
+    if (name_in_library(p, 2, c0, made.get(), names) < 0) return undo();
     if (append_new_objects(p->vars, p->colmap, made.get(), c0, "Could not amend variable map") < 0) return undo();
     return 0;
 }
@@ -401,11 +406,6 @@ int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrt
                const double* rng) {
     Py_ssize_t from = PyList_GET_SIZE(p->cons);
     auto undo = [&] { return take_back(p, false, r0, n, from); };
-    if (names != Py_None) {
-        std::string buf;
-        if (name_buffer(names, buf) < 0) return undo();
-        if (n > 0 && TRVOaddnames(p->prob, 1, buf.data(), r0, r0 + n - 1) != 0) return problem_error(p), undo();
-    }
     // The objects are made in one pass and mapped in another; their bounds say what the rows
     // say (as for a problem read from a file).
     const char* message = "Internal error -- Could not amend constraint map";
@@ -418,6 +418,7 @@ int adopt_rows(ProblemObject* p, int r0, int n, PyObject* names, const char* qrt
             uint64_t* word = &reinterpret_cast<ConstraintObject*>(PyList_GET_ITEM(made.get(), i))->word;
             if (alloc_guard_status(message, [&] { con_set_name(word, name.get()); return 0; }) < 0) return undo();
         }
+    if (name_in_library(p, 1, r0, made.get(), names) < 0) return undo();
     if (append_new_objects(p->cons, p->rowmap, made.get(), r0, message) < 0) return undo();
     return 0;
 }

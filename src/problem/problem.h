@@ -94,6 +94,9 @@ const char* conv_str(PyObject* obj, char** copy, PyObject** tmp);
 void conv_free(void* array, int64_t count, int type);
 // Python integer in the module's sense: int, or NumPy intc/int_/longlong scalar.
 bool is_index_integer(PyObject* o);
+// A real number from a Python or NumPy number; complex values raise TypeError (their imaginary
+// part would otherwise be dropped). 0 converted, -1 error set.
+int conv_real(PyObject* o, double* out);
 long long index_integer_value(PyObject* o);
 
 // ------------------------------------------------------------------ nested walk (problem/walk.cpp)
