@@ -730,7 +730,12 @@ RunResult Run::solve(const std::vector<double>& x0) {
                 if (nonlin[j] && delta[j] > 0) reach = std::max(reach, std::fabs(trial[j] - x[j]) / delta[j]);
             double factor = 1.0;
             if (!accept) factor = 0.5 * std::min(1.0, reach);
-            else if (rho > 0.75 && reach >= 0.9) factor = 2.0;
+            // While the step problem cannot meet the linearised rows, the merit is dominated by
+            // the penalty on their linear model, whose error on curved (e.g. bilinear) rows keeps
+            // the ratio near 0.5 at every radius the steps reach: a step that reaches its bound
+            // and gains half the prediction widens the region, or the feasibility phase creeps
+            // at a constant radius for hundreds of iterations.
+            else if (rho > (errors ? 0.5 : 0.75) && reach >= 0.9) factor = 2.0;
             else if (rho < 0.25 && !stationary) factor = 0.5;
             double minsb = dbl_control(prob, TSLP_MINSTEPBOUND);
             if (factor != 1.0)
