@@ -36,3 +36,15 @@ def _run_python(code, timeout=None):
 @pytest.fixture
 def run_python():
     return _run_python
+
+
+@pytest.fixture
+def quiet():
+    """Turns tarvo's printed output off for a test (files use it through `pytestmark`) and
+    restores the previous setting afterwards."""
+    import tarvo
+
+    before = tarvo.getOutputEnabled()
+    tarvo.setOutputEnabled(False)
+    yield
+    tarvo.setOutputEnabled(before)

@@ -6,11 +6,7 @@ import pytest
 import tarvo as tv
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def pair_problem():

@@ -7,11 +7,7 @@ import pytest
 import tarvo as tv
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def one_by_one(n=6):

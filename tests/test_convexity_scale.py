@@ -8,11 +8,7 @@ import tarvo as tv
 NONCONVEX = "determined to be nonconvex"
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def accepted(q, sense=tv.minimize):

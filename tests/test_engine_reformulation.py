@@ -11,11 +11,7 @@ import tarvo as tv
 TOL = 1e-6
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 @pytest.mark.parametrize("ub", [10, tv.infinity])

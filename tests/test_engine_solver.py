@@ -13,11 +13,7 @@ TOL = 1e-6
 NONCONVEX = "determined to be nonconvex"
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def test_quadratic_objectives_are_checked_for_convexity():

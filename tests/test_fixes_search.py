@@ -11,11 +11,7 @@ import tarvo as tv
 scipy_optimize = pytest.importorskip("scipy.optimize")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 # ---- mixed-integer convex QCQPs on which HiGHS's QP solver fails ------------------------------

@@ -8,17 +8,9 @@ import sys
 import tempfile
 
 import pytest
+from test_fuzz_arguments import last_line  # the last call a child logged
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-
-
-def last_line(path):
-    try:
-        with open(path, encoding="utf-8", errors="replace") as f:
-            lines = f.read().splitlines()
-    except OSError:
-        return "<no call logged>"
-    return lines[-1] if lines else "<no call logged>"
 
 
 @pytest.mark.parametrize("seed", [1, 2, 3])

@@ -12,11 +12,7 @@ import tarvo as tv
 N = 9
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def tsp(n=N, seed=8):  # the degree rows alone give three subtours

@@ -16,11 +16,7 @@ import tarvo as tv
 scipy_optimize = pytest.importorskip("scipy.optimize")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def highs(code, tmp_path, **files):

@@ -9,11 +9,7 @@ import tarvo as tv
 scipy_optimize = pytest.importorskip("scipy.optimize")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def build(A, types, b, c, lb, ub):

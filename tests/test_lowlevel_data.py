@@ -26,11 +26,7 @@ RCOL = [0, 1, 2, 0, 2, 0, 1]
 RVAL = [1.0, 1.0, 2.0, 2.0, 1.0, 1.0, 3.0]
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def build_objects():

@@ -10,11 +10,7 @@ import pytest
 import tarvo as tv
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def var(name, lb=0.0, ub=tv.infinity, vartype=tv.continuous):

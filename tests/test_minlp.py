@@ -17,12 +17,7 @@ CONVEX = [n for n, f in mp.PROBLEMS.items() if f.convex]
 NONCONVEX = [n for n, f in mp.PROBLEMS.items() if not f.convex]
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tv.getOutputEnabled()
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def test_catalogue_size_and_published_optima():

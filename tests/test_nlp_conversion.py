@@ -15,11 +15,7 @@ SIN, EXP, LOG = 27, 16, 15
 EQUALS_COLUMN = -1  # the library's column for coefficients that multiply no variable
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def coefficients(p):

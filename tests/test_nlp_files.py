@@ -12,11 +12,7 @@ import tarvo as tv
 EQUALS_COLUMN = -1
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def round_trip(p, tmp_path, flags=""):

@@ -14,12 +14,7 @@ import nonlinear  # noqa: E402
 nonlinear.WITH_IPOPT = False
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tarvo.getOutputEnabled()
-    tarvo.setOutputEnabled(False)
-    yield
-    tarvo.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def test_statements_meet_their_published_optima():

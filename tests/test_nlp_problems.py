@@ -10,11 +10,7 @@ import tarvo as tv
 TOL = 1e-5
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def start(p, values):

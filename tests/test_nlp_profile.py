@@ -14,12 +14,7 @@ PHASES = ["read", "compile", "start", "highs setup", "evaluation", "step update"
 PROFILE = re.compile(r"Time profile \(CPU ms\): (.*); step problems (\d+)$")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tv.getOutputEnabled()
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def hs71():

@@ -9,11 +9,7 @@ import pytest
 import tarvo as tv
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def test_many_terms_of_one_coefficient_add_up():

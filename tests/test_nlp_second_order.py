@@ -7,12 +7,7 @@ import pytest
 import tarvo as tv
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tv.getOutputEnabled()
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def gradient(expr, variables, point, h=1e-7):

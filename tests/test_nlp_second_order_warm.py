@@ -20,12 +20,7 @@ COUNTS = re.compile(r"QP step problems: (\d+) exact on the last active set, (\d+
                     r"(\d+) exact from HiGHS's own start, (\d+) as HiGHS solved them")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tv.getOutputEnabled()
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def run(name, warm):

@@ -17,12 +17,7 @@ import nonlinear  # noqa: E402
 nonlinear.WITH_IPOPT = False
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    before = tv.getOutputEnabled()
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(before)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def hs13():

@@ -16,11 +16,7 @@ LONG_INDICATOR_MESSAGE = (
     "               (y3==1, 2*x1 + 4*x2 <= 4))\n")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def consistent(p):

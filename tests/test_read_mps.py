@@ -11,11 +11,7 @@ import tarvo as tv
 highspy = pytest.importorskip("highspy")
 
 
-@pytest.fixture(autouse=True)
-def quiet():
-    tv.setOutputEnabled(False)
-    yield
-    tv.setOutputEnabled(True)
+pytestmark = pytest.mark.usefixtures("quiet")
 
 
 def write(tmp_path, name, text):
